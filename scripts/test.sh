@@ -1,0 +1,52 @@
+#!/usr/bin/env bash
+# Builds the library and runs the whole test suite: a Release build with
+# warnings as errors, then the same suite under AddressSanitizer +
+# UndefinedBehaviorSanitizer, then the threaded tests under ThreadSanitizer.
+# Installs whatever Debian packages are missing first.
+#
+#   ./scripts/test.sh            everything
+#   SKIP_SANITIZERS=1 ./scripts/test.sh   the Release run only
+set -euo pipefail
+cd "$(dirname "$0")/.."
+root=$(pwd)
+
+"$root/scripts/deps.sh" g++ cmake make pkg-config libgtest-dev libbenchmark-dev \
+  libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev
+
+jobs=$(nproc 2>/dev/null || echo 2)
+gen=()
+if command -v ninja >/dev/null 2>&1; then gen=(-G Ninja); fi
+
+build() { # dir, extra cmake args...
+  local dir=$1; shift
+  cmake -S "$root" -B "$root/$dir" "${gen[@]}" -DKIVTAMBER_WERROR=ON "$@" >/dev/null
+  cmake --build "$root/$dir" -j "$jobs"
+}
+
+echo "== Release build"
+build build -DCMAKE_BUILD_TYPE=Release
+echo "== Release tests"
+(cd build && ctest --output-on-failure -j "$jobs" --no-tests=error)
+
+if [ "${SKIP_SANITIZERS:-0}" = "1" ]; then exit 0; fi
+
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
+build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIVTAMBER_SANITIZE=address \
+  -DKIVTAMBER_BUILD_BENCHMARKS=OFF
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer tests"
+(cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --output-on-failure -j "$jobs" --no-tests=error)
+
+# ThreadSanitizer: the tests of the threaded code (labelled by file name).
+tsan_tests=$(cd tests && ls *_test.cpp 2>/dev/null | grep -E 'Thread|Multifront' | sed 's/\.cpp$//' || true)
+if [ -n "$tsan_tests" ]; then
+  echo "== ThreadSanitizer build"
+  cmake -S "$root" -B "$root/build-tsan" "${gen[@]}" -DKIVTAMBER_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+    -DKIVTAMBER_SANITIZE=thread -DKIVTAMBER_BUILD_BENCHMARKS=OFF -DKIVTAMBER_BUILD_TOOLS=OFF >/dev/null
+  # shellcheck disable=SC2086
+  cmake --build "$root/build-tsan" -j "$jobs" --target $tsan_tests
+  echo "== ThreadSanitizer tests"
+  regex=$(echo $tsan_tests | tr ' ' '|')
+  (cd build-tsan && TSAN_OPTIONS=halt_on_error=1 ctest --output-on-failure -j "$jobs" -R "^($regex)\." --no-tests=error)
+fi
+echo "== all tests passed"

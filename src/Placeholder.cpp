@@ -1,0 +1,1 @@
+namespace kivTamber { int placeholder_ = 0; }
