@@ -1,0 +1,206 @@
+// Throughput of the double outer-product kernel C -= A·Bᵀ (n = m = k) on aligned, zero-padded tiles that stay
+// in cache, beside "ceiling" loops: other two-lane (SSE2, no FMA) 2×2 register-blocked variants of the same
+// product, written here only to show how much of the attainable rate the library kernel reaches.
+//
+// Reported counter GFLOP/s counts 2·n·m·k flops per call (logical sizes; odd sizes do padded work on top).
+// Run: KernelsBench --benchmark_repetitions=5 --benchmark_report_aggregates_only=true
+#include <benchmark/benchmark.h>
+#include <emmintrin.h>
+#include <kiv/ByteAllocator.h>
+#include <xmmintrin.h>
+
+#include <cmath>
+#include <cstring>
+#include <random>
+
+#include "Kernels.h"
+
+namespace {
+
+using Kernel = void (*)(const double*, int, const double*, int, double*, int, int, int, int);
+
+// Sum of the two lanes of s0 into lane 0 and of s1 into lane 1.
+inline __m128d pairSum(__m128d s0, __m128d s1) {
+    return _mm_add_pd(_mm_unpacklo_pd(s0, s1), _mm_unpackhi_pd(s0, s1));
+}
+
+// Ceiling 1: the library's loop without the prefetch of C.
+void ceilingNoPrefetch(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                       int k) {
+    for (int i = 0; i < n; i += 2) {
+        const double *A0 = A + i * lda, *A1 = A0 + lda;
+        double *C0 = C + i * ldc, *C1 = C0 + ldc;
+        for (int j = 0; j < m; j += 2) {
+            const double *B0 = B + j * ldb, *B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd(), s01 = s00, s10 = s00, s11 = s00;
+            for (int p = 0; p < k; p += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + p), a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p), b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), pairSum(s00, s01)));
+            _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), pairSum(s10, s11)));
+        }
+    }
+}
+
+// Ceiling 2: p unrolled by four doubles into eight accumulators (two per 2×2 entry), which halves the length
+// of each add dependency chain; a trailing pair handles k ≡ 2 (mod 4) after padding.
+void ceilingAcc8(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                 int k) {
+    const int kp = (k + 1) & ~1, k4 = kp & ~3;
+    for (int i = 0; i < n; i += 2) {
+        const double *A0 = A + i * lda, *A1 = A0 + lda;
+        double *C0 = C + i * ldc, *C1 = C0 + ldc;
+        for (int j = 0; j < m; j += 2) {
+            const double *B0 = B + j * ldb, *B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd(), s01 = s00, s10 = s00, s11 = s00;
+            __m128d t00 = s00, t01 = s00, t10 = s00, t11 = s00;
+            int p = 0;
+            for (; p < k4; p += 4) {
+                const __m128d a0 = _mm_load_pd(A0 + p), a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p), b1 = _mm_load_pd(B1 + p);
+                const __m128d c0 = _mm_load_pd(A0 + p + 2), c1 = _mm_load_pd(A1 + p + 2);
+                const __m128d d0 = _mm_load_pd(B0 + p + 2), d1 = _mm_load_pd(B1 + p + 2);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+                t00 = _mm_add_pd(t00, _mm_mul_pd(c0, d0));
+                t01 = _mm_add_pd(t01, _mm_mul_pd(c0, d1));
+                t10 = _mm_add_pd(t10, _mm_mul_pd(c1, d0));
+                t11 = _mm_add_pd(t11, _mm_mul_pd(c1, d1));
+            }
+            if (p < kp) {
+                const __m128d a0 = _mm_load_pd(A0 + p), a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p), b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            s00 = _mm_add_pd(s00, t00), s01 = _mm_add_pd(s01, t01);
+            s10 = _mm_add_pd(s10, t10), s11 = _mm_add_pd(s11, t11);
+            _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), pairSum(s00, s01)));
+            _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), pairSum(s10, s11)));
+        }
+    }
+}
+
+// Ceiling 3: as ceiling 1 with the p loop unrolled by four doubles but the same four accumulators (fewer loop
+// branches, same dependency chains).
+void ceilingUnroll(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                   int k) {
+    const int kp = (k + 1) & ~1, k4 = kp & ~3;
+    for (int i = 0; i < n; i += 2) {
+        const double *A0 = A + i * lda, *A1 = A0 + lda;
+        double *C0 = C + i * ldc, *C1 = C0 + ldc;
+        for (int j = 0; j < m; j += 2) {
+            const double *B0 = B + j * ldb, *B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd(), s01 = s00, s10 = s00, s11 = s00;
+            int p = 0;
+            for (; p < k4; p += 4) {
+                for (int q = p; q < p + 4; q += 2) {
+                    const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
+                    const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
+                    s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                    s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                    s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                    s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+                }
+            }
+            if (p < kp) {
+                const __m128d a0 = _mm_load_pd(A0 + p), a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p), b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), pairSum(s00, s01)));
+            _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), pairSum(s10, s11)));
+        }
+    }
+}
+
+// Three aligned n×n tiles padded to an even stride, padding zero, A and B random in [-1, 1], C zero.
+struct Tiles {
+    explicit Tiles(int n) : ld((n + 1) & ~1), count(static_cast<std::size_t>(ld) * ld) {
+        A = kiv::allocateArray<double>(count);
+        B = kiv::allocateArray<double>(count);
+        C = kiv::allocateArray<double>(count);
+        std::mt19937 gen(12345);
+        std::uniform_real_distribution<double> u(-1.0, 1.0);
+        for (int i = 0; i < ld; ++i)
+            for (int j = 0; j < ld; ++j) {
+                A[i * ld + j] = i < n && j < n ? u(gen) : 0.0;
+                B[i * ld + j] = i < n && j < n ? u(gen) : 0.0;
+            }
+        std::memset(C, 0, count * sizeof(double));
+    }
+    ~Tiles() {
+        kiv::deallocateArray(A, count);
+        kiv::deallocateArray(B, count);
+        kiv::deallocateArray(C, count);
+    }
+    int ld;
+    std::size_t count;
+    double *A, *B, *C;
+};
+
+// A variant must agree with the library kernel (up to summation order) before it is timed.
+bool agreesWithLibrary(Kernel kernel, int n) {
+    Tiles ours(n), theirs(n);
+    kivTamber::tamber_MM_CM_ABt(ours.A, ours.ld, ours.B, ours.ld, ours.C, ours.ld, n, n, n);
+    kernel(theirs.A, theirs.ld, theirs.B, theirs.ld, theirs.C, theirs.ld, n, n, n);
+    for (std::size_t i = 0; i < ours.count; ++i)
+        if (std::fabs(ours.C[i] - theirs.C[i]) > 1e-12 * n) return false;
+    return true;
+}
+
+void run(benchmark::State& state, Kernel kernel) {
+    const int n = static_cast<int>(state.range(0));
+    if (!agreesWithLibrary(kernel, n)) {
+        state.SkipWithError("variant disagrees with tamber_MM_CM_ABt");
+        return;
+    }
+    Tiles t(n);
+    for (auto _ : state) {
+        kernel(t.A, t.ld, t.B, t.ld, t.C, t.ld, n, n, n);
+        benchmark::ClobberMemory();
+    }
+    benchmark::DoNotOptimize(t.C[0]);
+    state.counters["GFLOP/s"] = benchmark::Counter(
+        2.0 * n * n * n * static_cast<double>(state.iterations()) * 1e-9, benchmark::Counter::kIsRate);
+}
+
+void libraryKernel(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                   int k) {
+    kivTamber::tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, m, k);
+}
+
+void BM_MM_CM_ABt(benchmark::State& state) {
+    run(state, libraryKernel);
+}
+void BM_Ceiling_NoPrefetch(benchmark::State& state) {
+    run(state, ceilingNoPrefetch);
+}
+void BM_Ceiling_Unroll4(benchmark::State& state) {
+    run(state, ceilingUnroll);
+}
+void BM_Ceiling_Acc8(benchmark::State& state) {
+    run(state, ceilingAcc8);
+}
+
+#define KIVT_SIZES ->Arg(2)->Arg(3)->Arg(4)->Arg(6)->Arg(8)->Arg(12)->Arg(64)
+BENCHMARK(BM_MM_CM_ABt) KIVT_SIZES;
+BENCHMARK(BM_Ceiling_NoPrefetch) KIVT_SIZES;
+BENCHMARK(BM_Ceiling_Unroll4) KIVT_SIZES;
+BENCHMARK(BM_Ceiling_Acc8) KIVT_SIZES;
+
+}  // namespace
+
+BENCHMARK_MAIN();

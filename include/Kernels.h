@@ -1,0 +1,147 @@
+// Dense block kernels: small matrix-matrix, matrix-vector and triangular kernels on raw element pointers.
+//
+// Common conventions of every kernel below:
+//  - A matrix argument is a pointer to its first element plus a leading dimension `ld`: the matrix is stored
+//    row by row, element (i, j) at offset i*ld + j. Rows may be longer than the logical column count.
+//    Columns at or beyond the logical count are never touched, except by the double ABt kernels (see there).
+//  - Vectors are contiguous (stride 1).
+//  - Sizes are int; a size of 0 or less makes the kernel do nothing.
+//  - Read matrices are const; the output matrix or vector is updated in place element by element as the loops
+//    run (no temporary result), so the output must not alias an input.
+//  - Triangular kernels read only the lower triangle of a row-major square block (row i holds columns 0..i);
+//    entries above the diagonal are never read.
+//  - No kernel checks its arguments, allocates, locks or reports; all are leaf functions, safe to call from
+//  any
+//    number of threads on disjoint outputs.
+#ifndef KIVTAMBER_KERNELS_H
+#define KIVTAMBER_KERNELS_H
+
+namespace kivTamber {
+
+// ---------------------------------------------------------------------------------------------------------
+// Matrix-matrix products.
+// ---------------------------------------------------------------------------------------------------------
+
+// C -= Aᵀ·B.  C is n×m (ldc), A is k×n (lda), B is k×m (ldb).
+// For each output row i (column i of A), for p = 0..k-1: s = A[p][i]; C[i][j] -= s·B[p][j] for j < m.
+// A, B: in. C: in/out. No alignment requirement.
+void tamber_MM_CM_AtB(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k);
+void tamber_MM_CM_AtB(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k);
+
+// C += Aᵀ·B.  Same shapes and order of operations as tamber_MM_CM_AtB.
+void tamber_MM_CP_AtB(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k);
+void tamber_MM_CP_AtB(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k);
+
+// C -= A·Bᵀ.  C is n×m (ldc), A is n×k (lda), B is m×k (ldb).
+//
+// float: for i < n, j < m, p < k: C[i][j] -= A[i][p]·B[j][p], the running value stored back into C[i][j]
+// after every term (sequential summation). No alignment requirement.
+//
+// double (register-blocked; the factorization's workhorse): 2×2 blocks of C, two-lane vectors over p holding
+// the even-p and odd-p partial sums, a horizontal add (even + odd) at the end, one two-lane subtract per row
+// of the block. Contract of the blocked path:
+//  - A, B, C and every row start (base + ld·row) are 16-byte aligned, so lda, ldb, ldc are even;
+//  - there is no remainder handling: n, m and k are effectively rounded up to the next even number. An odd
+//  size
+//    is legal only on padded tiles: column k of A and B (the padding column) must be readable and zero, and
+//    row n / column m of C must exist (they are padding and get written). This is what the block storage of
+//    double matrices guarantees (rows padded to an even length, padding zero-filled).
+// Before the blocked path, three special shapes are handled with plain scalar loops, checked in this order,
+// with no alignment or evenness requirement and nothing outside the n×m result written:
+//  - n == 1: for j < m: C[0][j] -= Σp A[0][p]·B[j][p] (sum formed first, from p = 0 up);
+//  - m == 1: for i < n: C[i][0] -= Σp A[i][p]·B[0][p];
+//  - k == 1: for i < n, j < m: C[i][j] -= A[i][0]·B[j][0].
+void tamber_MM_CM_ABt(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k);
+void tamber_MM_CM_ABt(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k);
+
+// C += A·Bᵀ.  Same shapes as tamber_MM_CM_ABt.
+// float: sequential summation into C[i][j]. double: always the blocked path with the alignment and padding
+// contract of tamber_MM_CM_ABt (there are no special shapes here: n, m or k equal to 1 also need padding).
+void tamber_MM_CP_ABt(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k);
+void tamber_MM_CP_ABt(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k);
+
+// ---------------------------------------------------------------------------------------------------------
+// Matrix-vector products with a scale alpha (float and double).
+// The product term is formed as (A[i][j]·alpha)·x[j], in exactly that order.
+// ---------------------------------------------------------------------------------------------------------
+
+// y -= alpha·A·x.  A is n×m (lda), x has length m (in), y has length n (in/out).
+// For i < n, j < m: y[i] -= (A[i][j]·alpha)·x[j], term by term.
+void tamber_MV_YM_aAX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m);
+void tamber_MV_YM_aAX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m);
+
+// y += alpha·A·x.  Same shapes and order as tamber_MV_YM_aAX.
+void tamber_MV_YP_aAX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m);
+void tamber_MV_YP_aAX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m);
+
+// y -= alpha·Aᵀ·x.  A is n×m (lda), x has length n (in), y has length m (in/out).
+// For i < n: s = x[i]; for j < m: y[j] -= (A[i][j]·alpha)·s (row-oriented, contiguous in A and y).
+void tamber_MV_YM_aAtX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m);
+void tamber_MV_YM_aAtX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m);
+
+// y += alpha·Aᵀ·x.  Same shapes and order as tamber_MV_YM_aAtX.
+void tamber_MV_YP_aAtX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m);
+void tamber_MV_YP_aAtX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m);
+
+// y += alpha·A·x, A symmetric n×n (lda) of which only the lower triangle is read; x, y have length n.
+// For i < n: y[i] += (A[i][i]·alpha)·x[i]; then for j < i, with a = A[i][j]:
+// y[i] += (a·alpha)·x[j] and y[j] += (a·alpha)·x[i]. Each stored off-diagonal entry is read once.
+void tamber_MV_aAX_SYL(const float* A, int lda, const float* x, float* y, float alpha, int n);
+void tamber_MV_aAX_SYL(const double* A, int lda, const double* x, double* y, double alpha, int n);
+
+// ---------------------------------------------------------------------------------------------------------
+// Matrix-vector products without scale (float only; double callers work inline).
+// ---------------------------------------------------------------------------------------------------------
+
+// y -= A·x.  A is n×m (lda), x length m (in), y length n (in/out). y[i] -= A[i][j]·x[j], term by term.
+void tamber_MV_YM_AX(const float* A, int lda, const float* x, float* y, int n, int m);
+
+// y += A·x.  Same shapes as tamber_MV_YM_AX.
+void tamber_MV_YP_AX(const float* A, int lda, const float* x, float* y, int n, int m);
+
+// y -= Aᵀ·x.  A is n×m (lda), x length n (in), y length m (in/out). For i < n, j < m: y[j] -= A[i][j]·x[i].
+void tamber_MV_YM_AtX(const float* A, int lda, const float* x, float* y, int n, int m);
+
+// y += Aᵀ·x.  Same shapes as tamber_MV_YM_AtX.
+void tamber_MV_YP_AtX(const float* A, int lda, const float* x, float* y, int n, int m);
+
+// y += A·x, A symmetric n×n (lda), lower triangle read; x, y length n. Note: it adds, although the name has
+// no YP (kept: the callers rely on the accumulating form).
+// For i < n: y[i] += A[i][i]·x[i]; then for j < i, a = A[i][j]: y[i] += a·x[j] and y[j] += a·x[i].
+void tamber_MV_AX_SYL(const float* A, int lda, const float* x, float* y, int n);
+
+// ---------------------------------------------------------------------------------------------------------
+// Triangular solves (float only). L is n×n lower triangular, leading dimension ld; only its lower triangle is
+// read. A zero diagonal entry is not detected: it yields infinities or NaNs.
+// ---------------------------------------------------------------------------------------------------------
+
+// x ← L⁻¹·x in place (x length n, in/out), L with its diagonal.
+// For i < n: x[i] = x[i] / L[i][i]; then, if i+1 < n, x[i+1] -= L[i+1][j]·x[j] for j = 0..i, term by term.
+// Each step divides (no reciprocal is formed).
+void tamber_SV_TRIL(const float* L, int ld, float* x, int n);
+
+// x ← L⁻¹·x in place, L unit lower triangular (diagonal not read).
+// For i = 1..n-1: x[i] -= L[i][j]·x[j] for j < i; x[0] is unchanged, nothing happens for n < 2.
+void tamber_SV_TRIL_UD(const float* L, int ld, float* x, int n);
+
+// x ← L⁻ᵀ·x in place, L with its diagonal.
+// For i = n-1 down to 0: x[i] = x[i] / L[i][i]; then x[j] -= L[i][j]·x[i] for j < i (row i of L swept once).
+void tamber_SV_TRILt(const float* L, int ld, float* x, int n);
+
+// For r < m: tamber_SV_TRIL(L, ldL, X + r·ldL, n), i.e. each of m rows of length n is replaced by L⁻¹·row.
+// Two deliberate quirks, kept because the factorization depends on them: the rows of X are stepped by ldL,
+// not ldX (ldX is accepted and ignored; callers pass ldX == ldL), and although the name says unit diagonal,
+// each row is divided by the diagonal entries of L.
+void tamber_SM_UD(const float* L, int ldL, float* X, int ldX, int m, int n);
+
+}  // namespace kivTamber
+
+#endif  // KIVTAMBER_KERNELS_H

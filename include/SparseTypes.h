@@ -1,0 +1,108 @@
+// Block-sparse symmetric matrix, compressed by block column.
+//
+// A matrix of n block rows and n block columns; block index i has the size s_i (scalar rows of block row i
+// and scalar columns of block column i), and the scalar dimension is N = s_0 + ... + s_{n-1}. Every stored
+// block (i, j) is a dense s_i × s_j tile, stored column-major with the leading dimension blockStrides[i]:
+// entry (r, c) of the tile is element c·blockStrides[i] + r of the block. A block reserves
+// blockStrides[i]·blockStrides[j] elements; for double the strides are even (s rounded up), for float they
+// equal s. All tiles lie back to back in one 16-byte-aligned value array whose padding rows and columns are
+// zero at all times (the double solves read and write pairs of elements across the padding).
+//
+// The blocks of block column j occupy the indices colPointers[j] .. colPointers[j+1]-1 of the block arrays,
+// in the order they were acquired. A factor keeps in column j the blocks (i, j), i < j, in ascending i and its
+// diagonal block last; container column j is then block row j of the lower factor L (so the column view of
+// the container shows U = Lᵀ).
+//
+// Life cycle: setSize (grows only) → one acquireBlock per block, block columns in increasing order, the blocks
+// of a column consecutively → values written through the returned pointers → clear (keeps all storage) →
+// setSize again. No operation checks its arguments.
+#ifndef KIVTAMBER_SPARSETYPES_H
+#define KIVTAMBER_SPARSETYPES_H
+
+namespace kivTamber {
+
+template <typename T>
+class SparseMatrix {
+public:
+    // Raw allocation of the value storage: valueCapacity + 3 elements for float, valueCapacity + 1 for
+    // double (the slack allows the 16-byte-aligned start `values`).
+    T* valuesRaw;
+    // valuesRaw rounded up to a multiple of 16 bytes; all tiles live here back to back.
+    T* values;
+    // Block-row index of each stored block, in storage order [blockCapacity].
+    unsigned int* rowIndices;
+    // One word per block [blockCapacity]: 0 when acquired; the factorization sets it to 1 in the scaled
+    // factor once the block has been written.
+    unsigned int* blockFlags;
+    // Start of each block inside `values` [blockCapacity]; blockPointers[0] == values.
+    T** blockPointers;
+    // First block of block column j, one past its last at j+1 [colCapacity + 1].
+    unsigned int* colPointers;
+    // s_i per block index; blockSizes[n] holds the running total N [colCapacity + 1].
+    unsigned int* blockSizes;
+    // Scalar offset of block i: s_0 + ... + s_{i-1} [colCapacity + 1].
+    unsigned int* blockOffsets;
+    // Leading dimension used for block row i [colCapacity + 1].
+    unsigned int* blockStrides;
+    // Blocks acquired so far.
+    unsigned long numBlocks;
+    // Block dimension n.
+    unsigned long numBlockCols;
+    // Second dimension given to setSize; stored and kept, not used by the operations here.
+    unsigned long numBlockRows;
+    // Elements of value storage allocated.
+    unsigned long valueCapacity;
+    // Allocated n + 1 (the four per-column arrays have colCapacity + 1 entries).
+    unsigned long colCapacity;
+    // Number of blocks the block arrays can hold.
+    unsigned long blockCapacity;
+
+    // Empty matrix: every pointer null, every count and capacity zero.
+    SparseMatrix();
+    ~SparseMatrix();
+    SparseMatrix(const SparseMatrix&) = delete;
+    SparseMatrix& operator=(const SparseMatrix&) = delete;
+
+    // Prepares storage for numBlockCols block columns, blockCount blocks and valueCount scalar values.
+    // Each group of arrays is reallocated (zeroed, old contents dropped) only when it is too small; arrays
+    // that are large enough keep their contents. Finally blockPointers[0] = values when the block arrays
+    // exist. Throws std::bad_alloc (the array being replaced has already been released).
+    void setSize(unsigned long numBlockCols, unsigned long numBlockRows, unsigned long blockCount,
+                 unsigned long valueCount);
+
+    // Zeroes the values and the four per-column arrays, sets numBlocks, numBlockCols and numBlockRows to
+    // zero; keeps every allocation. rowIndices, blockFlags and blockPointers are left as they are.
+    void clear();
+
+    // Appends block (row, col) of colSize columns and rowSize rows to block column `col` and returns the
+    // start of its colSize·stride(rowSize) column-major tile. Records the sizes, strides and the offset of
+    // `col`, keeps blockSizes[n] equal to the running total and advances blockPointers to the next block.
+    // Aborts the process with "Not enough memory, <numBlocks> <blockCapacity>" on standard error when the
+    // block arrays are full; the value storage is not checked (the caller sizes it). The fifth argument is
+    // part of the interface, always left at its default and never read.
+    T* acquireBlock(unsigned long col, unsigned long row, unsigned long colSize, unsigned long rowSize,
+                    int = 0);
+
+    // y = A·x, reading the stored blocks as one triangle of a symmetric matrix.
+    // x: in, N elements. y: out, N elements (untouched when n = 0). x and y must not overlap.
+    void multiply(const T* x, T* y) const;
+
+    // y = y + A·x with the symmetric expansion: an off-diagonal block B = (i, j) adds B·x_j to y_i and
+    // Bᵀ·x_i to y_j; a diagonal tile adds its symmetric product, reading the triangle r ≤ c of the
+    // column-major tile. Accepts the upper form (column 0 holds one block, diagonal blocks last) and any other
+    // arrangement of the blocks within the columns.
+    // x: in, N elements. y: in/out, N elements. x and y must not overlap.
+    void multiplyAdd(const T* x, T* y) const;
+
+    // y = beta·y + alpha·A·x. y is scaled first (beta = 0 multiplies too, so NaN stays NaN) unless
+    // |beta − 1| < the machine epsilon of T or N = 0.
+    // x: in, N elements. y: in/out, N elements. x and y must not overlap.
+    void multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const;
+};
+
+extern template class SparseMatrix<float>;
+extern template class SparseMatrix<double>;
+
+}  // namespace kivTamber
+
+#endif  // KIVTAMBER_SPARSETYPES_H

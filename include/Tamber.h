@@ -1,0 +1,131 @@
+// Solver data of one linear system and the driver that factors and solves it.
+//
+// A caller keeps one `Tamber` and one `TamberData<T>` per system and reuses both from step to step:
+//  1. describe the block pattern and build the permuted, filled `skeleton` and the elimination tree `etree`;
+//  2. fill `matrix` (setSize, one acquireBlock per block in block-column order, then the values);
+//  3. call `Tamber::estimateWork` (lays out `factor`, counts fill blocks and block operations);
+//  4. set `useMultifrontal`, `numThreads` and `isFactored` = 0;
+//  5. call `Tamber::solve` / `Tamber::unitSolve`: the first call factors, later calls reuse the factor until
+//     the caller clears `isFactored` again (it must do so whenever it changes the values of `matrix`).
+// Every array is grown, never shrunk: after the first steps a system allocates nothing.
+#ifndef KIVTAMBER_TAMBER_H
+#define KIVTAMBER_TAMBER_H
+
+#include "DenseTypes.h"
+#include "EliminationTree.h"
+#include "Permutation.h"
+#include "SkeletonMatrix.h"
+#include "SparseTypes.h"
+#include "TamberUtils.h"
+
+namespace kivTamber {
+
+// Everything one linear system A·x = b lives in, A = L·D·Lᵀ with L unit lower block-triangular and D a
+// diagonal of scalar pivots. All block indices are in the factor's (permuted) order.
+//
+// A fresh object holds no storage: every member is empty, `isFactored` = 0, `useMultifrontal` = 0 (serial
+// factorization) and `numThreads` = 1. The object owns every array it refers to; it is not copyable.
+template <typename T>
+class TamberData {
+public:
+    TamberData() = default;
+    TamberData(const TamberData&) = delete;
+    TamberData& operator=(const TamberData&) = delete;
+
+    // Elimination tree of the filled block pattern; node x is block x of the factor.
+    EliminationTree etree;
+    // Filled block pattern of L: per block row i the ascending block columns j <= i, diagonal last, with
+    // fillFlags = 1 on the fill-in entries. Drives the work estimate and the factorizations.
+    SkeletonMatrix skeleton;
+    // Fill-reducing block permutation (forward[k] = original block placed k-th).
+    Permutation permutation;
+    // The input matrix A in block form, in the factor's order, filled by the caller. Its blockSizes give the
+    // block sizes and blockSizes[numBlockCols] the scalar dimension N.
+    SparseMatrix<T> matrix;
+    // L, stored by block rows: container column i holds the blocks L(i, j), j < i ascending, then L(i, i),
+    // whose diagonal is exactly 1 and whose strict upper triangle is exactly 0.
+    SparseMatrix<T> factor;
+    // L·D with the structure of `factor`: block (i, j) holds L(i, j) with column t scaled by d[off_j + t].
+    // blockFlags[k] = 1 once the factorization has written block k.
+    SparseMatrix<T> scaledFactor;
+    // The N pivots d_0 … d_{N-1} of D, 16-byte aligned, grown only.
+    DenseVector<T> diagonal;
+    // (The workspace of the multifrontal factorization goes here.)
+    // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
+    ScratchPad scratchPad;
+    // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.
+    unsigned int useMultifrontal = 0;
+    // Worker threads of the multifrontal factorization.
+    unsigned int numThreads = 1;
+    // 1 once a factorization has finished; the solves factor first when it is 0. Only the caller clears it.
+    unsigned char isFactored = 0;
+};
+
+// The driver: factorization, solves and their timers. Durations are in seconds (tick-counter differences
+// times kiv::Timer::clockSpeed()).
+class Tamber {
+public:
+    // Duration of the last factorization (symbolic setup plus numeric phase), in seconds.
+    double factorTime;
+    // Accumulated duration of the timed solves since the last factorization, in seconds.
+    double solveTime;
+
+    // Both timers 0.
+    Tamber();
+
+    double getFactorTime() const;
+    double getSolveTime() const;
+
+    // Lays out `data.factor` for the filled pattern `data.skeleton` (placeholder 1×1 blocks, no values) and
+    // counts the work of a factorization.
+    // Preconditions: `data.skeleton` holds the filled pattern by block rows (ascending, diagonal last) and
+    // `data.matrix` the input in the same order, its block column i holding the blocks (j, i), j <= i
+    // ascending, diagonal last (a subset of the pattern); the block sizes are taken from `data.matrix`.
+    // work: out, may be null; receives Σ over block rows i of [ the number of off-diagonal entries (i, j)
+    // plus, for each of them, the number of columns k < j present in both row i and row j ], the number of
+    // block products and block triangular solves of the off-diagonal blocks in factorSerial (the updates of
+    // the diagonal blocks are not counted separately).
+    // Returns the number of fill blocks (pattern entries that are not in the input matrix).
+    // Aborts with "Not enough memory, " when the factor's block capacity is exceeded.
+    template <typename T>
+    unsigned int estimateWork(TamberData<T>& data, unsigned int* work);
+
+    // A = L·D·Lᵀ by a left-looking block-row factorization without pivoting, in one thread. Writes
+    // `data.factor`, `data.scaledFactor` (every diagonal block and every block used as an update source
+    // flagged 1) and `data.diagonal`; sets `data.isFactored` = 1, `factorTime` to the duration and
+    // `solveTime` to 0. Preconditions as estimateWork. A zero pivot yields non-finite values, not an error.
+    // After the first call on a structure the numeric phase allocates nothing.
+    template <typename T>
+    void factorSerial(TamberData<T>& data);
+
+    // x ← A⁻¹·x in place (x: in/out, N elements). Factors first when `data.isFactored` is 0.
+    template <typename T>
+    bool solve(TamberData<T>& data, T* x);
+
+    // x ← A⁻¹·b (b: in, N elements; x: out, N elements).
+    template <typename T>
+    bool solve(TamberData<T>& data, const T* b, T* x);
+
+    // Solve for a right-hand side whose non-zeros lie in one block and its elimination-tree ancestors
+    // (x: in/out, N elements). Returns the smallest scalar index of x the call may have changed.
+    template <typename T>
+    unsigned long unitSolve(TamberData<T>& data, T* x, int start);
+
+    // Iterative refinement of x as a solution of A·x = b (b: in, x: in/out, N elements each).
+    void iterativeRefinement(TamberData<double>& data, const double* b, double* x, int maxIterations);
+};
+
+extern template unsigned int Tamber::estimateWork<float>(TamberData<float>&, unsigned int*);
+extern template unsigned int Tamber::estimateWork<double>(TamberData<double>&, unsigned int*);
+extern template void Tamber::factorSerial<float>(TamberData<float>&);
+extern template void Tamber::factorSerial<double>(TamberData<double>&);
+extern template bool Tamber::solve<float>(TamberData<float>&, float*);
+extern template bool Tamber::solve<double>(TamberData<double>&, double*);
+extern template bool Tamber::solve<float>(TamberData<float>&, const float*, float*);
+extern template bool Tamber::solve<double>(TamberData<double>&, const double*, double*);
+extern template unsigned long Tamber::unitSolve<float>(TamberData<float>&, float*, int);
+extern template unsigned long Tamber::unitSolve<double>(TamberData<double>&, double*, int);
+
+}  // namespace kivTamber
+
+#endif  // KIVTAMBER_TAMBER_H

@@ -1,0 +1,349 @@
+// Dense block kernels. See include/Kernels.h for the contract of each routine.
+#include "Kernels.h"
+
+#include <emmintrin.h>
+#include <xmmintrin.h>
+
+namespace kivTamber {
+
+namespace {
+
+// Element offset of (row, col) in a row-major matrix with leading dimension ld; 64-bit to be safe from
+// overflow.
+inline long at(int row, int ld, int col) {
+    return static_cast<long>(row) * ld + col;
+}
+
+// C ∓= Aᵀ·B (Sign = -1 subtracts, +1 adds). Row i of C takes column i of A; inner loop contiguous in B and C.
+template <int Sign, typename T>
+void mmAtB(const T* __restrict A, int lda, const T* __restrict B, int ldb, T* __restrict C, int ldc, int n,
+           int m, int k) {
+    if (n <= 0 || m <= 0 || k <= 0) return;
+    for (int i = 0; i < n; ++i) {
+        T* Ci = C + at(i, ldc, 0);
+        for (int p = 0; p < k; ++p) {
+            const T s = A[at(p, lda, i)];  // s = A[p][i]
+            const T* Bp = B + at(p, ldb, 0);
+            if (Sign < 0) {
+                for (int j = 0; j < m; ++j) Ci[j] -= s * Bp[j];  // c_ij -= a_pi b_pj
+            } else {
+                for (int j = 0; j < m; ++j) Ci[j] += s * Bp[j];
+            }
+        }
+    }
+}
+
+// C ∓= A·Bᵀ for float: sequential summation of the k terms into each C[i][j].
+template <int Sign>
+void mmABtFloat(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m, int k) {
+    if (n <= 0 || m <= 0 || k <= 0) return;
+    for (int i = 0; i < n; ++i) {
+        const float* Ai = A + at(i, lda, 0);
+        float* Ci = C + at(i, ldc, 0);
+        for (int j = 0; j < m; ++j) {
+            const float* Bj = B + at(j, ldb, 0);
+            float c = Ci[j];
+            if (Sign < 0) {
+                for (int p = 0; p < k; ++p) c -= Ai[p] * Bj[p];  // c_ij -= a_ip b_jp
+            } else {
+                for (int p = 0; p < k; ++p) c += Ai[p] * Bj[p];
+            }
+            Ci[j] = c;
+        }
+    }
+}
+
+// C ∓= A·Bᵀ for double, 2×2 register blocks of C with two-lane vectors over p (lane 0: even p, lane 1: odd
+// p). Aligned loads and stores throughout; n, m, k are rounded up to even (the caller provides zero padding).
+template <int Sign>
+void mmABtDoubleBlocked(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                        int k) {
+    for (int i = 0; i < n; i += 2) {
+        const double* A0 = A + at(i, lda, 0);
+        const double* A1 = A0 + lda;
+        double* C0 = C + at(i, ldc, 0);
+        double* C1 = C0 + ldc;
+        for (int j = 0; j < m; j += 2) {
+            _mm_prefetch(reinterpret_cast<const char*>(C0 + j), _MM_HINT_T0);
+            _mm_prefetch(reinterpret_cast<const char*>(C1 + j), _MM_HINT_T0);
+            const double* B0 = B + at(j, ldb, 0);
+            const double* B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd();
+            __m128d s01 = _mm_setzero_pd();
+            __m128d s10 = _mm_setzero_pd();
+            __m128d s11 = _mm_setzero_pd();
+            for (int p = 0; p < k; p += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + p);
+                const __m128d a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p);
+                const __m128d b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            // (even + odd) of each sum: row i gets (s00, s01), row i+1 gets (s10, s11).
+            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
+            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+            if (Sign < 0) {
+                _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), r1));
+            } else {
+                _mm_store_pd(C0 + j, _mm_add_pd(_mm_load_pd(C0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_add_pd(_mm_load_pd(C1 + j), r1));
+            }
+        }
+    }
+}
+
+// y ∓= alpha·A·x, term (a_ij·alpha)·x_j.
+template <int Sign, typename T>
+void mvAX(const T* A, int lda, const T* x, T* y, T alpha, int n, int m) {
+    if (n <= 0 || m <= 0) return;
+    for (int i = 0; i < n; ++i) {
+        const T* Ai = A + at(i, lda, 0);
+        T yi = y[i];
+        if (Sign < 0) {
+            for (int j = 0; j < m; ++j) yi -= (Ai[j] * alpha) * x[j];
+        } else {
+            for (int j = 0; j < m; ++j) yi += (Ai[j] * alpha) * x[j];
+        }
+        y[i] = yi;
+    }
+}
+
+// y ∓= alpha·Aᵀ·x, row-oriented: y_j ∓= (a_ij·alpha)·x_i.
+template <int Sign, typename T>
+void mvAtX(const T* __restrict A, int lda, const T* __restrict x, T* __restrict y, T alpha, int n, int m) {
+    if (n <= 0 || m <= 0) return;
+    for (int i = 0; i < n; ++i) {
+        const T* Ai = A + at(i, lda, 0);
+        const T s = x[i];
+        if (Sign < 0) {
+            for (int j = 0; j < m; ++j) y[j] -= (Ai[j] * alpha) * s;
+        } else {
+            for (int j = 0; j < m; ++j) y[j] += (Ai[j] * alpha) * s;
+        }
+    }
+}
+
+// Unscaled variants (float only): y ∓= A·x and y ∓= Aᵀ·x.
+template <int Sign>
+void mvAXPlain(const float* A, int lda, const float* x, float* y, int n, int m) {
+    if (n <= 0 || m <= 0) return;
+    for (int i = 0; i < n; ++i) {
+        const float* Ai = A + at(i, lda, 0);
+        float yi = y[i];
+        if (Sign < 0) {
+            for (int j = 0; j < m; ++j) yi -= Ai[j] * x[j];
+        } else {
+            for (int j = 0; j < m; ++j) yi += Ai[j] * x[j];
+        }
+        y[i] = yi;
+    }
+}
+
+template <int Sign>
+void mvAtXPlain(const float* __restrict A, int lda, const float* __restrict x, float* __restrict y, int n,
+                int m) {
+    if (n <= 0 || m <= 0) return;
+    for (int i = 0; i < n; ++i) {
+        const float* Ai = A + at(i, lda, 0);
+        const float s = x[i];
+        if (Sign < 0) {
+            for (int j = 0; j < m; ++j) y[j] -= Ai[j] * s;
+        } else {
+            for (int j = 0; j < m; ++j) y[j] += Ai[j] * s;
+        }
+    }
+}
+
+// y += alpha·A·x from the lower triangle of a symmetric A; each a_ij (j < i) serves y_i and y_j.
+template <typename T>
+void mvSYL(const T* A, int lda, const T* x, T* y, T alpha, int n) {
+    for (int i = 0; i < n; ++i) {
+        const T* Ai = A + at(i, lda, 0);
+        const T xi = x[i];
+        T yi = y[i] + (Ai[i] * alpha) * xi;
+        for (int j = 0; j < i; ++j) {
+            const T a = Ai[j] * alpha;
+            yi += a * x[j];  // y_i += a_ij x_j
+            y[j] += a * xi;  // y_j += a_ij x_i
+        }
+        y[i] = yi;
+    }
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------------------------------------ AtB
+
+void tamber_MM_CM_AtB(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k) {
+    mmAtB<-1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+void tamber_MM_CM_AtB(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k) {
+    mmAtB<-1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+void tamber_MM_CP_AtB(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k) {
+    mmAtB<+1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+void tamber_MM_CP_AtB(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k) {
+    mmAtB<+1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+
+// ------------------------------------------------------------------------------------------------ ABt
+
+void tamber_MM_CM_ABt(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k) {
+    mmABtFloat<-1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+
+void tamber_MM_CM_ABt(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k) {
+    if (n <= 0 || m <= 0 || k <= 0) return;
+    if (n == 1) {  // one row: c_0j -= Σp a_0p b_jp
+        for (int j = 0; j < m; ++j) {
+            const double* Bj = B + at(j, ldb, 0);
+            double s = 0.0;
+            for (int p = 0; p < k; ++p) s += A[p] * Bj[p];
+            C[j] -= s;
+        }
+        return;
+    }
+    if (m == 1) {  // one column: c_i0 -= Σp a_ip b_0p
+        for (int i = 0; i < n; ++i) {
+            const double* Ai = A + at(i, lda, 0);
+            double s = 0.0;
+            for (int p = 0; p < k; ++p) s += Ai[p] * B[p];
+            C[at(i, ldc, 0)] -= s;
+        }
+        return;
+    }
+    if (k == 1) {  // rank one: c_ij -= a_i0 b_j0
+        for (int i = 0; i < n; ++i) {
+            const double a = A[at(i, lda, 0)];
+            double* Ci = C + at(i, ldc, 0);
+            for (int j = 0; j < m; ++j) Ci[j] -= a * B[at(j, ldb, 0)];
+        }
+        return;
+    }
+    mmABtDoubleBlocked<-1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+
+void tamber_MM_CP_ABt(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
+                      int k) {
+    mmABtFloat<+1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+
+void tamber_MM_CP_ABt(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
+                      int k) {
+    if (n <= 0 || m <= 0 || k <= 0) return;
+    mmABtDoubleBlocked<+1>(A, lda, B, ldb, C, ldc, n, m, k);
+}
+
+// ------------------------------------------------------------------------------------------------ MV with
+// alpha
+
+void tamber_MV_YM_aAX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m) {
+    mvAX<-1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YM_aAX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m) {
+    mvAX<-1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YP_aAX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m) {
+    mvAX<+1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YP_aAX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m) {
+    mvAX<+1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YM_aAtX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m) {
+    mvAtX<-1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YM_aAtX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m) {
+    mvAtX<-1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YP_aAtX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m) {
+    mvAtX<+1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_YP_aAtX(const double* A, int lda, const double* x, double* y, double alpha, int n, int m) {
+    mvAtX<+1>(A, lda, x, y, alpha, n, m);
+}
+void tamber_MV_aAX_SYL(const float* A, int lda, const float* x, float* y, float alpha, int n) {
+    mvSYL(A, lda, x, y, alpha, n);
+}
+void tamber_MV_aAX_SYL(const double* A, int lda, const double* x, double* y, double alpha, int n) {
+    mvSYL(A, lda, x, y, alpha, n);
+}
+
+// ------------------------------------------------------------------------------------------------ MV, float
+// only
+
+void tamber_MV_YM_AX(const float* A, int lda, const float* x, float* y, int n, int m) {
+    mvAXPlain<-1>(A, lda, x, y, n, m);
+}
+void tamber_MV_YP_AX(const float* A, int lda, const float* x, float* y, int n, int m) {
+    mvAXPlain<+1>(A, lda, x, y, n, m);
+}
+void tamber_MV_YM_AtX(const float* A, int lda, const float* x, float* y, int n, int m) {
+    mvAtXPlain<-1>(A, lda, x, y, n, m);
+}
+void tamber_MV_YP_AtX(const float* A, int lda, const float* x, float* y, int n, int m) {
+    mvAtXPlain<+1>(A, lda, x, y, n, m);
+}
+
+void tamber_MV_AX_SYL(const float* A, int lda, const float* x, float* y, int n) {
+    for (int i = 0; i < n; ++i) {
+        const float* Ai = A + at(i, lda, 0);
+        const float xi = x[i];
+        float yi = y[i] + Ai[i] * xi;
+        for (int j = 0; j < i; ++j) {
+            const float a = Ai[j];
+            yi += a * x[j];  // y_i += a_ij x_j
+            y[j] += a * xi;  // y_j += a_ij x_i
+        }
+        y[i] = yi;
+    }
+}
+
+// ------------------------------------------------------------------------------------------------ triangular
+
+void tamber_SV_TRIL(const float* L, int ld, float* x, int n) {
+    for (int i = 0; i < n; ++i) {
+        x[i] = x[i] / L[at(i, ld, i)];  // z_i = x_i / l_ii
+        if (i + 1 < n) {
+            const float* Lnext = L + at(i + 1, ld, 0);
+            float xn = x[i + 1];
+            for (int j = 0; j <= i; ++j) xn -= Lnext[j] * x[j];  // x_{i+1} -= l_{i+1,j} z_j
+            x[i + 1] = xn;
+        }
+    }
+}
+
+void tamber_SV_TRIL_UD(const float* L, int ld, float* x, int n) {
+    for (int i = 1; i < n; ++i) {
+        const float* Li = L + at(i, ld, 0);
+        float xi = x[i];
+        for (int j = 0; j < i; ++j) xi -= Li[j] * x[j];  // x_i -= l_ij z_j
+        x[i] = xi;
+    }
+}
+
+void tamber_SV_TRILt(const float* L, int ld, float* x, int n) {
+    for (int i = n - 1; i >= 0; --i) {
+        const float* Li = L + at(i, ld, 0);
+        const float xi = x[i] / Li[i];  // z_i = x_i / l_ii
+        x[i] = xi;
+        for (int j = 0; j < i; ++j) x[j] -= Li[j] * xi;  // x_j -= l_ij z_i
+    }
+}
+
+void tamber_SM_UD(const float* L, int ldL, float* X, int /*ldX*/, int m, int n) {
+    // Rows of X stepped by ldL (not ldX) and divided by diag(L): both kept, the factorization relies on them.
+    for (int r = 0; r < m; ++r) tamber_SV_TRIL(L, ldL, X + at(r, ldL, 0), n);
+}
+
+}  // namespace kivTamber

@@ -1,1 +1,0 @@
-namespace kivTamber { int placeholder_ = 0; }

@@ -1,0 +1,327 @@
+#include "SparseTypes.h"
+
+#include <kiv/Abort.h>
+#include <kiv/ByteAllocator.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <limits>
+
+#include "Kernels.h"
+
+namespace kivTamber {
+
+namespace {
+
+// Per-precision details of the block layout.
+template <typename T>
+struct Precision;
+
+template <>
+struct Precision<float> {
+    // Elements allocated beyond the capacity so that a 16-byte boundary lies inside the allocation.
+    static constexpr unsigned long kSlack = 3;
+    // Leading dimension of a block row of size s: s itself.
+    static unsigned int stride(unsigned int s) { return s; }
+    static constexpr float kEpsilon = 1.1920929e-07f;
+};
+
+template <>
+struct Precision<double> {
+    static constexpr unsigned long kSlack = 1;
+    // s rounded up to an even number, so that every tile row pair is 16-byte aligned.
+    static unsigned int stride(unsigned int s) { return (s + 1u) & ~1u; }
+    static constexpr double kEpsilon = 2.220446049250313e-16;
+};
+
+// Element count of the raw value allocation for `capacity` values. A count that cannot be represented is
+// passed on as the largest size, so that the allocator fails instead of returning a short array.
+template <typename T>
+unsigned long rawValueCount(unsigned long capacity) {
+    const unsigned long largest = std::numeric_limits<unsigned long>::max();
+    return capacity > largest - Precision<T>::kSlack ? largest : capacity + Precision<T>::kSlack;
+}
+
+template <typename T>
+T* alignTo16(T* p) {
+    const std::uintptr_t address = reinterpret_cast<std::uintptr_t>(p);
+    return reinterpret_cast<T*>((address + 15u) & ~static_cast<std::uintptr_t>(15u));
+}
+
+// Allocates `count` zeroed elements.
+template <typename U>
+U* allocateZeroed(unsigned long count) {
+    U* p = kiv::allocateArray<U>(count);
+    std::memset(static_cast<void*>(p), 0, count * sizeof(U));
+    return p;
+}
+
+// Unscaled block products. The float kernels exist without a scale; for double the scaled kernels are called
+// with alpha = 1, which is exact (A·1 = A), so both give the same bits as an unscaled loop.
+inline void addAtX(const float* K, int ld, const float* x, float* y, int n, int m) {
+    tamber_MV_YP_AtX(K, ld, x, y, n, m);
+}
+inline void addAtX(const double* K, int ld, const double* x, double* y, int n, int m) {
+    tamber_MV_YP_aAtX(K, ld, x, y, 1.0, n, m);
+}
+inline void addAX(const float* K, int ld, const float* x, float* y, int n, int m) {
+    tamber_MV_YP_AX(K, ld, x, y, n, m);
+}
+inline void addAX(const double* K, int ld, const double* x, double* y, int n, int m) {
+    tamber_MV_YP_aAX(K, ld, x, y, 1.0, n, m);
+}
+inline void addSymmetric(const float* K, int ld, const float* x, float* y, int n) {
+    tamber_MV_AX_SYL(K, ld, x, y, n);
+}
+inline void addSymmetric(const double* K, int ld, const double* x, double* y, int n) {
+    tamber_MV_aAX_SYL(K, ld, x, y, 1.0, n);
+}
+
+}  // namespace
+
+template <typename T>
+SparseMatrix<T>::SparseMatrix()
+    : valuesRaw(nullptr),
+      values(nullptr),
+      rowIndices(nullptr),
+      blockFlags(nullptr),
+      blockPointers(nullptr),
+      colPointers(nullptr),
+      blockSizes(nullptr),
+      blockOffsets(nullptr),
+      blockStrides(nullptr),
+      numBlocks(0),
+      numBlockCols(0),
+      numBlockRows(0),
+      valueCapacity(0),
+      colCapacity(0),
+      blockCapacity(0) {}
+
+template <typename T>
+SparseMatrix<T>::~SparseMatrix() {
+    kiv::deallocateArray(valuesRaw, rawValueCount<T>(valueCapacity));
+    kiv::deallocateArray(rowIndices, blockCapacity);
+    kiv::deallocateArray(blockFlags, blockCapacity);
+    kiv::deallocateArray(blockPointers, blockCapacity);
+    kiv::deallocateArray(colPointers, colCapacity + 1);
+    kiv::deallocateArray(blockSizes, colCapacity + 1);
+    kiv::deallocateArray(blockOffsets, colCapacity + 1);
+    kiv::deallocateArray(blockStrides, colCapacity + 1);
+}
+
+template <typename T>
+void SparseMatrix<T>::setSize(unsigned long numCols, unsigned long numRows, unsigned long blockCount,
+                              unsigned long valueCount) {
+    numBlockCols = numCols;
+    numBlockRows = numRows;
+
+    // Each group is released before its replacement is allocated, and its capacity is recorded only once the
+    // allocation succeeded, so that a throwing allocation leaves an empty but consistent group behind.
+    if (valueCount > valueCapacity) {
+        kiv::deallocateArray(valuesRaw, rawValueCount<T>(valueCapacity));
+        valuesRaw = nullptr;
+        values = nullptr;
+        valueCapacity = 0;
+        valuesRaw = kiv::allocateArray<T>(rawValueCount<T>(valueCount));
+        valueCapacity = valueCount;
+        values = alignTo16(valuesRaw);
+        std::memset(static_cast<void*>(values), 0, valueCount * sizeof(T));
+    }
+
+    if (blockCount > blockCapacity) {
+        kiv::deallocateArray(rowIndices, blockCapacity);
+        kiv::deallocateArray(blockFlags, blockCapacity);
+        kiv::deallocateArray(blockPointers, blockCapacity);
+        rowIndices = nullptr;
+        blockFlags = nullptr;
+        blockPointers = nullptr;
+        blockCapacity = 0;
+        rowIndices = allocateZeroed<unsigned int>(blockCount);
+        blockFlags = allocateZeroed<unsigned int>(blockCount);
+        blockPointers = allocateZeroed<T*>(blockCount);
+        blockCapacity = blockCount;
+    }
+
+    if (numCols + 1 > colCapacity) {
+        kiv::deallocateArray(colPointers, colCapacity + 1);
+        kiv::deallocateArray(blockSizes, colCapacity + 1);
+        kiv::deallocateArray(blockStrides, colCapacity + 1);
+        kiv::deallocateArray(blockOffsets, colCapacity + 1);
+        colPointers = nullptr;
+        blockSizes = nullptr;
+        blockStrides = nullptr;
+        blockOffsets = nullptr;
+        colCapacity = 0;
+        colPointers = allocateZeroed<unsigned int>(numCols + 2);
+        blockSizes = allocateZeroed<unsigned int>(numCols + 2);
+        blockStrides = allocateZeroed<unsigned int>(numCols + 2);
+        blockOffsets = allocateZeroed<unsigned int>(numCols + 2);
+        colCapacity = numCols + 1;
+    }
+
+    if (blockPointers) blockPointers[0] = values;
+}
+
+template <typename T>
+void SparseMatrix<T>::clear() {
+    if (values) std::memset(static_cast<void*>(values), 0, valueCapacity * sizeof(T));
+    if (colPointers) {
+        const unsigned long bytes = (colCapacity + 1) * sizeof(unsigned int);
+        std::memset(colPointers, 0, bytes);
+        std::memset(blockSizes, 0, bytes);
+        std::memset(blockStrides, 0, bytes);
+        std::memset(blockOffsets, 0, bytes);
+    }
+    numBlocks = 0;
+    numBlockCols = 0;
+    numBlockRows = 0;
+}
+
+template <typename T>
+T* SparseMatrix<T>::acquireBlock(unsigned long col, unsigned long row, unsigned long colSize,
+                                 unsigned long rowSize, int) {
+    const unsigned long k = numBlocks;
+    if (k >= blockCapacity) {
+        char message[96];
+        std::snprintf(message, sizeof message, "Not enough memory, %lu %lu", k, blockCapacity);
+        kiv::abort(message);  // writes the message and an end of line to standard error
+    }
+
+    T* const block = blockPointers[k];
+    rowIndices[k] = static_cast<unsigned int>(row);
+    blockFlags[k] = 0;
+
+    if (col > 0) blockOffsets[col] = blockOffsets[col - 1] + blockSizes[col - 1];
+    blockSizes[col] = static_cast<unsigned int>(colSize);
+    blockSizes[row] = static_cast<unsigned int>(rowSize);
+    blockSizes[numBlockCols] = blockSizes[col] + blockOffsets[col];  // running total: N after the last column
+
+    blockStrides[col] = Precision<T>::stride(blockSizes[col]);
+    blockStrides[row] = Precision<T>::stride(blockSizes[row]);
+
+    // No check against valueCapacity: the caller sized the value storage.
+    if (k + 1 < blockCapacity) {
+        blockPointers[k + 1] = block + static_cast<unsigned long>(blockStrides[row]) * blockStrides[col];
+    }
+
+    // colPointers[0] is never written: it stays 0 from setSize/clear.
+    if (col > 0 && colPointers[col] == 0) colPointers[col] = static_cast<unsigned int>(k);
+    numBlocks = k + 1;
+    colPointers[col + 1] = static_cast<unsigned int>(k + 1);
+    return block;
+}
+
+template <typename T>
+void SparseMatrix<T>::multiply(const T* x, T* y) const {
+    if (numBlockCols == 0) return;
+    std::memset(static_cast<void*>(y), 0, blockSizes[numBlockCols] * sizeof(T));
+    multiplyAdd(x, y);
+}
+
+// The tile of block (i, j) is s_i × s_j column-major with leading dimension blockStrides[i]; read row-major it
+// is K = Bᵀ, an s_j × s_i matrix with the same leading dimension. Hence B·x_j = Kᵀ·x_j (the AtX kernel with
+// n = s_j, m = s_i) and Bᵀ·x_i = K·x_i (the AX kernel), and the symmetric kernels read the row-major lower
+// triangle of K, which is the triangle r ≤ c of the column-major tile.
+template <typename T>
+void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
+    const unsigned long n = numBlockCols;
+    if (n == 0) return;
+
+    // Adds the products of block b = (i, j), i ≠ j.
+    auto offDiagonal = [&](unsigned int b, unsigned long j) {
+        const unsigned int i = rowIndices[b];
+        const int ld = static_cast<int>(blockStrides[i]);
+        const int si = static_cast<int>(blockSizes[i]);
+        const int sj = static_cast<int>(blockSizes[j]);
+        const T* K = blockPointers[b];
+        addAtX(K, ld, x + blockOffsets[j], y + blockOffsets[i], sj, si);  // y_i += B·x_j
+        addAX(K, ld, x + blockOffsets[i], y + blockOffsets[j], sj, si);   // y_j += Bᵀ·x_i
+    };
+    // Adds the symmetric product of the diagonal block b = (j, j).
+    auto diagonal = [&](unsigned int b, unsigned long j) {
+        const unsigned int o = blockOffsets[j];
+        addSymmetric(blockPointers[b], static_cast<int>(blockStrides[j]), x + o, y + o,
+                     static_cast<int>(blockSizes[j]));
+    };
+
+    // Upper form: column 0 holds at most one block, so every column ends with its diagonal block.
+    const bool upperForm = colPointers[1] < 2;
+    for (unsigned long j = 0; j < n; ++j) {
+        const unsigned int begin = colPointers[j];
+        const unsigned int end = colPointers[j + 1];
+
+        // Hints only: the slices this column will read and write.
+        __builtin_prefetch(x + blockOffsets[j]);
+        __builtin_prefetch(y + blockOffsets[j], 1);
+        for (unsigned int b = begin; b < end; ++b) {
+            __builtin_prefetch(x + blockOffsets[rowIndices[b]]);
+            __builtin_prefetch(y + blockOffsets[rowIndices[b]], 1);
+        }
+
+        // A final column of odd size takes the general loop even in the upper form (kept as designed; the
+        // result is the same).
+        const bool oddFinal = j + 1 == n && (blockSizes[j] & 1u) != 0;
+        if (upperForm && !oddFinal) {
+            if (end == begin) continue;
+            for (unsigned int b = begin; b + 1 < end; ++b) offDiagonal(b, j);
+            diagonal(end - 1, j);
+        } else {
+            for (unsigned int b = begin; b < end; ++b) {
+                if (rowIndices[b] == j) {
+                    diagonal(b, j);
+                } else {
+                    offDiagonal(b, j);
+                }
+            }
+        }
+    }
+}
+
+template <typename T>
+void SparseMatrix<T>::multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const {
+    const unsigned long n = numBlockCols;
+    const unsigned long N = n == 0 ? 0 : blockSizes[n];
+
+    // beta = 0 multiplies as well (NaN·0 stays NaN): y is never overwritten.
+    if (!(std::fabs(beta - T(1)) < Precision<T>::kEpsilon) && N != 0) {
+        const T b = beta;
+        for (unsigned long e = 0; e < N; ++e) y[e] *= b;
+    }
+    if (n == 0) return;
+
+    const T a = alpha;
+    for (unsigned long j = 0; j < n; ++j) {
+        const unsigned int begin = colPointers[j];
+        const unsigned int end = colPointers[j + 1];
+        const unsigned int oj = blockOffsets[j];
+        const int sj = static_cast<int>(blockSizes[j]);
+
+        __builtin_prefetch(x + oj);
+        __builtin_prefetch(y + oj, 1);
+        for (unsigned int b = begin; b < end; ++b) {
+            __builtin_prefetch(x + blockOffsets[rowIndices[b]]);
+            __builtin_prefetch(y + blockOffsets[rowIndices[b]], 1);
+        }
+
+        for (unsigned int b = begin; b < end; ++b) {
+            const unsigned int i = rowIndices[b];
+            const T* K = blockPointers[b];
+            const int ld = static_cast<int>(blockStrides[i]);
+            if (i == j) {
+                tamber_MV_aAX_SYL(K, ld, x + oj, y + oj, a, sj);  // y_j += alpha·B·x_j
+            } else {
+                const unsigned int oi = blockOffsets[i];
+                const int si = static_cast<int>(blockSizes[i]);
+                tamber_MV_YP_aAtX(K, ld, x + oj, y + oi, a, sj, si);  // y_i += alpha·B·x_j
+                tamber_MV_YP_aAX(K, ld, x + oi, y + oj, a, sj, si);   // y_j += alpha·Bᵀ·x_i
+            }
+        }
+    }
+}
+
+template class SparseMatrix<float>;
+template class SparseMatrix<double>;
+
+}  // namespace kivTamber

@@ -1,0 +1,351 @@
+#include "Tamber.h"
+
+#include <kiv/Abort.h>
+#include <kiv/Timer.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "Kernels.h"
+
+namespace kivTamber {
+
+namespace {
+
+// Per-precision details of the block layout and of the factorization.
+template <typename T>
+struct Layout;
+
+template <>
+struct Layout<float> {
+    // Padded size (row stride) of a block of s rows: s itself.
+    static unsigned int padded(unsigned int s) { return s; }
+    static float* scratch(ScratchPad& pad, unsigned long count) { return pad.getFloatArray(0, count); }
+};
+
+template <>
+struct Layout<double> {
+    // Padded size of a block of s rows: s rounded up to even, so that pairs of doubles stay aligned.
+    static unsigned int padded(unsigned int s) { return (s + 1) & ~1u; }
+    static double* scratch(ScratchPad& pad, unsigned long count) { return pad.getDoubleArray(0, count); }
+};
+
+// W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
+// row by row, forward substitution with the strictly lower part (the unit diagonal is not read).
+void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i, unsigned int s_j) {
+    // Divides by the stored diagonal of L_jj, which is exactly 1: the quotients are exact.
+    tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
+                 static_cast<int>(s_j));
+}
+
+void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i, unsigned int s_j) {
+    for (unsigned int r = 0; r < s_i; ++r) {
+        double* w = W + static_cast<unsigned long>(r) * p_j;
+        for (unsigned int c = 1; c < s_j; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+            double sum = 0.0;
+            for (unsigned int t = 0; t < c; ++t) sum += l[t] * w[t];
+            w[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
+        }
+    }
+}
+
+// Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
+[[noreturn]] void outOfBlocks(unsigned long used, unsigned long capacity) {
+    char message[96];
+    std::snprintf(message, sizeof message, "Not enough memory, %lu %lu", used, capacity);
+    kiv::abort(message);
+}
+
+// The pieces of a factorization that every block step needs.
+template <typename T>
+struct SerialFactor {
+    const unsigned int*
+        rowStart;              // skeleton colPointers: row i of the pattern is rowStart[i] .. rowStart[i+1]-1
+    const unsigned int* cols;  // skeleton rowIndices: the block column of each pattern entry
+    const unsigned int* sizes;    // s_b
+    const unsigned int* offsets;  // scalar offset of block b
+    SparseMatrix<T>& L;
+    SparseMatrix<T>& LD;
+    T* d;  // the pivots
+    T* P;  // s² elements: a freshly scaled block
+
+    unsigned int padded(unsigned int b) const { return Layout<T>::padded(sizes[b]); }
+
+    // LD(i, k) = L(i, k)·D_k for the pattern entry e = (i, k): computed through P on first use and flagged,
+    // returned as stored afterwards. Padding columns of the result are zero.
+    const T* scaled(unsigned int e, unsigned int i, unsigned int k) {
+        if (LD.blockFlags[e] == 0) {
+            const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
+            const T* Lik = L.blockPointers[e];
+            const T* dk = d + offsets[k];
+            for (unsigned int r = 0; r < s_i; ++r) {
+                const unsigned long row = static_cast<unsigned long>(r) * p_k;
+                for (unsigned int c = 0; c < s_k; ++c) P[row + c] = Lik[row + c] * dk[c];  // l_rc·d_c
+                for (unsigned int c = s_k; c < p_k; ++c) P[row + c] = T(0);
+            }
+            std::memcpy(LD.blockPointers[e], P, static_cast<unsigned long>(s_i) * p_k * sizeof(T));
+            LD.blockFlags[e] = 1;
+        }
+        return LD.blockPointers[e];
+    }
+};
+
+}  // namespace
+
+Tamber::Tamber() : factorTime(0.0), solveTime(0.0) {}
+
+double Tamber::getFactorTime() const {
+    return factorTime;
+}
+
+double Tamber::getSolveTime() const {
+    return solveTime;
+}
+
+template <typename T>
+unsigned int Tamber::estimateWork(TamberData<T>& data, unsigned int* work) {
+    const SkeletonMatrix& S = data.skeleton;
+    const SparseMatrix<T>& A = data.matrix;
+    SparseMatrix<T>& L = data.factor;
+    const unsigned long nb = S.n;
+    const unsigned long numEntries = S.numEntries();
+
+    L.clear();
+    L.setSize(nb, nb, numEntries, 8 * numEntries);
+    if (nb == 0) {
+        if (work) *work = 0;
+        return 0;
+    }
+
+    // Placeholder 1×1 blocks (2×2 reserved for double) in pattern order, acquired inline; count the pattern
+    // entries that the input matrix does not have.
+    const unsigned int* rowStart = S.colPointers;
+    const unsigned int* cols = S.rowIndices;
+    const unsigned long placeholder = static_cast<unsigned long>(Layout<T>::padded(1)) * Layout<T>::padded(1);
+    unsigned int fill = 0;
+    for (unsigned int i = 0; i < nb; ++i) {
+        unsigned int a = A.colPointers[i];
+        const unsigned int aEnd = A.colPointers[i + 1];
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+            const unsigned int j = cols[e];
+            const unsigned long k = L.numBlocks;
+            if (k >= L.blockCapacity) outOfBlocks(k, L.blockCapacity);
+            L.rowIndices[k] = j;
+            L.blockFlags[k] = 0;
+            if (i > 0) L.blockOffsets[i] = L.blockOffsets[i - 1] + L.blockSizes[i - 1];
+            L.blockSizes[i] = 1;
+            L.blockSizes[j] = 1;
+            L.blockSizes[nb] = L.blockSizes[i] + L.blockOffsets[i];
+            L.blockStrides[i] = Layout<T>::padded(1);
+            L.blockStrides[j] = Layout<T>::padded(1);
+            if (k + 1 < L.blockCapacity) L.blockPointers[k + 1] = L.blockPointers[k] + placeholder;
+            if (i > 0 && L.colPointers[i] == 0) L.colPointers[i] = static_cast<unsigned int>(k);
+            L.numBlocks = k + 1;
+            L.colPointers[i + 1] = static_cast<unsigned int>(k + 1);
+
+            if (a < aEnd && A.rowIndices[a] == j) {
+                ++a;
+            } else {
+                ++fill;
+            }
+        }
+    }
+    if (!work) return fill;
+
+    // One triangular solve per off-diagonal entry (i, j) plus one product per column k < j common to rows i
+    // and j.
+    unsigned int count = 0;
+    for (unsigned int i = 0; i < nb; ++i) {
+        const unsigned int iBegin = rowStart[i], iDiag = rowStart[i + 1] - 1;
+        for (unsigned int e = iBegin; e < iDiag; ++e) {
+            const unsigned int j = cols[e];
+            ++count;
+            unsigned int p = iBegin, q = rowStart[j];
+            const unsigned int jDiag = rowStart[j + 1] - 1;
+            while (p < e && q < jDiag) {
+                if (cols[p] < cols[q]) {
+                    ++p;
+                } else if (cols[q] < cols[p]) {
+                    ++q;
+                } else {
+                    ++count;
+                    ++p;
+                    ++q;
+                }
+            }
+        }
+    }
+    *work = count;
+    return fill;
+}
+
+template <typename T>
+void Tamber::factorSerial(TamberData<T>& data) {
+    const std::uint64_t start = kiv::Timer::ticks();
+
+    const SkeletonMatrix& S = data.skeleton;
+    const SparseMatrix<T>& A = data.matrix;
+    SparseMatrix<T>& L = data.factor;
+    SparseMatrix<T>& LD = data.scaledFactor;
+    const unsigned long nb = S.n;
+    const unsigned long numEntries = S.numEntries();
+    const unsigned int* rowStart = S.colPointers;
+    const unsigned int* cols = S.rowIndices;
+    const unsigned int* sizes = A.blockSizes;
+
+    // Scratch P and W, s² elements each (s the largest padded block size), from slot 0, zeroed.
+    unsigned long s = 0;
+    for (unsigned long b = 0; b < nb; ++b) {
+        if (Layout<T>::padded(sizes[b]) > s) s = Layout<T>::padded(sizes[b]);
+    }
+    const unsigned long scratchCount = 2 * s * s + 8;
+    T* const scratch = Layout<T>::scratch(data.scratchPad, scratchCount);
+    std::memset(static_cast<void*>(scratch), 0, scratchCount * sizeof(T));
+    T* const P = scratch;
+    T* const W = scratch + s * s;
+
+    // Element capacity: every pattern block at its padded size on both sides.
+    unsigned long capacity = 64;
+    for (unsigned long i = 0; i < nb; ++i) {
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+            capacity +=
+                static_cast<unsigned long>(Layout<T>::padded(sizes[i])) * Layout<T>::padded(sizes[cols[e]]);
+        }
+    }
+    L.clear();
+    LD.clear();
+    L.setSize(nb, nb, numEntries, capacity);
+    LD.setSize(nb, nb, numEntries, capacity);
+
+    // Structure of L and LD in pattern order (block index = pattern entry); the input blocks are copied into
+    // L, fill blocks stay zero.
+    for (unsigned int i = 0; i < nb; ++i) {
+        unsigned int a = A.colPointers[i];
+        const unsigned int aEnd = A.colPointers[i + 1];
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+            const unsigned int j = cols[e];
+            T* const Lij = L.acquireBlock(i, j, sizes[i], sizes[j]);
+            LD.acquireBlock(i, j, sizes[i], sizes[j]);
+            if (a < aEnd && A.rowIndices[a] == j) {
+                std::memcpy(static_cast<void*>(Lij), A.blockPointers[a],
+                            static_cast<unsigned long>(sizes[i]) * Layout<T>::padded(sizes[j]) * sizeof(T));
+                ++a;
+            }
+        }
+    }
+
+    unsigned long N = 0;
+    for (unsigned long b = 0; b < nb; ++b) N += sizes[b];
+    data.diagonal.resize(N);
+    T* const d = data.diagonal.data;
+
+    std::uint64_t now = kiv::Timer::ticks();
+    const double setupTime = static_cast<double>(now - start) * kiv::Timer::clockSpeed();
+    const std::uint64_t numericStart = now;
+
+    SerialFactor<T> f{rowStart, cols, sizes, L.blockOffsets, L, LD, d, P};
+    const unsigned int* offsets = L.blockOffsets;
+
+    for (unsigned int i = 0; i < nb; ++i) {
+        const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
+        const unsigned int iBegin = rowStart[i], iDiag = rowStart[i + 1] - 1;
+
+        // Off-diagonal blocks: L(i, j) = (A(i, j) − Σ_{k<j} L(i, k)·D_k·L(j, k)ᵀ)·L_jjᵀ⁻¹·D_j⁻¹.
+        for (unsigned int e = iBegin; e < iDiag; ++e) {
+            const unsigned int j = cols[e];
+            const unsigned int s_j = sizes[j], p_j = Layout<T>::padded(s_j);
+            T* const Lij = L.blockPointers[e];
+            std::memcpy(static_cast<void*>(W), Lij, static_cast<unsigned long>(s_i) * p_j * sizeof(T));
+
+            unsigned int p = iBegin, q = rowStart[j];
+            const unsigned int jDiag = rowStart[j + 1] - 1;
+            while (p < e && q < jDiag) {
+                const unsigned int kp = cols[p], kq = cols[q];
+                if (kp < kq) {
+                    ++p;
+                } else if (kq < kp) {
+                    ++q;
+                } else {
+                    const unsigned int s_k = sizes[kp], p_k = Layout<T>::padded(s_k);
+                    const T* LDik = f.scaled(p, i, kp);
+                    // W -= LD(i, k)·L(j, k)ᵀ
+                    tamber_MM_CM_ABt(LDik, static_cast<int>(p_k), L.blockPointers[q], static_cast<int>(p_k),
+                                     W, static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
+                                     static_cast<int>(s_k));
+                    ++p;
+                    ++q;
+                }
+            }
+
+            solveUnitDiagonal(L.blockPointers[jDiag], p_j, W, s_i, s_j);  // W ← W·L_jj⁻ᵀ
+
+            const T* dj = d + offsets[j];
+            for (unsigned int c = 0; c < s_j; ++c) {
+                const T q_c = T(1) / dj[c];
+                for (unsigned int r = 0; r < s_i; ++r) {
+                    const unsigned long at = static_cast<unsigned long>(r) * p_j + c;
+                    Lij[at] = W[at] * q_c;  // l_rc = w_rc / d_c
+                }
+            }
+        }
+
+        // Diagonal block: L_ii·D_i·L_iiᵀ = A(i, i) − Σ_{k<i} L(i, k)·D_k·L(i, k)ᵀ.
+        T* const Lii = L.blockPointers[iDiag];
+        T* const di = d + offsets[i];
+        __builtin_prefetch(di, 1);
+        std::memcpy(static_cast<void*>(W), Lii, static_cast<unsigned long>(s_i) * p_i * sizeof(T));
+        for (unsigned int e = iBegin; e < iDiag; ++e) {
+            const unsigned int k = cols[e];
+            const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
+            const T* LDik = f.scaled(e, i, k);
+            // W -= L(i, k)·LD(i, k)ᵀ over the whole square
+            tamber_MM_CM_ABt(L.blockPointers[e], static_cast<int>(p_k), LDik, static_cast<int>(p_k), W,
+                             static_cast<int>(p_i), static_cast<int>(s_i), static_cast<int>(s_i),
+                             static_cast<int>(s_k));
+        }
+
+        // Dense W = L_ii·D_i·L_iiᵀ without pivoting, row by row.
+        for (unsigned int r = 0; r < s_i; ++r) {
+            T* const w = W + static_cast<unsigned long>(r) * p_i;
+            di[r] = w[r];
+            w[r] = T(1);
+        }
+        for (unsigned int r = 1; r < s_i; ++r) {
+            T* const w = W + static_cast<unsigned long>(r) * p_i;
+            for (unsigned int c = 0; c < r; ++c) {
+                w[c] = w[c] / di[c];  // l_rc = w_rc / d_c
+                if (c + 1 < r) {
+                    const T* const wNext = W + static_cast<unsigned long>(c + 1) * p_i;
+                    T sum = T(0);
+                    for (unsigned int t = 0; t <= c; ++t) sum += w[t] * di[t] * wNext[t];
+                    w[c + 1] -= sum;  // w_r,c+1 -= Σ_{t≤c} l_rt·d_t·l_c+1,t
+                }
+            }
+            T sum = T(0);
+            for (unsigned int t = 0; t < r; ++t) sum += di[t] * w[t] * w[t];
+            di[r] -= sum;  // d_r -= Σ_{t<r} d_t·l_rt²
+        }
+        for (unsigned int r = 0; r < s_i; ++r) {
+            T* const w = W + static_cast<unsigned long>(r) * p_i;
+            for (unsigned int c = r + 1; c < s_i; ++c) w[c] = T(0);
+        }
+        std::memcpy(static_cast<void*>(Lii), W, static_cast<unsigned long>(s_i) * p_i * sizeof(T));
+    }
+
+    // Every diagonal LD block: L_ii·D_i.
+    for (unsigned int i = 0; i < nb; ++i) f.scaled(rowStart[i + 1] - 1, i, i);
+
+    data.isFactored = 1;
+    now = kiv::Timer::ticks();
+    factorTime = setupTime + static_cast<double>(now - numericStart) * kiv::Timer::clockSpeed();
+    solveTime = 0.0;
+}
+
+template unsigned int Tamber::estimateWork<float>(TamberData<float>&, unsigned int*);
+template unsigned int Tamber::estimateWork<double>(TamberData<double>&, unsigned int*);
+template void Tamber::factorSerial<float>(TamberData<float>&);
+template void Tamber::factorSerial<double>(TamberData<double>&);
+
+}  // namespace kivTamber

@@ -1,0 +1,528 @@
+// Triangular and diagonal solves with a finished factorization, and the solve driver of Tamber.
+#include "TamberSolve.h"
+
+#include <emmintrin.h>
+#include <kiv/Timer.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <type_traits>
+
+#include "Kernels.h"
+
+namespace kivTamber {
+namespace {
+
+// Sum of the two lanes: even part + odd part.
+inline double laneSum(__m128d v) {
+    return _mm_cvtsd_f64(_mm_add_sd(v, _mm_unpackhi_pd(v, v)));
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Paired (two-lane) column kernels of the double solves. Preconditions of TamberSolve.h: even leading
+// dimensions, zero padding, and one more entry of x after every slice that is processed with an odd size.
+// ---------------------------------------------------------------------------------------------------------
+
+// x_j ← x_j − Bᵀ·x_i for an s_i × s_j tile B (leading dimension ld), two r and two q at a time.
+inline void forwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xi, unsigned int si,
+                                     double* xj, unsigned int sj) {
+    for (unsigned int r = 0; r < sj; r += 2) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        __m128d a0 = _mm_setzero_pd();
+        __m128d a1 = _mm_setzero_pd();
+        for (unsigned int q = 0; q < si; q += 2) {
+            const __m128d v = _mm_loadu_pd(xi + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));  // B(q, r)·x_i(q)
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));  // B(q, r+1)·x_i(q)
+        }
+        xj[r] -= laneSum(a0);
+        xj[r + 1] -= laneSum(a1);
+    }
+}
+
+// x_j ← U_jj⁻ᵀ·x_j with the unit upper tile U (leading dimension ld), two r and two q at a time. Pair
+// (r, r+1) sums over q < r in pairs; x_j(r+1) then also takes U(r, r+1)·x_j(r). The diagonal is not read.
+inline void forwardDiagonalPaired(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    for (unsigned int r = 0; r < sj; r += 2) {
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        __m128d a0 = _mm_setzero_pd();
+        __m128d a1 = _mm_setzero_pd();
+        for (unsigned int q = 0; q < r; q += 2) {
+            const __m128d v = _mm_loadu_pd(xj + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(u0 + q), v));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(u1 + q), v));
+        }
+        xj[r] -= laneSum(a0);
+        xj[r + 1] -= laneSum(a1) + u1[r] * xj[r];
+    }
+}
+
+// x_j ← U_jj⁻¹·x_j with the upper tile U (leading dimension ld), dividing by its stored diagonal. An odd top
+// row is divided alone (its padding partner has a zero diagonal); the rest runs in pairs (r, r+1) from the
+// bottom, each pair then updating the rows above it two at a time.
+inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    unsigned int r = sj;
+    if (sj & 1u) {
+        r = sj - 1;
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        xj[r] /= u0[r];
+        const __m128d s0 = _mm_set1_pd(xj[r]);
+        for (unsigned int q = 0; q < r; q += 2)
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), _mm_mul_pd(_mm_loadu_pd(u0 + q), s0)));
+    }
+    while (r >= 2) {
+        r -= 2;
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        xj[r + 1] /= u1[r + 1];
+        xj[r] -= u1[r] * xj[r + 1];
+        xj[r] /= u0[r];
+        const __m128d s0 = _mm_set1_pd(xj[r]);
+        const __m128d s1 = _mm_set1_pd(xj[r + 1]);
+        for (unsigned int q = 0; q < r; q += 2) {
+            const __m128d t =
+                _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(u0 + q), s0), _mm_mul_pd(_mm_loadu_pd(u1 + q), s1));
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), t));
+        }
+    }
+}
+
+// x_i ← x_i − B·x_j for an s_i × s_j tile B (leading dimension ld): for each pair of q the products over
+// pairs of r are accumulated and subtracted once.
+inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xj, unsigned int sj,
+                                      double* xi, unsigned int si) {
+    for (unsigned int q = 0; q < si; q += 2) {
+        __m128d acc = _mm_setzero_pd();
+        for (unsigned int r = 0; r < sj; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), _mm_set1_pd(xj[r])));  // B(q.., r)·x_j(r)
+            acc = _mm_add_pd(
+                acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), _mm_set1_pd(xj[r + 1])));  // B(q.., r+1)·x_j(r+1)
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Scalar column kernels (no padding touched).
+// ---------------------------------------------------------------------------------------------------------
+
+// Forward solve of column j restricted to its first m rows: x_j(r) −= B_ij(q, r)·x_i(q) over all q < s_i for
+// every off-diagonal tile, then the unit triangular solve of rows 1 … m−1; term by term.
+void forwardColumnScalar(const SparseMatrix<double>& U, double* x, unsigned int j, unsigned int m) {
+    const unsigned int diag = U.colPointers[j + 1] - 1;
+    double* xj = x + U.blockOffsets[j];
+    for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+        const unsigned int i = U.rowIndices[k];
+        const double* B = U.blockPointers[k];
+        const unsigned int ld = U.blockStrides[i];
+        const unsigned int si = U.blockSizes[i];
+        const double* xi = x + U.blockOffsets[i];
+        for (unsigned int r = 0; r < m; ++r) {
+            const double* b = B + static_cast<unsigned long>(r) * ld;
+            for (unsigned int q = 0; q < si; ++q) xj[r] -= b[q] * xi[q];  // x_j(r) −= B(q, r)·x_i(q)
+        }
+    }
+    const double* D = U.blockPointers[diag];
+    const unsigned int ld = U.blockStrides[j];
+    for (unsigned int r = 1; r < m; ++r) {
+        const double* u = D + static_cast<unsigned long>(r) * ld;
+        for (unsigned int q = 0; q < r; ++q) xj[r] -= u[q] * xj[q];  // x_j(r) −= U(q, r)·x_j(q)
+    }
+}
+
+// Backward solve of column j with scalar loops: the diagonal tile from the bottom row, then the off-diagonal
+// tiles with r outermost and q innermost.
+void backwardColumnScalar(const SparseMatrix<double>& U, double* x, unsigned int j) {
+    const unsigned int diag = U.colPointers[j + 1] - 1;
+    const unsigned int sj = U.blockSizes[j];
+    double* xj = x + U.blockOffsets[j];
+    const double* D = U.blockPointers[diag];
+    const unsigned int ldj = U.blockStrides[j];
+    for (unsigned int r = sj; r-- > 0;) {
+        const double* u = D + static_cast<unsigned long>(r) * ldj;
+        xj[r] /= u[r];
+        for (unsigned int q = 0; q < r; ++q) xj[q] -= u[q] * xj[r];  // x_j(q) −= U(q, r)·x_j(r)
+    }
+    for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+        const unsigned int i = U.rowIndices[k];
+        const double* B = U.blockPointers[k];
+        const unsigned int ld = U.blockStrides[i];
+        const unsigned int si = U.blockSizes[i];
+        double* xi = x + U.blockOffsets[i];
+        for (unsigned int r = 0; r < sj; ++r) {
+            const double* b = B + static_cast<unsigned long>(r) * ld;
+            for (unsigned int q = 0; q < si; ++q) xi[q] -= b[q] * xj[r];  // x_i(q) −= B(q, r)·x_j(r)
+        }
+    }
+}
+
+// Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.
+inline unsigned int rowsBelow(const SparseMatrix<double>& U, unsigned int j, unsigned int limit) {
+    const unsigned int off = U.blockOffsets[j];
+    if (limit <= off) return 0;
+    const unsigned int m = limit - off;
+    return m < U.blockSizes[j] ? m : U.blockSizes[j];
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Block kernels of the driver's solves. The float forms are the dense kernels; the double forms are the same
+// loops written out (the dense kernel family has no double overloads of these four). A row-major view of a
+// container tile (i, j) with leading dimension blockStrides[i] is its transpose, L(j, i).
+// ---------------------------------------------------------------------------------------------------------
+
+// y(n) −= A·x, A n×m row-major (lda).
+inline void subtractAX(const float* A, int lda, const float* x, float* y, int n, int m) {
+    tamber_MV_YM_AX(A, lda, x, y, n, m);
+}
+inline void subtractAX(const double* A, int lda, const double* x, double* y, int n, int m) {
+    for (int i = 0; i < n; ++i) {
+        const double* a = A + static_cast<long>(i) * lda;
+        for (int j = 0; j < m; ++j) y[i] -= a[j] * x[j];
+    }
+}
+
+// y(m) −= Aᵀ·x, A n×m row-major (lda).
+inline void subtractAtX(const float* A, int lda, const float* x, float* y, int n, int m) {
+    tamber_MV_YM_AtX(A, lda, x, y, n, m);
+}
+inline void subtractAtX(const double* A, int lda, const double* x, double* y, int n, int m) {
+    for (int i = 0; i < n; ++i) {
+        const double* a = A + static_cast<long>(i) * lda;
+        const double s = x[i];
+        for (int j = 0; j < m; ++j) y[j] -= a[j] * s;
+    }
+}
+
+// x ← L⁻¹·x, L unit lower row-major (ld), diagonal not read.
+inline void solveUnitLower(const float* L, int ld, float* x, int n) {
+    tamber_SV_TRIL_UD(L, ld, x, n);
+}
+inline void solveUnitLower(const double* L, int ld, double* x, int n) {
+    for (int i = 1; i < n; ++i) {
+        const double* l = L + static_cast<long>(i) * ld;
+        for (int j = 0; j < i; ++j) x[i] -= l[j] * x[j];
+    }
+}
+
+// x ← L⁻ᵀ·x, L lower row-major (ld) with its diagonal.
+inline void solveLowerTransposed(const float* L, int ld, float* x, int n) {
+    tamber_SV_TRILt(L, ld, x, n);
+}
+inline void solveLowerTransposed(const double* L, int ld, double* x, int n) {
+    for (int i = n - 1; i >= 0; --i) {
+        const double* l = L + static_cast<long>(i) * ld;
+        x[i] = x[i] / l[i];
+        for (int j = 0; j < i; ++j) x[j] -= l[j] * x[i];
+    }
+}
+
+template <typename T>
+constexpr T solveEpsilon();
+template <>
+constexpr float solveEpsilon<float>() {
+    return 1.1920929e-07f;
+}
+template <>
+constexpr double solveEpsilon<double>() {
+    return 2.220446049250313e-16;
+}
+
+// First block column of M whose slice of x holds an entry with |x_k| ≥ eps; n−1 when there is none.
+template <typename T>
+unsigned int firstNonzeroBlock(const SparseMatrix<T>& M, const T* x, T eps) {
+    const unsigned int n = static_cast<unsigned int>(M.numBlockCols);
+    for (unsigned int j = 0; j < n; ++j) {
+        const T* xj = x + M.blockOffsets[j];
+        for (unsigned int k = 0; k < M.blockSizes[j]; ++k)
+            if (std::fabs(xj[k]) >= eps) return j;
+    }
+    return n - 1;
+}
+
+// x_j ← x_j − B_ijᵀ·x_i for container block k of column j (forward pass of the driver's solves).
+template <typename T>
+inline void forwardBlock(const SparseMatrix<T>& L, unsigned int k, T* xj, unsigned int sj, T* x) {
+    const unsigned int i = L.rowIndices[k];
+    subtractAX(L.blockPointers[k], static_cast<int>(L.blockStrides[i]), x + L.blockOffsets[i], xj,
+               static_cast<int>(sj), static_cast<int>(L.blockSizes[i]));
+}
+
+// x_i ← x_i − B_ij·x_j for container block k of column j (backward pass of the driver's solves).
+template <typename T>
+inline void backwardBlock(const SparseMatrix<T>& LD, unsigned int k, const T* xj, unsigned int sj, T* x) {
+    const unsigned int i = LD.rowIndices[k];
+    subtractAtX(LD.blockPointers[k], static_cast<int>(LD.blockStrides[i]), xj, x + LD.blockOffsets[i],
+                static_cast<int>(sj), static_cast<int>(LD.blockSizes[i]));
+}
+
+// The factorization the solves run when data.isFactored is 0.
+template <typename T>
+void factorIfNeeded(Tamber& driver, TamberData<T>& data) {
+    if (!data.isFactored) driver.factorSerial<T>(data);
+}
+
+// Scalar dimension N of the input matrix, 0 when it has no block column.
+template <typename T>
+unsigned long scalarDimension(const SparseMatrix<T>& M) {
+    return M.numBlockCols == 0 ? 0 : M.blockSizes[M.numBlockCols];
+}
+
+// The float solve of Tamber::solve<float>.
+bool solveFloat(Tamber& driver, TamberData<float>& data, float* x) {
+    factorIfNeeded(driver, data);
+    const std::uint64_t start = kiv::Timer::ticks();
+    const SparseMatrix<float>& L = data.factor;
+    const SparseMatrix<float>& LD = data.scaledFactor;
+    if (L.numBlockCols == 0 || L.numBlocks == 0) return false;
+    const unsigned int n = static_cast<unsigned int>(L.numBlockCols);
+
+    // Forward pass over L from the first column with a non-negligible entry.
+    for (unsigned int j = firstNonzeroBlock(L, x, solveEpsilon<float>()); j < n; ++j) {
+        const unsigned int sj = L.blockSizes[j];
+        float* xj = x + L.blockOffsets[j];
+        const unsigned int diag = L.colPointers[j + 1] - 1;
+        for (unsigned int k = L.colPointers[j]; k < diag; ++k) forwardBlock(L, k, xj, sj, x);
+        solveUnitLower(L.blockPointers[diag], static_cast<int>(L.blockStrides[j]), xj, static_cast<int>(sj));
+    }
+    // Backward pass over L·D, every column: the diagonal tile divides by the pivots.
+    for (unsigned int j = n; j-- > 0;) {
+        const unsigned int sj = LD.blockSizes[j];
+        float* xj = x + LD.blockOffsets[j];
+        const unsigned int diag = LD.colPointers[j + 1] - 1;
+        solveLowerTransposed(LD.blockPointers[diag], static_cast<int>(LD.blockStrides[j]), xj,
+                             static_cast<int>(sj));
+        for (unsigned int k = LD.colPointers[j]; k < diag; ++k) backwardBlock(LD, k, xj, sj, x);
+    }
+    driver.solveTime += kiv::Timer::seconds(start, kiv::Timer::ticks());
+    return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// TamberSolve
+// ---------------------------------------------------------------------------------------------------------
+
+namespace TamberSolve {
+
+bool forwardSolve(const SparseMatrix<double>& U, double* x) {
+    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
+    if (n == 0) return true;
+    // The last column runs scalar when its size is odd: its padding column would write past the end of x.
+    const unsigned int paired = (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
+    for (unsigned int j = 0; j < paired; ++j) {
+        const unsigned int sj = U.blockSizes[j];
+        double* xj = x + U.blockOffsets[j];
+        const unsigned int diag = U.colPointers[j + 1] - 1;
+        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k];
+            forwardOffDiagonalPaired(U.blockPointers[k], U.blockStrides[i], x + U.blockOffsets[i],
+                                     U.blockSizes[i], xj, sj);
+        }
+        forwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], xj, sj);
+    }
+    if (paired < n) forwardColumnScalar(U, x, n - 1, U.blockSizes[n - 1]);
+    return true;
+}
+
+bool forwardSolve(const SparseMatrix<double>& U, DenseVector<double>& x, unsigned int limit,
+                  unsigned int startBlock) {
+    const unsigned long n = U.numBlockCols;
+    for (unsigned int j = startBlock; j < n; ++j) {
+        forwardColumnScalar(U, x.data, j, rowsBelow(U, j, limit));
+        if (U.blockOffsets[j] + U.blockSizes[j] >= limit) break;  // this column reaches limit: the last one
+    }
+    return true;
+}
+
+bool forwardSolve(const SparseMatrix<double>& U, DenseVector<double>& x, unsigned int limit,
+                  std::set<unsigned int>& blocks, const EliminationTree* tree) {
+    if (blocks.empty()) return true;
+    auto it = blocks.begin();
+    if (limit < U.blockOffsets[*it]) return true;
+    for (;;) {
+        const unsigned int j = *it;
+        forwardColumnScalar(U, x.data, j, rowsBelow(U, j, limit));
+        const unsigned int p = tree->parent[j];
+        if (p != j) blocks.insert(p);  // p > j: the walk below reaches it
+        ++it;
+        if (it == blocks.end() || U.blockOffsets[*it] > limit) break;
+    }
+    return true;
+}
+
+bool diagSolve(const DenseVector<double>& D, double* x) {
+    const unsigned int n = static_cast<unsigned int>(D.size);
+    const double* d = D.data;
+    for (unsigned int k = 0; k < n; ++k) x[k] = x[k] / d[k];
+    return true;
+}
+
+bool diagSolve(const DenseVector<double>& D, DenseVector<double>& x) {
+    if (x.size != D.size) return false;
+    return diagSolve(D, x.data);
+}
+
+bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
+    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
+    if (n == 0) return true;
+    unsigned int j = n;
+    // An odd last column first, scalar: its padding column would read past the end of x.
+    if (U.blockSizes[n - 1] & 1u) backwardColumnScalar(U, x, --j);
+    while (j-- > 0) {
+        const unsigned int sj = U.blockSizes[j];
+        double* xj = x + U.blockOffsets[j];
+        const unsigned int diag = U.colPointers[j + 1] - 1;
+        backwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], xj, sj);
+        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k];
+            backwardOffDiagonalPaired(U.blockPointers[k], U.blockStrides[i], xj, sj, x + U.blockOffsets[i],
+                                      U.blockSizes[i]);
+        }
+    }
+    return true;
+}
+
+bool solve(const TamberData<double>& data, double* x) {
+    forwardSolve(data.factor, x);
+    diagSolve(data.diagonal, x);
+    backwardTSolve(data.factor, x);
+    return true;
+}
+
+bool solve(const TamberData<double>& data, DenseVector<double>& x) {
+    forwardSolve(data.factor, x.data);
+    diagSolve(data.diagonal, x);
+    backwardTSolve(data.factor, x.data);
+    return true;
+}
+
+}  // namespace TamberSolve
+
+// ---------------------------------------------------------------------------------------------------------
+// Tamber: solve driver
+// ---------------------------------------------------------------------------------------------------------
+
+template <typename T>
+bool Tamber::solve(TamberData<T>& data, T* x) {
+    if constexpr (std::is_same<T, double>::value) {
+        // Deliberately untimed and without on-demand factoring (see TamberSolve::solve).
+        return TamberSolve::solve(data, x);
+    } else {
+        return solveFloat(*this, data, x);
+    }
+}
+
+template <typename T>
+bool Tamber::solve(TamberData<T>& data, const T* b, T* x) {
+    const unsigned long N = scalarDimension(data.matrix);
+    if (N > 0 && b != x) std::memmove(x, b, N * sizeof(T));
+    return solve<T>(data, x);
+}
+
+template <typename T>
+unsigned long Tamber::unitSolve(TamberData<T>& data, T* x, int start) {
+    factorIfNeeded(*this, data);
+    const SparseMatrix<T>& L = data.factor;
+    const SparseMatrix<T>& LD = data.scaledFactor;
+    if (L.numBlockCols == 0) return 0;
+    const unsigned int n = static_cast<unsigned int>(L.numBlockCols);
+    const unsigned long N = L.blockSizes[n];
+    if (L.numBlocks == 0) return N;
+
+    const std::uint64_t clockStart = kiv::Timer::ticks();
+    unsigned char* marks = data.scratchPad.getUCharArray(0, n);
+    std::memset(marks, 0, n);
+    unsigned int* path =
+        reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(TamberSolve::unitSolvePathSlot, n));
+
+    // Start block s.
+    unsigned int s = 0;
+    if (start < 0) {
+        s = firstNonzeroBlock(L, x, solveEpsilon<T>());
+    } else if (start > 0) {
+        unsigned long end = L.blockSizes[0];  // blockOffsets[s] + s_s
+        while (end < static_cast<unsigned long>(start) && s + 1 < n) end += L.blockSizes[++s];
+    }
+
+    // Path s → root, marked.
+    unsigned int length = 0;
+    unsigned int j = s;
+    for (;;) {
+        path[length++] = j;
+        marks[j] = 1;
+        const unsigned int p = data.etree.parent[j];
+        if (p == j || length == n) break;
+        j = p;
+    }
+
+    unsigned long lowest = N;
+    // Forward pass over L along the path; sources from unmarked blocks are skipped.
+    for (unsigned int t = 0; t < length; ++t) {
+        j = path[t];
+        const unsigned int sj = L.blockSizes[j];
+        T* xj = x + L.blockOffsets[j];
+        const unsigned int diag = L.colPointers[j + 1] - 1;
+        for (unsigned int k = L.colPointers[j]; k < diag; ++k)
+            if (marks[L.rowIndices[k]]) forwardBlock(L, k, xj, sj, x);
+        solveUnitLower(L.blockPointers[diag], static_cast<int>(L.blockStrides[j]), xj, static_cast<int>(sj));
+        if (L.blockOffsets[j] < lowest) lowest = L.blockOffsets[j];
+    }
+    // Backward pass over L·D from the root down; the marks spread to every block that is updated.
+    for (j = path[length - 1] + 1; j-- > 0;) {
+        if (!marks[j]) continue;
+        const unsigned int sj = LD.blockSizes[j];
+        T* xj = x + LD.blockOffsets[j];
+        const unsigned int diag = LD.colPointers[j + 1] - 1;
+        solveLowerTransposed(LD.blockPointers[diag], static_cast<int>(LD.blockStrides[j]), xj,
+                             static_cast<int>(sj));
+        if (LD.blockOffsets[j] < lowest) lowest = LD.blockOffsets[j];
+        for (unsigned int k = LD.colPointers[j]; k < diag; ++k) {
+            const unsigned int i = LD.rowIndices[k];
+            marks[i] = 1;
+            backwardBlock(LD, k, xj, sj, x);
+            if (LD.blockOffsets[i] < lowest) lowest = LD.blockOffsets[i];
+        }
+    }
+    solveTime += kiv::Timer::seconds(clockStart, kiv::Timer::ticks());
+    return lowest;
+}
+
+void Tamber::iterativeRefinement(TamberData<double>& data, const double* b, double* x, int maxIterations) {
+    if (maxIterations <= 0) return;
+    const unsigned long N = scalarDimension(data.matrix);
+    double* r = data.scratchPad.getDoubleArray(TamberSolve::refinementResidualSlot, N);
+    double* x0 = data.scratchPad.getDoubleArray(TamberSolve::refinementEntrySlot, N);
+    if (N > 0) std::memcpy(x0, x, N * sizeof(double));
+    double previousNorm = 1.0e9;
+    for (int iteration = 0; iteration < maxIterations; ++iteration) {
+        data.matrix.multiply(x, r);
+        double sum = 0.0;
+        for (unsigned long k = 0; k < N; ++k) {
+            r[k] = b[k] - r[k];  // r = b − A·x
+            sum += r[k] * r[k];
+        }
+        const double norm = std::sqrt(sum);
+        if (norm > previousNorm) {
+            // Diverging: back to the entry value of x, not to the previous iterate.
+            if (N > 0) std::memcpy(x, x0, N * sizeof(double));
+            return;
+        }
+        previousNorm = norm;
+        solve<double>(data, r);  // δ = A⁻¹·r
+        for (unsigned long k = 0; k < N; ++k) x[k] += r[k];
+    }
+}
+
+template bool Tamber::solve<float>(TamberData<float>&, float*);
+template bool Tamber::solve<double>(TamberData<double>&, double*);
+template bool Tamber::solve<float>(TamberData<float>&, const float*, float*);
+template bool Tamber::solve<double>(TamberData<double>&, const double*, double*);
+template unsigned long Tamber::unitSolve<float>(TamberData<float>&, float*, int);
+template unsigned long Tamber::unitSolve<double>(TamberData<double>&, double*, int);
+
+}  // namespace kivTamber

@@ -1,0 +1,216 @@
+#include "Tree.h"
+
+#include <kiv/ByteAllocator.h>
+
+#include <cstdio>
+#include <cstring>
+
+#include "EliminationTree.h"
+
+namespace kivTamber {
+
+// ---------------------------------------------------------------------------------------------------------
+// Marks
+
+Marks::Marks() : flags(nullptr), list(nullptr), count(0), size(0), markCapacity(0) {}
+
+Marks::~Marks() {
+    releaseMemory();
+}
+
+void Marks::grow(unsigned int n) {
+    releaseMemory();
+    flags = kiv::allocateArray<unsigned char>(n);
+    list = kiv::allocateArray<unsigned int>(n);
+    std::memset(flags, 0, n);
+    count = 0;
+    markCapacity = n;
+}
+
+void Marks::clear() {
+    while (count > 0) flags[list[--count]] = 0;
+}
+
+void Marks::copyFrom(const Marks& other) {
+    if (other.size > markCapacity) grow(other.size);
+    count = other.count;
+    size = other.size;
+    if (other.size > 0) {
+        std::memcpy(flags, other.flags, other.size);
+        std::memcpy(list, other.list, other.size * sizeof(unsigned int));
+    }
+}
+
+void Marks::releaseMemory() {
+    kiv::deallocateArray(flags, markCapacity);
+    kiv::deallocateArray(list, markCapacity);
+    flags = nullptr;
+    list = nullptr;
+    count = 0;
+    markCapacity = 0;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Tree
+
+Tree::Tree()
+    : parent(nullptr), firstChild(nullptr), sibling(nullptr), postOrder(nullptr), numNodes(0), capacity(0) {}
+
+Tree::~Tree() {
+    // A virtual call here would reach Tree's own version anyway; the derived part has released itself.
+    Tree::releaseMemory();
+}
+
+void Tree::clear() {
+    for (unsigned int x = 0; x < capacity; ++x) {
+        parent[x] = x;
+        postOrder[x] = x;
+        firstChild[x] = noNode;
+        sibling[x] = noNode;
+    }
+    marks.clear();
+    roots.clear();
+}
+
+void Tree::print() {
+    std::printf("Sets (%u):\n", numNodes);
+    std::fflush(stdout);
+    std::printf("Node\tParent\t1.chld\tSibl.\tPost Ordering\n");
+    std::fflush(stdout);
+    for (unsigned int x = 0; x < numNodes; ++x) {
+        std::printf("%u\t%u\t%d\t%d\t%d\n", x, parent[x], static_cast<int>(firstChild[x]),
+                    static_cast<int>(sibling[x]), static_cast<int>(postOrder[x]));
+        std::fflush(stdout);
+    }
+}
+
+void Tree::allocateMemory(unsigned int n) {
+    parent = kiv::allocateArray<unsigned int>(n);
+    firstChild = kiv::allocateArray<unsigned int>(n);
+    sibling = kiv::allocateArray<unsigned int>(n);
+    postOrder = kiv::allocateArray<unsigned int>(n);
+    if (n > marks.markCapacity) marks.grow(n);
+    marks.size = n;
+    capacity = n;
+    clear();
+}
+
+void Tree::releaseMemory() {
+    kiv::deallocateArray(parent, capacity);
+    kiv::deallocateArray(firstChild, capacity);
+    kiv::deallocateArray(sibling, capacity);
+    kiv::deallocateArray(postOrder, capacity);
+    parent = nullptr;
+    firstChild = nullptr;
+    sibling = nullptr;
+    postOrder = nullptr;
+}
+
+void Tree::computeTreeStructure() {
+    // Head insertion in descending order yields the same ascending lists as tail appends in ascending order
+    // (the lists start empty), without walking to the tail of a long list.
+    for (unsigned int x = numNodes; x-- > 0;) {
+        const unsigned int p = parent[x];
+        if (p != x) {
+            sibling[x] = firstChild[p];
+            firstChild[p] = x;
+        }
+    }
+    for (unsigned int x = 0; x < numNodes; ++x) {
+        if (parent[x] == x) roots.push_back(x);
+    }
+}
+
+void Tree::computePostOrder() {
+    enum : unsigned char { fresh = 0, onStack = 1, finished = 2 };
+    unsigned char* state = marks.flags;
+    kiv::VectorPOD<unsigned int> stack;  // used at its back end only
+    stack.reserve(numNodes);
+    unsigned int counter = 0;
+    for (unsigned long r = 0; r < roots.size(); ++r) {
+        const unsigned int root = roots[r];
+        if (state[root] != fresh || parent[root] != root) continue;
+        state[root] = onStack;
+        stack.push_back(root);
+        while (!stack.empty()) {
+            const unsigned int t = stack.back();
+            const unsigned int head = firstChild[t];
+            if (head != noNode && state[head] != finished) {
+                // Push the whole list; its last child ends on top and is numbered first.
+                for (unsigned int c = head; c != noNode; c = sibling[c]) {
+                    state[c] = onStack;
+                    stack.push_back(c);
+                }
+            } else {
+                postOrder[t] = counter++;
+                state[t] = finished;
+                stack.pop_back();
+            }
+        }
+    }
+    if (marks.markCapacity > 0) std::memset(marks.flags, 0, marks.markCapacity);
+    marks.count = 0;
+}
+
+void Tree::computeSafePostOrder(Graph& graph) {
+    for (unsigned int x = 0; x < numNodes; ++x) postOrder[x] = noNode;
+    for (unsigned int v = 0; v < graph.numNodes; ++v) {
+        Graph::NodeInfo& info = graph.nodeInfo[v];
+        info.tag = (info.flags & Graph::typeMask) == Graph::bodyNode ? 1 : 0;
+    }
+    unsigned int counter = 0;
+    for (unsigned long r = 0; r < roots.size(); ++r) dfsHandleNode(roots[r], counter, graph);
+}
+
+bool Tree::dfsHandleNode(unsigned int node, unsigned int& counter, Graph& graph) {
+    bool childrenSafe = true;
+    for (unsigned int c = firstChild[node]; c != noNode; c = sibling[c]) {
+        childrenSafe = dfsHandleNode(c, counter, graph) && childrenSafe;  // every child, no early stop
+    }
+    if (!childrenSafe) {
+        // A postponed child waits for this node: number it, make its neighbours safe, retry the children.
+        graph.tagNeighbors(node, 1);
+        postOrder[node] = counter++;
+        for (unsigned int c = firstChild[node]; c != noNode; c = sibling[c]) {
+            if (postOrder[c] == noNode) dfsHandleNode(c, counter, graph);
+        }
+    }
+    if (postOrder[node] != noNode) return true;
+
+    const bool isBody = (graph.nodeInfo[node].flags & Graph::typeMask) == Graph::bodyNode;
+    if (graph.nodeInfo[node].tag == 0) {
+        const unsigned int p = parent[node];
+        if (sibling[firstChild[p]] != noNode) return false;  // postponed until p is numbered
+        // Only child: the parent precedes its unsafe child.
+        postOrder[p] = counter;
+        postOrder[node] = counter + 1;
+        counter += 2;
+        graph.tagNeighbors(p, 1);
+        if (isBody) graph.tagNeighbors(node, 1);
+        return true;
+    }
+    postOrder[node] = counter++;
+    if (isBody) graph.tagNeighbors(node, 1);
+    return true;
+}
+
+Tree& Tree::operator=(const Tree& other) {
+    if (this == &other) return *this;
+    if (other.numNodes > capacity) {
+        releaseMemory();
+        allocateMemory(other.numNodes);
+    }
+    numNodes = other.numNodes;
+    const std::size_t bytes = static_cast<std::size_t>(numNodes) * sizeof(unsigned int);
+    if (bytes > 0) {
+        std::memcpy(parent, other.parent, bytes);
+        std::memcpy(postOrder, other.postOrder, bytes);
+        std::memcpy(firstChild, other.firstChild, bytes);
+        std::memcpy(sibling, other.sibling, bytes);
+    }
+    marks.copyFrom(other.marks);
+    roots = other.roots;
+    return *this;
+}
+
+}  // namespace kivTamber

@@ -1,0 +1,348 @@
+// EliminationTree and TreeUpdate: the tree of a block pattern against dense symbolic elimination, the rank
+// rule, node edits, the parent implied by a numeric factor, validation, print and copy.
+#include "EliminationTree.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "SkeletonMatrix.h"
+#include "SparseTypes.h"
+#include "TamberUtils.h"
+#include "TreeUpdate.h"
+#include "testing/Patterns.h"
+
+using namespace kivTamber;
+
+namespace {
+
+constexpr unsigned int kNone = Tree::noNode;
+
+void fillSkeleton(SkeletonMatrix& S, const std::vector<std::vector<unsigned int>>& lists) {
+    unsigned long entries = 0;
+    for (const auto& l : lists) entries += l.size();
+    S.resize(lists.size(), entries, false);
+    unsigned int k = 0;
+    for (size_t j = 0; j < lists.size(); ++j) {
+        S.colPointers[j] = k;
+        for (unsigned int i : lists[j]) S.rowIndices[k++] = i;
+    }
+    S.colPointers[lists.size()] = k;
+}
+
+void sized(EliminationTree& t, unsigned int n) {
+    t.allocateMemory(n);
+    t.numNodes = n;
+}
+
+std::vector<unsigned int> parents(const Tree& t) {
+    return {t.parent, t.parent + t.numNodes};
+}
+
+std::vector<unsigned int> childList(const Tree& t, unsigned int p) {
+    std::vector<unsigned int> out;
+    for (unsigned int c = t.firstChild[p]; c != kNone; c = t.sibling[c]) out.push_back(c);
+    return out;
+}
+
+// Textbook union by rank (the surviving root gains rank), for contrast with the library's rule.
+std::vector<unsigned int> textbookTree(const SkeletonMatrix& S) {
+    const unsigned int n = static_cast<unsigned int>(S.n);
+    std::vector<unsigned int> parent(n), link(n), rank(n, 0);
+    for (unsigned int x = 0; x < n; ++x) parent[x] = link[x] = x;
+    auto root = [&](unsigned int x) {
+        while (link[x] != x) x = link[x];
+        return x;
+    };
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int e = S.colPointers[j]; e < S.colPointers[j + 1] && S.rowIndices[e] <= j; ++e) {
+            const unsigned int r1 = root(S.rowIndices[e]), r2 = root(j);
+            if (r1 == r2) continue;
+            if (rank[r1] > rank[r2]) {
+                parent[r2] = link[r2] = r1;
+            } else {
+                parent[r1] = link[r1] = r2;
+                if (rank[r1] == rank[r2]) ++rank[r2];
+            }
+        }
+    }
+    return parent;
+}
+
+}  // namespace
+
+TEST(EliminationTree, ComputeTreeMatchesDenseSymbolicElimination) {
+    std::mt19937 rng(2024);
+    EliminationTree t;
+    sized(t, 1);
+    for (unsigned long seed = 1; seed <= 300; ++seed) {
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        const unsigned int n = 1 + static_cast<unsigned int>(seed % 61);
+        const double density = 0.5 + static_cast<double>(seed % 7);
+        const testing::BlockPattern p = seed % 3 == 0
+                                            ? testing::randomSaddlePattern(n, n - n / 3, density, seed)
+                                            : testing::randomPattern(n, density, seed);
+        std::vector<unsigned int> active(n, 1);
+        if (seed % 2 == 0)
+            for (unsigned int x = 0; x < n; ++x) active[x] = rng() % 4 != 0;
+        // The reference sees the pattern without the couplings of inactive nodes.
+        testing::BlockPattern reduced(n);
+        for (unsigned int i = 0; i < n; ++i)
+            for (unsigned int j = 0; j < i; ++j)
+                if (p(i, j) && active[i] && active[j]) reduced.couple(i, j);
+        const std::vector<unsigned int> expected =
+            testing::eliminationParent(testing::symbolicFactor(reduced));
+
+        SkeletonMatrix S;
+        testing::toSkeleton(p, S);
+        if (seed % 5 == 0) {
+            // Entries below the diagonal, stored after it, must not be read.
+            std::vector<std::vector<unsigned int>> lists(n);
+            for (unsigned int j = 0; j < n; ++j) {
+                lists[j].assign(S.rowIndices + S.colPointers[j], S.rowIndices + S.colPointers[j + 1]);
+                for (unsigned int i = j + 1; i < n; i += 1 + rng() % 3) lists[j].push_back(i);
+            }
+            fillSkeleton(S, lists);
+        }
+        if (t.capacity < n) {
+            t.releaseMemory();
+            sized(t, n);
+        }
+        t.numNodes = n;
+        TreeUpdate::computeTree(&t, S, active.data());
+        ASSERT_EQ(parents(t), expected);
+        for (unsigned int x = 0; x < n; ++x) {
+            const unsigned int px = t.parent[x];
+            if (px != x) {
+                EXPECT_GT(px, x);
+                EXPECT_TRUE(active[x] && active[px]);
+            }
+            if (px == x) {
+                EXPECT_EQ(t.rank[x], 0u) << "root " << x;
+            }
+            // colParent leads to an ancestor (or x itself for a root) and ends at x's root.
+            unsigned int root = x;
+            while (t.parent[root] != root) root = t.parent[root];
+            unsigned int a = x;
+            while (a != t.colParent[x] && t.parent[a] != a) a = t.parent[a];
+            EXPECT_EQ(a, t.colParent[x]);
+            EXPECT_EQ(t.findRoot(x), root);
+        }
+    }
+}
+
+TEST(EliminationTree, RankRuleKeepsParentsAboveChildren) {
+    // Tridiagonal pattern: the elimination tree is the chain parent[j] = j + 1.
+    SkeletonMatrix S;
+    fillSkeleton(S, {{0}, {0, 1}, {1, 2}, {2, 3}});
+    const std::vector<unsigned int> active(4, 1);
+    EliminationTree t;
+    sized(t, 4);
+    TreeUpdate::computeTree(&t, S, active.data());
+    EXPECT_EQ(parents(t), (std::vector<unsigned int>{1, 2, 3, 3}));
+    for (unsigned int x = 0; x < 4; ++x) {
+        if (t.parent[x] == x) {
+            EXPECT_EQ(t.rank[x], 0u) << "root " << x;
+        }
+    }
+    // Incrementing the surviving root's rank would let root 1 (rank 1) absorb node 2: parent[2] = 1 < 2.
+    const std::vector<unsigned int> textbook = textbookTree(S);
+    EXPECT_EQ(textbook[2], 1u);
+    EXPECT_NE(textbook, parents(t));
+}
+
+TEST(TreeUpdate, EditsRelinkChildLists) {
+    EliminationTree t;
+    sized(t, 8);
+    // 5 has children 0, 1, 2 (inserted at the head in reverse); 6 has 3, 4.
+    for (unsigned int c : {2u, 1u, 0u}) TreeUpdate::insertChild(&t, c, 5);
+    for (unsigned int c : {4u, 3u}) TreeUpdate::insertChild(&t, c, 6);
+    EXPECT_EQ(childList(t, 5), (std::vector<unsigned int>{0, 1, 2}));
+
+    TreeUpdate::insertChild(&t, 7, 5);  // the new child leads the list
+    EXPECT_EQ(t.firstChild[5], 7u);
+    EXPECT_EQ(t.parent[7], 5u);
+
+    TreeUpdate::updateParent(&t, 1, 5, 5);  // same parent: nothing
+    EXPECT_EQ(childList(t, 5), (std::vector<unsigned int>{7, 0, 1, 2}));
+    TreeUpdate::updateParent(&t, 1, 5, 1);  // detach, stays a root
+    EXPECT_EQ(childList(t, 5), (std::vector<unsigned int>{7, 0, 2}));
+    EXPECT_EQ(t.parent[1], 1u);
+    EXPECT_EQ(t.sibling[1], kNone);
+    TreeUpdate::updateParent(&t, 7, 5, 6);  // head of one list to the head of another
+    EXPECT_EQ(childList(t, 5), (std::vector<unsigned int>{0, 2}));
+    EXPECT_EQ(childList(t, 6), (std::vector<unsigned int>{7, 3, 4}));
+    TreeUpdate::removeChild(&t, 3, 3);  // child == parent: nothing
+    EXPECT_EQ(t.parent[3], 6u);
+
+    TreeUpdate::moveChildren(&t, 5, 6);  // appended at the tail, in their order
+    EXPECT_EQ(childList(t, 6), (std::vector<unsigned int>{7, 3, 4, 0, 2}));
+    EXPECT_EQ(t.firstChild[5], kNone);
+    EXPECT_EQ(t.parent[0], 6u);
+    EXPECT_EQ(t.parent[2], 6u);
+    TreeUpdate::moveChildren(&t, 6, 1);  // into an empty list
+    EXPECT_EQ(childList(t, 1), (std::vector<unsigned int>{7, 3, 4, 0, 2}));
+
+    TreeUpdate::moveChildren(&t, 1, 1);  // all children become roots, the list is emptied
+    EXPECT_EQ(t.firstChild[1], kNone);
+    for (unsigned int c : {7u, 3u, 4u, 0u, 2u}) EXPECT_EQ(t.parent[c], c);
+    EXPECT_EQ(t.sibling[7], 3u);  // sibling links are left as they were
+}
+
+namespace {
+
+// Factor with 4 blocks of sizes 3, 2, 1, 3 (double strides 4, 2, 2, 4), stored by block rows of L:
+// L(1,0); L(2,1); L(3,0), L(3,2); each row's diagonal last. The layout lists, per block column j of L, the
+// diagonal first and then the rows c > j with the tile L(c, j) (container block (j, c)).
+struct SmallFactor {
+    SparseMatrix<double> L;
+    MetaLayout layout;
+    double* tile[4][4] = {};  // tile[j][c]: container block (j, c)
+
+    SmallFactor() {
+        const unsigned int size[4] = {3, 2, 1, 3};
+        const std::vector<std::vector<unsigned int>> rowsOf = {{0}, {0, 1}, {1, 2}, {0, 2, 3}};
+        L.setSize(4, 4, 8, 200);
+        for (unsigned int c = 0; c < 4; ++c)
+            for (unsigned int j : rowsOf[c]) tile[j][c] = L.acquireBlock(c, j, size[c], size[j]);
+        const std::vector<std::vector<unsigned int>> colsOf = {{0, 1, 3}, {1, 2}, {2, 3}, {3}};
+        layout.colPointers.push_back(0);
+        for (unsigned int j = 0; j < 4; ++j) {
+            for (unsigned int c : colsOf[j]) {
+                layout.rowIndices.push_back(c);
+                layout.blocks.push_back(tile[j][c]);
+            }
+            layout.colPointers.push_back(static_cast<unsigned int>(layout.rowIndices.size()));
+        }
+    }
+};
+
+std::string validateOutput(EliminationTree& t, SmallFactor& f, bool& result) {
+    ::testing::internal::CaptureStdout();
+    result = TreeUpdate::validate(&t, f.L, f.layout);
+    return ::testing::internal::GetCapturedStdout();
+}
+
+}  // namespace
+
+TEST(TreeUpdate, FindFirstBlockReadsOnlyLogicalValues) {
+    SmallFactor f;
+    ASSERT_EQ(f.L.blockStrides[0], 4u);
+    // Stored blocks of exact zeros (and -0.0) make no parent; nor does anything in the diagonal entry.
+    f.tile[0][1][0] = -0.0;
+    f.tile[0][0][1] = 5.0;
+    for (unsigned int j = 0; j < 4; ++j) EXPECT_EQ(TreeUpdate::findFirstBlock(f.L, f.layout, j), j);
+
+    // Padding row 3 of the 3-row tiles of block row 0, and padding column 3 of tile (0, 3), are not read.
+    f.tile[0][1][3] = 1.0;
+    f.tile[0][3][3 * 4 + 0] = 1.0;
+    EXPECT_EQ(TreeUpdate::findFirstBlock(f.L, f.layout, 0), 0u);
+
+    // Value (2, 2) of tile (0, 3), at 2·stride + 2: column k starts at k·blockStrides[0].
+    f.tile[0][3][2 * 4 + 2] = 1e-300;
+    EXPECT_EQ(TreeUpdate::findFirstBlock(f.L, f.layout, 0), 3u);
+    // A NaN in the earlier tile (0, 1) takes precedence.
+    f.tile[0][1][1 * 4 + 2] = std::numeric_limits<double>::quiet_NaN();
+    EXPECT_EQ(TreeUpdate::findFirstBlock(f.L, f.layout, 0), 1u);
+}
+
+TEST(TreeUpdate, ComputeTreeFromFactorAndValidate) {
+    SmallFactor f;
+    f.tile[0][3][0] = 2.0;   // 0 -> 3
+    f.tile[1][2][1] = -1.0;  // 1 -> 2
+    f.tile[2][3][1] = 0.5;   // 2 -> 3
+    EliminationTree t;
+    sized(t, 4);
+    TreeUpdate::computeTree(&t, f.L, f.layout);
+    EXPECT_EQ(parents(t), (std::vector<unsigned int>{3, 2, 3, 3}));
+    EXPECT_EQ(t.firstChild[3], kNone);  // only the parents are written
+
+    bool ok = false;
+    EXPECT_EQ(validateOutput(t, f, ok), "");
+    EXPECT_TRUE(ok);  // no child lists yet: nothing to contradict
+    t.computeTreeStructure();
+    EXPECT_EQ(validateOutput(t, f, ok), "");
+    EXPECT_TRUE(ok);
+
+    // A wrong parent: both lines, checking goes on, no tree print.
+    t.parent[1] = 3;
+    EXPECT_EQ(validateOutput(t, f, ok),
+              "[Validate] Incorrect parent for 1. Parent is 3 but should be 2\n"
+              "           3 has 3 as parent.\n");
+    EXPECT_FALSE(ok);
+
+    // A child list that disagrees with the parents (1 is in 2's list): the tree is printed once.
+    t.fillIns.push_back(9);
+    t.parent[1] = 2;
+    t.parent[0] = 2;
+    t.firstChild[2] = 0;
+    t.sibling[0] = 1;
+    const std::string out = validateOutput(t, f, ok);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ(out,
+              "[Validate] Incorrect parent for 0. Parent is 2 but should be 3\n"
+              "           2 has 3 as parent.\n"
+              "Sets (4):\nNode\tParent\tCol.Prnt\tPostOrder\n"
+              "0\t2\t0\t0\n1\t2\t1\t1\n2\t3\t2\t2\n3\t3\t3\t3\nFill ins: 1\n");
+}
+
+TEST(EliminationTree, PrintClearAndAssignment) {
+    SkeletonMatrix S;
+    fillSkeleton(S, {{0}, {1}, {0, 1, 2}, {3}});
+    const std::vector<unsigned int> active(4, 1);
+    EliminationTree src;
+    sized(src, 4);
+    TreeUpdate::computeTree(&src, S, active.data());
+    src.computeTreeStructure();
+    src.computePostOrder();
+    src.fillIns.push_back(1);
+    src.fillIns.push_back(2);
+    src.auxList.push_back(42);
+
+    ::testing::internal::CaptureStdout();
+    src.print();
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "Sets (4):\n"
+              "Node\tParent\tCol.Prnt\tPostOrder\n"
+              "0\t2\t2\t1\n"
+              "1\t2\t2\t0\n"
+              "2\t2\t2\t2\n"
+              "3\t3\t3\t3\n"
+              "Fill ins: 2\n");
+
+    EliminationTree dst;  // smaller: grows through releaseMemory and allocateMemory
+    sized(dst, 2);
+    dst = src;
+    EXPECT_EQ(dst.numNodes, 4u);
+    EXPECT_EQ(dst.capacity, 4u);
+    EXPECT_EQ(parents(dst), parents(src));
+    for (unsigned int x = 0; x < 4; ++x) {
+        EXPECT_EQ(dst.colParent[x], src.colParent[x]);
+        EXPECT_EQ(dst.rank[x], src.rank[x]);
+        EXPECT_EQ(dst.postOrder[x], src.postOrder[x]);
+        EXPECT_EQ(dst.firstChild[x], src.firstChild[x]);
+        EXPECT_EQ(dst.sibling[x], src.sibling[x]);
+    }
+    ASSERT_EQ(dst.fillIns.size(), 2u);
+    EXPECT_EQ(dst.fillIns[1], 2u);
+    ASSERT_EQ(dst.auxList.size(), 1u);
+    EXPECT_EQ(dst.auxList[0], 42u);
+    dst = *&dst;
+    EXPECT_EQ(dst.numNodes, 4u);
+
+    // clear: every node a childless root, identity links, zero ranks; the lists are kept.
+    dst.clear();
+    for (unsigned int x = 0; x < 4; ++x) {
+        EXPECT_EQ(dst.parent[x], x);
+        EXPECT_EQ(dst.colParent[x], x);
+        EXPECT_EQ(dst.rank[x], 0u);
+        EXPECT_EQ(dst.postOrder[x], x);
+        EXPECT_EQ(dst.firstChild[x], kNone);
+    }
+    EXPECT_TRUE(dst.roots.empty());
+    EXPECT_EQ(dst.fillIns.size(), 2u);
+}

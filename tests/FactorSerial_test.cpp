@@ -1,0 +1,386 @@
+// Serial block factorization and work estimate, checked against a dense unpivoted L·D·Lᵀ of the same
+// matrix (which is unique, so the block factor must equal it entry by entry) and against brute-force counts.
+#include <gtest/gtest.h>
+#include <kiv/ByteAllocator.h>
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include "Tamber.h"
+#include "testing/BlockSystems.h"
+#include "testing/DenseReference.h"
+
+namespace kivTamber {
+namespace {
+
+using testing::BlockSystem;
+using testing::DenseLdlt;
+
+template <typename T>
+struct Tolerance;
+// Relative to the size of the data; the generated systems are diagonally dominant or have a dominant
+// constraint part, so their factors grow little.
+template <>
+struct Tolerance<double> {
+    static constexpr double value = 1e-12;
+};
+template <>
+struct Tolerance<float> {
+    static constexpr double value = 2e-5;
+};
+
+double maxAbs(const std::vector<double>& v) {
+    double m = 0.0;
+    for (double x : v) m = std::max(m, std::fabs(x));
+    return m;
+}
+
+// Every structural and numerical property of a finished factorization of `sys` held in `data`.
+template <typename T>
+void checkFactor(const BlockSystem& sys, const TamberData<T>& data) {
+    const double tol = Tolerance<T>::value;
+    const SparseMatrix<T>& L = data.factor;
+    const SparseMatrix<T>& LD = data.scaledFactor;
+    const SkeletonMatrix& S = data.skeleton;
+    ASSERT_EQ(data.isFactored, 1);
+    ASSERT_EQ(L.numBlockCols, sys.nb);
+    ASSERT_EQ(L.numBlocks, S.numEntries());
+    ASSERT_EQ(LD.numBlocks, S.numEntries());
+    ASSERT_EQ(data.diagonal.size, sys.N);
+
+    // Same structure as the filled pattern, in both matrices.
+    for (unsigned int i = 0; i < sys.nb; ++i) {
+        ASSERT_EQ(L.colPointers[i + 1], S.colPointers[i + 1]);
+        ASSERT_EQ(LD.colPointers[i + 1], S.colPointers[i + 1]);
+        ASSERT_EQ(L.blockSizes[i], sys.sizes[i]);
+        ASSERT_EQ(L.blockOffsets[i], sys.offsets[i]);
+    }
+    for (unsigned int e = 0; e < S.numEntries(); ++e) {
+        ASSERT_EQ(L.rowIndices[e], S.rowIndices[e]);
+        ASSERT_EQ(LD.rowIndices[e], S.rowIndices[e]);
+    }
+
+    // L and D equal the dense factor of the same matrix.
+    const DenseLdlt ref = testing::denseLdlt(sys.dense);
+    DenseLdlt got;
+    testing::extractFactor(data, got);
+    const double dScale = std::max(1.0, maxAbs(ref.d));
+    for (unsigned int r = 0; r < sys.N; ++r) {
+        ASSERT_NEAR(got.d[r], ref.d[r], tol * dScale * 10) << "pivot " << r;
+    }
+    const double lScale = std::max(1.0, maxAbs(ref.L));
+    for (std::size_t k = 0; k < ref.L.size(); ++k) {
+        ASSERT_NEAR(got.L[k], ref.L[k], tol * lScale * 10) << "L entry " << k / sys.N << "," << k % sys.N;
+    }
+
+    // L·D·Lᵀ reproduces A on the filled pattern.
+    const double scale = std::max(maxAbs(sys.dense.a), lScale * lScale * dScale);
+    EXPECT_LE(testing::reconstructionError(data, sys.dense), 10 * tol * scale);
+
+    // Per block: unit diagonal blocks with exact zeros above, LD = L·D bit for bit, every LD flag set, and
+    // zero padding in both matrices.
+    for (unsigned int i = 0; i < sys.nb; ++i) {
+        for (unsigned int e = S.colPointers[i]; e < S.colPointers[i + 1]; ++e) {
+            const unsigned int j = S.rowIndices[e];
+            const unsigned int s_i = sys.sizes[i], s_j = sys.sizes[j];
+            const unsigned int p_i = L.blockStrides[i], p_j = L.blockStrides[j];
+            const T* l = L.blockPointers[e];
+            const T* ld = LD.blockPointers[e];
+            ASSERT_EQ(LD.blockFlags[e], 1u) << "block " << i << "," << j;
+            ASSERT_EQ(LD.blockPointers[e] - LD.values, L.blockPointers[e] - L.values);
+            for (unsigned int r = 0; r < p_i; ++r) {
+                for (unsigned int c = 0; c < p_j; ++c) {
+                    const unsigned int at = r * p_j + c;
+                    if (r >= s_i || c >= s_j) {
+                        ASSERT_EQ(l[at], T(0)) << "padding of L " << i << "," << j;
+                        ASSERT_EQ(ld[at], T(0)) << "padding of LD " << i << "," << j;
+                        continue;
+                    }
+                    ASSERT_EQ(ld[at], l[at] * data.diagonal.data[sys.offsets[j] + c]);
+                    if (i == j && c == r) ASSERT_EQ(l[at], T(1));
+                    if (i == j && c > r) ASSERT_EQ(l[at], T(0));
+                }
+            }
+        }
+    }
+}
+
+struct Case {
+    const char* kind;  // "spd" or "saddle"
+    unsigned long seed;
+    unsigned int maxBlockSize;
+};
+
+std::string caseName(const ::testing::TestParamInfo<Case>& info) {
+    return std::string(info.param.kind) + "_seed" + std::to_string(info.param.seed) + "_s" +
+           std::to_string(info.param.maxBlockSize);
+}
+
+BlockSystem makeSystem(const Case& c) {
+    if (std::string(c.kind) == "spd") {
+        return testing::makeSpdSystem(c.seed, 4 + c.seed % 23, c.maxBlockSize, 0.1 + 0.05 * (c.seed % 7));
+    }
+    return testing::makeSaddlePointSystem(c.seed, 3 + c.seed % 13, 2 + c.seed % 11, c.maxBlockSize,
+                                          0.05 * (c.seed % 5));
+}
+
+std::vector<Case> allCases() {
+    std::vector<Case> cases;
+    for (const char* kind : {"spd", "saddle"}) {
+        for (unsigned long seed = 0; seed < 24; ++seed) cases.push_back({kind, seed, 1 + seed % 7});
+    }
+    return cases;
+}
+
+class FactorSerialRandom : public ::testing::TestWithParam<Case> {};
+
+TEST_P(FactorSerialRandom, MatchesDenseReferenceInDoubleAndFloat) {
+    const BlockSystem sys = makeSystem(GetParam());
+    SCOPED_TRACE(testing::describe(sys));
+    Tamber tamber;
+    {
+        TamberData<double> data;
+        sys.fillData(data);
+        unsigned int work = 0;
+        tamber.estimateWork(data, &work);
+        tamber.factorSerial(data);
+        SCOPED_TRACE("double");
+        checkFactor(sys, data);
+    }
+    {
+        TamberData<float> data;
+        sys.fillData(data);
+        tamber.estimateWork(data, nullptr);
+        tamber.factorSerial(data);
+        SCOPED_TRACE("float");
+        checkFactor(sys, data);
+    }
+}
+
+// A second factorization of the same structure (new values) reuses every array and gives the new factor.
+TEST_P(FactorSerialRandom, RefactorizationAllocatesNothing) {
+    const BlockSystem sys = makeSystem(GetParam());
+    SCOPED_TRACE(testing::describe(sys));
+    Tamber tamber;
+    TamberData<double> data;
+    sys.fillData(data);
+    tamber.estimateWork(data, nullptr);
+    tamber.factorSerial(data);
+
+    sys.refillValues(data.matrix, 2.0);
+    data.isFactored = 0;
+    const std::uint64_t before = kiv::ByteAllocator::allocationCount();
+    tamber.factorSerial(data);
+    EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
+
+    // The factor of 2·A is L with 2·D.
+    BlockSystem doubled = sys;
+    for (double& v : doubled.dense.a) v *= 2.0;
+    checkFactor(doubled, data);
+}
+
+INSTANTIATE_TEST_SUITE_P(Systems, FactorSerialRandom, ::testing::ValuesIn(allCases()), caseName);
+
+// Brute-force counts for the work estimate: fill blocks = filled entries missing from A; work = per
+// off-diagonal entry (i, j) one solve plus |{k < j : (i, k) and (j, k) in the pattern}|, by set intersection.
+TEST(FactorSerialEstimate, CountsMatchBruteForce) {
+    for (unsigned long seed = 0; seed < 60; ++seed) {
+        const BlockSystem sys = seed % 2 ? testing::makeSpdSystem(seed, 1 + seed % 31, 1 + seed % 7, 0.15)
+                                         : testing::makeSaddlePointSystem(seed, 2 + seed % 17, seed % 13, 3);
+        SCOPED_TRACE(testing::describe(sys));
+        TamberData<double> data;
+        sys.fillData(data);
+
+        const testing::BlockPattern filled = testing::symbolicFactor(sys.pattern());
+        std::vector<std::vector<unsigned int>> rows(sys.nb);  // off-diagonal columns of each row of L
+        for (unsigned int i = 0; i < sys.nb; ++i) {
+            for (unsigned int j = 0; j < i; ++j) {
+                if (filled(i, j)) rows[i].push_back(j);
+            }
+        }
+        unsigned int fill = 0, work = 0;
+        for (unsigned int i = 0; i < sys.nb; ++i) {
+            fill += static_cast<unsigned int>(rows[i].size() - sys.lowerRows[i].size());
+            for (unsigned int j : rows[i]) {
+                std::vector<unsigned int> common;
+                std::set_intersection(rows[i].begin(), rows[i].end(), rows[j].begin(), rows[j].end(),
+                                      std::back_inserter(common));
+                work += 1 + static_cast<unsigned int>(std::count_if(common.begin(), common.end(),
+                                                                    [j](unsigned int k) { return k < j; }));
+            }
+        }
+
+        Tamber tamber;
+        unsigned int gotWork = 12345;
+        EXPECT_EQ(tamber.estimateWork(data, &gotWork), fill);
+        EXPECT_EQ(gotWork, work);
+        EXPECT_EQ(tamber.estimateWork(data, nullptr), fill);
+
+        // The layout: one placeholder block per pattern entry, in pattern order.
+        const SparseMatrix<double>& L = data.factor;
+        ASSERT_EQ(L.numBlocks, data.skeleton.numEntries());
+        ASSERT_EQ(L.numBlockCols, sys.nb);
+        ASSERT_EQ(L.numBlockRows, sys.nb);
+        for (unsigned int i = 0; i < sys.nb; ++i) {
+            ASSERT_EQ(L.colPointers[i + 1], data.skeleton.colPointers[i + 1]);
+            ASSERT_EQ(L.blockSizes[i], 1u);
+            ASSERT_EQ(L.blockStrides[i], 2u);
+        }
+        for (unsigned int e = 0; e < L.numBlocks; ++e) {
+            ASSERT_EQ(L.rowIndices[e], data.skeleton.rowIndices[e]);
+            ASSERT_EQ(L.blockPointers[e], L.values + 4 * e);
+        }
+        if (sys.nb > 0) EXPECT_EQ(L.blockSizes[sys.nb], sys.nb);
+    }
+}
+
+TEST(FactorSerialEstimate, NoFillAndFloatPlaceholders) {
+    // A tridiagonal block chain has no fill: every row subtree is the previous block.
+    BlockSystem sys = testing::makeSpdSystem(7, 6, 3, 0.0);
+    for (unsigned int i = 1; i < sys.nb; ++i) sys.lowerRows[i] = {i - 1};
+    TamberData<float> data;
+    sys.fillData(data);
+    Tamber tamber;
+    unsigned int work = 0;
+    EXPECT_EQ(tamber.estimateWork(data, &work), 0u);
+    EXPECT_EQ(work, 5u);  // one solve per off-diagonal block, no common columns
+    for (unsigned int e = 0; e < data.factor.numBlocks; ++e) {
+        EXPECT_EQ(data.factor.blockPointers[e], data.factor.values + e);  // float placeholders are 1×1
+    }
+}
+
+TEST(FactorSerialEdge, EmptySystem) {
+    Tamber tamber;
+    TamberData<double> data;
+    unsigned int work = 99;
+    EXPECT_EQ(tamber.estimateWork(data, &work), 0u);
+    EXPECT_EQ(work, 0u);
+    tamber.solveTime = 3.0;
+    tamber.factorSerial(data);
+    EXPECT_EQ(data.isFactored, 1);
+    EXPECT_EQ(tamber.getSolveTime(), 0.0);
+    EXPECT_GT(tamber.getFactorTime(), 0.0);
+    EXPECT_EQ(data.factor.numBlocks, 0u);
+
+    TamberData<float> dataF;
+    tamber.factorSerial(dataF);
+    EXPECT_EQ(dataF.isFactored, 1);
+}
+
+TEST(FactorSerialEdge, DefaultsOfDataAndDriver) {
+    TamberData<float> data;
+    EXPECT_EQ(data.isFactored, 0);
+    EXPECT_EQ(data.useMultifrontal, 0u);
+    EXPECT_EQ(data.numThreads, 1u);
+    EXPECT_EQ(data.skeleton.n, 0u);
+    EXPECT_EQ(data.matrix.numBlocks, 0u);
+    EXPECT_EQ(data.diagonal.size, 0u);
+    Tamber tamber;
+    EXPECT_EQ(tamber.getFactorTime(), 0.0);
+    EXPECT_EQ(tamber.getSolveTime(), 0.0);
+}
+
+// Small systems with exactly representable factors.
+TEST(FactorSerialEdge, ExactSmallCases) {
+    Tamber tamber;
+    {
+        // One 1×1 block: d = a, L = [1].
+        testing::DenseSymmetric A(1);
+        A(0, 0) = 2.5;
+        const BlockSystem sys = testing::makeFromDense({1}, A);
+        TamberData<double> data;
+        sys.fillData(data);
+        tamber.factorSerial(data);
+        EXPECT_EQ(data.diagonal.data[0], 2.5);
+        EXPECT_EQ(data.factor.blockPointers[0][0], 1.0);
+        EXPECT_EQ(data.scaledFactor.blockPointers[0][0], 2.5);
+    }
+    {
+        // [[4, 2], [2, 3]] as two 1×1 blocks and as one 2×2 block: d = (4, 2), l = 0.5.
+        testing::DenseSymmetric A(2);
+        A(0, 0) = 4;
+        A(1, 1) = 3;
+        A.setSymmetric(1, 0, 2);
+        for (unsigned int blocks : {1u, 2u}) {
+            const BlockSystem sys = testing::makeFromDense(std::vector<unsigned int>(blocks, 2 / blocks), A);
+            TamberData<float> data;
+            sys.fillData(data);
+            tamber.factorSerial(data);
+            EXPECT_EQ(data.diagonal.data[0], 4.0f);
+            EXPECT_EQ(data.diagonal.data[1], 2.0f);
+            DenseLdlt f;
+            testing::extractFactor(data, f);
+            EXPECT_EQ(f.L[2], 0.5);
+            EXPECT_EQ(f.L[1], 0.0);
+        }
+    }
+}
+
+// Rows without off-diagonal blocks (a block-diagonal matrix): each diagonal block is factored alone.
+TEST(FactorSerialEdge, BlockDiagonalMatrix) {
+    const BlockSystem sys = testing::makeSpdSystem(3, 9, 7, 0.0);
+    TamberData<double> data;
+    sys.fillData(data);
+    Tamber tamber;
+    unsigned int work = 1;
+    EXPECT_EQ(tamber.estimateWork(data, &work), 0u);
+    EXPECT_EQ(work, 0u);
+    tamber.factorSerial(data);
+    checkFactor(sys, data);
+}
+
+// No pivoting: a zero pivot (a constraint eliminated before its body) gives non-finite values and the
+// factorization still completes.
+TEST(FactorSerialEdge, ZeroPivotPropagatesWithoutReport) {
+    testing::DenseSymmetric A(2);
+    A.setSymmetric(1, 0, 1.0);  // [[0, 1], [1, 0]]
+    const BlockSystem sys = testing::makeFromDense({1, 1}, A);
+    TamberData<double> data;
+    sys.fillData(data);
+    Tamber tamber;
+    tamber.factorSerial(data);
+    EXPECT_EQ(data.isFactored, 1);
+    EXPECT_EQ(data.diagonal.data[0], 0.0);
+    EXPECT_FALSE(std::isfinite(data.diagonal.data[1]));
+}
+
+TEST(FactorSerialEdge, TimersAfterFactorization) {
+    const BlockSystem sys = testing::makeSaddlePointSystem(5, 6, 4);
+    TamberData<double> data;
+    sys.fillData(data);
+    Tamber tamber;
+    tamber.solveTime = 1.5;
+    tamber.factorSerial(data);
+    EXPECT_GT(tamber.getFactorTime(), 0.0);
+    EXPECT_LT(tamber.getFactorTime(), 10.0);  // seconds, not ticks
+    EXPECT_EQ(tamber.getSolveTime(), 0.0);
+}
+
+// A real SPD matrix (power network admittance, 494 unknowns) grouped into blocks of 3 in its natural order.
+TEST(FactorSerialReal, PowerNetworkMatchesDense) {
+    const char* dir = testing::realDataDir();
+    if (!dir) GTEST_SKIP() << "KIVTAMBER_DATA_DIR not set";
+    for (unsigned int group : {1u, 3u}) {
+        BlockSystem sys;
+        ASSERT_TRUE(testing::loadMatrixMarket((std::string(dir) + "/494_bus.mtx").c_str(), group, 494, sys));
+        ASSERT_EQ(sys.N, 494u);
+        TamberData<double> data;
+        sys.fillData(data);
+        Tamber tamber;
+        tamber.estimateWork(data, nullptr);
+        tamber.factorSerial(data);
+        const DenseLdlt ref = testing::denseLdlt(sys.dense);
+        DenseLdlt got;
+        testing::extractFactor(data, got);
+        for (unsigned int r = 0; r < sys.N; ++r) {
+            ASSERT_NEAR(got.d[r], ref.d[r], 1e-10 * std::fabs(ref.d[r]) + 1e-12) << "group " << group;
+        }
+        EXPECT_LE(testing::reconstructionError(data, sys.dense), 1e-12 * testing::normInf(sys.dense));
+    }
+}
+
+}  // namespace
+}  // namespace kivTamber

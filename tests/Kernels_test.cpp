@@ -1,0 +1,453 @@
+// Dense block kernels against naive long-double references, on guarded buffers: every element outside the
+// logical output must keep its bits, and columns beyond the logical sizes hold NaN so that a stray read
+// shows.
+#include "Kernels.h"
+
+#include <gtest/gtest.h>
+#include <kiv/ByteAllocator.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <vector>
+
+using namespace kivTamber;
+
+namespace {
+
+constexpr int kGuard = 8;  // guard elements on each side (even: keeps 16-byte alignment for double)
+
+// A NaN-guarded heap array of `count` elements starting `shift` elements past a 16-byte boundary.
+template <typename T>
+struct Buffer {
+    Buffer(int count, int shift = 0) : size(count + 2 * kGuard + shift) {
+        raw = kiv::allocateArray<T>(size);
+        for (int i = 0; i < size; ++i) raw[i] = std::numeric_limits<T>::quiet_NaN();
+        data = raw + kGuard + shift;
+    }
+    ~Buffer() { kiv::deallocateArray(raw, size); }
+    Buffer(const Buffer&) = delete;
+    Buffer& operator=(const Buffer&) = delete;
+    std::vector<T> snapshot() const { return std::vector<T>(raw, raw + size); }
+    bool sameBits(const std::vector<T>& v) const { return std::memcmp(raw, v.data(), size * sizeof(T)) == 0; }
+    int size;
+    T* raw;
+    T* data;
+};
+
+struct Rng {
+    explicit Rng(unsigned seed) : gen(seed) {}
+    double operator()() { return std::uniform_real_distribution<double>(-1.0, 1.0)(gen); }
+    int between(int lo, int hi) { return std::uniform_int_distribution<int>(lo, hi)(gen); }
+    std::mt19937 gen;
+};
+
+// Fills rows×cols of a matrix with leading dimension ld; the columns beyond stay as they are (NaN).
+template <typename T>
+void fill(T* M, int ld, int rows, int cols, Rng& rng) {
+    for (int i = 0; i < rows; ++i)
+        for (int j = 0; j < cols; ++j) M[i * ld + j] = static_cast<T>(rng());
+}
+
+// |got - ref| within (terms + 4)·eps·magnitude, magnitude the sum of |operands| of the exact value.
+template <typename T>
+::testing::AssertionResult near(T got, long double ref, long double magnitude, int terms) {
+    const long double tol = (terms + 4) * std::numeric_limits<T>::epsilon() * magnitude;
+    if (std::fabs(static_cast<long double>(got) - ref) <= tol) return ::testing::AssertionSuccess();
+    return ::testing::AssertionFailure()
+           << got << " vs " << static_cast<double>(ref) << " (tol " << static_cast<double>(tol) << ")";
+}
+
+const int kSizes[] = {1, 2, 3, 4, 5, 8};
+
+// --------------------------------------------------------------------------------------- matrix-matrix
+
+// C ∓= op over every size triple; transA picks Aᵀ·B (A k×n, B k×m) or A·Bᵀ (A n×k, B m×k).
+template <typename T, typename Kernel>
+void checkProduct(Kernel kernel, bool transA, int sign, unsigned seed) {
+    Rng rng(seed);
+    for (int n : kSizes)
+        for (int m : kSizes)
+            for (int k : kSizes) {
+                SCOPED_TRACE(::testing::Message()
+                             << "seed " << seed << " n " << n << " m " << m << " k " << k);
+                const int ra = transA ? k : n, ca = transA ? n : k, rb = transA ? k : m, cb = transA ? m : k;
+                const int lda = ca + rng.between(0, 3), ldb = cb + rng.between(0, 3),
+                          ldc = m + rng.between(0, 3);
+                Buffer<T> A(ra * lda), B(rb * ldb), C(n * ldc);
+                fill(A.data, lda, ra, ca, rng);
+                fill(B.data, ldb, rb, cb, rng);
+                fill(C.data, ldc, n, m, rng);
+                std::vector<T> expect = C.snapshot();
+                std::vector<long double> ref(n * m), mag(n * m);
+                for (int i = 0; i < n; ++i)
+                    for (int j = 0; j < m; ++j) {
+                        long double s = C.data[i * ldc + j], a = std::fabs(s);
+                        for (int p = 0; p < k; ++p) {
+                            const long double t =
+                                transA ? (long double)A.data[p * lda + i] * B.data[p * ldb + j]
+                                       : (long double)A.data[i * lda + p] * B.data[j * ldb + p];
+                            s += sign * t;
+                            a += std::fabs(t);
+                        }
+                        ref[i * m + j] = s;
+                        mag[i * m + j] = a;
+                    }
+                kernel(A.data, lda, B.data, ldb, C.data, ldc, n, m, k);
+                for (int i = 0; i < n; ++i)
+                    for (int j = 0; j < m; ++j) {
+                        EXPECT_TRUE(near(C.data[i * ldc + j], ref[i * m + j], mag[i * m + j], k));
+                        expect[kGuard + i * ldc + j] = C.data[i * ldc + j];  // only the n×m result may change
+                    }
+                EXPECT_TRUE(C.sameBits(expect));
+            }
+}
+
+TEST(Kernels, MatrixProductsMatchNaive) {
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        checkProduct<float>([](auto... a) { tamber_MM_CM_AtB(a...); }, true, -1, seed);
+        checkProduct<float>([](auto... a) { tamber_MM_CP_AtB(a...); }, true, +1, seed);
+        checkProduct<double>([](auto... a) { tamber_MM_CM_AtB(a...); }, true, -1, seed);
+        checkProduct<double>([](auto... a) { tamber_MM_CP_AtB(a...); }, true, +1, seed);
+        checkProduct<float>([](auto... a) { tamber_MM_CM_ABt(a...); }, false, -1, seed);
+        checkProduct<float>([](auto... a) { tamber_MM_CP_ABt(a...); }, false, +1, seed);
+    }
+}
+
+// Double ABt on padded tiles (even leading dimensions, zero padding row/column, 16-byte aligned), compared
+// bit for bit with a reference that sums even and odd p separately over the padded sizes. Columns past the
+// padded tile hold NaN in A and B (never read) and in C (never written).
+void checkBlockedABt(bool subtract, int n, int m, int k, Rng& rng) {
+    const int np = (n + 1) & ~1, mp = (m + 1) & ~1, kp = (k + 1) & ~1;
+    const int lda = kp + 2 * rng.between(0, 1), ldb = kp + 2 * rng.between(0, 1),
+              ldc = mp + 2 * rng.between(0, 1);
+    Buffer<double> A(np * lda), B(mp * ldb), C(np * ldc);
+    for (int i = 0; i < np; ++i)
+        for (int p = 0; p < kp; ++p) A.data[i * lda + p] = (i < n && p < k) ? rng() : 0.0;
+    for (int j = 0; j < mp; ++j)
+        for (int p = 0; p < kp; ++p) B.data[j * ldb + p] = (j < m && p < k) ? rng() : 0.0;
+    fill(C.data, ldc, np, mp, rng);  // padding of C gets values too: the padded arithmetic must keep them
+    std::vector<double> expect = C.snapshot();
+    for (int i = 0; i < np; ++i)
+        for (int j = 0; j < mp; ++j) {
+            double even = 0.0, odd = 0.0;
+            for (int p = 0; p < kp; p += 2) {
+                even += A.data[i * lda + p] * B.data[j * ldb + p];
+                odd += A.data[i * lda + p + 1] * B.data[j * ldb + p + 1];
+            }
+            double& c = expect[kGuard + i * ldc + j];
+            c = subtract ? c - (even + odd) : c + (even + odd);
+        }
+    if (subtract)
+        tamber_MM_CM_ABt(A.data, lda, B.data, ldb, C.data, ldc, n, m, k);
+    else
+        tamber_MM_CP_ABt(A.data, lda, B.data, ldb, C.data, ldc, n, m, k);
+    EXPECT_TRUE(C.sameBits(expect));
+}
+
+TEST(Kernels, DoubleABtBlockedIsExactOnPaddedTiles) {
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        Rng rng(seed);
+        for (int n : kSizes)
+            for (int m : kSizes)
+                for (int k : kSizes) {
+                    SCOPED_TRACE(::testing::Message()
+                                 << "seed " << seed << " n " << n << " m " << m << " k " << k);
+                    checkBlockedABt(false, n, m, k, rng);                              // CP: always blocked
+                    if (n > 1 && m > 1 && k > 1) checkBlockedABt(true, n, m, k, rng);  // CM: blocked shapes
+                }
+    }
+}
+
+// The three scalar shapes of the double CM kernel need neither alignment nor padding: run them one element
+// past a 16-byte boundary with odd leading dimensions and NaN right after every row.
+TEST(Kernels, DoubleCMABtSpecialShapesOnUnalignedData) {
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        Rng rng(seed);
+        const int shapes[][3] = {{1, 5, 3}, {1, 1, 7}, {1, 4, 1}, {5, 1, 3}, {4, 1, 6}, {3, 5, 1}, {6, 2, 1}};
+        for (const auto& s : shapes) {
+            const int n = s[0], m = s[1], k = s[2];
+            SCOPED_TRACE(::testing::Message() << "seed " << seed << " n " << n << " m " << m << " k " << k);
+            const int lda = k + 1, ldb = k + 1, ldc = m + 1;
+            Buffer<double> A(n * lda, 1), B(m * ldb, 1), C(n * ldc, 1);
+            fill(A.data, lda, n, k, rng);
+            fill(B.data, ldb, m, k, rng);
+            fill(C.data, ldc, n, m, rng);
+            std::vector<double> expect = C.snapshot();
+            for (int i = 0; i < n; ++i)
+                for (int j = 0; j < m; ++j) {
+                    long double t = 0;
+                    for (int p = 0; p < k; ++p) t += (long double)A.data[i * lda + p] * B.data[j * ldb + p];
+                    expect[kGuard + 1 + i * ldc + j] = static_cast<double>(C.data[i * ldc + j] - t);
+                }
+            tamber_MM_CM_ABt(A.data, lda, B.data, ldb, C.data, ldc, n, m, k);
+            for (int i = 0; i < n; ++i)
+                for (int j = 0; j < m; ++j) {
+                    const int at = kGuard + 1 + i * ldc + j;
+                    EXPECT_TRUE(near(C.data[i * ldc + j], expect[at], 2.0 * (1 + k), k));
+                    expect[at] = C.data[i * ldc + j];
+                }
+            EXPECT_TRUE(C.sameBits(expect));
+        }
+    }
+}
+
+// --------------------------------------------------------------------------------------- matrix-vector
+
+// y ∓= alpha·op(A)·x for every n×m; sym reads only the lower triangle (upper filled with NaN).
+enum class Shape { AX, AtX, SYL };
+
+template <typename T, typename Kernel>
+void checkMatVec(Kernel kernel, Shape shape, int sign, T alpha, unsigned seed) {
+    Rng rng(seed);
+    for (int n : kSizes)
+        for (int m : kSizes) {
+            if (shape == Shape::SYL && m != n) continue;
+            SCOPED_TRACE(::testing::Message()
+                         << "seed " << seed << " n " << n << " m " << m << " alpha " << alpha);
+            const int lda = m + rng.between(0, 3), nx = shape == Shape::AtX ? n : m,
+                      ny = shape == Shape::AtX ? m : n;
+            Buffer<T> A(n * lda), x(nx), y(ny);
+            fill(A.data, lda, n, m, rng);
+            if (shape == Shape::SYL)
+                for (int i = 0; i < n; ++i)
+                    for (int j = i + 1; j < n; ++j) A.data[i * lda + j] = std::numeric_limits<T>::quiet_NaN();
+            fill(x.data, 1, 1, nx, rng);
+            const int len = ny;
+            fill(y.data, 1, 1, len, rng);
+            std::vector<T> expect = y.snapshot();
+            std::vector<long double> ref(len), mag(len);
+            for (int r = 0; r < len; ++r) {
+                ref[r] = y.data[r];
+                mag[r] = std::fabs(ref[r]);
+                const int terms = shape == Shape::AtX ? n : m;
+                for (int c = 0; c < terms; ++c) {
+                    const T a = shape == Shape::AX    ? A.data[r * lda + c]
+                                : shape == Shape::AtX ? A.data[c * lda + r]
+                                                      : A.data[c <= r ? r * lda + c : c * lda + r];
+                    const long double t = (long double)a * alpha * x.data[c];
+                    ref[r] += sign * t;
+                    mag[r] += std::fabs(t);
+                }
+            }
+            kernel(A.data, lda, x.data, y.data, alpha, n, m);
+            for (int r = 0; r < len; ++r) {
+                EXPECT_TRUE(near(y.data[r], ref[r], mag[r], shape == Shape::AtX ? n : m));
+                expect[kGuard + r] = y.data[r];
+            }
+            EXPECT_TRUE(y.sameBits(expect));
+        }
+}
+
+template <typename T>
+void checkScaledMatVecs(unsigned seed) {
+    for (T alpha : {T(1), T(-0.75), T(3.1)}) {
+        checkMatVec<T>([](auto... a) { tamber_MV_YM_aAX(a...); }, Shape::AX, -1, alpha, seed);
+        checkMatVec<T>([](auto... a) { tamber_MV_YP_aAX(a...); }, Shape::AX, +1, alpha, seed);
+        checkMatVec<T>([](auto... a) { tamber_MV_YM_aAtX(a...); }, Shape::AtX, -1, alpha, seed);
+        checkMatVec<T>([](auto... a) { tamber_MV_YP_aAtX(a...); }, Shape::AtX, +1, alpha, seed);
+        checkMatVec<T>(
+            [](auto A, int lda, auto x, auto y, T al, int n, int) { tamber_MV_aAX_SYL(A, lda, x, y, al, n); },
+            Shape::SYL, +1, alpha, seed);
+    }
+}
+
+TEST(Kernels, MatrixVectorProductsMatchNaive) {
+    using F = const float*;
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        checkScaledMatVecs<float>(seed);
+        checkScaledMatVecs<double>(seed);
+        // Unscaled float kernels (alpha = 1 in the reference). tamber_MV_AX_SYL adds.
+        checkMatVec<float>(
+            [](F A, int l, F x, float* y, float, int n, int m) { tamber_MV_YM_AX(A, l, x, y, n, m); },
+            Shape::AX, -1, 1.0f, seed);
+        checkMatVec<float>(
+            [](F A, int l, F x, float* y, float, int n, int m) { tamber_MV_YP_AX(A, l, x, y, n, m); },
+            Shape::AX, +1, 1.0f, seed);
+        checkMatVec<float>(
+            [](F A, int l, F x, float* y, float, int n, int m) { tamber_MV_YM_AtX(A, l, x, y, n, m); },
+            Shape::AtX, -1, 1.0f, seed);
+        checkMatVec<float>(
+            [](F A, int l, F x, float* y, float, int n, int m) { tamber_MV_YP_AtX(A, l, x, y, n, m); },
+            Shape::AtX, +1, 1.0f, seed);
+        checkMatVec<float>(
+            [](F A, int l, F x, float* y, float, int n, int) { tamber_MV_AX_SYL(A, l, x, y, n); }, Shape::SYL,
+            +1, 1.0f, seed);
+    }
+}
+
+// The scaled term is (a·alpha)·x, not a·(alpha·x): on values where the two round differently, a single term
+// into y = 0 shows which one was formed.
+template <typename T>
+void checkAlphaOrder() {
+    Rng rng(7);
+    T a, alpha, x;
+    do {
+        a = static_cast<T>(rng()), alpha = static_cast<T>(3 * rng()), x = static_cast<T>(rng());
+    } while ((a * alpha) * x == a * (alpha * x));
+    const T term = (a * alpha) * x;
+    T y = 0;
+    tamber_MV_YP_aAX(&a, 1, &x, &y, alpha, 1, 1);
+    EXPECT_EQ(y, term);
+    y = 0;
+    tamber_MV_YM_aAX(&a, 1, &x, &y, alpha, 1, 1);
+    EXPECT_EQ(y, -term);
+    y = 0;
+    tamber_MV_YP_aAtX(&a, 1, &x, &y, alpha, 1, 1);
+    EXPECT_EQ(y, term);
+    y = 0;
+    tamber_MV_YM_aAtX(&a, 1, &x, &y, alpha, 1, 1);
+    EXPECT_EQ(y, -term);
+    y = 0;
+    tamber_MV_aAX_SYL(&a, 1, &x, &y, alpha, 1);
+    EXPECT_EQ(y, term);
+}
+
+TEST(Kernels, AlphaScalesTheMatrixElementFirst) {
+    checkAlphaOrder<float>();
+    checkAlphaOrder<double>();
+}
+
+// --------------------------------------------------------------------------------------- triangular solves
+
+// A well-conditioned lower triangle (|diagonal| in [1, 2], random signs) with NaN above the diagonal.
+void fillLower(float* L, int ld, int n, Rng& rng, bool nanDiagonal) {
+    for (int i = 0; i < n; ++i)
+        for (int j = 0; j < ld; ++j) {
+            const float nan = std::numeric_limits<float>::quiet_NaN();
+            float v = j < i ? static_cast<float>(0.5 * rng()) : nan;
+            if (j == i && !nanDiagonal) v = static_cast<float>((1.5 + 0.5 * rng()) * (rng() < 0 ? -1 : 1));
+            L[i * ld + j] = v;
+        }
+}
+
+// Checks L·z = b (lower) or Lᵀ·z = b (transposed) for the solution z, with a unit diagonal if unit.
+void checkSolution(const float* L, int ld, const float* z, const std::vector<float>& b, int n,
+                   bool transposed, bool unit) {
+    for (int r = 0; r < n; ++r) {
+        long double s = 0, mag = 0;
+        for (int c = 0; c < n; ++c) {
+            if (transposed ? c < r : c > r) continue;
+            const long double l = c == r && unit ? 1.0L : (transposed ? L[c * ld + r] : L[r * ld + c]);
+            s += l * z[c];
+            mag += std::fabs(l * z[c]);
+        }
+        EXPECT_TRUE(near(static_cast<float>(s), b[r], mag + std::fabs(b[r]), 4 * n)) << "row " << r;
+    }
+}
+
+TEST(Kernels, TriangularSolvesInvertTheTriangle) {
+    for (unsigned seed = 1; seed <= 4; ++seed) {
+        Rng rng(seed);
+        for (int n = 1; n <= 9; ++n) {
+            SCOPED_TRACE(::testing::Message() << "seed " << seed << " n " << n);
+            const int ld = n + rng.between(0, 2);
+            for (int kind = 0; kind < 3; ++kind) {
+                Buffer<float> L(n * ld), x(n);
+                fillLower(L.data, ld, n, rng, kind == 1);
+                fill(x.data, 1, 1, n, rng);
+                const std::vector<float> b(x.data, x.data + n);
+                if (kind == 0) tamber_SV_TRIL(L.data, ld, x.data, n);
+                if (kind == 1) tamber_SV_TRIL_UD(L.data, ld, x.data, n);
+                if (kind == 2) tamber_SV_TRILt(L.data, ld, x.data, n);
+                checkSolution(L.data, ld, x.data, b, n, kind == 2, kind == 1);
+                if (n == 1) {  // TRIL: one division, exactly; TRIL_UD: unchanged
+                    EXPECT_EQ(x.data[0], kind == 1 ? b[0] : b[0] / L.data[0]);
+                }
+            }
+        }
+    }
+}
+
+// tamber_SM_UD solves each row with the full (non-unit) diagonal and steps rows by ldL whatever ldX says;
+// the elements between rows (columns n..ldL-1) stay untouched.
+TEST(Kernels, SMUDSolvesRowsSteppedByLdL) {
+    for (unsigned seed = 1; seed <= 3; ++seed) {
+        Rng rng(seed);
+        for (int n : kSizes)
+            for (int m : {1, 2, 5}) {
+                SCOPED_TRACE(::testing::Message() << "seed " << seed << " n " << n << " m " << m);
+                const int ldL = n + 1 + rng.between(0, 2);
+                Buffer<float> L(n * ldL), X(m * ldL);
+                fillLower(L.data, ldL, n, rng, false);
+                fill(X.data, ldL, m, n, rng);
+                std::vector<float> expect = X.snapshot();
+                tamber_SM_UD(L.data, ldL, X.data, /*ldX=*/n, m, n);
+                for (int r = 0; r < m; ++r) {
+                    const std::vector<float> b(&expect[kGuard + r * ldL], &expect[kGuard + r * ldL + n]);
+                    checkSolution(L.data, ldL, X.data + r * ldL, b, n, false, false);
+                    for (int c = 0; c < n; ++c) expect[kGuard + r * ldL + c] = X.data[r * ldL + c];
+                }
+                EXPECT_TRUE(X.sameBits(expect));
+            }
+    }
+}
+
+TEST(Kernels, ZeroDiagonalGivesNonFiniteSolutions) {
+    const float L[] = {2.0f, 0.0f, 1.0f, 0.0f};  // 2×2, l_11 = 0
+    float x[] = {1.0f, 3.0f};
+    tamber_SV_TRIL(L, 2, x, 2);
+    EXPECT_EQ(x[0], 0.5f);
+    EXPECT_TRUE(std::isinf(x[1]));
+    float y[] = {1.0f, 3.0f};
+    tamber_SV_TRILt(L, 2, y, 2);
+    EXPECT_TRUE(std::isinf(y[1]));
+    EXPECT_FALSE(std::isfinite(y[0]));
+    float X[] = {0.0f, 0.0f, 1.0f, 1.0f};
+    tamber_SM_UD(L, 2, X, 2, 2, 2);
+    EXPECT_TRUE(std::isnan(X[1]));  // 0/0
+    EXPECT_TRUE(std::isinf(X[3]));
+}
+
+// --------------------------------------------------------------------------------------- empty sizes
+
+// Any size <= 0 makes a kernel a no-op that reads nothing: inputs are null, the output keeps its bits.
+TEST(Kernels, NonPositiveSizesLeaveOutputUntouched) {
+    Buffer<float> cf(16);
+    Buffer<double> cd(16);
+    for (int i = 0; i < 16; ++i) cf.data[i] = static_cast<float>(i), cd.data[i] = i;
+    const std::vector<float> f0 = cf.snapshot();
+    const std::vector<double> d0 = cd.snapshot();
+    const float* nf = nullptr;
+    const double* nd = nullptr;
+    float* yf = cf.data;
+    double* yd = cd.data;
+    for (int bad : {0, -1, -7}) {
+        const int mm[][3] = {{bad, 2, 2}, {2, bad, 2}, {2, 2, bad}};
+        for (const auto& s : mm) {
+            tamber_MM_CM_AtB(nf, 2, nf, 2, yf, 2, s[0], s[1], s[2]);
+            tamber_MM_CP_AtB(nf, 2, nf, 2, yf, 2, s[0], s[1], s[2]);
+            tamber_MM_CM_ABt(nf, 2, nf, 2, yf, 2, s[0], s[1], s[2]);
+            tamber_MM_CP_ABt(nf, 2, nf, 2, yf, 2, s[0], s[1], s[2]);
+            tamber_MM_CM_AtB(nd, 2, nd, 2, yd, 2, s[0], s[1], s[2]);
+            tamber_MM_CP_AtB(nd, 2, nd, 2, yd, 2, s[0], s[1], s[2]);
+            tamber_MM_CM_ABt(nd, 2, nd, 2, yd, 2, s[0], s[1], s[2]);
+            tamber_MM_CP_ABt(nd, 2, nd, 2, yd, 2, s[0], s[1], s[2]);
+        }
+        const int mv[][2] = {{bad, 2}, {2, bad}};
+        for (const auto& s : mv) {
+            tamber_MV_YM_aAX(nf, 2, nf, yf, 2.0f, s[0], s[1]);
+            tamber_MV_YP_aAX(nd, 2, nd, yd, 2.0, s[0], s[1]);
+            tamber_MV_YM_aAtX(nd, 2, nd, yd, 2.0, s[0], s[1]);
+            tamber_MV_YP_aAtX(nf, 2, nf, yf, 2.0f, s[0], s[1]);
+            tamber_MV_YM_AX(nf, 2, nf, yf, s[0], s[1]);
+            tamber_MV_YP_AX(nf, 2, nf, yf, s[0], s[1]);
+            tamber_MV_YM_AtX(nf, 2, nf, yf, s[0], s[1]);
+            tamber_MV_YP_AtX(nf, 2, nf, yf, s[0], s[1]);
+            tamber_SM_UD(nf, 2, yf, 2, s[0], s[1]);
+        }
+        tamber_MV_aAX_SYL(nf, 2, nf, yf, 2.0f, bad);
+        tamber_MV_aAX_SYL(nd, 2, nd, yd, 2.0, bad);
+        tamber_MV_AX_SYL(nf, 2, nf, yf, bad);
+        tamber_SV_TRIL(nf, 2, yf, bad);
+        tamber_SV_TRIL_UD(nf, 2, yf, bad);
+        tamber_SV_TRILt(nf, 2, yf, bad);
+    }
+    tamber_SV_TRIL_UD(nf, 2, yf, 1);  // n = 1: nothing to eliminate, L not read
+    EXPECT_TRUE(cf.sameBits(f0));
+    EXPECT_TRUE(cd.sameBits(d0));
+}
+
+}  // namespace

@@ -1,0 +1,334 @@
+#include <gtest/gtest.h>
+#include <kiv/ThreadTask.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+// Program-wide count of operator new calls, to prove that a dispatch through a
+// pool that is already large enough allocates nothing.
+namespace {
+std::atomic<std::uint64_t> g_news{0};
+}
+
+// GCC sees free() in a replaced operator delete as a mismatch; it is the pair
+// of the malloc() above.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wmismatched-new-delete"
+void* operator new(std::size_t bytes) {
+    g_news.fetch_add(1, std::memory_order_relaxed);
+    if (void* p = std::malloc(bytes ? bytes : 1)) return p;
+    throw std::bad_alloc();
+}
+void operator delete(void* p) noexcept { std::free(p); }
+void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+#pragma GCC diagnostic pop
+
+namespace {
+
+constexpr unsigned kMaxThreads = 16;
+
+// Per-execute record: how often each index ran, which OS thread ran it, and a
+// rendezvous that only completes when all N workers run at the same time.
+struct Probe {
+    unsigned n = 0;
+    std::atomic<unsigned> runs[kMaxThreads];
+    std::thread::id ids[kMaxThreads];
+    std::atomic<unsigned> arrived{0};
+    std::atomic<bool> rendezvousFailed{false};
+
+    void reset(unsigned numThreads) {
+        n = numThreads;
+        for (auto& r : runs) r.store(0);
+        arrived.store(0);
+    }
+
+    static void body(void* self) { static_cast<Probe*>(self)->run(); }
+    void run() {
+        const unsigned t = kiv::ThreadTask::currentThreadIndex();
+        ASSERT_LT(t, kMaxThreads);
+        runs[t].fetch_add(1);
+        ids[t] = std::this_thread::get_id();
+        // Every worker must reach this point before any leaves: a pool that
+        // ran the workers one after another would never get here.
+        arrived.fetch_add(1);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (arrived.load() < n) {
+            if (std::chrono::steady_clock::now() > deadline) {
+                rendezvousFailed.store(true);
+                return;
+            }
+            std::this_thread::yield();
+        }
+    }
+
+    void expectEachIndexOnce() const {
+        for (unsigned t = 0; t < kMaxThreads; ++t) {
+            EXPECT_EQ(runs[t].load(), t < n ? 1u : 0u) << "index " << t << " of " << n;
+        }
+        EXPECT_FALSE(rendezvousFailed.load()) << n << " workers did not run concurrently";
+        EXPECT_EQ(ids[0], std::this_thread::get_id()) << "worker 0 is the calling thread";
+        for (unsigned a = 0; a < n; ++a) {
+            for (unsigned b = a + 1; b < n; ++b) EXPECT_NE(ids[a], ids[b]) << a << " and " << b;
+        }
+    }
+};
+
+TEST(ThreadTask, EveryIndexRunsOnceOnDistinctConcurrentThreads) {
+    Probe probe;
+    kiv::ThreadTask task("probe", &Probe::body, &probe);
+    for (unsigned n : {1u, 2u, 3u, 4u, 8u, 16u, 3u, 1u}) {
+        SCOPED_TRACE(n);
+        task.setNumThreads(n);
+        EXPECT_EQ(task.numThreads(), n);
+        for (int repeat = 0; repeat < 3; ++repeat) {
+            probe.reset(n);
+            task.execute();
+            probe.expectEachIndexOnce();
+        }
+    }
+    EXPECT_GE(kiv::ThreadTask::poolSize(), 15u);
+    task.setNumThreads(0);
+    EXPECT_EQ(task.numThreads(), 1u);
+    EXPECT_EQ(kiv::ThreadTask::currentThreadIndex(), 0u);
+}
+
+// Every worker writes the iteration number into its own plain (non-atomic)
+// cell; the caller reads all cells after execute(). A missed dispatch leaves a
+// stale value, a missing happens-before edge is a data race for ThreadSanitizer.
+TEST(ThreadTask, ThousandsOfExecutesPublishWorkerResults) {
+    struct Cells {
+        unsigned long value[kMaxThreads] = {};
+        unsigned long iteration = 0;
+        static void body(void* self) {
+            auto* c = static_cast<Cells*>(self);
+            c->value[kiv::ThreadTask::currentThreadIndex()] = c->iteration * 31 + 7;
+        }
+    } cells;
+    kiv::ThreadTask task("cells", &Cells::body, &cells);
+    for (unsigned n : {2u, 4u, 3u}) {
+        task.setNumThreads(n);
+        for (unsigned long it = 1; it <= 3000; ++it) {
+            cells.iteration = it;
+            task.execute();
+            for (unsigned t = 0; t < n; ++t) {
+                ASSERT_EQ(cells.value[t], it * 31 + 7) << "worker " << t << " of " << n << ", iteration " << it;
+            }
+        }
+    }
+}
+
+TEST(ThreadTask, PoolThreadsAreReusedAndExecuteDoesNotAllocate) {
+    Probe probe;
+    kiv::ThreadTask task("reuse", &Probe::body, &probe, 6);
+    probe.reset(6);
+    task.execute();  // grows the pool to at least 5 threads if needed
+    const std::uint64_t created = kiv::ThreadTask::threadsCreated();
+    const unsigned pool = kiv::ThreadTask::poolSize();
+    ASSERT_GE(pool, 5u);
+    const std::uint64_t news = g_news.load();
+    for (int i = 0; i < 200; ++i) {
+        const unsigned n = 1 + static_cast<unsigned>(i) % 6;
+        task.setNumThreads(n);
+        probe.reset(n);
+        task.execute();
+    }
+    EXPECT_EQ(g_news.load(), news) << "execute() allocated";
+    EXPECT_EQ(kiv::ThreadTask::threadsCreated(), created);
+    probe.expectEachIndexOnce();
+
+    // Growing to N workers starts exactly the missing N-1-pool threads.
+    const unsigned bigger = pool + 3 > kMaxThreads ? kMaxThreads : pool + 3;
+    task.setNumThreads(bigger);
+    probe.reset(bigger);
+    task.execute();
+    probe.expectEachIndexOnce();
+    EXPECT_EQ(kiv::ThreadTask::threadsCreated(), created + (bigger - 1 > pool ? bigger - 1 - pool : 0));
+}
+
+TEST(ThreadTask, CallbackForms) {
+    // Member function through the trampoline.
+    struct Counter {
+        std::atomic<unsigned> sum{0};
+        void run() { sum.fetch_add(kiv::ThreadTask::currentThreadIndex() + 1); }
+    } counter;
+    kiv::ThreadTask member("member", kiv::ThreadTask::member<Counter, &Counter::run>, &counter, 4);
+    member.execute();
+    EXPECT_EQ(counter.sum.load(), 1u + 2u + 3u + 4u);
+
+    // std::function.
+    std::atomic<unsigned> mask{0};
+    kiv::ThreadTask lambda("lambda", [&mask] { mask.fetch_or(1u << kiv::ThreadTask::currentThreadIndex()); }, 5);
+    lambda.execute();
+    EXPECT_EQ(mask.load(), 0x1Fu);
+
+    // Names: kept as given, truncated past the limit, null becomes "".
+    EXPECT_STREQ(member.name(), "member");
+    const std::string longName(100, 'x');
+    kiv::ThreadTask longTask(longName.c_str(), [] {}, 1);
+    EXPECT_EQ(std::string(longTask.name()), longName.substr(0, kiv::ThreadTask::kMaxNameLength));
+    kiv::ThreadTask unnamed(nullptr, [] {}, 1);
+    EXPECT_STREQ(unnamed.name(), "");
+}
+
+TEST(ThreadTask, OneThreadTaskNestsInsideAWorker) {
+    // Inside worker t, a nested one-thread task sees index 0, and t again after it.
+    std::atomic<unsigned> bad{0};
+    kiv::ThreadTask outer(
+        "outer",
+        [&bad] {
+            const unsigned t = kiv::ThreadTask::currentThreadIndex();
+            kiv::ThreadTask inner("inner", [&bad] { bad += kiv::ThreadTask::currentThreadIndex() != 0; }, 1);
+            inner.execute();
+            bad += kiv::ThreadTask::currentThreadIndex() != t;
+        },
+        3);
+    outer.execute();
+    EXPECT_EQ(bad.load(), 0u);
+}
+
+TEST(ThreadTask, ExceptionOnCallingThreadWaitsForTheOthers) {
+    std::atomic<unsigned> finished{0};
+    kiv::ThreadTask task(
+        "throws",
+        [&finished] {
+            if (kiv::ThreadTask::currentThreadIndex() == 0) throw std::runtime_error("worker 0 failed");
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            finished.fetch_add(1);
+        },
+        4);
+    EXPECT_THROW(task.execute(), std::runtime_error);
+    EXPECT_EQ(finished.load(), 3u);
+    // The pool is still usable afterwards.
+    Probe probe;
+    kiv::ThreadTask next("next", &Probe::body, &probe, 4);
+    probe.reset(4);
+    next.execute();
+    probe.expectEachIndexOnce();
+}
+
+TEST(ThreadTask, ConcurrentCallersAreSerialised) {
+    // Two threads execute their own tasks in a loop; each must always see all
+    // of its own workers and nobody else's.
+    struct Job {
+        std::atomic<unsigned> count{0};
+        static void body(void* self) { static_cast<Job*>(self)->count.fetch_add(1); }
+    };
+    std::atomic<unsigned> errors{0};
+    auto caller = [&errors](unsigned n) {
+        Job job;
+        kiv::ThreadTask task("caller", &Job::body, &job, n);
+        for (int i = 0; i < 300; ++i) {
+            job.count.store(0);
+            task.execute();
+            if (job.count.load() != n) errors.fetch_add(1);
+        }
+    };
+    std::thread a(caller, 3u);
+    std::thread b(caller, 2u);
+    a.join();
+    b.join();
+    EXPECT_EQ(errors.load(), 0u);
+}
+
+TEST(ThreadTask, SpinSettingDoesNotChangeResults) {
+    const unsigned saved = kiv::ThreadTask::spinMicroseconds();
+    Probe probe;
+    kiv::ThreadTask task("spin", &Probe::body, &probe, 3);
+    for (unsigned us : {0u, 1u, 200u}) {
+        kiv::ThreadTask::setSpinMicroseconds(us);
+        EXPECT_EQ(kiv::ThreadTask::spinMicroseconds(), us);
+        for (int i = 0; i < 50; ++i) {
+            probe.reset(3);
+            task.execute();
+            probe.expectEachIndexOnce();
+        }
+    }
+    kiv::ThreadTask::setSpinMicroseconds(saved);
+}
+
+// Delete handler: records the task and deletes it.
+std::atomic<kiv::ThreadTask*> g_handed{nullptr};
+void recordingDelete(kiv::ThreadTask* task) {
+    g_handed.store(task);
+    delete task;
+}
+
+TEST(ThreadTask, ReferenceCountingAndDeleteHandler) {
+    auto* task = new kiv::ThreadTask("counted", [] {}, 2);
+    EXPECT_EQ(task->refCount(), 1u);
+    EXPECT_EQ(task->addRef(), 2u);
+    EXPECT_EQ(task->addRef(), 3u);
+    task->execute();
+    EXPECT_EQ(task->release(), 2u);
+    EXPECT_EQ(task->release(), 1u);
+    kiv::ThreadTask::setDeleteHandler(&recordingDelete);
+    EXPECT_EQ(kiv::ThreadTask::deleteHandler(), &recordingDelete);
+    EXPECT_EQ(g_handed.load(), nullptr);
+    EXPECT_EQ(task->release(), 0u);
+    EXPECT_EQ(g_handed.load(), task);
+
+    // Without a handler the last release deletes (a leak or double free would
+    // show under AddressSanitizer).
+    kiv::ThreadTask::setDeleteHandler(nullptr);
+    g_handed.store(nullptr);
+    auto* plain = new kiv::ThreadTask("plain", [] {}, 1);
+    plain->addRef();
+    std::thread other([plain] { plain->release(); });
+    other.join();
+    EXPECT_EQ(plain->release(), 0u);
+    EXPECT_EQ(g_handed.load(), nullptr);
+}
+
+TEST(ThreadTaskDeathTest, SeveralThreadsFromInsideATaskAborts) {
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    auto nested = [] {
+        kiv::ThreadTask outer(
+            "outer",
+            [] {
+                kiv::ThreadTask inner("inner", [] {}, 2);
+                inner.execute();
+            },
+            2);
+        outer.execute();
+    };
+    EXPECT_DEATH(nested(), "kivAbort: A task with several threads executed from inside a task!");
+}
+
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
+TEST(ThreadTask, ForkedChildGetsAFreshPool) {
+    if (kThreadSanitizer) GTEST_SKIP() << "ThreadSanitizer does not support threads after a threaded fork";
+    kiv::ThreadTask warm("warm", [] {}, 3);
+    warm.execute();
+    std::fflush(stdout);
+    const pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+        Probe probe;
+        kiv::ThreadTask task("child", &Probe::body, &probe, 3);
+        probe.reset(3);
+        task.execute();
+        const bool ok = probe.runs[0] == 1 && probe.runs[1] == 1 && probe.runs[2] == 1 && !probe.rendezvousFailed;
+        std::exit(ok ? 0 : 3);  // exit(), not _exit(): the pool's shutdown must not hang
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(pid, &status, 0), pid);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+}  // namespace
