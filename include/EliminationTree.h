@@ -68,8 +68,8 @@ public:
     // discovered only through the neighbour that reaches it for the (degree - 1)-th time, counting arrivals
     // in its tag (which starts from whatever rebuild or tagNeighbors left there). Sets tree.numNodes, clears
     // the tree (reallocating it when its capacity is too small), and writes `parent` and `roots` only; child
-    // lists and post order are left to computeTreeStructure and a post order. The discovering adjacency
-    // positions are marked in `marks`.
+    // lists and post order are left to computeTreeStructure and a post order (after which `roots` lists
+    // every root twice). The discovering adjacency positions are marked in `marks`. start < numNodes.
     void breadthFirstSearch(unsigned int start, Tree& tree);
 
     // Prints nothing.

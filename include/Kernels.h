@@ -50,8 +50,8 @@ void tamber_MM_CP_AtB(const double* A, int lda, const double* B, int ldb, double
 //    is legal only on padded tiles: column k of A and B (the padding column) must be readable and zero, and
 //    row n / column m of C must exist (they are padding and get written). This is what the block storage of
 //    double matrices guarantees (rows padded to an even length, padding zero-filled).
-// Before the blocked path, three special shapes are handled with plain scalar loops, checked in this order,
-// with no alignment or evenness requirement and nothing outside the n×m result written:
+// Before the blocked path, three degenerate shapes are handled with plain scalar loops, checked in this
+// order, with no alignment or evenness requirement and nothing outside the n×m result written:
 //  - n == 1: for j < m: C[0][j] -= Σp A[0][p]·B[j][p] (sum formed first, from p = 0 up);
 //  - m == 1: for i < n: C[i][0] -= Σp A[i][p]·B[0][p];
 //  - k == 1: for i < n, j < m: C[i][j] -= A[i][0]·B[j][0].
@@ -62,7 +62,7 @@ void tamber_MM_CM_ABt(const double* A, int lda, const double* B, int ldb, double
 
 // C += A·Bᵀ.  Same shapes as tamber_MM_CM_ABt.
 // float: sequential summation into C[i][j]. double: always the blocked path with the alignment and padding
-// contract of tamber_MM_CM_ABt (there are no special shapes here: n, m or k equal to 1 also need padding).
+// contract of tamber_MM_CM_ABt (there are no degenerate shapes here: n, m or k equal to 1 also need padding).
 void tamber_MM_CP_ABt(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m,
                       int k);
 void tamber_MM_CP_ABt(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,

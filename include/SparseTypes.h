@@ -9,13 +9,13 @@
 // zero at all times (the double solves read and write pairs of elements across the padding).
 //
 // The blocks of block column j occupy the indices colPointers[j] .. colPointers[j+1]-1 of the block arrays,
-// in the order they were acquired. A factor keeps in column j the blocks (i, j), i < j, in ascending i and its
-// diagonal block last; container column j is then block row j of the lower factor L (so the column view of
-// the container shows U = Lᵀ).
+// in the order they were acquired. A factor keeps in column j the blocks (i, j), i < j, in ascending i and
+// its diagonal block last; container column j is then block row j of the lower factor L (so the column view
+// of the container shows U = Lᵀ).
 //
-// Life cycle: setSize (grows only) → one acquireBlock per block, block columns in increasing order, the blocks
-// of a column consecutively → values written through the returned pointers → clear (keeps all storage) →
-// setSize again. No operation checks its arguments.
+// Life cycle: setSize (grows only) → one acquireBlock per block, block columns in increasing order, the
+// blocks of a column consecutively → values written through the returned pointers → clear (keeps all storage)
+// → setSize again. No operation checks its arguments.
 #ifndef KIVTAMBER_SPARSETYPES_H
 #define KIVTAMBER_SPARSETYPES_H
 
@@ -74,12 +74,13 @@ public:
     // zero; keeps every allocation. rowIndices, blockFlags and blockPointers are left as they are.
     void clear();
 
-    // Appends block (row, col) of colSize columns and rowSize rows to block column `col` and returns the
-    // start of its colSize·stride(rowSize) column-major tile. Records the sizes, strides and the offset of
-    // `col`, keeps blockSizes[n] equal to the running total and advances blockPointers to the next block.
-    // Aborts the process with "Not enough memory, <numBlocks> <blockCapacity>" on standard error when the
-    // block arrays are full; the value storage is not checked (the caller sizes it). The fifth argument is
-    // part of the interface, always left at its default and never read.
+    // Appends block (row, col), rowSize × colSize, to block column `col` and returns the start of its tile
+    // (column-major, leading dimension stride(rowSize), stride(rowSize)·stride(colSize) elements reserved).
+    // Records the sizes, strides and the offset of `col`, keeps blockSizes[n] equal to the running total N
+    // and points blockPointers[numBlocks + 1] past the tile. Aborts the process with "Not enough memory,
+    // <numBlocks> <blockCapacity>" on standard error when the block arrays are full; the value storage is not
+    // checked (the caller sizes it). The fifth argument is part of the interface, always left at its default
+    // and never read.
     T* acquireBlock(unsigned long col, unsigned long row, unsigned long colSize, unsigned long rowSize,
                     int = 0);
 
@@ -89,9 +90,9 @@ public:
 
     // y = y + A·x with the symmetric expansion: an off-diagonal block B = (i, j) adds B·x_j to y_i and
     // Bᵀ·x_i to y_j; a diagonal tile adds its symmetric product, reading the triangle r ≤ c of the
-    // column-major tile. Accepts the upper form (column 0 holds one block, diagonal blocks last) and any other
-    // arrangement of the blocks within the columns.
-    // x: in, N elements. y: in/out, N elements. x and y must not overlap.
+    // column-major tile. Accepts the upper form (column 0 holds one block, diagonal blocks last) and any
+    // other arrangement of the blocks within the columns. x: in, N elements. y: in/out, N elements. x and y
+    // must not overlap.
     void multiplyAdd(const T* x, T* y) const;
 
     // y = beta·y + alpha·A·x. y is scaled first (beta = 0 multiplies too, so NaN stays NaN) unless

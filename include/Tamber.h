@@ -76,25 +76,34 @@ public:
     double getFactorTime() const;
     double getSolveTime() const;
 
-    // Lays out `data.factor` for the filled pattern `data.skeleton` (placeholder 1×1 blocks, no values) and
-    // counts the work of a factorization.
-    // Preconditions: `data.skeleton` holds the filled pattern by block rows (ascending, diagonal last) and
-    // `data.matrix` the input in the same order, its block column i holding the blocks (j, i), j <= i
-    // ascending, diagonal last (a subset of the pattern); the block sizes are taken from `data.matrix`.
+    // Lays out `data.factor` for the filled pattern `data.skeleton` and counts the work of a factorization.
+    // nb = data.skeleton.n; the factor is cleared and sized for nb block columns, P = (pattern entries)
+    // blocks and 8·P values, then gets one placeholder block per pattern entry, in pattern order, of logical
+    // size 1×1 (2×2 reserved for double): the right block structure, no values, block sizes all 1. A
+    // following factorization rebuilds it with the true sizes.
+    // Preconditions: `data.skeleton` holds the filled pattern by block rows (per row i the ascending columns
+    // j <= i, diagonal last) and `data.matrix` the input in the same order, its block column i holding the
+    // blocks (j, i), j <= i ascending, diagonal last, a subset of the pattern.
     // work: out, may be null; receives Σ over block rows i of [ the number of off-diagonal entries (i, j)
     // plus, for each of them, the number of columns k < j present in both row i and row j ], the number of
-    // block products and block triangular solves of the off-diagonal blocks in factorSerial (the updates of
-    // the diagonal blocks are not counted separately).
+    // block triangular solves and block products of the off-diagonal blocks in factorSerial (the updates of
+    // the diagonal blocks are not counted separately). nb = 0 writes 0.
     // Returns the number of fill blocks (pattern entries that are not in the input matrix).
-    // Aborts with "Not enough memory, " when the factor's block capacity is exceeded.
+    // Aborts with "Not enough memory, <used> <capacity>" when the factor's block capacity is exceeded.
     template <typename T>
     unsigned int estimateWork(TamberData<T>& data, unsigned int* work);
 
-    // A = L·D·Lᵀ by a left-looking block-row factorization without pivoting, in one thread. Writes
-    // `data.factor`, `data.scaledFactor` (every diagonal block and every block used as an update source
-    // flagged 1) and `data.diagonal`; sets `data.isFactored` = 1, `factorTime` to the duration and
-    // `solveTime` to 0. Preconditions as estimateWork. A zero pivot yields non-finite values, not an error.
-    // After the first call on a structure the numeric phase allocates nothing.
+    // A = L·D·Lᵀ by a left-looking block-row factorization without pivoting, in one thread: for each block
+    // row i in order, L(i, j) = (A(i, j) − Σ_{k<j} L(i, k)·D_k·L(j, k)ᵀ)·L_jj⁻ᵀ·D_j⁻¹ for its off-diagonal
+    // blocks, then the dense unpivoted L_ii·D_i·L_iiᵀ of A(i, i) − Σ_{k<i} L(i, k)·D_k·L(i, k)ᵀ.
+    // Block sizes come from `data.matrix`; preconditions as estimateWork.
+    // Writes `data.factor` and `data.scaledFactor` (one block per pattern entry, block index = entry index;
+    // every LD block written is flagged 1, which after a factorization is every diagonal block and every
+    // off-diagonal block, since each one is an update source of its row's diagonal block) and
+    // `data.diagonal` (grown only); scratch from `data.scratchPad` slot 0. Sets `data.isFactored` = 1,
+    // `factorTime` to the duration (setup plus numeric phase) and `solveTime` to 0. A zero pivot yields
+    // non-finite values, not an error. Once the matrices and the scratch pad have seen a structure, a
+    // factorization of it allocates nothing.
     template <typename T>
     void factorSerial(TamberData<T>& data);
 

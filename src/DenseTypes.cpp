@@ -23,7 +23,9 @@ unsigned long rawCount(unsigned long capacity) {
 }
 
 // Dimension n of a dense matrix: the low 32 bits of numCols, read as a signed number.
-inline int dimension(unsigned long numCols) { return static_cast<int>(static_cast<unsigned int>(numCols)); }
+inline int dimension(unsigned long numCols) {
+    return static_cast<int>(static_cast<unsigned int>(numCols));
+}
 
 }  // namespace
 

@@ -104,6 +104,7 @@ void Graph::breadthFirstSearch(unsigned int start, Tree& tree) {
     queue.reserve(numNodes);
 
     auto search = [&](unsigned int root) {
+        // Kept: computeTreeStructure pushes each root again, so roots lists it twice; both post orders cope.
         tree.roots.push_back(root);
         parent[root] = root;
         queue.clear();

@@ -220,10 +220,10 @@ void SparseMatrix<T>::multiply(const T* x, T* y) const {
     multiplyAdd(x, y);
 }
 
-// The tile of block (i, j) is s_i × s_j column-major with leading dimension blockStrides[i]; read row-major it
-// is K = Bᵀ, an s_j × s_i matrix with the same leading dimension. Hence B·x_j = Kᵀ·x_j (the AtX kernel with
-// n = s_j, m = s_i) and Bᵀ·x_i = K·x_i (the AX kernel), and the symmetric kernels read the row-major lower
-// triangle of K, which is the triangle r ≤ c of the column-major tile.
+// The tile of block (i, j) is s_i × s_j column-major with leading dimension blockStrides[i]; read row-major
+// it is K = Bᵀ, an s_j × s_i matrix with the same leading dimension. Hence B·x_j = Kᵀ·x_j (the AtX kernel
+// with n = s_j, m = s_i) and Bᵀ·x_i = K·x_i (the AX kernel), and the symmetric kernels read the row-major
+// lower triangle of K, which is the triangle r ≤ c of the column-major tile.
 template <typename T>
 void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
     const unsigned long n = numBlockCols;

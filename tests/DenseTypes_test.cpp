@@ -1,5 +1,7 @@
 // Dense matrix L·D·Lᵀ and solve against an independent dense reference on SPD and saddle-point matrices;
 // dense vector growth.
+#include "DenseTypes.h"
+
 #include <gtest/gtest.h>
 #include <kiv/ByteAllocator.h>
 
@@ -10,8 +12,6 @@
 #include <limits>
 #include <random>
 #include <vector>
-
-#include "DenseTypes.h"
 
 namespace kivTamber {
 namespace {
@@ -99,7 +99,8 @@ TYPED_TEST(DenseTypesTest, FactorMatchesReference) {
     using T = TypeParam;
     const long double eps = std::numeric_limits<T>::epsilon();
     for (const Case& c : cases()) {
-        SCOPED_TRACE(::testing::Message() << (c.saddle ? "saddle" : "spd") << " n " << c.n << " seed " << c.seed);
+        SCOPED_TRACE(::testing::Message()
+                     << (c.saddle ? "saddle" : "spd") << " n " << c.n << " seed " << c.seed);
         std::mt19937 rng(c.seed * 100 + c.n);
         const int n = c.n;
         const Dense A = c.saddle ? randomSaddle(rng, n) : randomSpd(rng, n);
@@ -156,7 +157,8 @@ TYPED_TEST(DenseTypesTest, SolveHasSmallResidualAndFactorsOnce) {
     using T = TypeParam;
     const long double eps = std::numeric_limits<T>::epsilon();
     for (const Case& c : cases()) {
-        SCOPED_TRACE(::testing::Message() << (c.saddle ? "saddle" : "spd") << " n " << c.n << " seed " << c.seed);
+        SCOPED_TRACE(::testing::Message()
+                     << (c.saddle ? "saddle" : "spd") << " n " << c.n << " seed " << c.seed);
         std::mt19937 rng(c.seed * 977 + c.n);
         const int n = c.n;
         const Dense A = c.saddle ? randomSaddle(rng, n) : randomSpd(rng, n);

@@ -17,6 +17,7 @@
 #include "testing/Patterns.h"
 
 using namespace kivTamber;
+namespace pat = kivTamber::testing;
 
 namespace {
 
@@ -83,22 +84,20 @@ TEST(EliminationTree, ComputeTreeMatchesDenseSymbolicElimination) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const unsigned int n = 1 + static_cast<unsigned int>(seed % 61);
         const double density = 0.5 + static_cast<double>(seed % 7);
-        const testing::BlockPattern p = seed % 3 == 0
-                                            ? testing::randomSaddlePattern(n, n - n / 3, density, seed)
-                                            : testing::randomPattern(n, density, seed);
+        const pat::BlockPattern p = seed % 3 == 0 ? pat::randomSaddlePattern(n, n - n / 3, density, seed)
+                                                  : pat::randomPattern(n, density, seed);
         std::vector<unsigned int> active(n, 1);
         if (seed % 2 == 0)
             for (unsigned int x = 0; x < n; ++x) active[x] = rng() % 4 != 0;
         // The reference sees the pattern without the couplings of inactive nodes.
-        testing::BlockPattern reduced(n);
+        pat::BlockPattern reduced(n);
         for (unsigned int i = 0; i < n; ++i)
             for (unsigned int j = 0; j < i; ++j)
                 if (p(i, j) && active[i] && active[j]) reduced.couple(i, j);
-        const std::vector<unsigned int> expected =
-            testing::eliminationParent(testing::symbolicFactor(reduced));
+        const std::vector<unsigned int> expected = pat::eliminationParent(pat::symbolicFactor(reduced));
 
         SkeletonMatrix S;
-        testing::toSkeleton(p, S);
+        pat::toSkeleton(p, S);
         if (seed % 5 == 0) {
             // Entries below the diagonal, stored after it, must not be read.
             std::vector<std::vector<unsigned int>> lists(n);
@@ -254,7 +253,7 @@ TEST(TreeUpdate, ComputeTreeFromFactorAndValidate) {
     SmallFactor f;
     f.tile[0][3][0] = 2.0;   // 0 -> 3
     f.tile[1][2][1] = -1.0;  // 1 -> 2
-    f.tile[2][3][1] = 0.5;   // 2 -> 3
+    f.tile[2][3][2] = 0.5;   // 2 -> 3 (column 1 of a 1-row tile of stride 2)
     EliminationTree t;
     sized(t, 4);
     TreeUpdate::computeTree(&t, f.L, f.layout);
@@ -268,19 +267,17 @@ TEST(TreeUpdate, ComputeTreeFromFactorAndValidate) {
     EXPECT_EQ(validateOutput(t, f, ok), "");
     EXPECT_TRUE(ok);
 
-    // A wrong parent: both lines, checking goes on, no tree print.
-    t.parent[1] = 3;
+    // A wrong parent with consistent lists: both lines, no tree print.
+    TreeUpdate::updateParent(&t, 1, 2, 3);
     EXPECT_EQ(validateOutput(t, f, ok),
               "[Validate] Incorrect parent for 1. Parent is 3 but should be 2\n"
               "           3 has 3 as parent.\n");
     EXPECT_FALSE(ok);
 
-    // A child list that disagrees with the parents (1 is in 2's list): the tree is printed once.
+    // A parent that its child list contradicts (0 stays in 3's list): the lines, then the tree once.
+    TreeUpdate::updateParent(&t, 1, 3, 2);
     t.fillIns.push_back(9);
-    t.parent[1] = 2;
     t.parent[0] = 2;
-    t.firstChild[2] = 0;
-    t.sibling[0] = 1;
     const std::string out = validateOutput(t, f, ok);
     EXPECT_FALSE(ok);
     EXPECT_EQ(out,

@@ -25,11 +25,11 @@ struct Tolerance;
 // constraint part, so their factors grow little.
 template <>
 struct Tolerance<double> {
-    static constexpr double value = 1e-12;
+    static constexpr double value = 1e-12;  // measured worst: 2e-15
 };
 template <>
 struct Tolerance<float> {
-    static constexpr double value = 2e-5;
+    static constexpr double value = 1e-5;  // measured worst: 1e-6
 };
 
 double maxAbs(const std::vector<double>& v) {
@@ -69,16 +69,16 @@ void checkFactor(const BlockSystem& sys, const TamberData<T>& data) {
     testing::extractFactor(data, got);
     const double dScale = std::max(1.0, maxAbs(ref.d));
     for (unsigned int r = 0; r < sys.N; ++r) {
-        ASSERT_NEAR(got.d[r], ref.d[r], tol * dScale * 10) << "pivot " << r;
+        ASSERT_NEAR(got.d[r], ref.d[r], tol * dScale) << "pivot " << r;
     }
     const double lScale = std::max(1.0, maxAbs(ref.L));
     for (std::size_t k = 0; k < ref.L.size(); ++k) {
-        ASSERT_NEAR(got.L[k], ref.L[k], tol * lScale * 10) << "L entry " << k / sys.N << "," << k % sys.N;
+        ASSERT_NEAR(got.L[k], ref.L[k], tol * lScale) << "L entry " << k / sys.N << "," << k % sys.N;
     }
 
     // L·D·Lᵀ reproduces A on the filled pattern.
     const double scale = std::max(maxAbs(sys.dense.a), lScale * lScale * dScale);
-    EXPECT_LE(testing::reconstructionError(data, sys.dense), 10 * tol * scale);
+    EXPECT_LE(testing::reconstructionError(data, sys.dense), tol * scale);
 
     // Per block: unit diagonal blocks with exact zeros above, LD = L·D bit for bit, every LD flag set, and
     // zero padding in both matrices.
@@ -100,8 +100,12 @@ void checkFactor(const BlockSystem& sys, const TamberData<T>& data) {
                         continue;
                     }
                     ASSERT_EQ(ld[at], l[at] * data.diagonal.data[sys.offsets[j] + c]);
-                    if (i == j && c == r) ASSERT_EQ(l[at], T(1));
-                    if (i == j && c > r) ASSERT_EQ(l[at], T(0));
+                    if (i == j && c == r) {
+                        ASSERT_EQ(l[at], T(1));
+                    }
+                    if (i == j && c > r) {
+                        ASSERT_EQ(l[at], T(0));
+                    }
                 }
             }
         }
@@ -121,16 +125,17 @@ std::string caseName(const ::testing::TestParamInfo<Case>& info) {
 
 BlockSystem makeSystem(const Case& c) {
     if (std::string(c.kind) == "spd") {
-        return testing::makeSpdSystem(c.seed, 4 + c.seed % 23, c.maxBlockSize, 0.1 + 0.05 * (c.seed % 7));
+        return testing::makeSpdSystem(c.seed, 4 + c.seed * 7 % 57, c.maxBlockSize, 0.1 + 0.05 * (c.seed % 7));
     }
-    return testing::makeSaddlePointSystem(c.seed, 3 + c.seed % 13, 2 + c.seed % 11, c.maxBlockSize,
+    return testing::makeSaddlePointSystem(c.seed, 3 + c.seed * 5 % 31, 2 + c.seed * 3 % 23, c.maxBlockSize,
                                           0.05 * (c.seed % 5));
 }
 
 std::vector<Case> allCases() {
     std::vector<Case> cases;
     for (const char* kind : {"spd", "saddle"}) {
-        for (unsigned long seed = 0; seed < 24; ++seed) cases.push_back({kind, seed, 1 + seed % 7});
+        for (unsigned long seed = 0; seed < 24; ++seed)
+            cases.push_back({kind, seed, static_cast<unsigned int>(1 + seed % 7)});
     }
     return cases;
 }
@@ -233,7 +238,9 @@ TEST(FactorSerialEstimate, CountsMatchBruteForce) {
             ASSERT_EQ(L.rowIndices[e], data.skeleton.rowIndices[e]);
             ASSERT_EQ(L.blockPointers[e], L.values + 4 * e);
         }
-        if (sys.nb > 0) EXPECT_EQ(L.blockSizes[sys.nb], sys.nb);
+        if (sys.nb > 0) {
+            EXPECT_EQ(L.blockSizes[sys.nb], sys.nb);
+        }
     }
 }
 

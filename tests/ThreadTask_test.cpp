@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <kiv/ThreadTask.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -8,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <new>
 #include <stdexcept>
 #include <string>
@@ -29,8 +31,12 @@ void* operator new(std::size_t bytes) {
     if (void* p = std::malloc(bytes ? bytes : 1)) return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
 #pragma GCC diagnostic pop
 
 namespace {
@@ -121,7 +127,8 @@ TEST(ThreadTask, ThousandsOfExecutesPublishWorkerResults) {
             cells.iteration = it;
             task.execute();
             for (unsigned t = 0; t < n; ++t) {
-                ASSERT_EQ(cells.value[t], it * 31 + 7) << "worker " << t << " of " << n << ", iteration " << it;
+                ASSERT_EQ(cells.value[t], it * 31 + 7)
+                    << "worker " << t << " of " << n << ", iteration " << it;
             }
         }
     }
@@ -167,16 +174,19 @@ TEST(ThreadTask, CallbackForms) {
 
     // std::function.
     std::atomic<unsigned> mask{0};
-    kiv::ThreadTask lambda("lambda", [&mask] { mask.fetch_or(1u << kiv::ThreadTask::currentThreadIndex()); }, 5);
+    kiv::ThreadTask lambda(
+        "lambda", [&mask] { mask.fetch_or(1u << kiv::ThreadTask::currentThreadIndex()); }, 5);
     lambda.execute();
     EXPECT_EQ(mask.load(), 0x1Fu);
 
     // Names: kept as given, truncated past the limit, null becomes "".
     EXPECT_STREQ(member.name(), "member");
     const std::string longName(100, 'x');
-    kiv::ThreadTask longTask(longName.c_str(), [] {}, 1);
+    kiv::ThreadTask longTask(
+        longName.c_str(), [] {}, 1);
     EXPECT_EQ(std::string(longTask.name()), longName.substr(0, kiv::ThreadTask::kMaxNameLength));
-    kiv::ThreadTask unnamed(nullptr, [] {}, 1);
+    kiv::ThreadTask unnamed(
+        nullptr, [] {}, 1);
     EXPECT_STREQ(unnamed.name(), "");
 }
 
@@ -187,7 +197,8 @@ TEST(ThreadTask, OneThreadTaskNestsInsideAWorker) {
         "outer",
         [&bad] {
             const unsigned t = kiv::ThreadTask::currentThreadIndex();
-            kiv::ThreadTask inner("inner", [&bad] { bad += kiv::ThreadTask::currentThreadIndex() != 0; }, 1);
+            kiv::ThreadTask inner(
+                "inner", [&bad] { bad += kiv::ThreadTask::currentThreadIndex() != 0; }, 1);
             inner.execute();
             bad += kiv::ThreadTask::currentThreadIndex() != t;
         },
@@ -240,6 +251,34 @@ TEST(ThreadTask, ConcurrentCallersAreSerialised) {
     EXPECT_EQ(errors.load(), 0u);
 }
 
+// Reads the scheduler state letter of thread `tid` of this process ('R'
+// running or runnable, 'S' sleeping, …).
+char threadState(long tid) {
+    std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+    std::string line;
+    std::getline(stat, line);
+    const std::size_t paren = line.rfind(')');
+    return paren != std::string::npos && paren + 2 < line.size() ? line[paren + 2] : '?';
+}
+
+TEST(ThreadTask, IdleWorkersSleep) {
+    // After a task the workers poll for a few microseconds at most, then block:
+    // within a generous deadline every one of them must be found asleep.
+    long tids[4] = {};
+    kiv::ThreadTask task(
+        "tids", [&tids] { tids[kiv::ThreadTask::currentThreadIndex()] = syscall(SYS_gettid); }, 4);
+    for (int i = 0; i < 100; ++i) task.execute();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    for (unsigned t = 1; t < 4; ++t) {
+        char state = threadState(tids[t]);
+        while (state != 'S' && std::chrono::steady_clock::now() < deadline) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+            state = threadState(tids[t]);
+        }
+        EXPECT_EQ(state, 'S') << "worker " << t << " (thread " << tids[t] << ") does not sleep";
+    }
+}
+
 TEST(ThreadTask, SpinSettingDoesNotChangeResults) {
     const unsigned saved = kiv::ThreadTask::spinMicroseconds();
     Probe probe;
@@ -264,7 +303,8 @@ void recordingDelete(kiv::ThreadTask* task) {
 }
 
 TEST(ThreadTask, ReferenceCountingAndDeleteHandler) {
-    auto* task = new kiv::ThreadTask("counted", [] {}, 2);
+    auto* task = new kiv::ThreadTask(
+        "counted", [] {}, 2);
     EXPECT_EQ(task->refCount(), 1u);
     EXPECT_EQ(task->addRef(), 2u);
     EXPECT_EQ(task->addRef(), 3u);
@@ -281,7 +321,8 @@ TEST(ThreadTask, ReferenceCountingAndDeleteHandler) {
     // show under AddressSanitizer).
     kiv::ThreadTask::setDeleteHandler(nullptr);
     g_handed.store(nullptr);
-    auto* plain = new kiv::ThreadTask("plain", [] {}, 1);
+    auto* plain = new kiv::ThreadTask(
+        "plain", [] {}, 1);
     plain->addRef();
     std::thread other([plain] { plain->release(); });
     other.join();
@@ -295,7 +336,8 @@ TEST(ThreadTaskDeathTest, SeveralThreadsFromInsideATaskAborts) {
         kiv::ThreadTask outer(
             "outer",
             [] {
-                kiv::ThreadTask inner("inner", [] {}, 2);
+                kiv::ThreadTask inner(
+                    "inner", [] {}, 2);
                 inner.execute();
             },
             2);
@@ -312,7 +354,8 @@ constexpr bool kThreadSanitizer = false;
 
 TEST(ThreadTask, ForkedChildGetsAFreshPool) {
     if (kThreadSanitizer) GTEST_SKIP() << "ThreadSanitizer does not support threads after a threaded fork";
-    kiv::ThreadTask warm("warm", [] {}, 3);
+    kiv::ThreadTask warm(
+        "warm", [] {}, 3);
     warm.execute();
     std::fflush(stdout);
     const pid_t pid = fork();
@@ -322,7 +365,8 @@ TEST(ThreadTask, ForkedChildGetsAFreshPool) {
         kiv::ThreadTask task("child", &Probe::body, &probe, 3);
         probe.reset(3);
         task.execute();
-        const bool ok = probe.runs[0] == 1 && probe.runs[1] == 1 && probe.runs[2] == 1 && !probe.rendezvousFailed;
+        const bool ok =
+            probe.runs[0] == 1 && probe.runs[1] == 1 && probe.runs[2] == 1 && !probe.rendezvousFailed;
         std::exit(ok ? 0 : 3);  // exit(), not _exit(): the pool's shutdown must not hang
     }
     int status = 0;

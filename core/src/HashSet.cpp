@@ -10,11 +10,10 @@ __extension__ typedef unsigned __int128 Wide;
 
 // Odd primes below 256: trial division by these settles every candidate below
 // 257² and rejects most larger composites before the Miller–Rabin rounds.
-constexpr unsigned kSmallPrimes[] = {3,   5,   7,   11,  13,  17,  19,  23,  29,  31,  37,  41,  43,
-                                     47,  53,  59,  61,  67,  71,  73,  79,  83,  89,  97,  101, 103,
-                                     107, 109, 113, 127, 131, 137, 139, 149, 151, 157, 163, 167, 173,
-                                     179, 181, 191, 193, 197, 199, 211, 223, 227, 229, 233, 239, 241,
-                                     251};
+constexpr unsigned kSmallPrimes[] = {3,   5,   7,   11,  13,  17,  19,  23,  29,  31,  37,  41,  43,  47,
+                                     53,  59,  61,  67,  71,  73,  79,  83,  89,  97,  101, 103, 107, 109,
+                                     113, 127, 131, 137, 139, 149, 151, 157, 163, 167, 173, 179, 181, 191,
+                                     193, 197, 199, 211, 223, 227, 229, 233, 239, 241, 251};
 
 constexpr std::uint64_t kLargestPrime = 18446744073709551557ull;  // 2⁶⁴ − 59
 

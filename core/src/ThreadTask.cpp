@@ -262,7 +262,9 @@ ThreadTask::ThreadTask(const char* name, std::function<void()> callback, unsigne
     context_ = this;
 }
 
-void ThreadTask::callStdFunction(void* self) { static_cast<ThreadTask*>(self)->callback_(); }
+void ThreadTask::callStdFunction(void* self) {
+    static_cast<ThreadTask*>(self)->callback_();
+}
 
 void ThreadTask::execute() {
     if (numThreads_ == 1) {
@@ -305,17 +307,25 @@ ThreadTask::DeleteHandler ThreadTask::deleteHandler() noexcept {
     return g_deleteHandler.load(std::memory_order_acquire);
 }
 
-unsigned ThreadTask::currentThreadIndex() noexcept { return t_index; }
+unsigned ThreadTask::currentThreadIndex() noexcept {
+    return t_index;
+}
 
-std::uint64_t ThreadTask::threadsCreated() noexcept { return g_threadsCreated.load(std::memory_order_relaxed); }
+std::uint64_t ThreadTask::threadsCreated() noexcept {
+    return g_threadsCreated.load(std::memory_order_relaxed);
+}
 
-unsigned ThreadTask::poolSize() noexcept { return ThreadPool::currentSize(); }
+unsigned ThreadTask::poolSize() noexcept {
+    return ThreadPool::currentSize();
+}
 
 void ThreadTask::setSpinMicroseconds(unsigned microseconds) noexcept {
     g_spinMicroseconds.store(microseconds, std::memory_order_relaxed);
     g_spinTicks.store(ticksFor(microseconds), std::memory_order_relaxed);
 }
 
-unsigned ThreadTask::spinMicroseconds() noexcept { return g_spinMicroseconds.load(std::memory_order_relaxed); }
+unsigned ThreadTask::spinMicroseconds() noexcept {
+    return g_spinMicroseconds.load(std::memory_order_relaxed);
+}
 
 }  // namespace kiv

@@ -255,8 +255,9 @@ BlockSystem makeSaddlePointSystem(unsigned long seed, unsigned int numBodies, un
         const Constraint& con = constraints[c];
         const unsigned int cb = constraintBlock[c];
         for (unsigned int body : {con.primary, con.second}) {
-            if (body == con.second && con.second == con.primary) continue;
             const unsigned int bb = bodyBlock[body];
+            if (!sys.lowerRows[cb].empty() && sys.lowerRows[cb].back() == bb)
+                continue;  // one-body constraint
             sys.lowerRows[cb].push_back(bb);
             randomBlock(sys, cb, bb, rng, 0.2);
         }

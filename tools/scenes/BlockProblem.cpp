@@ -78,26 +78,31 @@ bool BlockProblem::sameStructure(const BlockProblem& other) const {
     if (n == 0) return true;
     return std::memcmp(blockSizes.data(), other.blockSizes.data(), n * sizeof(unsigned int)) == 0 &&
            std::memcmp(colPointers.data(), other.colPointers.data(), (n + 1) * sizeof(unsigned int)) == 0 &&
-           (numEntries() == 0 ||
-            std::memcmp(rowIndices.data(), other.rowIndices.data(), numEntries() * sizeof(unsigned int)) == 0);
+           (numEntries() == 0 || std::memcmp(rowIndices.data(), other.rowIndices.data(),
+                                             numEntries() * sizeof(unsigned int)) == 0);
 }
 
 bool checkProblem(const BlockProblem& p, std::string& message) {
     const unsigned long n = p.numBlocks;
-    if (p.firstConstraint > n) return fail(message, "firstConstraint %u exceeds the block count %lu", p.firstConstraint, n);
+    if (p.firstConstraint > n)
+        return fail(message, "firstConstraint %u exceeds the block count %lu", p.firstConstraint, n);
     if (p.blockSizes.size() != n || p.blockOffsets.size() != n + 1 || p.colPointers.size() != n + 1)
-        return fail(message, "array lengths %zu (sizes), %zu (offsets), %zu (column pointers) do not fit %lu blocks",
+        return fail(message,
+                    "array lengths %zu (sizes), %zu (offsets), %zu (column pointers) do not fit %lu blocks",
                     p.blockSizes.size(), p.blockOffsets.size(), p.colPointers.size(), n);
     unsigned long offset = 0;
     for (unsigned long j = 0; j < n; ++j) {
         if (p.blockSizes[j] == 0) return fail(message, "block %lu has size 0", j);
         if (p.blockOffsets[j] != offset)
-            return fail(message, "block %lu has offset %u, the sizes before it add up to %lu", j, p.blockOffsets[j], offset);
+            return fail(message, "block %lu has offset %u, the sizes before it add up to %lu", j,
+                        p.blockOffsets[j], offset);
         offset += p.blockSizes[j];
-        if (offset > 0xFFFFFFFFul) return fail(message, "the scalar dimension exceeds 32 bits at block %lu", j);
+        if (offset > 0xFFFFFFFFul)
+            return fail(message, "the scalar dimension exceeds 32 bits at block %lu", j);
     }
     if (p.blockOffsets[n] != offset)
-        return fail(message, "blockOffsets[%lu] is %u, the sizes add up to %lu", n, p.blockOffsets[n], offset);
+        return fail(message, "blockOffsets[%lu] is %u, the sizes add up to %lu", n, p.blockOffsets[n],
+                    offset);
     const unsigned long entries = p.rowIndices.size();
     if (p.colPointers[0] != 0 || p.colPointers[n] != entries)
         return fail(message, "column pointers run from %u to %u, there are %lu entries", p.colPointers[0],
@@ -106,13 +111,17 @@ bool checkProblem(const BlockProblem& p, std::string& message) {
         return fail(message, "%zu value pointers for %lu entries", p.valuePointers.size(), entries);
     for (unsigned long j = 0; j < n; ++j) {
         const unsigned int begin = p.colPointers[j], end = p.colPointers[j + 1];
-        if (end <= begin || end > entries) return fail(message, "block %lu has an empty or overlong list (%u .. %u)", j, begin, end);
+        if (end <= begin || end > entries)
+            return fail(message, "block %lu has an empty or overlong list (%u .. %u)", j, begin, end);
         for (unsigned int e = begin; e < end; ++e) {
             const unsigned int i = p.rowIndices[e];
-            if (i > j) return fail(message, "entry %u of block %lu names block %u above the diagonal", e, j, i);
+            if (i > j)
+                return fail(message, "entry %u of block %lu names block %u above the diagonal", e, j, i);
             if (e + 1 < end && i >= p.rowIndices[e + 1])
-                return fail(message, "list of block %lu is not ascending at entry %u (%u then %u)", j, e, i, p.rowIndices[e + 1]);
-            if (e + 1 == end && i != j) return fail(message, "list of block %lu ends with %u, not its diagonal", j, i);
+                return fail(message, "list of block %lu is not ascending at entry %u (%u then %u)", j, e, i,
+                            p.rowIndices[e + 1]);
+            if (e + 1 == end && i != j)
+                return fail(message, "list of block %lu ends with %u, not its diagonal", j, i);
             const unsigned long si = p.blockSizes[i], sj = p.blockSizes[j];
             if (p.valuePointers[e + 1] - p.valuePointers[e] != si * sj)
                 return fail(message, "entry %u (%u, %lu) holds %lu values, its block is %lu x %lu", e, i, j,
@@ -122,15 +131,18 @@ bool checkProblem(const BlockProblem& p, std::string& message) {
                             p.valuePointers[e + 1], p.values.size());
             const double* a = p.entryValues(e);
             for (unsigned long k = 0; k < si * sj; ++k)
-                if (!std::isfinite(a[k])) return fail(message, "entry (%u, %lu) holds a non-finite value at %lu", i, j, k);
+                if (!std::isfinite(a[k]))
+                    return fail(message, "entry (%u, %lu) holds a non-finite value at %lu", i, j, k);
             if (i != j) continue;
             for (unsigned long r = 0; r < sj; ++r)
                 for (unsigned long c = 0; c < sj; ++c) {
                     if (a[r * sj + c] != a[c * sj + r])
-                        return fail(message, "diagonal block %lu is not symmetric at (%lu, %lu): %.17g vs %.17g", j, r,
+                        return fail(message,
+                                    "diagonal block %lu is not symmetric at (%lu, %lu): %.17g vs %.17g", j, r,
                                     c, a[r * sj + c], a[c * sj + r]);
                     if (j >= p.firstConstraint && a[r * sj + c] != 0.0)
-                        return fail(message, "constraint block %lu has a non-zero diagonal value %.17g at (%lu, %lu)",
+                        return fail(message,
+                                    "constraint block %lu has a non-zero diagonal value %.17g at (%lu, %lu)",
                                     j, a[r * sj + c], r, c);
                 }
         }

@@ -27,15 +27,27 @@ inline Vec3 vec(double x, double y, double z) {
     v.z = z;
     return v;
 }
-inline Vec3 operator+(const Vec3& a, const Vec3& b) { return vec(a.x + b.x, a.y + b.y, a.z + b.z); }
-inline Vec3 operator-(const Vec3& a, const Vec3& b) { return vec(a.x - b.x, a.y - b.y, a.z - b.z); }
-inline Vec3 operator*(double s, const Vec3& a) { return vec(s * a.x, s * a.y, s * a.z); }
-inline double dot(const Vec3& a, const Vec3& b) { return a.x * b.x + a.y * b.y + a.z * b.z; }
+inline Vec3 operator+(const Vec3& a, const Vec3& b) {
+    return vec(a.x + b.x, a.y + b.y, a.z + b.z);
+}
+inline Vec3 operator-(const Vec3& a, const Vec3& b) {
+    return vec(a.x - b.x, a.y - b.y, a.z - b.z);
+}
+inline Vec3 operator*(double s, const Vec3& a) {
+    return vec(s * a.x, s * a.y, s * a.z);
+}
+inline double dot(const Vec3& a, const Vec3& b) {
+    return a.x * b.x + a.y * b.y + a.z * b.z;
+}
 inline Vec3 cross(const Vec3& a, const Vec3& b) {
     return vec(a.y * b.z - a.z * b.y, a.z * b.x - a.x * b.z, a.x * b.y - a.y * b.x);
 }
-inline double norm(const Vec3& a) { return std::sqrt(dot(a, a)); }
-inline Vec3 normalized(const Vec3& a) { return (1.0 / norm(a)) * a; }
+inline double norm(const Vec3& a) {
+    return std::sqrt(dot(a, a));
+}
+inline Vec3 normalized(const Vec3& a) {
+    return (1.0 / norm(a)) * a;
+}
 
 inline Mat3 identity() {
     Mat3 r;
@@ -63,7 +75,9 @@ inline Mat3 transpose(const Mat3& a) {
 }
 
 // Column c of a.
-inline Vec3 column(const Mat3& a, int c) { return vec(a(0, c), a(1, c), a(2, c)); }
+inline Vec3 column(const Mat3& a, int c) {
+    return vec(a(0, c), a(1, c), a(2, c));
+}
 
 // [v]×, the matrix with [v]×·w = v × w.
 inline Mat3 skew(const Vec3& v) {

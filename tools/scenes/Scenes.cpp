@@ -16,9 +16,13 @@ namespace {
 
 constexpr double kTwoPi = 6.283185307179586;
 
-Vec3 load3(const double* v) { return math::vec(v[0], v[1], v[2]); }
+Vec3 load3(const double* v) {
+    return math::vec(v[0], v[1], v[2]);
+}
 
-Vec3 positionOf(const RigidBodies& bodies, unsigned int b) { return load3(&bodies.position[3 * b]); }
+Vec3 positionOf(const RigidBodies& bodies, unsigned int b) {
+    return load3(&bodies.position[3 * b]);
+}
 
 Mat3 rotationOf(const RigidBodies& bodies, unsigned int b) {
     Mat3 r;
@@ -92,7 +96,8 @@ void jointRows(const RigidBodies& bodies, const Joint& joint, double (*JA)[6], d
 }
 
 // [M Jᵀ; J 0] of rigid bodies and joints: bodies 0 … B−1, joint k as block B + k.
-void buildJointProblem(const RigidBodies& bodies, const kiv::VectorPOD<Joint>& joints, BlockProblem& problem) {
+void buildJointProblem(const RigidBodies& bodies, const kiv::VectorPOD<Joint>& joints,
+                       BlockProblem& problem) {
     const unsigned int numBodies = bodies.size();
     const unsigned int numJoints = static_cast<unsigned int>(joints.size());
     problem.reset(numBodies + numJoints, numBodies);
@@ -124,42 +129,46 @@ void set3(double* dst, double x, double y, double z) {
     dst[2] = z;
 }
 
-// ---- ragdoll template --------------------------------------------------------------------------------------
+// ---- ragdoll template
+// --------------------------------------------------------------------------------------
 
 struct Part {
-    int parent;                // template index of the parent, −1 for the pelvis
-    double dims[3];            // box edges
+    int parent;      // template index of the parent, −1 for the pelvis
+    double dims[3];  // box edges
     double mass;
-    double anchorParent[3];    // joint anchor in the parent's frame
-    double anchorChild[3];     // joint anchor in this part's frame
-    int hinge;                 // 1: hinge about axis (in the parent's frame), 0: ball joint
+    double anchorParent[3];  // joint anchor in the parent's frame
+    double anchorChild[3];   // joint anchor in this part's frame
+    int hinge;               // 1: hinge about axis (in the parent's frame), 0: ball joint
     double axis[3];
 };
 
 // The first ten parts form a complete ragdoll on their own; head, hands and feet follow.
 const Part kParts[15] = {
-    {-1, {0.30, 0.20, 0.20}, 10.0, {0, 0, 0}, {0, 0, 0}, 0, {0, 0, 0}},                     // 0 pelvis
-    {0, {0.35, 0.40, 0.20}, 15.0, {0, 0.10, 0}, {0, -0.20, 0}, 0, {0, 0, 0}},               // 1 chest
-    {1, {0.08, 0.30, 0.08}, 2.0, {-0.20, 0.18, 0}, {0, 0.15, 0}, 0, {0, 0, 0}},             // 2 upper arm L
-    {2, {0.07, 0.28, 0.07}, 1.5, {0, -0.15, 0}, {0, 0.14, 0}, 1, {1, 0, 0}},                // 3 lower arm L
-    {1, {0.08, 0.30, 0.08}, 2.0, {0.20, 0.18, 0}, {0, 0.15, 0}, 0, {0, 0, 0}},              // 4 upper arm R
-    {4, {0.07, 0.28, 0.07}, 1.5, {0, -0.15, 0}, {0, 0.14, 0}, 1, {1, 0, 0}},                // 5 lower arm R
-    {0, {0.12, 0.45, 0.12}, 7.0, {-0.10, -0.10, 0}, {0, 0.225, 0}, 0, {0, 0, 0}},           // 6 thigh L
-    {6, {0.10, 0.42, 0.10}, 4.0, {0, -0.225, 0}, {0, 0.21, 0}, 1, {1, 0, 0}},               // 7 shin L
-    {0, {0.12, 0.45, 0.12}, 7.0, {0.10, -0.10, 0}, {0, 0.225, 0}, 0, {0, 0, 0}},            // 8 thigh R
-    {8, {0.10, 0.42, 0.10}, 4.0, {0, -0.225, 0}, {0, 0.21, 0}, 1, {1, 0, 0}},               // 9 shin R
-    {1, {0.18, 0.22, 0.20}, 4.0, {0, 0.20, 0}, {0, -0.11, 0}, 0, {0, 0, 0}},                // 10 head
-    {3, {0.05, 0.10, 0.08}, 0.5, {0, -0.14, 0}, {0, 0.05, 0}, 0, {0, 0, 0}},                // 11 hand L
-    {5, {0.05, 0.10, 0.08}, 0.5, {0, -0.14, 0}, {0, 0.05, 0}, 0, {0, 0, 0}},                // 12 hand R
-    {7, {0.10, 0.06, 0.22}, 1.0, {0, -0.21, 0}, {0, 0.03, -0.05}, 1, {1, 0, 0}},            // 13 foot L
-    {9, {0.10, 0.06, 0.22}, 1.0, {0, -0.21, 0}, {0, 0.03, -0.05}, 1, {1, 0, 0}},            // 14 foot R
+    {-1, {0.30, 0.20, 0.20}, 10.0, {0, 0, 0}, {0, 0, 0}, 0, {0, 0, 0}},            // 0 pelvis
+    {0, {0.35, 0.40, 0.20}, 15.0, {0, 0.10, 0}, {0, -0.20, 0}, 0, {0, 0, 0}},      // 1 chest
+    {1, {0.08, 0.30, 0.08}, 2.0, {-0.20, 0.18, 0}, {0, 0.15, 0}, 0, {0, 0, 0}},    // 2 upper arm L
+    {2, {0.07, 0.28, 0.07}, 1.5, {0, -0.15, 0}, {0, 0.14, 0}, 1, {1, 0, 0}},       // 3 lower arm L
+    {1, {0.08, 0.30, 0.08}, 2.0, {0.20, 0.18, 0}, {0, 0.15, 0}, 0, {0, 0, 0}},     // 4 upper arm R
+    {4, {0.07, 0.28, 0.07}, 1.5, {0, -0.15, 0}, {0, 0.14, 0}, 1, {1, 0, 0}},       // 5 lower arm R
+    {0, {0.12, 0.45, 0.12}, 7.0, {-0.10, -0.10, 0}, {0, 0.225, 0}, 0, {0, 0, 0}},  // 6 thigh L
+    {6, {0.10, 0.42, 0.10}, 4.0, {0, -0.225, 0}, {0, 0.21, 0}, 1, {1, 0, 0}},      // 7 shin L
+    {0, {0.12, 0.45, 0.12}, 7.0, {0.10, -0.10, 0}, {0, 0.225, 0}, 0, {0, 0, 0}},   // 8 thigh R
+    {8, {0.10, 0.42, 0.10}, 4.0, {0, -0.225, 0}, {0, 0.21, 0}, 1, {1, 0, 0}},      // 9 shin R
+    {1, {0.18, 0.22, 0.20}, 4.0, {0, 0.20, 0}, {0, -0.11, 0}, 0, {0, 0, 0}},       // 10 head
+    {3, {0.05, 0.10, 0.08}, 0.5, {0, -0.14, 0}, {0, 0.05, 0}, 0, {0, 0, 0}},       // 11 hand L
+    {5, {0.05, 0.10, 0.08}, 0.5, {0, -0.14, 0}, {0, 0.05, 0}, 0, {0, 0, 0}},       // 12 hand R
+    {7, {0.10, 0.06, 0.22}, 1.0, {0, -0.21, 0}, {0, 0.03, -0.05}, 1, {1, 0, 0}},   // 13 foot L
+    {9, {0.10, 0.06, 0.22}, 1.0, {0, -0.21, 0}, {0, 0.03, -0.05}, 1, {1, 0, 0}},   // 14 foot R
 };
 
-unsigned int partsOfRagdoll(unsigned int k) { return 10 + k % 6; }
+unsigned int partsOfRagdoll(unsigned int k) {
+    return 10 + k % 6;
+}
 
 }  // namespace
 
-// ---- RigidBodies ---------------------------------------------------------------------------------------------
+// ---- RigidBodies
+// ---------------------------------------------------------------------------------------------
 
 void RigidBodies::resize(unsigned int n) {
     position.clear();
@@ -184,7 +193,8 @@ void RigidBodies::setBox(unsigned int body, double m, double w, double h, double
     inertia[3 * body + 2] = m / 12.0 * (w * w + h * h);
 }
 
-// ---- HangingChain ---------------------------------------------------------------------------------------------
+// ---- HangingChain
+// ---------------------------------------------------------------------------------------------
 
 HangingChain::HangingChain(unsigned int numLinks) {
     bodies_.resize(numLinks);
@@ -223,13 +233,16 @@ void HangingChain::setTime(double t) {
     }
 }
 
-void HangingChain::build(BlockProblem& problem) const { buildJointProblem(bodies_, joints_, problem); }
+void HangingChain::build(BlockProblem& problem) const {
+    buildJointProblem(bodies_, joints_, problem);
+}
 
 void HangingChain::bodyPose(unsigned int body, double* position, double* rotation) const {
     copyPose(bodies_, body, position, rotation);
 }
 
-// ---- Ragdolls -------------------------------------------------------------------------------------------------
+// ---- Ragdolls
+// -------------------------------------------------------------------------------------------------
 
 Ragdolls::Ragdolls(unsigned int count) {
     unsigned int numBodies = 0;
@@ -270,7 +283,8 @@ void Ragdolls::setTime(double t) {
         if (part.parent < 0) {  // the pelvis: a free body swaying in place
             const double k = ragdollOf_[b];
             const Vec3 x = math::vec(1.5 * k, 1.0 + 0.05 * std::sin(t + k), 0.1 * std::sin(0.7 * t + k));
-            const Mat3 R = math::rotation(math::normalized(math::vec(0.3, 1.0, 0.2)), 0.2 * std::sin(0.5 * t + k));
+            const Mat3 R =
+                math::rotation(math::normalized(math::vec(0.3, 1.0, 0.2)), 0.2 * std::sin(0.5 * t + k));
             setPose(bodies_, b, x, R);
             continue;
         }
@@ -281,25 +295,30 @@ void Ragdolls::setTime(double t) {
             relative = math::rotation(load3(part.axis), 0.7 + 0.5 * std::sin(omega * t + phase));
         } else {
             const double a = kTwoPi * math::unitHash(13, j);
-            const Vec3 axis = math::normalized(math::vec(std::sin(a), std::cos(a), math::unitHash(17, j) - 0.5));
+            const Vec3 axis =
+                math::normalized(math::vec(std::sin(a), std::cos(a), math::unitHash(17, j) - 0.5));
             relative = math::rotation(axis, 0.5 * std::sin(omega * t + phase));
         }
         const unsigned int parent = b - p + static_cast<unsigned int>(part.parent);
         const Mat3 Rp = rotationOf(bodies_, parent);
         const Mat3 R = Rp * relative;
         // The anchors coincide: x = x_p + R_p·a_p − R·a_c.
-        const Vec3 x = positionOf(bodies_, parent) + Rp * load3(part.anchorParent) - R * load3(part.anchorChild);
+        const Vec3 x =
+            positionOf(bodies_, parent) + Rp * load3(part.anchorParent) - R * load3(part.anchorChild);
         setPose(bodies_, b, x, R);
     }
 }
 
-void Ragdolls::build(BlockProblem& problem) const { buildJointProblem(bodies_, joints_, problem); }
+void Ragdolls::build(BlockProblem& problem) const {
+    buildJointProblem(bodies_, joints_, problem);
+}
 
 void Ragdolls::bodyPose(unsigned int body, double* position, double* rotation) const {
     copyPose(bodies_, body, position, rotation);
 }
 
-// ---- Cloth ----------------------------------------------------------------------------------------------------
+// ---- Cloth
+// ----------------------------------------------------------------------------------------------------
 
 Cloth::Cloth(unsigned int side) : side_(side) {
     const unsigned int n = side * side;
@@ -331,7 +350,7 @@ void Cloth::setTime(double t) {
     const double h = 0.05;
     const double extent = side_ > 1 ? (side_ - 1) * h : h;
     const double curvature = (1.2 + 0.3 * std::sin(0.5 * t)) / extent;  // z = κ/2·(u² + v²) + β·u·v
-    const double shear = 0.3 * curvature * std::sin(0.3 * t);          // |β| < κ/2: still convex
+    const double shear = 0.3 * curvature * std::sin(0.3 * t);           // |β| < κ/2: still convex
     const Mat3 R = math::rotation(math::vec(1, 0, 0), 0.3 * std::sin(0.4 * t)) *
                    math::rotation(math::vec(0, 0, 1), 0.2 * t);
     const double centre = 0.5 * (side_ - 1.0);
@@ -375,7 +394,8 @@ void Cloth::bodyPose(unsigned int body, double* position, double* rotation) cons
     std::memcpy(rotation, I.m, sizeof(I.m));
 }
 
-// ---- BoxWall --------------------------------------------------------------------------------------------------
+// ---- BoxWall
+// --------------------------------------------------------------------------------------------------
 
 namespace {
 
@@ -445,7 +465,8 @@ void BoxWall::setTime(double t) {
         }
         const Vec3 x = load3(&rest_[3 * b]) + 0.02 * math::vec(wobble[0], wobble[1], wobble[2]);
         const double a = kTwoPi * math::unitHash(seed_, 16ul * b + 110);
-        const Vec3 axis = math::normalized(math::vec(std::sin(a), std::cos(a), math::unitHash(seed_, 16ul * b + 111)));
+        const Vec3 axis =
+            math::normalized(math::vec(std::sin(a), std::cos(a), math::unitHash(seed_, 16ul * b + 111)));
         setPose(bodies_, b, x, math::rotation(axis, 0.05 * wobble[3]));
     }
 }
@@ -514,7 +535,8 @@ void BoxWall::constraintContacts(kiv::VectorPOD<unsigned int>& contactOf) const 
         if (includeInactive || active_[c]) contactOf.push_back(c);
 }
 
-// ---- factory ----------------------------------------------------------------------------------------------------
+// ---- factory
+// ----------------------------------------------------------------------------------------------------
 
 std::unique_ptr<Scene> makeScene(SceneKind kind, unsigned int size) {
     switch (kind) {

@@ -54,10 +54,10 @@ constexpr unsigned int noBlock = 0xFFFFFFFFu;
 // A symmetric block matrix in the user's numbering: n blocks of sizes s_j, blocks below `firstConstraint`
 // bodies and the others constraints.
 //
-// Pattern (the list form of SkeletonMatrix): the entries colPointers[j] … colPointers[j+1]−1 of rowIndices are
-// the blocks i ≤ j coupled to block j, ascending, the last one j itself. Entry e = (i, j) carries the block
-// A(i, j) as a dense s_i × s_j row-major array at values[valuePointers[e]] (element (r, c) at r·s_j + c); the
-// block A(j, i) = A(i, j)ᵀ is implied. A diagonal block is stored in full and is symmetric.
+// Pattern (the list form of SkeletonMatrix): the entries colPointers[j] … colPointers[j+1]−1 of rowIndices
+// are the blocks i ≤ j coupled to block j, ascending, the last one j itself. Entry e = (i, j) carries the
+// block A(i, j) as a dense s_i × s_j row-major array at values[valuePointers[e]] (element (r, c) at r·s_j +
+// c); the block A(j, i) = A(i, j)ᵀ is implied. A diagonal block is stored in full and is symmetric.
 //
 // Built with reset → blockSizes[j] = s_j for every j → addEntry per entry, columns ascending and the entries
 // of a column ascending → finish. All members are growable vectors that keep their storage: rebuilding a
@@ -77,9 +77,9 @@ public:
     void reset(unsigned int n, unsigned int firstConstraintBlock);
 
     // Appends entry (i, j), i ≤ j, to the list of block j and returns its s_i × s_j row-major values, zeroed.
-    // The pointer is valid until the next addEntry. Preconditions (unchecked): blockSizes[i] and blockSizes[j]
-    // are set; j is not smaller than the column of the previous entry; within a column i ascends and the
-    // diagonal comes last.
+    // The pointer is valid until the next addEntry. Preconditions (unchecked): blockSizes[i] and
+    // blockSizes[j] are set; j is not smaller than the column of the previous entry; within a column i
+    // ascends and the diagonal comes last.
     double* addEntry(unsigned int i, unsigned int j);
 
     // Closes the remaining columns and computes blockOffsets.
@@ -244,8 +244,8 @@ public:
 
 private:
     unsigned int side_;
-    kiv::VectorPOD<double> position_;  // 3 per particle
-    kiv::VectorPOD<double> mass_;      // 1 per particle
+    kiv::VectorPOD<double> position_;     // 3 per particle
+    kiv::VectorPOD<double> mass_;         // 1 per particle
     kiv::VectorPOD<unsigned int> edges_;  // 2 per constraint
 };
 
@@ -338,9 +338,11 @@ void naturalSafeOrder(const BlockProblem& problem, Permutation& order);
 //    ascending with the diagonal last, on the permuted pattern of the problem (not the filled one); a block
 //    that the permutation moves across the diagonal is transposed;
 //  - data.isFactored = 0.
-// The permuted pattern is built in data.scratchPad (int and uchar slots loaderSlot … loaderSlot + 3).
-// Returns false, with `data` unchanged, when order.size differs from the problem's block count. Allocation-
-// free after the first call for a structure of that size.
+// The permuted pattern is built in data.scratchPad (int slots loaderSlot … loaderSlot + 5, uchar slot
+// loaderSlot); the filled pattern uses its int slot 0.
+// Returns false, with `data` unchanged, when order.size differs from the problem's block count. Its own work
+// is allocation-free after the first call for a structure of that size (the library's tree routines it
+// calls aside).
 template <typename T>
 bool loadIntoData(const BlockProblem& problem, const Permutation& order, TamberData<T>& data);
 
@@ -368,8 +370,7 @@ extern template bool refreshValues<double>(const BlockProblem&, TamberData<doubl
 extern template void permuteVector<float>(const BlockProblem&, const Permutation&, const float*, float*);
 extern template void permuteVector<double>(const BlockProblem&, const Permutation&, const double*, double*);
 extern template void unpermuteVector<float>(const BlockProblem&, const Permutation&, const float*, float*);
-extern template void unpermuteVector<double>(const BlockProblem&, const Permutation&, const double*,
-                                             double*);
+extern template void unpermuteVector<double>(const BlockProblem&, const Permutation&, const double*, double*);
 
 }  // namespace scenes
 }  // namespace kivTamber

@@ -1,0 +1,214 @@
+// Serial factorization and solve times on the scene systems (chain, ragdolls, cloth) at about 1,000,
+// 10,000 and 50,000 blocks, in the natural safe order (bodies in user order, each constraint right after
+// its last body; no fill reduction).
+//
+// Usage: FactorBench [runs (default 7)] [largest block count (default 50000)] [scene name ...]
+// Prints one table row per system; times are medians over `runs` repetitions, in milliseconds.
+#include <kiv/Timer.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "Tamber.h"
+#include "TamberSolve.h"
+#include "scenes/Scenes.h"
+
+using namespace kivTamber;
+using namespace kivTamber::scenes;
+
+namespace {
+
+double seconds(std::uint64_t start) {
+    return kiv::Timer::seconds(start, kiv::Timer::ticks());
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const std::size_t m = v.size() / 2;
+    return v.size() % 2 ? v[m] : 0.5 * (v[m - 1] + v[m]);
+}
+
+// Floating-point operations of the left-looking block factorization on the filled pattern S (rows of L,
+// ascending, diagonal last) with block sizes s:
+//   Σ_i [ Σ_{j<i in row i} ( Σ_{k<j in rows i and j} 2·s_i·s_j·s_k + s_i·s_j² )
+//         + Σ_{k<i in row i} 2·s_i²·s_k + s_i³/3 ].
+// Also returns the 64-bit count of block operations (off-diagonal entries plus common columns).
+double factorFlops(const SkeletonMatrix& S, const unsigned int* s, unsigned long& blockOps) {
+    double flops = 0;
+    blockOps = 0;
+    for (unsigned long i = 0; i < S.n; ++i) {
+        const unsigned int begin = S.colPointers[i], end = S.colPointers[i + 1] - 1;  // off-diagonal part
+        const double si = s[i];
+        for (unsigned int q = begin; q < end; ++q) {
+            const unsigned int j = S.rowIndices[q];
+            const double sj = s[j];
+            unsigned int a = begin, b = S.colPointers[j];
+            const unsigned int bEnd = S.colPointers[j + 1] - 1;
+            double common = 0;  // Σ s_k over the common columns k < j
+            while (a < q && b < bEnd) {
+                if (S.rowIndices[a] < S.rowIndices[b]) {
+                    ++a;
+                } else if (S.rowIndices[a] > S.rowIndices[b]) {
+                    ++b;
+                } else {
+                    common += s[S.rowIndices[a]];
+                    ++blockOps;
+                    ++a;
+                    ++b;
+                }
+            }
+            flops += 2.0 * si * sj * common + si * sj * sj;
+            flops += 2.0 * si * si * sj;  // its update of the diagonal block
+            ++blockOps;
+        }
+        flops += si * si * si / 3.0;
+    }
+    return flops;
+}
+
+struct Row {
+    const char* scene;
+    unsigned long blocks, N, nnzL, fill, blockOps;
+    unsigned int work;
+    double flops, factorD, factorF, solveD, solveF, residualD, residualF;
+};
+
+// ‖A‖∞ of the problem (the row sums of |A| do not depend on the numbering).
+double normInf(const BlockProblem& p) {
+    std::vector<double> rowSum(p.scalarSize(), 0.0);
+    for (unsigned int j = 0; j < p.numBlocks; ++j)
+        for (unsigned int e = p.colPointers[j]; e < p.colPointers[j + 1]; ++e) {
+            const unsigned int i = p.rowIndices[e], si = p.blockSizes[i], sj = p.blockSizes[j];
+            const double* a = p.entryValues(e);
+            for (unsigned int r = 0; r < si; ++r)
+                for (unsigned int c = 0; c < sj; ++c) {
+                    rowSum[p.blockOffsets[i] + r] += std::fabs(a[r * sj + c]);
+                    if (i != j) rowSum[p.blockOffsets[j] + c] += std::fabs(a[r * sj + c]);
+                }
+        }
+    return rowSum.empty() ? 0.0 : *std::max_element(rowSum.begin(), rowSum.end());
+}
+
+// ‖A·x − b‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞), all in the factor's order.
+template <typename T>
+double scaledResidual(const TamberData<T>& data, double normA, const std::vector<double>& b,
+                      const std::vector<T>& x) {
+    const std::size_t N = b.size();
+    std::vector<T> ax(N);
+    data.matrix.multiply(x.data(), ax.data());
+    double r = 0, nx = 0, nb = 0;
+    for (std::size_t k = 0; k < N; ++k) {
+        r = std::max(r, std::fabs(static_cast<double>(ax[k]) - b[k]));
+        nx = std::max(nx, std::fabs(static_cast<double>(x[k])));
+        nb = std::max(nb, std::fabs(b[k]));
+    }
+    return r / (normA * nx + nb);
+}
+
+template <typename T>
+void timeSystem(TamberData<T>& data, int runs, double normA, const std::vector<double>& b, double& factor,
+                double& solve, double& residual) {
+    Tamber tamber;
+    std::vector<double> times;
+    for (int r = 0; r < runs; ++r) {
+        data.isFactored = 0;
+        const std::uint64_t start = kiv::Timer::ticks();
+        tamber.factorSerial(data);
+        times.push_back(seconds(start));
+    }
+    factor = median(times);
+    times.clear();
+    std::vector<T> x(b.size());
+    for (int r = 0; r < runs; ++r) {
+        std::copy(b.begin(), b.end(), x.begin());
+        const std::uint64_t start = kiv::Timer::ticks();
+        if constexpr (sizeof(T) == sizeof(double)) {
+            TamberSolve::solve(data, x.data());
+        } else {
+            tamber.solve(data, x.data());
+        }
+        times.push_back(seconds(start));
+    }
+    solve = median(times);
+    residual = scaledResidual(data, normA, b, x);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
+    const unsigned long largest = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 50000;
+    struct Kind {
+        SceneKind kind;
+        const char* name;
+    };
+    const Kind kinds[] = {
+        {SceneKind::chain, "chain"}, {SceneKind::ragdolls, "ragdolls"}, {SceneKind::cloth, "cloth"}};
+    const unsigned long targets[] = {1000, 10000, 50000};
+
+    std::printf("Serial block L·D·Lᵀ on scene systems, natural safe order, median of %d runs (ms).\n", runs);
+    std::printf(
+        "flops = Σ_i [ Σ_{j<i in row i of L} ( Σ_{k<j in rows i and j} 2·s_i·s_j·s_k + s_i·s_j² )\n"
+        "              + Σ_{k<i in row i} 2·s_i²·s_k + s_i³/3 ]   (block products, triangular solves\n"
+        "        with the unit diagonal blocks, diagonal-block updates, dense diagonal L·D·Lᵀ)\n");
+    std::printf("work = estimateWork count (32-bit); blockOps = the same count in 64 bits\n");
+    std::printf("res = ‖A·x − b‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) of the solve, double / float\n\n");
+    std::printf("%-9s %7s %8s %10s %9s %12s %12s %10s %10s %10s %10s %9s %9s %8s %8s\n", "scene", "blocks",
+                "N", "nnz(L)", "fill", "work", "blockOps", "MFlop", "factor d", "factor f", "solve d",
+                "solve f", "GFlop/s d", "res d", "res f");
+
+    for (const Kind& kind : kinds) {
+        if (argc > 3) {
+            bool wanted = false;
+            for (int a = 3; a < argc; ++a) wanted |= std::strcmp(argv[a], kind.name) == 0;
+            if (!wanted) continue;
+        }
+        for (unsigned long target : targets) {
+            if (target > largest) continue;
+            auto scene = makeScene(kind.kind, sizeForBlockCount(kind.kind, target));
+            scene->step(0.01);
+            BlockProblem problem;
+            scene->build(problem);
+            Permutation order;
+            naturalSafeOrder(problem, order);
+
+            Row row{};
+            row.scene = kind.name;
+            row.blocks = problem.numBlocks;
+            row.N = problem.scalarSize();
+            std::vector<double> b(row.N), pb(row.N);
+            for (std::size_t k = 0; k < row.N; ++k) b[k] = std::sin(0.37 * k + 1.0);
+            permuteVector(problem, order, b.data(), pb.data());
+            const double normA = normInf(problem);
+            {
+                TamberData<double> data;
+                loadIntoData(problem, order, data);
+                Tamber tamber;
+                row.fill = tamber.estimateWork(data, &row.work);
+                row.nnzL = data.skeleton.numEntries();
+                std::vector<unsigned int> sizes(row.blocks);
+                for (unsigned long k = 0; k < row.blocks; ++k) sizes[k] = data.matrix.blockSizes[k];
+                row.flops = factorFlops(data.skeleton, sizes.data(), row.blockOps);
+                timeSystem(data, runs, normA, pb, row.factorD, row.solveD, row.residualD);
+            }
+            {
+                TamberData<float> data;
+                loadIntoData(problem, order, data);
+                Tamber tamber;
+                tamber.estimateWork(data, nullptr);
+                timeSystem(data, runs, normA, pb, row.factorF, row.solveF, row.residualF);
+            }
+            std::printf(
+                "%-9s %7lu %8lu %10lu %9lu %12u %12lu %10.1f %10.3f %10.3f %10.3f %10.3f %9.2f %8.1e %8.1e\n",
+                row.scene, row.blocks, row.N, row.nnzL, row.fill, row.work, row.blockOps, row.flops * 1e-6,
+                row.factorD * 1e3, row.factorF * 1e3, row.solveD * 1e3, row.solveF * 1e3,
+                row.flops / row.factorD * 1e-9, row.residualD, row.residualF);
+            std::fflush(stdout);
+        }
+    }
+    return 0;
+}
