@@ -45,11 +45,13 @@ void tamber_MM_CP_AtB(const double* A, int lda, const double* B, int ldb, double
 // the even-p and odd-p partial sums, a horizontal add (even + odd) at the end, one two-lane subtract per row
 // of the block. Contract of the blocked path:
 //  - A, B, C and every row start (base + ld·row) are 16-byte aligned, so lda, ldb, ldc are even;
-//  - there is no remainder handling: n, m and k are effectively rounded up to the next even number. An odd
-//  size
-//    is legal only on padded tiles: column k of A and B (the padding column) must be readable and zero, and
-//    row n / column m of C must exist (they are padding and get written). This is what the block storage of
-//    double matrices guarantees (rows padded to an even length, padding zero-filled).
+//  - there is no remainder handling: n, m and k are effectively rounded up to the next even number, so an
+//    odd size is legal only on padded tiles. Odd k: column k of A and B is read and must be zero. Odd n: row
+//    n of A is read and row n of C is written. Odd m: row m of B is read and column m of C is written.
+//    Padding rows of A and B need only be finite; when they are zero, as in block storage, the padding of C
+//    keeps its value, and the entries inside n×m receive the sums over the logical k. The block storage of
+//    double matrices guarantees all this (even leading dimensions and reserved rows, zero padding).
+//  - Rounding: each entry is c ∓ (even + odd), where even/odd sum the terms of even/odd p from p = 0 up.
 // Before the blocked path, three degenerate shapes are handled with plain scalar loops, checked in this
 // order, with no alignment or evenness requirement and nothing outside the n×m result written:
 //  - n == 1: for j < m: C[0][j] -= Σp A[0][p]·B[j][p] (sum formed first, from p = 0 up);

@@ -122,8 +122,7 @@ void computeTree(EliminationTree* tree, const SkeletonMatrix& S, const unsigned 
             } else {
                 parent[r1] = r2;
                 colParent[r1] = r2;
-                // Deliberate: the new child gains rank, so roots stay at rank 0 and root(i) always goes under
-                // j.
+                // Deliberate: the new child gains rank, so roots keep rank 0 and root(i) always goes under j.
                 if (rank[r1] == rank[r2]) ++rank[r1];
             }
         }

@@ -123,6 +123,7 @@ TYPED_TEST(SparseMatrixTest, SetSizeGrowsOnlyWhenNeeded) {
     unsigned int* const cols = m.colPointers;
     const std::uint64_t allocations = kiv::ByteAllocator::allocationCount();
 
+    m.setSize(4, 4, 10, 200);  // the same sizes again
     m.setSize(2, 3, 5, 100);
     EXPECT_EQ(kiv::ByteAllocator::allocationCount(), allocations);
     EXPECT_EQ(m.valuesRaw, raw);

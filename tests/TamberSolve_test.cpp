@@ -1,5 +1,7 @@
 // Forward, diagonal and backward solves with a real factorization, checked against dense triangular solves
 // with the same factor (extracted into dense L and d) and against a dense solve of the input matrix.
+#include "TamberSolve.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -12,7 +14,6 @@
 #include <vector>
 
 #include "Tamber.h"
-#include "TamberSolve.h"
 #include "testing/BlockSystems.h"
 #include "testing/DenseReference.h"
 
@@ -50,8 +51,15 @@ std::vector<BlockSystem> testSystems() {
         all.push_back(testing::makeSaddlePointSystem(100 + seed, 3 + static_cast<unsigned int>(seed % 6),
                                                      2 + static_cast<unsigned int>(seed % 5)));
     }
-    const std::vector<std::vector<unsigned int>> layouts = {
-        {1}, {2}, {7}, {2, 4, 3}, {3, 4, 2}, {1, 1, 1, 1, 1}, {3, 5, 7, 1, 3}, {6, 2, 4}, {1, 2, 3, 4, 5, 6, 7}};
+    const std::vector<std::vector<unsigned int>> layouts = {{1},
+                                                            {2},
+                                                            {7},
+                                                            {2, 4, 3},
+                                                            {3, 4, 2},
+                                                            {1, 1, 1, 1, 1},
+                                                            {3, 5, 7, 1, 3},
+                                                            {6, 2, 4},
+                                                            {1, 2, 3, 4, 5, 6, 7}};
     unsigned long seed = 500;
     for (const auto& sizes : layouts) {
         unsigned int N = 0;
@@ -153,7 +161,7 @@ TEST(TamberSolve, OddLastBlockAgreesWithEvenLayout) {
         const unsigned int nb = count(rng);
         for (unsigned int b = 0; b < nb; ++b) oddLast.push_back(size(rng));
         oddLast.back() |= 1u;
-        oddLast.insert(oddLast.begin(), 2 * (1 + size(rng) % 3));  // an even first block ...
+        oddLast.insert(oddLast.begin(), 2 * (1 + size(rng) % 3));              // an even first block ...
         std::vector<unsigned int> evenLast(oddLast.rbegin(), oddLast.rend());  // ... becomes the last
         unsigned int N = 0;
         for (unsigned int s : oddLast) N += s;
@@ -263,7 +271,8 @@ TEST(TamberSolve, ReachRestrictedForwardSolveFollowsTheAncestors) {
             EXPECT_LT(relativeDifference(got, full, sys.N), kTol);
             for (unsigned int j = 0; j < sys.nb; ++j) {
                 if (reach.count(j)) continue;
-                for (unsigned int t = sys.offsets[j]; t < sys.offsets[j + 1]; ++t) ASSERT_EQ(got[t], 0.0) << t;
+                for (unsigned int t = sys.offsets[j]; t < sys.offsets[j + 1]; ++t)
+                    ASSERT_EQ(got[t], 0.0) << t;
             }
 
             // A limit inside the system: entries below it are the forward solution of the right-hand side

@@ -83,7 +83,9 @@ public:
 private:
     static constexpr std::uint64_t kStop = ~std::uint64_t{0};
 
-    struct Worker {
+    // One cache line or more per worker, so that polling one worker's word
+    // never contends with another's.
+    struct alignas(64) Worker {
         std::atomic<std::uint64_t> generation{0};  // written under mutex
         std::mutex mutex;
         std::condition_variable wake;
@@ -103,7 +105,7 @@ private:
     std::uint64_t spinTicks_ = 0;   // polling budget of the current generation
     // Polling only pays when every worker has a processor of its own.
     const unsigned processors_ = std::thread::hardware_concurrency();
-    std::atomic<unsigned> remaining_{0};
+    alignas(64) std::atomic<unsigned> remaining_{0};  // counted down by every worker
     std::mutex doneMutex_;
     std::condition_variable done_;
     ThreadPool* abandoned_ = nullptr;  // pool of the parent process, kept reachable

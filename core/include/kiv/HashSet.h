@@ -18,6 +18,7 @@
 #include <kiv/ByteAllocator.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <limits>
@@ -212,7 +213,14 @@ public:
     }
 
 private:
-    std::size_t home(K key) const noexcept { return static_cast<std::size_t>(key % buckets_); }
+    // k mod bucketCount(), by a 32-bit division whenever both fit (several
+    // times faster than a 64-bit one on many processors).
+    std::size_t home(K key) const noexcept {
+        const std::uint64_t k = key;
+        if (((k | buckets_) >> 32) == 0)
+            return static_cast<std::uint32_t>(k) % static_cast<std::uint32_t>(buckets_);
+        return static_cast<std::size_t>(k % buckets_);
+    }
     std::size_t next(std::size_t i) const noexcept { return i + 1 == buckets_ ? 0 : i + 1; }
 
     // Stores a key known to be absent into a table with a free slot.
