@@ -91,27 +91,18 @@ inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj,
 }
 
 // x_i ← x_i − B·x_j for an s_i × s_j tile B (leading dimension ld): for each pair of q the products over
-// pairs of r are accumulated and subtracted once. Up to four pairs of q (eight rows) are accumulated side by
-// side, so that the tile is read column by column; each pair still sums its products in increasing r.
+// pairs of r are accumulated and subtracted once.
 inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xj, unsigned int sj,
                                       double* xi, unsigned int si) {
-    for (unsigned int q0 = 0; q0 < si; q0 += 8) {
-        const unsigned int pairs = si - q0 >= 8 ? 4 : (si - q0 + 1) / 2;
-        __m128d acc[4] = {_mm_setzero_pd(), _mm_setzero_pd(), _mm_setzero_pd(), _mm_setzero_pd()};
+    for (unsigned int q = 0; q < si; q += 2) {
+        __m128d acc = _mm_setzero_pd();
         for (unsigned int r = 0; r < sj; r += 2) {
-            const double* b0 = B + static_cast<unsigned long>(r) * ld + q0;
-            const double* b1 = b0 + ld;
-            const __m128d s0 = _mm_set1_pd(xj[r]);
-            const __m128d s1 = _mm_set1_pd(xj[r + 1]);
-            for (unsigned int p = 0; p < pairs; ++p) {
-                acc[p] = _mm_add_pd(acc[p], _mm_mul_pd(_mm_loadu_pd(b0 + 2 * p), s0));  // B(q.., r)·x_j(r)
-                acc[p] = _mm_add_pd(acc[p], _mm_mul_pd(_mm_loadu_pd(b1 + 2 * p), s1));  // B(q.., r+1)·x_j(r+1)
-            }
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), _mm_set1_pd(xj[r])));  // B(q.., r)·x_j(r)
+            acc = _mm_add_pd(
+                acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), _mm_set1_pd(xj[r + 1])));  // B(q.., r+1)·x_j(r+1)
         }
-        for (unsigned int p = 0; p < pairs; ++p) {
-            double* y = xi + q0 + 2 * p;
-            _mm_storeu_pd(y, _mm_sub_pd(_mm_loadu_pd(y), acc[p]));
-        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
     }
 }
 
