@@ -13,6 +13,7 @@
 
 #include "DenseTypes.h"
 #include "EliminationTree.h"
+#include "Multifront.h"
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
 #include "SparseTypes.h"
@@ -50,12 +51,15 @@ public:
     SparseMatrix<T> scaledFactor;
     // The N pivots d_0 … d_{N-1} of D, 16-byte aligned, grown only.
     DenseVector<T> diagonal;
-    // (The workspace of the multifrontal factorization goes here.)
+    // Workspace of the multifrontal factorization: node records, fronts, update lists, wait blocks and the
+    // split of the elimination tree among the threads. Prepared by Tamber::factorMF whenever the filled
+    // pattern, the block sizes or the thread count differ from what it was prepared for.
+    MultifrontManager<T> multifront;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
     // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.
     unsigned int useMultifrontal = 0;
-    // Worker threads of the multifrontal factorization.
+    // Worker threads of the multifrontal factorization (0 counts as 1).
     unsigned int numThreads = 1;
     // 1 once a factorization has finished; the solves factor first when it is 0. Only the caller clears it.
     unsigned char isFactored = 0;
@@ -107,6 +111,31 @@ public:
     template <typename T>
     void factorSerial(TamberData<T>& data);
 
+    // The same factor as factorSerial (L, D and LD, within rounding; every LD block flagged 1), computed
+    // by the multifrontal method on `data.numThreads` worker threads of one "MultiFront factor" task: each
+    // node j of the elimination tree of the filled pattern assembles its front F(·, j) = A(·, j) plus the
+    // updates −L(r, k)·D_k·L(s, k)ᵀ of its descendants k, factors F(j, j) = L_jj·D_j·L_jjᵀ, solves the
+    // off-diagonal blocks (LD(r, j) = F(r, j)·L_jj⁻ᵀ, L(r, j) = LD(r, j)·D_j⁻¹) and passes its own update on.
+    // Results are the same from run to run for a fixed thread count, bit for bit.
+    // Before the numeric work it makes sure that `data.multifront` is prepared for the current filled
+    // pattern, block sizes and thread count (see prepareMultifrontal) and prepares it otherwise; a
+    // factorization of a structure the manager is prepared for allocates nothing.
+    // Preconditions as factorSerial; `data.skeleton` must be the filled pattern (closed under elimination).
+    // Sets `data.isFactored` = 1, `factorTime` (set-up plus threaded phase, including a preparation) and
+    // `solveTime` = 0.
+    template <typename T>
+    void factorMF(TamberData<T>& data);
+
+    // Prepares `data.multifront` for the filled pattern `data.skeleton`, the block sizes of `data.matrix`
+    // and `data.numThreads`, unless it already is: the rule is that the prepared state is reused exactly
+    // when n, the entry count, the thread count and the arrays skeleton.colPointers[0 .. n],
+    // skeleton.rowIndices[0 .. entries-1] and matrix.blockSizes[0 .. n-1] equal the copies taken at the last
+    // preparation (a comparison of O(n + entries), no allocation). factorMF applies the same rule by
+    // itself; calling this first only moves the preparation out of the timed factorization.
+    // Returns true when it prepared, false when the prepared state was reused.
+    template <typename T>
+    bool prepareMultifrontal(TamberData<T>& data);
+
     // x ← A⁻¹·x in place (x: in/out, N elements). Factors first when `data.isFactored` is 0.
     template <typename T>
     bool solve(TamberData<T>& data, T* x);
@@ -128,6 +157,10 @@ extern template unsigned int Tamber::estimateWork<float>(TamberData<float>&, uns
 extern template unsigned int Tamber::estimateWork<double>(TamberData<double>&, unsigned int*);
 extern template void Tamber::factorSerial<float>(TamberData<float>&);
 extern template void Tamber::factorSerial<double>(TamberData<double>&);
+extern template void Tamber::factorMF<float>(TamberData<float>&);
+extern template void Tamber::factorMF<double>(TamberData<double>&);
+extern template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
+extern template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
 extern template bool Tamber::solve<float>(TamberData<float>&, float*);
 extern template bool Tamber::solve<double>(TamberData<double>&, double*);
 extern template bool Tamber::solve<float>(TamberData<float>&, const float*, float*);

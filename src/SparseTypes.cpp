@@ -260,8 +260,8 @@ void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
             __builtin_prefetch(y + blockOffsets[rowIndices[b]], 1);
         }
 
-        // A final column of odd size takes the general loop even in the upper form (kept as designed; the
-        // result is the same).
+        // A final column of odd size takes the general loop even in the upper form: a harmless historical
+        // quirk of this path, kept so that the order of operations stays the established one.
         const bool oddFinal = j + 1 == n && (blockSizes[j] & 1u) != 0;
         if (upperForm && !oddFinal) {
             if (end == begin) continue;

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "FactorCommon.h"
 #include "Kernels.h"
 
 namespace kivTamber {
@@ -15,41 +16,23 @@ namespace {
 
 // Per-precision details of the block layout and of the factorization.
 template <typename T>
-struct Layout;
-
-template <>
-struct Layout<float> {
-    // Padded size (row stride) of a block of s rows: s itself.
-    static unsigned int padded(unsigned int s) { return s; }
-    static float* scratch(ScratchPad& pad, unsigned long count) { return pad.getFloatArray(0, count); }
+struct Layout {
+    // Padded size (row stride) of a block of s rows: s for float, s rounded up to even for double.
+    static unsigned int padded(unsigned int s) { return factorCommon::padded<T>(s); }
+    static T* scratch(ScratchPad& pad, unsigned long count);
 };
 
 template <>
-struct Layout<double> {
-    // Padded size of a block of s rows: s rounded up to even, so that pairs of doubles stay aligned.
-    static unsigned int padded(unsigned int s) { return (s + 1) & ~1u; }
-    static double* scratch(ScratchPad& pad, unsigned long count) { return pad.getDoubleArray(0, count); }
-};
-
-// W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
-// row by row, forward substitution with the strictly lower part (the unit diagonal is not read).
-void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i, unsigned int s_j) {
-    // Divides by the stored diagonal of L_jj, which is exactly 1: the quotients are exact.
-    tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
-                 static_cast<int>(s_j));
+float* Layout<float>::scratch(ScratchPad& pad, unsigned long count) {
+    return pad.getFloatArray(0, count);
 }
 
-void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i, unsigned int s_j) {
-    for (unsigned int r = 0; r < s_i; ++r) {
-        double* w = W + static_cast<unsigned long>(r) * p_j;
-        for (unsigned int c = 1; c < s_j; ++c) {
-            const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
-            double sum = 0.0;
-            for (unsigned int t = 0; t < c; ++t) sum += l[t] * w[t];
-            w[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
-        }
-    }
+template <>
+double* Layout<double>::scratch(ScratchPad& pad, unsigned long count) {
+    return pad.getDoubleArray(0, count);
 }
+
+using factorCommon::solveUnitDiagonal;
 
 // Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
 [[noreturn]] void outOfBlocks(unsigned long used, unsigned long capacity) {
@@ -306,31 +289,8 @@ void Tamber::factorSerial(TamberData<T>& data) {
                              static_cast<int>(s_k));
         }
 
-        // Dense W = L_ii·D_i·L_iiᵀ without pivoting, row by row.
-        for (unsigned int r = 0; r < s_i; ++r) {
-            T* const w = W + static_cast<unsigned long>(r) * p_i;
-            di[r] = w[r];
-            w[r] = T(1);
-        }
-        for (unsigned int r = 1; r < s_i; ++r) {
-            T* const w = W + static_cast<unsigned long>(r) * p_i;
-            for (unsigned int c = 0; c < r; ++c) {
-                w[c] = w[c] / di[c];  // l_rc = w_rc / d_c
-                if (c + 1 < r) {
-                    const T* const wNext = W + static_cast<unsigned long>(c + 1) * p_i;
-                    T sum = T(0);
-                    for (unsigned int t = 0; t <= c; ++t) sum += w[t] * di[t] * wNext[t];
-                    w[c + 1] -= sum;  // w_r,c+1 -= Σ_{t≤c} l_rt·d_t·l_c+1,t
-                }
-            }
-            T sum = T(0);
-            for (unsigned int t = 0; t < r; ++t) sum += di[t] * w[t] * w[t];
-            di[r] -= sum;  // d_r -= Σ_{t<r} d_t·l_rt²
-        }
-        for (unsigned int r = 0; r < s_i; ++r) {
-            T* const w = W + static_cast<unsigned long>(r) * p_i;
-            for (unsigned int c = r + 1; c < s_i; ++c) w[c] = T(0);
-        }
+        // Dense W = L_ii·D_i·L_iiᵀ without pivoting, row by row; strict upper triangle zeroed.
+        factorCommon::factorDiagonalBlock(W, p_i, s_i, di);
         std::memcpy(static_cast<void*>(Lii), W, static_cast<unsigned long>(s_i) * p_i * sizeof(T));
     }
 

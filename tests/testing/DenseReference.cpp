@@ -70,12 +70,15 @@ std::vector<double> denseMultiply(const DenseSymmetric& A, const std::vector<dou
     return y;
 }
 
+// max that lets a NaN win, so that a non-finite result can never pass a check.
+inline double maxNan(double a, double b) { return (std::isnan(a) || std::isnan(b)) ? NAN : std::max(a, b); }
+
 double normInf(const DenseSymmetric& A) {
     double m = 0.0;
     for (unsigned int i = 0; i < A.n; ++i) {
         double s = 0.0;
         for (unsigned int j = 0; j < A.n; ++j) s += std::fabs(A(i, j));
-        m = std::max(m, s);
+        m = maxNan(m, s);
     }
     return m;
 }
@@ -83,7 +86,7 @@ double normInf(const DenseSymmetric& A) {
 template <typename T>
 double normInf(const T* x, unsigned int n) {
     double m = 0.0;
-    for (unsigned int i = 0; i < n; ++i) m = std::max(m, std::fabs(static_cast<double>(x[i])));
+    for (unsigned int i = 0; i < n; ++i) m = maxNan(m, std::fabs(static_cast<double>(x[i])));
     return m;
 }
 
@@ -93,15 +96,16 @@ double scaledResidual(const DenseSymmetric& A, const T* x, const T* b) {
     for (unsigned int i = 0; i < A.n; ++i) {
         double s = -static_cast<double>(b[i]);
         for (unsigned int j = 0; j < A.n; ++j) s += A(i, j) * static_cast<double>(x[j]);
-        r = std::max(r, std::fabs(s));
+        r = maxNan(r, std::fabs(s));
     }
     const double denominator = normInf(A) * normInf(x, A.n) + normInf(b, A.n);
+    if (std::isnan(r) || std::isnan(denominator)) return NAN;
     return denominator > 0.0 ? r / denominator : 0.0;
 }
 
 double maxAbsDifference(const DenseSymmetric& A, const DenseSymmetric& B) {
     double m = 0.0;
-    for (std::size_t k = 0; k < A.a.size(); ++k) m = std::max(m, std::fabs(A.a[k] - B.a[k]));
+    for (std::size_t k = 0; k < A.a.size(); ++k) m = maxNan(m, std::fabs(A.a[k] - B.a[k]));
     return m;
 }
 

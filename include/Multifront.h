@@ -1,0 +1,376 @@
+// Multifrontal block factorization on worker threads: the per-node wait object (WaitBlock), the front
+// manager that holds every node's front and update matrix (MultifrontManager) and the worker body
+// (MfWrapper). The driver entry points are Tamber::factorMF and Tamber::prepareMultifrontal (Tamber.h).
+//
+// The factorization is organised by the elimination tree of the filled pattern, one node per block column j.
+// Node j's pattern is column j of L: the block rows r ≥ j with L(r, j) present, ascending, j first; its
+// parent is the first off-diagonal row of that column. Node j owns a front F(r, j) over that pattern (the
+// input values of column j plus the updates of its descendants); eliminating it yields L(·, j), D_j and
+// LD(·, j) and the update −L(r, j)·D_j·L(s, j)ᵀ for every pair r ≥ s of its off-diagonal rows, which goes into
+// the fronts of the ancestors s.
+//
+// The tree is split among the worker threads by estimated work: whole subtrees go to single threads and the
+// nodes near the roots (the "top") to one thread that waits for the subtrees of the others. A node whose
+// parent belongs to another thread keeps its update matrix in an update list and publishes it through its
+// WaitBlock; every other node subtracts its updates straight into its ancestors' fronts.
+#ifndef KIVTAMBER_MULTIFRONT_H
+#define KIVTAMBER_MULTIFRONT_H
+
+#include <OpenThreads/Condition>
+#include <OpenThreads/Mutex>
+#include <apr_atomic.h>
+#include <kiv/ThreadSync.h>
+#include <kiv/VectorPOD.h>
+
+#include <cstdint>
+
+#include "SkeletonMatrix.h"
+#include "SparseTypes.h"
+#include "TamberUtils.h"
+
+#if defined(__SANITIZE_THREAD__)
+#define KIVTAMBER_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define KIVTAMBER_TSAN 1
+#endif
+#endif
+#ifdef KIVTAMBER_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
+
+namespace kivTamber {
+
+class Tamber;
+template <typename T>
+class TamberData;
+
+// ---------------------------------------------------------------------------------------------------------
+// 32-bit atomics (sequentially consistent, from the portable runtime). The thread sanitizer cannot see
+// inside the runtime's library, so in sanitizer builds each operation also tells it about the ordering it
+// implies (release before, acquire after).
+// ---------------------------------------------------------------------------------------------------------
+
+// Makes the portable runtime ready for its atomics; called once per process before the first wait block is
+// made (later calls return at once).
+void initializeAtomics();
+
+// *mem += value; returns the previous value.
+inline apr_uint32_t atomicAdd32(volatile apr_uint32_t* mem, apr_uint32_t value) {
+#ifdef KIVTAMBER_TSAN
+    __tsan_release(const_cast<apr_uint32_t*>(mem));
+    const apr_uint32_t previous = apr_atomic_add32(mem, value);
+    __tsan_acquire(const_cast<apr_uint32_t*>(mem));
+    return previous;
+#else
+    return apr_atomic_add32(mem, value);
+#endif
+}
+
+// ++*mem; returns the previous value.
+inline apr_uint32_t atomicInc32(volatile apr_uint32_t* mem) {
+#ifdef KIVTAMBER_TSAN
+    __tsan_release(const_cast<apr_uint32_t*>(mem));
+    const apr_uint32_t previous = apr_atomic_inc32(mem);
+    __tsan_acquire(const_cast<apr_uint32_t*>(mem));
+    return previous;
+#else
+    return apr_atomic_inc32(mem);
+#endif
+}
+
+// *mem = value; returns the previous value.
+inline apr_uint32_t atomicXchg32(volatile apr_uint32_t* mem, apr_uint32_t value) {
+#ifdef KIVTAMBER_TSAN
+    __tsan_release(const_cast<apr_uint32_t*>(mem));
+    const apr_uint32_t previous = apr_atomic_xchg32(mem, value);
+    __tsan_acquire(const_cast<apr_uint32_t*>(mem));
+    return previous;
+#else
+    return apr_atomic_xchg32(mem, value);
+#endif
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// WaitBlock
+// ---------------------------------------------------------------------------------------------------------
+
+// A lock with a way to wait under it until another thread signals: the object through which a thread waits
+// for a node of another thread to be finished. Two modes, fixed by the front manager when it makes the
+// blocks:
+//  - spin mode (spinLock and spinWait nonzero): the lock is an exchange loop on lockWord (no back-off);
+//    wait() takes a ticket from the waiter counter, releases the lock and spins until a signal has counted
+//    the counter below the ticket;
+//  - condition mode (both zero): the lock is the mutex, wait() is a condition wait on it.
+// The two flags may also be mixed (a mutex lock with spin waiting). Every failing mutex or condition call
+// ends the process with the messages of <kiv/ThreadSync.h>.
+//
+// The mutex is of the recursive type: on Linux that is the OpenThreads type whose unlock checks ownership,
+// so that an unlock by a thread that does not hold the lock fails (EPERM) instead of passing unnoticed. No
+// thread ever takes a wait block's lock twice.
+//
+// Aligned to a cache line so that blocks of different nodes do not share one. Not copyable.
+class alignas(64) WaitBlock {
+public:
+    // Nonzero: lock() and unlock() use the spin-lock word; zero: the mutex.
+    unsigned int spinLock;
+    // The spin lock: 1 held, 0 free.
+    volatile apr_uint32_t lockWord;
+    OpenThreads::Mutex mutex;
+    OpenThreads::Condition condition;
+    // Spin waiting: number of tickets handed out and not yet signalled.
+    volatile apr_uint32_t waiters;
+    // Nonzero: wait() spins on the waiter counter; zero: it waits on the condition.
+    unsigned int spinWait;
+
+    // A free block in spin mode (spin = true) or condition mode.
+    explicit WaitBlock(bool spin = true);
+    WaitBlock(const WaitBlock&) = delete;
+    WaitBlock& operator=(const WaitBlock&) = delete;
+
+    // Both flags at once: spin mode or condition mode. Only while no thread uses the block.
+    void setMode(bool spin) {
+        spinLock = spin ? 1u : 0u;
+        spinWait = spin ? 1u : 0u;
+    }
+
+    // Takes the lock: spin mode exchanges lockWord with 1 until the old value is 0; mutex mode locks the
+    // mutex (fatal on failure).
+    void lock() {
+        if (spinLock) {
+            while (atomicXchg32(&lockWord, 1u) != 0u) {
+            }
+        } else {
+            kiv::checkMutexLock(mutex.lock());
+        }
+    }
+
+    // Releases the lock: exchanges lockWord with 0, or unlocks the mutex (fatal on failure, e.g. when the
+    // calling thread does not hold it).
+    void unlock() {
+        if (spinLock) {
+            atomicXchg32(&lockWord, 0u);
+        } else {
+            kiv::checkMutexUnlock(mutex.unlock());
+        }
+    }
+
+    // Called with the lock held; returns with it held again once another thread has called signal() (or,
+    // in condition mode, after a spurious wake-up: callers wait in a loop on their own condition).
+    void wait();
+
+    // Called with the lock held: wakes the waiter. Spin waiting counts the waiter counter down and resets it
+    // to 0 when it was not positive before; condition waiting signals the condition (fatal on failure).
+    void signal();
+};
+
+// ---------------------------------------------------------------------------------------------------------
+// Front manager
+// ---------------------------------------------------------------------------------------------------------
+
+// One entry of a node's update list: the block U(row, col) of its update matrix, s_row rows of p_col
+// elements (row stride p_col; p_row·p_col elements reserved, padding zero), holding the negated sum of the
+// contributions −L(row, k)·D_k·L(col, k)ᵀ gathered so far.
+template <typename T>
+struct MfUpdateEntry {
+    T* block;
+    unsigned int row;
+    unsigned int col;
+};
+
+// The record of node j (block column j).
+template <typename T>
+struct MfNode {
+    // F(r, j) for the entries of column j in pattern order, diagonal first: s_r rows of p_j elements each
+    // (row stride p_j, p_r·p_j reserved).
+    T** frontBlocks;
+    // The update list: one entry per pair r ≥ s of j's off-diagonal rows r_1 < … < r_m, ordered by s, then
+    // r (m·(m+1)/2 entries); null unless j's parent is owned by another thread.
+    MfUpdateEntry<T>* updates;
+    // Lock and wait object of a node with an update list; null otherwise.
+    WaitBlock* waitBlock;
+    // First off-diagonal row of column j; j itself for a root.
+    unsigned int parent;
+    // Index of the worker thread that eliminates j.
+    unsigned char owner;
+    // 1 once j is eliminated and its update list is complete.
+    unsigned char done;
+    // Nonzero when a child of j is owned by another thread.
+    unsigned char foreignChildren;
+};
+
+// A (subtree root, thread) pair: a topmost node of the part that `thread` owns.
+struct MfRoot {
+    unsigned int node;
+    unsigned int thread;
+};
+
+// Which WaitBlock mode the manager gives its blocks.
+enum class MfWaitMode : unsigned int {
+    automatic = 0,  // spin mode while the thread count does not exceed the processors, else condition mode
+    spin = 1,
+    condition = 2
+};
+
+// The workspace of the multifrontal factorization of one TamberData<T>: node records over the column form of
+// the filled pattern, the two element stores (fronts and update lists), the wait blocks and the split of the
+// tree among the threads.
+//
+// Prepared for one (filled pattern, block sizes, thread count): prepare() builds everything;
+// isPreparedFor() tells whether a prepared state still fits. Tamber::factorMF checks and prepares by itself,
+// so a caller never has to. Every array is grown, never shrunk: preparing the same or a smaller structure
+// again, and every factorization after the preparation, allocate nothing. Not copyable.
+template <typename T>
+class MultifrontManager {
+public:
+    static constexpr unsigned int noNode = 0xFFFFFFFFu;
+
+    // Node records, one per block column [n].
+    kiv::VectorPOD<MfNode<T>> nodes;
+    // The two element stores, zeroed at the start of every factorization: fronts (Σ over the pattern of
+    // p_r·p_j) and update blocks (Σ over the update lists of p_r·p_s).
+    kiv::VectorPOD<T> frontStore;
+    kiv::VectorPOD<T> updateStore;
+    // (subtree root, thread) pairs, grouped by thread; within a thread the node indices descend, so that the
+    // lowest-numbered root, pushed last, is started first.
+    kiv::VectorPOD<MfRoot> roots;
+
+    // Column form of the filled pattern: column j is colRows[colPointers[j] .. colPointers[j+1]-1] (j first,
+    // then ascending); colEntries gives the entry index of (r, j) in the row form, which is also the index of
+    // block (r, j) in L and LD. frontBlockPointers backs MfNode::frontBlocks [entries].
+    kiv::VectorPOD<unsigned int> colPointers;
+    kiv::VectorPOD<unsigned int> colRows;
+    kiv::VectorPOD<unsigned int> colEntries;
+    kiv::VectorPOD<T*> frontBlockPointers;
+    // Backing store of MfNode::updates.
+    kiv::VectorPOD<MfUpdateEntry<T>> updateEntries;
+    // Child lists of the tree (ascending): first child and next sibling, noNode ending a list [n].
+    kiv::VectorPOD<unsigned int> firstChild;
+    kiv::VectorPOD<unsigned int> sibling;
+    // Per row-form entry e = (i, j): index of block (i, j) in the input matrix, noNode for a fill block.
+    // Rebuilt by every factorization (the input's own pattern may change under a fixed filled pattern).
+    kiv::VectorPOD<unsigned int> inputBlocks;
+
+    // Wait blocks of the nodes with an update list (constructed in place; grown only).
+    WaitBlock* waitBlocks = nullptr;
+    unsigned long numWaitBlocks = 0;
+    unsigned long waitBlockCapacity = 0;
+
+    // Per-thread work arrays for the next factorization (scratch-pad slot t): nb marks and a stack of nb+1
+    // node indices.
+    kiv::VectorPOD<unsigned char*> threadMarks;
+    kiv::VectorPOD<int*> threadStacks;
+
+    // Threads that own nodes (at most numThreads and 256); the owner of the top part; estimated work of the
+    // whole factorization and of the top part, in flops; the largest subtree work of any one thread.
+    unsigned int numOwners = 0;
+    unsigned int topOwner = 0;
+    double totalWork = 0.0;
+    double topWork = 0.0;
+    double maxThreadWork = 0.0;
+
+    // Wanted mode of the wait blocks; applied by the next factorization (no new preparation needed).
+    MfWaitMode waitMode = MfWaitMode::automatic;
+    // Mode the blocks have now: true spin, false condition.
+    bool spinBlocks = true;
+
+    // How many times prepare() ran (for callers that want to see the reuse).
+    unsigned long preparations = 0;
+
+    // What the manager was prepared for: block count, entry count, thread count and copies of the pattern's
+    // arrays and of the block sizes.
+    bool isPrepared = false;
+    unsigned long preparedBlocks = 0;
+    unsigned long preparedEntries = 0;
+    unsigned int preparedThreads = 0;
+    kiv::VectorPOD<unsigned int> preparedColPointers;
+    kiv::VectorPOD<unsigned int> preparedRowIndices;
+    kiv::VectorPOD<unsigned int> preparedSizes;
+
+    // Work arrays of the preparation.
+    kiv::VectorPOD<double> nodeWork;
+    kiv::VectorPOD<double> subtreeWork;
+    kiv::VectorPOD<unsigned int> order;
+    kiv::VectorPOD<unsigned char> isTop;
+
+    MultifrontManager() = default;
+    ~MultifrontManager();
+    MultifrontManager(const MultifrontManager&) = delete;
+    MultifrontManager& operator=(const MultifrontManager&) = delete;
+
+    // True when the manager was prepared for this filled pattern (same n, entry count, colPointers and
+    // rowIndices), these block sizes (sizes[0 .. n-1]) and this thread count. Cost O(n + entries), no
+    // allocation.
+    bool isPreparedFor(const SkeletonMatrix& pattern, const unsigned int* sizes, unsigned int numThreads) const;
+
+    // Builds the manager for the filled pattern (rows i, ascending columns j ≤ i, diagonal last; closed under
+    // elimination, as the symbolic factorization produces it), the block sizes sizes[0 .. n-1] and
+    // numThreads workers (0 counts as 1):
+    //  1. the column form, the parents (first off-diagonal row of each column) and the child lists;
+    //  2. the work of each node, w_j = s_j³/3 + σ·s_j² + s_j·(σ² + Σ s_r²) + per-block overhead (σ = Σ s_r
+    //     over the off-diagonal rows), and of each subtree;
+    //  3. the split: starting from the tree roots, the heaviest remaining subtree is cut at its root (the root
+    //     joins the top, its children become subtrees) as long as that lowers the estimated time
+    //     max(largest subtree, Σ subtrees / threads) + top work; the best cut sequence is kept. The subtrees
+    //     then go to the threads by decreasing work, each to the least loaded thread (ties: lowest index),
+    //     and the top to the least loaded thread. With one thread nothing is cut;
+    //  4. the owners, the foreign-children flags, the (root, thread) pairs, the fronts over the front store,
+    //     and, for every node whose parent has another owner, its update list over the update store and a
+    //     wait block in the mode of `waitMode`.
+    // Allocates only when the structure outgrows what the manager held before.
+    void prepare(const SkeletonMatrix& pattern, const unsigned int* sizes, unsigned int numThreads);
+
+    // Sets every wait block to the mode that `waitMode` asks for with `numThreads` workers, if it differs.
+    void applyWaitMode(unsigned int numThreads);
+
+    // Adds the update list of the finished node `source` into the front of `target` (its parent) and of the
+    // ancestors of target that target's owner also owns:
+    //   F_s(r, s) += U_source(r, s) for every entry of the list,
+    // over whole padded rows (s_r rows of p_s elements). Entries whose column lies beyond the first node on
+    // the path that another thread owns go instead into the update list of the last node of target's owner
+    // on that path (matched by (row, column)). A source without off-diagonal rows adds nothing.
+    // pattern: the filled pattern the manager was prepared from (the manager reads its own column form of
+    // it); factor: supplies the block sizes. Called only by target's owner, holding source's lock, after
+    // source is done.
+    void addUpdateToNode(const SkeletonMatrix& pattern, const SparseMatrix<T>& factor, unsigned long target,
+                         unsigned long source);
+
+private:
+    void growWaitBlocks(unsigned long count);
+};
+
+extern template class MultifrontManager<float>;
+extern template class MultifrontManager<double>;
+
+}  // namespace kivTamber
+
+// The worker of the multifrontal factorization: built by Tamber::factorMF on its stack, shared read-only by
+// all threads of the "MultiFront factor" task, each of which runs doThreadedFactor() once.
+template <typename T>
+class MfWrapper {
+public:
+    // The driver that called factorMF.
+    kivTamber::Tamber* driver;
+    // Tick count when factorMF started.
+    std::uint64_t startTime;
+    // Scratch pad of the data (the per-thread slots were reserved before the task started).
+    kivTamber::ScratchPad* scratchPad;
+    // Number of block columns nb.
+    unsigned long numBlocks;
+    // Duration of factorMF's set-up, in seconds.
+    double setupTime;
+    // The system being factored.
+    kivTamber::TamberData<T>* data;
+
+    // Processes the nodes that the calling worker thread owns (its index from kiv::ThreadTask), depth-first
+    // from its (root, thread) pairs: for each node, assemble the input column, pull the update lists of the
+    // children of other threads (waiting for them), eliminate the node into L, D and LD, subtract its update
+    // into its own thread's ancestors (or its thread's boundary node's update list) and publish it. Returns
+    // when the thread's nodes are done.
+    void doThreadedFactor();
+};
+
+extern template class MfWrapper<float>;
+extern template class MfWrapper<double>;
+
+#endif  // KIVTAMBER_MULTIFRONT_H
