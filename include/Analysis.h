@@ -1,10 +1,44 @@
-// Symbolic analysis of a block pattern: from the permuted pattern of A and its elimination tree to the
-// block pattern of the factor L.
+// Symbolic analysis of a block saddle-point problem: from the user's block pattern to a TamberData<T> whose
+// permutation, filled skeleton, elimination tree and input-matrix layout fit together, plus the assembly of
+// values and vectors between the user's numbering and the elimination order.
+//
+// The problem: a symmetric block matrix A of n blocks in the user's numbering; blocks 0 .. firstConstraint-1
+// are bodies (invertible diagonal block), blocks firstConstraint .. n-1 constraints (zero diagonal block):
+//
+//        [ M  Jᵀ ]     with M symmetric positive definite and J of full row rank,
+//    A = [       ]     A = L·D·Lᵀ exists without pivoting in every order that satisfies the rule below.
+//        [ J  0  ]
+//
+// The safe-order rule. Every constraint block c is placed either
+//   (S) after all the body blocks it couples to, or
+//   (R) directly after a body block b it couples to, with every other constraint block of b placed before c
+//       (so c is b's last constraint, and each of b's other constraints precedes b and was itself placed by R).
+// Then every leading principal block of the permuted matrix is non-singular, provided J has full row rank and
+// each block J(c, b) used by (R) has full row rank: by induction over the R-placed constraints, each one's
+// multiplier vanishes on its own body's columns, and the S-placed ones have all their columns present.
+// (Couplings between two constraint blocks are allowed in the pattern; the guarantee is for a zero (2,2)
+// part.)
+//
+// Typical use, once per structure and then every time step:
+//
+//     Analysis::Problem problem{n, firstConstraint, colPointers, rowIndices, blockSizes};
+//     Analysis::Analyzer analyzer;
+//     Analysis::Report r = analyzer.analyze(problem, Analysis::Options(), data);   // TamberData<double>
+//     if (!r.ok) { std::fprintf(stderr, "%s\n", r.message.c_str()); return; }
+//     for each entry e of the pattern: analyzer.setBlock(data, e, valuesOfEntry(e));     // every step
+//     tamber.estimateWork(data, nullptr);
+//     analyzer.permuteVector(b, x);  tamber.solve(data, x);  analyzer.unpermuteVector(x, y);
+//
+// The library's low-level operations (orderings, trees, factorizations) trust their input; this layer is
+// where bad input is caught and reported with a message that names the offending block or entry.
 #ifndef KIVTAMBER_ANALYSIS_H
 #define KIVTAMBER_ANALYSIS_H
 
+#include <string>
+
 #include "EliminationTree.h"
 #include "SkeletonMatrix.h"
+#include "Tamber.h"
 #include "TamberUtils.h"
 
 namespace kivTamber {
@@ -35,6 +69,209 @@ namespace Analysis {
 // Cost: O(|L| + |A|) for the walks plus a sort of each row of L, O(|L| log) at worst.
 bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
                            SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr);
+
+// ---------------------------------------------------------------------------------------------------------
+// The user's problem, options and results.
+// ---------------------------------------------------------------------------------------------------------
+
+// The structure of a block saddle-point problem in the user's numbering. The arrays are borrowed for the
+// length of a call and never written.
+//
+// Pattern in list form: the entries colPointers[j] .. colPointers[j+1]-1 of rowIndices are the blocks i <= j
+// that couple to block j, strictly ascending, the last one j itself (the diagonal, also for a constraint,
+// whose diagonal block is zero). Entry e = (i, j) is "entry e" of the assembly functions below.
+struct Problem {
+    unsigned int numBlocks = 0;                 // n
+    unsigned int firstConstraint = 0;           // blocks at or above it are constraints (<= n)
+    const unsigned int* colPointers = nullptr;  // [n + 1]
+    const unsigned int* rowIndices = nullptr;   // [colPointers[n]]
+    const unsigned int* blockSizes = nullptr;   // [n] scalar rows of each block, >= 1
+
+    // The pattern of a SkeletonMatrix in list form (its fillFlags and blockWords are ignored).
+    static Problem fromSkeleton(const SkeletonMatrix& pattern, unsigned int firstConstraint,
+                                const unsigned int* blockSizes);
+};
+
+// How the analysis orders the blocks. Every order it returns satisfies the safe-order rule.
+enum class Ordering : unsigned int {
+    // 1. Peel: repeatedly take a body with at most one unplaced neighbour; place it, and when that
+    //    neighbour is a constraint, the constraint right after it (rule R). Eliminating such a body makes no
+    //    fill; chains and trees of bodies (ragdolls) are placed completely by this step.
+    // 2. The rest, bodies first: CCOLAMD's csymamd on the remaining block graph with every body in
+    //    constraint set 0 and every constraint in set 1 (rule S).
+    // 3. When the predicted factor cost exceeds Options::nestedDissectionThreshold flops, also try the
+    //    remaining bodies followed by a METIS nested dissection of the constraint graph (two constraints
+    //    adjacent when they share a remaining body, or a group of remaining bodies coupled among themselves;
+    //    vertex weight = rows), and keep whichever order the same count predicts cheaper.
+    standard,
+    // COLAMD's symamd on the whole pattern, then Reordering::zeroLeafSwap; constraints that still break the
+    // rule are moved after the last of their bodies (repeated until the order satisfies the rule; the
+    // report counts the moves). When the swap fails, the repair works on symamd's order.
+    symamdSwap,
+    // The user's numbering as it is: bodies, then constraints (always rule S).
+    natural,
+    // Options::userOrder, accepted only when it satisfies the rule.
+    user,
+};
+
+struct Options {
+    Ordering ordering = Ordering::standard;
+    // Step 1 of the standard ordering. Switch it off for constraint types whose Jacobian block on one body
+    // can lose rank (rule R needs J(c, b) of full row rank); every constraint then follows all its bodies.
+    bool peel = true;
+    // Step 3 of the standard ordering, and its threshold in predicted flops.
+    bool nestedDissection = true;
+    double nestedDissectionThreshold = 5e7;
+    // For Ordering::user: [n] forward[k] = the user block placed k-th.
+    const unsigned int* userOrder = nullptr;
+};
+
+// Size of the factor of an order, counted by block-level symbolic factorization with dense blocks. With
+// c_k = the number of scalar entries of L strictly below the diagonal in scalar column k:
+// scalarEntries = Σ (c_k + 1) (the unit diagonal included) and flops = Σ c_k·(c_k + 2) (one division per
+// entry and a multiply-add per entry pair of the symmetric update).
+struct FactorCost {
+    unsigned long blockEntries = 0;   // blocks of L, diagonal blocks included
+    unsigned long scalarEntries = 0;  // nnz(L), diagonal included
+    double flops = 0.0;
+};
+
+// Outcome of Analyzer::analyze.
+struct Report {
+    bool ok = false;
+    // Empty on success; otherwise what is wrong, naming the block, entry or position and the values involved.
+    std::string message;
+    // Standard ordering: blocks placed by peeling (bodies and their R-placed constraints).
+    unsigned long peeledBlocks = 0;
+    // symamdSwap: constraints the repair moved after their last body.
+    unsigned long movedConstraints = 0;
+    // symamdSwap: the zero-leaf swap failed and the repair worked on symamd's order.
+    bool swapFailed = false;
+    // Standard ordering: predicted flops of the minimum-degree order and of the nested-dissection order
+    // (0 when it was not tried), and which one was kept.
+    double minimumDegreeFlops = 0.0;
+    double nestedDissectionFlops = 0.0;
+    bool usedNestedDissection = false;
+    // An ordering library failed (out of memory) and the remainder was taken in the user's numbering.
+    bool orderingFallback = false;
+    // The factor of the chosen order.
+    FactorCost cost;
+    // Seconds spent in the phases: input checks and the block graph, ordering, symbolic factorization (permuted
+    // pattern, tree, filled pattern) and the layout of data.matrix and of the assembly map.
+    double checkSeconds = 0.0;
+    double orderSeconds = 0.0;
+    double symbolicSeconds = 0.0;
+    double layoutSeconds = 0.0;
+};
+
+// ---------------------------------------------------------------------------------------------------------
+// Checks and counts (each validates its input first and allocates its own work memory).
+// ---------------------------------------------------------------------------------------------------------
+
+// True when the problem is well formed: arrays present (n > 0), firstConstraint <= n, every block size >= 1,
+// the scalar dimension within 32 bits, every list in list form (ascending, in range, diagonal last), and
+// every constraint block coupled to at least one body block. Otherwise false with `message` (may be null)
+// naming the first offence.
+bool checkProblem(const Problem& problem, std::string* message = nullptr);
+
+// True when forward[0 .. n-1] places every block exactly once and satisfies the safe-order rule for a
+// well-formed problem. Otherwise false with `message` (may be null) naming the first offending position.
+bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message = nullptr);
+
+// The factor cost of an order (forward: [n], the user block placed k-th; any permutation, the rule is not
+// required) by an elimination tree and row-subtree counts on the user's pattern. The problem must be well
+// formed and forward a permutation (unchecked here; see checkProblem, checkOrder).
+FactorCost predictCost(const Problem& problem, const unsigned int* forward);
+
+// The factor cost read from a filled pattern (list form, in elimination order) with sizes[k] the size of
+// block k in that order. Equals predictCost of the order that produced it.
+FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes);
+
+// ---------------------------------------------------------------------------------------------------------
+// The analysis and the assembly.
+// ---------------------------------------------------------------------------------------------------------
+
+// Turns a problem into a ready TamberData<T> and then moves values and vectors between the user's numbering
+// and the elimination order. Keep one Analyzer next to each TamberData; it holds the map from the user's
+// entries to the blocks of data.matrix and reuses all its work memory from call to call. Non-copyable.
+class Analyzer {
+public:
+    static constexpr unsigned long noEntry = ~0ul;
+
+    Analyzer();
+    ~Analyzer();
+    Analyzer(const Analyzer&) = delete;
+    Analyzer& operator=(const Analyzer&) = delete;
+
+    // Checks the problem, orders it (options), and on success leaves in `data`:
+    //  - permutation: forward[k] = the user block placed k-th, inverse[forward[k]] = k, size n;
+    //  - etree: the elimination tree of the permuted pattern, with child lists, roots and post order;
+    //  - skeleton: the filled pattern of L in that order (per block row the ascending columns, diagonal last,
+    //    fillFlags = 1 on fill-ins);
+    //  - matrix: cleared, sized and laid out in upper form on the permuted pattern of A (block column k holds
+    //    the blocks (i, k), i <= k ascending, diagonal last) with the permuted block sizes and zero values;
+    //  - isFactored = 0.
+    // On failure (report.ok false, report.message set) neither `data` nor this analyzer's assembly map has
+    // changed. Everything is computed in the analyzer's own storage and then swapped in; a std::bad_alloc
+    // while laying out data.matrix (the last step) leaves the new structure with an empty matrix and
+    // isFactored = 0. data.etree's auxList and fillIns are left alone. A repeated analysis of the same
+    // structure allocates nothing of its own after the second call (the ordering libraries use calloc).
+    template <typename T>
+    Report analyze(const Problem& problem, const Options& options, TamberData<T>& data);
+
+    // The following need a successful analyze; `data` must be the object it filled. None allocates.
+
+    // Number of blocks, scalar dimension and pattern entries of the analysed problem.
+    unsigned int numBlocks() const;
+    unsigned int scalarSize() const;
+    unsigned long numEntries() const;
+
+    // Index of entry (i, j), i <= j, in the analysed pattern, or noEntry. O(log of the list length).
+    unsigned long findEntry(unsigned int i, unsigned int j) const;
+
+    // The order: [n] forward[k] = the user block placed k-th (a copy of data.permutation.forward).
+    const unsigned int* order() const;
+
+    // Writes block A(i, j) of entry e = (i, j), given as s_i × s_j values row-major (row stride s_j; a
+    // diagonal block in full), into its place in data.matrix, transposed when the permutation moved it
+    // across the diagonal; clears data.isFactored.
+    template <typename T, typename V>
+    void setBlock(TamberData<T>& data, unsigned long entry, const V* values) const;
+
+    // setBlock for every entry e, its values at values + valuePointers[e] (valuePointers: [numEntries()]).
+    template <typename T, typename V>
+    void setBlocks(TamberData<T>& data, const V* values, const unsigned long* valuePointers) const;
+
+    // permuted = P·user: the slice of user block forward[k] goes to the k-th place (both N values).
+    template <typename T>
+    void permuteVector(const T* user, T* permuted) const;
+
+    // user = Pᵀ·permuted, the inverse of permuteVector (both N values).
+    template <typename T>
+    void unpermuteVector(const T* permuted, T* user) const;
+
+private:
+    struct Impl;
+    Impl* impl_;
+};
+
+extern template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);
+extern template Report Analyzer::analyze<double>(const Problem&, const Options&, TamberData<double>&);
+extern template void Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
+extern template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long, const double*) const;
+extern template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long, const float*) const;
+extern template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long, const double*) const;
+extern template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*, const unsigned long*) const;
+extern template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*,
+                                                        const unsigned long*) const;
+extern template void Analyzer::setBlocks<double, float>(TamberData<double>&, const float*,
+                                                        const unsigned long*) const;
+extern template void Analyzer::setBlocks<double, double>(TamberData<double>&, const double*,
+                                                         const unsigned long*) const;
+extern template void Analyzer::permuteVector<float>(const float*, float*) const;
+extern template void Analyzer::permuteVector<double>(const double*, double*) const;
+extern template void Analyzer::unpermuteVector<float>(const float*, float*) const;
+extern template void Analyzer::unpermuteVector<double>(const double*, double*) const;
 
 }  // namespace Analysis
 }  // namespace kivTamber

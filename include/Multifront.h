@@ -197,6 +197,9 @@ struct MfNode {
     unsigned char done;
     // Nonzero when a child of j is owned by another thread.
     unsigned char foreignChildren;
+    // 1 once the owner has zeroed j's fronts (and update list) in this factorization: that happens when the
+    // owner first writes to them, so that the zeroing is shared among the threads and done near the use.
+    unsigned char zeroed;
 };
 
 // A (subtree root, thread) pair: a topmost node of the part that `thread` owns.
@@ -227,8 +230,9 @@ public:
 
     // Node records, one per block column [n].
     kiv::VectorPOD<MfNode<T>> nodes;
-    // The two element stores, zeroed at the start of every factorization: fronts (Σ over the pattern of
-    // p_r·p_j) and update blocks (Σ over the update lists of p_r·p_s).
+    // The two element stores: fronts (Σ over the pattern of p_r·p_j, node by node) and update blocks (Σ over
+    // the update lists of p_r·p_s, node by node). A node's part is zeroed by its owner in every factorization
+    // before the first write to it (MfNode::zeroed).
     kiv::VectorPOD<T> frontStore;
     kiv::VectorPOD<T> updateStore;
     // (subtree root, thread) pairs, grouped by thread; within a thread the node indices descend, so that the
@@ -237,7 +241,9 @@ public:
 
     // Column form of the filled pattern: column j is colRows[colPointers[j] .. colPointers[j+1]-1] (j first,
     // then ascending); colEntries gives the entry index of (r, j) in the row form, which is also the index of
-    // block (r, j) in L and LD. frontBlockPointers backs MfNode::frontBlocks [entries].
+    // block (r, j) in L and LD. frontBlockPointers backs MfNode::frontBlocks [entries + 1; the last one is
+    // the end of the front store, so that node j's fronts span frontBlocks[0] .. frontBlockPointers[
+    // colPointers[j+1]]].
     kiv::VectorPOD<unsigned int> colPointers;
     kiv::VectorPOD<unsigned int> colRows;
     kiv::VectorPOD<unsigned int> colEntries;
@@ -260,6 +266,10 @@ public:
     // node indices.
     kiv::VectorPOD<unsigned char*> threadMarks;
     kiv::VectorPOD<int*> threadStacks;
+
+    // Value capacity of L and LD (64 + Σ over the pattern of p_i·p_j) and the scalar dimension N.
+    unsigned long factorCapacity = 0;
+    unsigned long scalarSize = 0;
 
     // Threads that own nodes (at most numThreads and 256); the owner of the top part; estimated work of the
     // whole factorization and of the top part, in flops; the largest subtree work of any one thread.
@@ -292,6 +302,7 @@ public:
     kiv::VectorPOD<double> subtreeWork;
     kiv::VectorPOD<unsigned int> order;
     kiv::VectorPOD<unsigned char> isTop;
+    kiv::VectorPOD<double> threadLoads;
 
     MultifrontManager() = default;
     ~MultifrontManager();
@@ -334,6 +345,16 @@ public:
     // source is done.
     void addUpdateToNode(const SkeletonMatrix& pattern, const SparseMatrix<T>& factor, unsigned long target,
                          unsigned long source);
+
+    // Node x's front blocks, after zeroing its fronts and update list if this factorization has not done so
+    // yet. Only x's owner calls it while the workers run.
+    T* const* front(unsigned int x) {
+        if (!nodes[x].zeroed) zeroNode(x);
+        return nodes[x].frontBlocks;
+    }
+
+    // Zeroes node x's fronts and update list and sets its `zeroed` flag.
+    void zeroNode(unsigned int x);
 
 private:
     void growWaitBlocks(unsigned long count);

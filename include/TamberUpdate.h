@@ -113,6 +113,7 @@ public:
         Array<double> y;              // [N] the equation being added
         Array<double> w;              // [N] the vector of the rank-one update
         Array<double> W;              // [batchCapacity·N] the vectors of the rank-k update, row after row
+        Array<unsigned int> wOffsets;  // [numBlocks] where a block's scalars lie in the rows of W
         Array<double> sigmas;         // [batchCapacity]
         Array<double> betas;          // [batchCapacity]
         Array<int> listHeads;         // [numBlocks] −1 between calls

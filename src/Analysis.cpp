@@ -1,9 +1,21 @@
 #include "Analysis.h"
 
+#include <ccolamd.h>
 #include <kiv/ByteAllocator.h>
+#include <kiv/Timer.h>
+#include <kiv/VectorPOD.h>
+#include <metis.h>
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
+
+#include "Reordering.h"
+#include "TreeUpdate.h"
 
 namespace kivTamber {
 namespace Analysis {
@@ -54,7 +66,391 @@ void walkRowSubtree(const SkeletonMatrix& S, const unsigned int* parent, unsigne
     }
 }
 
+constexpr unsigned int kNone = 0xFFFFFFFFu;
+constexpr unsigned int kTransposed = 0x80000000u;  // tag of an assembly entry stored transposed
+
+std::string format(const char* fmt, ...) {
+    char buffer[512];
+    va_list args;
+    va_start(args, fmt);
+    std::vsnprintf(buffer, sizeof buffer, fmt, args);
+    va_end(args);
+    return buffer;
+}
+
+void setMessage(std::string* message, std::string text) {
+    if (message) *message = std::move(text);
+}
+
+template <typename T>
+unsigned long strideOf(unsigned long s) {
+    return sizeof(T) == sizeof(double) ? (s + 1) & ~1ul : s;
+}
+
+template <typename V>
+void grow(kiv::VectorPOD<V>& v, unsigned long n) {
+    if (v.size() < n) v.resize(n);
+}
+
+double secondsSince(std::uint64_t start) {
+    return kiv::Timer::seconds(start, kiv::Timer::ticks());
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The block graph: full symmetric adjacency of the pattern without the diagonal, every list ascending.
+// ---------------------------------------------------------------------------------------------------------
+
+struct BlockGraph {
+    unsigned int n = 0;
+    unsigned int firstConstraint = 0;
+    kiv::VectorPOD<unsigned int> ptr;  // [n + 1]
+    kiv::VectorPOD<unsigned int> adj;  // [2 · off-diagonal entries]
+
+    const unsigned int* begin(unsigned int v) const { return adj.data() + ptr[v]; }
+    const unsigned int* end(unsigned int v) const { return adj.data() + ptr[v + 1]; }
+    bool isBody(unsigned int v) const { return v < firstConstraint; }
+    bool adjacent(unsigned int u, unsigned int v) const { return std::binary_search(begin(u), end(u), v); }
+};
+
+// Precondition: the problem is well formed. fill: workspace of n entries.
+void buildGraph(const Problem& p, BlockGraph& g, kiv::VectorPOD<unsigned int>& fill) {
+    const unsigned int n = p.numBlocks;
+    g.n = n;
+    g.firstConstraint = p.firstConstraint;
+    g.ptr.resize(n + 1);
+    grow(fill, n);
+    unsigned int* count = fill.data();
+    for (unsigned int v = 0; v < n; ++v) count[v] = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int e = p.colPointers[j]; e + 1 < p.colPointers[j + 1]; ++e) {
+            ++count[j];
+            ++count[p.rowIndices[e]];
+        }
+    }
+    g.ptr[0] = 0;
+    for (unsigned int v = 0; v < n; ++v) g.ptr[v + 1] = g.ptr[v] + count[v];
+    g.adj.resize(n == 0 ? 0 : g.ptr[n]);
+    for (unsigned int v = 0; v < n; ++v) count[v] = g.ptr[v];
+    // Column j ascending: j's smaller neighbours are written at its own turn, its larger ones afterwards, in
+    // ascending order, so every list comes out ascending.
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int e = p.colPointers[j]; e + 1 < p.colPointers[j + 1]; ++e) {
+            const unsigned int i = p.rowIndices[e];
+            g.adj[count[j]++] = i;
+            g.adj[count[i]++] = j;
+        }
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Problem checks.
+// ---------------------------------------------------------------------------------------------------------
+
+// Everything but the constraint coupling, which needs the graph.
+bool checkForm(const Problem& p, std::string* message) {
+    const unsigned int n = p.numBlocks;
+    if (n == 0) return true;
+    if (!p.colPointers || !p.rowIndices || !p.blockSizes) {
+        setMessage(message, format("the problem's colPointers, rowIndices and blockSizes must not be null "
+                                   "(numBlocks = %u)",
+                                   n));
+        return false;
+    }
+    if (p.firstConstraint > n) {
+        setMessage(message,
+                   format("firstConstraint %u exceeds the number of blocks %u", p.firstConstraint, n));
+        return false;
+    }
+    unsigned long scalars = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        if (p.blockSizes[j] == 0) {
+            setMessage(message, format("block %u has size 0; every block needs at least one scalar row", j));
+            return false;
+        }
+        scalars += p.blockSizes[j];
+        if (scalars > 0xFFFFFFFFul) {
+            setMessage(message, format("the block sizes add up to more than 4294967295 scalar rows (at block %u)",
+                                       j));
+            return false;
+        }
+    }
+    if (p.colPointers[0] != 0) {
+        setMessage(message, format("colPointers[0] is %u; it must be 0", p.colPointers[0]));
+        return false;
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned int begin = p.colPointers[j], end = p.colPointers[j + 1];
+        if (end < begin) {
+            setMessage(message,
+                       format("colPointers decreases at block %u (colPointers[%u] = %u after colPointers[%u] = %u)",
+                              j, j + 1, end, j, begin));
+            return false;
+        }
+        if (end == begin) {
+            setMessage(message, format("list of block %u is empty (it must end with its diagonal %u)", j, j));
+            return false;
+        }
+        for (unsigned int e = begin; e < end; ++e) {
+            const unsigned int i = p.rowIndices[e];
+            if (i >= n) {
+                setMessage(message, format("list of block %u: entry %u names block %u, but the problem has %u "
+                                           "blocks",
+                                           j, e, i, n));
+                return false;
+            }
+            if (i > j) {
+                setMessage(message, format("list of block %u: entry %u names block %u, which is larger than %u "
+                                           "(a list holds the blocks i <= %u)",
+                                           j, e, i, j, j));
+                return false;
+            }
+            if (e > begin && i <= p.rowIndices[e - 1]) {
+                setMessage(message, format("list of block %u: entry %u names block %u after block %u (a list is "
+                                           "strictly ascending)",
+                                           j, e, i, p.rowIndices[e - 1]));
+                return false;
+            }
+        }
+        if (p.rowIndices[end - 1] != j) {
+            setMessage(message, format("list of block %u: it ends with block %u instead of its diagonal %u", j,
+                                       p.rowIndices[end - 1], j));
+            return false;
+        }
+    }
+    return true;
+}
+
+// Every constraint couples to at least one body. Precondition: checkForm passed and g is its graph.
+bool checkCoupling(const BlockGraph& g, std::string* message) {
+    for (unsigned int c = g.firstConstraint; c < g.n; ++c) {
+        // The smallest neighbour comes first: a body if there is any.
+        if (g.begin(c) == g.end(c) || !g.isBody(*g.begin(c))) {
+            if (g.firstConstraint == 0) {
+                setMessage(message, format("constraint block %u couples to no body block (the problem has no "
+                                           "bodies: firstConstraint is 0); its pivot would be zero",
+                                           c));
+            } else {
+                setMessage(message, format("constraint block %u couples to no body block (bodies are blocks 0 .. "
+                                           "%u); its pivot would be zero",
+                                           c, g.firstConstraint - 1));
+            }
+            return false;
+        }
+    }
+    return true;
+}
+
+// forward[0 .. n-1] is a permutation. mark: workspace of n entries.
+bool checkPermutation(const unsigned int* forward, unsigned int n, kiv::VectorPOD<unsigned int>& mark,
+                      std::string* message) {
+    grow(mark, n);
+    for (unsigned int v = 0; v < n; ++v) mark[v] = kNone;
+    for (unsigned int k = 0; k < n; ++k) {
+        const unsigned int v = forward[k];
+        if (v >= n) {
+            setMessage(message,
+                       format("order: position %u holds block %u, but the problem has %u blocks", k, v, n));
+            return false;
+        }
+        if (mark[v] != kNone) {
+            setMessage(message, format("order: block %u is placed twice (positions %u and %u)", v, mark[v], k));
+            return false;
+        }
+        mark[v] = k;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The safe-order rule.
+// ---------------------------------------------------------------------------------------------------------
+
+// The body of constraint c placed last (inverse: position of each block).
+unsigned int lastBody(const BlockGraph& g, unsigned int c, const unsigned int* inverse) {
+    unsigned int best = kNone;
+    for (const unsigned int* u = g.begin(c); u != g.end(c) && g.isBody(*u); ++u) {
+        if (best == kNone || inverse[*u] > inverse[best]) best = *u;
+    }
+    return best;
+}
+
+// The constraint of body b, other than c, placed last (kNone when none).
+unsigned int lastOtherConstraint(const BlockGraph& g, unsigned int b, unsigned int c, const unsigned int* inverse) {
+    unsigned int best = kNone;
+    for (const unsigned int* u = g.end(b); u != g.begin(b) && !g.isBody(*(u - 1));) {
+        --u;
+        if (*u != c && (best == kNone || inverse[*u] > inverse[best])) best = *u;
+    }
+    return best;
+}
+
+// True when the constraint at position k satisfies the rule.
+bool satisfiesRule(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse, unsigned int k,
+                   bool allowR) {
+    const unsigned int c = forward[k];
+    if (inverse[lastBody(g, c, inverse)] < k) return true;  // S
+    if (!allowR || k == 0) return false;
+    const unsigned int b = forward[k - 1];
+    if (!g.isBody(b) || !g.adjacent(c, b)) return false;
+    const unsigned int other = lastOtherConstraint(g, b, c, inverse);
+    return other == kNone || inverse[other] < k;  // R
+}
+
+std::string ruleMessage(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                        unsigned int k, bool allowR) {
+    const unsigned int c = forward[k];
+    const unsigned int late = lastBody(g, c, inverse);
+    const char* hint = allowR ? "; place it after all its bodies, or directly after a body whose last constraint "
+                                "it is"
+                              : "; with peeling switched off every constraint must follow all its bodies";
+    if (allowR && k > 0) {
+        const unsigned int b = forward[k - 1];
+        if (g.isBody(b) && g.adjacent(c, b)) {
+            const unsigned int other = lastOtherConstraint(g, b, c, inverse);
+            return format("order: constraint block %u (position %u) precedes its body block %u (position %u), "
+                          "and the body it directly follows, block %u, has another constraint, block %u, placed "
+                          "later (position %u)%s",
+                          c, k, late, inverse[late], b, other, inverse[other], hint);
+        }
+    }
+    return format("order: constraint block %u (position %u) precedes its body block %u (position %u) and does "
+                  "not directly follow one of its bodies%s",
+                  c, k, late, inverse[late], hint);
+}
+
+// First position that breaks the rule, or n.
+unsigned int firstOffence(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                          bool allowR) {
+    for (unsigned int k = 0; k < g.n; ++k) {
+        if (!g.isBody(forward[k]) && !satisfiesRule(g, forward, inverse, k, allowR)) return k;
+    }
+    return g.n;
+}
+
+void computeInverse(const unsigned int* forward, unsigned int n, kiv::VectorPOD<unsigned int>& inverse) {
+    grow(inverse, n);
+    for (unsigned int k = 0; k < n; ++k) inverse[forward[k]] = k;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Factor cost by block-level symbolic factorization.
+// ---------------------------------------------------------------------------------------------------------
+
+struct CostWork {
+    kiv::VectorPOD<unsigned int> parent, ancestor, stamp;
+    kiv::VectorPOD<unsigned long> below;
+};
+
+FactorCost costFromColumns(unsigned int n, const unsigned int* sizeOfPosition, const unsigned long* below,
+                           unsigned long blockEntries) {
+    FactorCost cost;
+    cost.blockEntries = blockEntries;
+    double flops = 0.0;
+    unsigned long scalars = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned long s = sizeOfPosition[j];
+        for (unsigned long t = 0; t < s; ++t) {
+            const double c = static_cast<double>(s - 1 - t + below[j]);  // c_k of scalar column t of block j
+            flops += c * (c + 2.0);
+            scalars += s - t + below[j];
+        }
+    }
+    cost.flops = flops;
+    cost.scalarEntries = scalars;
+    return cost;
+}
+
+// Elimination tree (Liu, with path compression through `ancestor`) and row-subtree counts of the order,
+// read straight off the user's graph. sizes: user numbering. sizeOfPosition: workspace, filled here.
+FactorCost predict(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                   const unsigned int* sizes, CostWork& w, kiv::VectorPOD<unsigned int>& sizeOfPosition) {
+    const unsigned int n = g.n;
+    grow(w.parent, n);
+    grow(w.ancestor, n);
+    grow(w.stamp, n);
+    grow(w.below, n);
+    grow(sizeOfPosition, n);
+    unsigned int* parent = w.parent.data();
+    unsigned int* ancestor = w.ancestor.data();
+    for (unsigned int k = 0; k < n; ++k) {
+        parent[k] = kNone;
+        ancestor[k] = kNone;
+        const unsigned int b = forward[k];
+        sizeOfPosition[k] = sizes[b];
+        for (const unsigned int* u = g.begin(b); u != g.end(b); ++u) {
+            unsigned int i = inverse[*u];
+            while (i != kNone && i < k) {  // climb to the root, pointing the path at k
+                const unsigned int next = ancestor[i];
+                ancestor[i] = k;
+                if (next == kNone) parent[i] = k;
+                i = next;
+            }
+        }
+    }
+    unsigned long blockEntries = n;
+    for (unsigned int k = 0; k < n; ++k) {
+        w.stamp[k] = kNone;
+        w.below[k] = 0;
+    }
+    for (unsigned int k = 0; k < n; ++k) {
+        w.stamp[k] = k;
+        const unsigned long s = sizeOfPosition[k];
+        const unsigned int b = forward[k];
+        for (const unsigned int* u = g.begin(b); u != g.end(b); ++u) {
+            for (unsigned int x = inverse[*u]; x < k && w.stamp[x] != k; x = parent[x]) {
+                w.stamp[x] = k;  // L(k, x) is an entry
+                w.below[x] += s;
+                ++blockEntries;
+            }
+        }
+    }
+    return costFromColumns(n, sizeOfPosition.data(), w.below.data(), blockEntries);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Storage swaps for the commit.
+// ---------------------------------------------------------------------------------------------------------
+
+void swapSkeleton(SkeletonMatrix& a, SkeletonMatrix& b) noexcept {
+    std::swap(a.rowIndices, b.rowIndices);
+    std::swap(a.colPointers, b.colPointers);
+    std::swap(a.blockWords, b.blockWords);
+    std::swap(a.fillFlags, b.fillFlags);
+    std::swap(a.n, b.n);
+    std::swap(a.blockCapacity, b.blockCapacity);
+    std::swap(a.entryCapacity, b.entryCapacity);
+}
+
+void swapPermutation(Permutation& a, Permutation& b) noexcept {
+    std::swap(a.size, b.size);
+    std::swap(a.capacity, b.capacity);
+    std::swap(a.forward, b.forward);
+    std::swap(a.inverse, b.inverse);
+}
+
+// Everything of the tree but auxList and fillIns, which belong to the factor-modification routines.
+void swapTree(EliminationTree& a, EliminationTree& b) noexcept {
+    std::swap(a.marks.flags, b.marks.flags);
+    std::swap(a.marks.list, b.marks.list);
+    std::swap(a.marks.count, b.marks.count);
+    std::swap(a.marks.size, b.marks.size);
+    std::swap(a.marks.markCapacity, b.marks.markCapacity);
+    std::swap(a.parent, b.parent);
+    std::swap(a.firstChild, b.firstChild);
+    std::swap(a.sibling, b.sibling);
+    std::swap(a.postOrder, b.postOrder);
+    std::swap(a.numNodes, b.numNodes);
+    std::swap(a.capacity, b.capacity);
+    a.roots.swap(b.roots);
+    std::swap(a.colParent, b.colParent);
+    std::swap(a.rank, b.rank);
+}
+
 }  // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// Symbolic factorization.
+// ---------------------------------------------------------------------------------------------------------
 
 bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
                            SkeletonMatrix& filled, ScratchPad* scratchPad) {
@@ -105,6 +501,743 @@ bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree
     }
     return true;
 }
+
+// ---------------------------------------------------------------------------------------------------------
+// Public checks and counts.
+// ---------------------------------------------------------------------------------------------------------
+
+Problem Problem::fromSkeleton(const SkeletonMatrix& pattern, unsigned int firstConstraint,
+                              const unsigned int* blockSizes) {
+    Problem p;
+    p.numBlocks = static_cast<unsigned int>(pattern.n);
+    p.firstConstraint = firstConstraint;
+    p.colPointers = pattern.colPointers;
+    p.rowIndices = pattern.rowIndices;
+    p.blockSizes = blockSizes;
+    return p;
+}
+
+bool checkProblem(const Problem& problem, std::string* message) {
+    if (!checkForm(problem, message)) return false;
+    BlockGraph g;
+    kiv::VectorPOD<unsigned int> work;
+    buildGraph(problem, g, work);
+    return checkCoupling(g, message);
+}
+
+namespace {
+
+bool checkOrderImpl(const Problem& problem, const unsigned int* forward, std::string* message, bool allowR) {
+    if (!checkForm(problem, message)) return false;
+    BlockGraph g;
+    kiv::VectorPOD<unsigned int> work;
+    buildGraph(problem, g, work);
+    if (!checkCoupling(g, message)) return false;
+    const unsigned int n = problem.numBlocks;
+    if (n > 0 && forward == nullptr) {
+        setMessage(message, "order: the order array must not be null");
+        return false;
+    }
+    if (!checkPermutation(forward, n, work, message)) return false;
+    kiv::VectorPOD<unsigned int> inverse;
+    computeInverse(forward, n, inverse);
+    const unsigned int k = firstOffence(g, forward, inverse.data(), allowR);
+    if (k < n) {
+        setMessage(message, ruleMessage(g, forward, inverse.data(), k, allowR));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace
+
+bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message) {
+    return checkOrderImpl(problem, forward, message, true);
+}
+
+FactorCost predictCost(const Problem& problem, const unsigned int* forward) {
+    BlockGraph g;
+    kiv::VectorPOD<unsigned int> work, inverse;
+    buildGraph(problem, g, work);
+    computeInverse(forward, problem.numBlocks, inverse);
+    CostWork w;
+    return predict(g, forward, inverse.data(), problem.blockSizes, w, work);
+}
+
+FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes) {
+    const unsigned long n = filled.n;
+    std::vector<unsigned long> below(n, 0);
+    for (unsigned long i = 0; i < n; ++i) {
+        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e)
+            below[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below the diagonal of column j
+    }
+    return costFromColumns(static_cast<unsigned int>(n), sizes, below.data(), filled.numEntries());
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The analyzer.
+// ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// What the assembly functions need, for one analysed structure.
+struct Assembly {
+    unsigned int n = 0;
+    unsigned int N = 0;
+    unsigned long entries = 0;
+    kiv::VectorPOD<unsigned int> forward;          // [n]
+    kiv::VectorPOD<unsigned int> sizes;            // [n] user numbering
+    kiv::VectorPOD<unsigned int> userOffsets;      // [n + 1]
+    kiv::VectorPOD<unsigned int> permutedOffsets;  // [n + 1]
+    kiv::VectorPOD<unsigned int> colPointers;      // [n + 1] the user's pattern
+    kiv::VectorPOD<unsigned int> rowIndices;       // [entries]
+    kiv::VectorPOD<unsigned int> entryColumn;      // [entries] the block j of entry (i, j)
+    kiv::VectorPOD<unsigned int> entryBlock;       // [entries] block index in data.matrix | kTransposed
+
+    void swap(Assembly& o) noexcept {
+        std::swap(n, o.n);
+        std::swap(N, o.N);
+        std::swap(entries, o.entries);
+        forward.swap(o.forward);
+        sizes.swap(o.sizes);
+        userOffsets.swap(o.userOffsets);
+        permutedOffsets.swap(o.permutedOffsets);
+        colPointers.swap(o.colPointers);
+        rowIndices.swap(o.rowIndices);
+        entryColumn.swap(o.entryColumn);
+        entryBlock.swap(o.entryBlock);
+    }
+};
+
+}  // namespace
+
+struct Analyzer::Impl {
+    Assembly committed;
+    Assembly staged;
+
+    BlockGraph graph;
+    CostWork costWork;
+    kiv::VectorPOD<unsigned int> order, inverse, candidate, candidateInverse, saved;
+    kiv::VectorPOD<unsigned int> work1, work2, work3, work4, work5;
+    kiv::VectorPOD<unsigned char> flags;
+    kiv::VectorPOD<int> ip, iA, iperm, imember;
+    kiv::VectorPOD<idx_t> xadj, adjncy, vwgt, mperm, miperm;
+    SkeletonMatrix userSkeleton;
+    SkeletonMatrix permuted;
+    SkeletonMatrix filled;
+    EliminationTree tree;
+    Permutation perm;
+    ScratchPad pad;
+
+    // The non-template part of analyze: everything into the analyzer's own storage.
+    bool prepare(const Problem& problem, const Options& options, Report& report);
+    void orderStandard(const Problem& problem, const Options& options, Report& report);
+    bool nestedDissection(unsigned int placed, unsigned int remainingBodies);
+    void orderSymamdSwap(const Problem& problem, Report& report, bool allowR);
+    unsigned long repair(bool allowR);
+    void buildSymbolic(const Problem& problem);
+};
+
+Analyzer::Analyzer() : impl_(new Impl) {}
+
+Analyzer::~Analyzer() {
+    delete impl_;
+}
+
+// Standard ordering: peel, csymamd with bodies first, nested dissection for a large remainder.
+void Analyzer::Impl::orderStandard(const Problem& problem, const Options& options, Report& report) {
+    const BlockGraph& g = graph;
+    const unsigned int n = g.n;
+    order.resize(n);
+    flags.resize(n);
+    unsigned char* placed = flags.data();
+    for (unsigned int v = 0; v < n; ++v) placed[v] = 0;
+    unsigned int pos = 0;
+
+    // 1. Peel: a body with at most one unplaced neighbour is eliminated without fill; a constraint that is its
+    // only neighbour follows it at once (rule R: it is the body's last constraint, and the body's others were
+    // placed the same way).
+    if (options.peel) {
+        grow(work1, n);
+        unsigned int* degree = work1.data();
+        kiv::VectorPOD<unsigned int>& stack = work2;
+        stack.clear();
+        for (unsigned int b = g.firstConstraint; b-- > 0;) {
+            degree[b] = static_cast<unsigned int>(g.end(b) - g.begin(b));
+            if (degree[b] <= 1) stack.push_back(b);  // popped in ascending order
+        }
+        auto release = [&](unsigned int body) {
+            if (--degree[body] == 1) stack.push_back(body);
+        };
+        while (!stack.empty()) {
+            const unsigned int b = stack.back();
+            stack.pop_back();
+            if (placed[b]) continue;
+            placed[b] = 1;
+            order[pos++] = b;
+            unsigned int w = kNone;
+            for (const unsigned int* u = g.begin(b); u != g.end(b); ++u) {
+                if (!placed[*u]) {
+                    w = *u;
+                    break;
+                }
+            }
+            if (w == kNone) continue;
+            if (g.isBody(w)) {
+                release(w);
+                continue;
+            }
+            placed[w] = 1;
+            order[pos++] = w;
+            for (const unsigned int* u = g.begin(w); u != g.end(w); ++u) {
+                if (g.isBody(*u) && !placed[*u]) release(*u);
+            }
+        }
+    }
+    report.peeledBlocks = pos;
+
+    // 2. The rest, bodies first (constraint sets 0 and 1 of csymamd).
+    const unsigned int m = n - pos;
+    if (m == 0) return;
+    grow(work3, n);
+    unsigned int* local = work3.data();
+    kiv::VectorPOD<unsigned int>& rest = work4;
+    rest.clear();
+    unsigned int remainingBodies = 0;
+    for (unsigned int v = 0; v < n; ++v) {
+        if (placed[v]) continue;
+        local[v] = static_cast<unsigned int>(rest.size());
+        rest.push_back(v);
+        if (g.isBody(v)) ++remainingBodies;
+    }
+    // Strictly lower part of the remaining graph: column l lists the remaining neighbours of larger index.
+    ip.resize(m + 1);
+    unsigned long lower = 0;
+    for (unsigned int l = 0; l < m; ++l) {
+        const unsigned int v = rest[l];
+        for (const unsigned int* u = g.begin(v); u != g.end(v); ++u) lower += (*u > v && !placed[*u]) ? 1 : 0;
+    }
+    iA.resize(lower == 0 ? 1 : lower);
+    imember.resize(m);
+    iperm.resize(m + 1);
+    ip[0] = 0;
+    unsigned long at = 0;
+    for (unsigned int l = 0; l < m; ++l) {
+        const unsigned int v = rest[l];
+        for (const unsigned int* u = g.begin(v); u != g.end(v); ++u) {
+            if (*u > v && !placed[*u]) iA[at++] = static_cast<int>(local[*u]);
+        }
+        ip[l + 1] = static_cast<int>(at);
+        imember[l] = g.isBody(v) ? 0 : 1;
+    }
+    int stats[CCOLAMD_STATS];
+    const int ok = csymamd(static_cast<int>(m), iA.data(), ip.data(), iperm.data(), nullptr, stats, &std::calloc,
+                           &std::free, imember.data(), -1);
+    if (ok) {
+        for (unsigned int k = 0; k < m; ++k) order[pos + k] = rest[static_cast<unsigned int>(iperm[k])];
+    } else {
+        // Out of memory in csymamd: the remainder in the user's numbering, bodies first (rule S).
+        report.orderingFallback = true;
+        for (unsigned int k = 0; k < m; ++k) order[pos + k] = rest[k];
+    }
+
+    // 3. Nested dissection of the constraint graph for a large remainder.
+    if (!options.nestedDissection || remainingBodies == 0 || m - remainingBodies < 2) return;
+    computeInverse(order.data(), n, inverse);
+    const FactorCost md = predict(g, order.data(), inverse.data(), problem.blockSizes, costWork, work5);
+    report.minimumDegreeFlops = md.flops;
+    if (md.flops <= options.nestedDissectionThreshold) return;
+    if (!nestedDissection(pos, remainingBodies)) return;
+    computeInverse(candidate.data(), n, candidateInverse);
+    const FactorCost nd = predict(g, candidate.data(), candidateInverse.data(), problem.blockSizes, costWork, work5);
+    report.nestedDissectionFlops = nd.flops;
+    if (nd.flops < md.flops) {
+        order.swap(candidate);
+        report.usedNestedDissection = true;
+    }
+}
+
+// candidate = order[0 .. placed) + the remaining bodies in their current order + the remaining constraints in
+// METIS nested-dissection order of their graph. False when METIS fails (candidate unusable).
+bool Analyzer::Impl::nestedDissection(unsigned int placedCount, unsigned int remainingBodies) {
+    const BlockGraph& g = graph;
+    const unsigned int n = g.n;
+    const unsigned char* placed = flags.data();
+    candidate.resize(n);
+    for (unsigned int k = 0; k < placedCount + remainingBodies; ++k) candidate[k] = order[k];
+
+    // Groups of remaining bodies coupled among themselves (union-find); eliminating a group joins all the
+    // constraints that touch it.
+    grow(work1, n);
+    unsigned int* root = work1.data();
+    auto find = [root](unsigned int v) {
+        unsigned int r = v;
+        while (root[r] != r) r = root[r];
+        while (root[v] != r) {
+            const unsigned int next = root[v];
+            root[v] = r;
+            v = next;
+        }
+        return r;
+    };
+    for (unsigned int v = 0; v < g.firstConstraint; ++v) root[v] = v;
+    for (unsigned int v = 0; v < g.firstConstraint; ++v) {
+        if (placed[v]) continue;
+        for (const unsigned int* u = g.begin(v); u != g.end(v) && g.isBody(*u); ++u) {
+            if (!placed[*u]) {
+                const unsigned int a = find(v), b = find(*u);
+                if (a != b) root[a] = b;
+            }
+        }
+    }
+
+    // Local numbering of the remaining constraints, in the order csymamd left them.
+    const unsigned int mc = n - placedCount - remainingBodies;
+    grow(work3, n);
+    unsigned int* local = work3.data();
+    for (unsigned int k = 0; k < mc; ++k) local[order[placedCount + remainingBodies + k]] = k;
+
+    // Group → constraints (CSR over the group roots), each constraint once per group.
+    grow(work2, n + 1);
+    unsigned int* groupPtr = work2.data();
+    grow(work4, n);
+    unsigned int* stamp = work4.data();
+    for (unsigned int v = 0; v <= n; ++v) groupPtr[v] = 0;
+    for (unsigned int v = 0; v < n; ++v) stamp[v] = kNone;
+    for (unsigned int k = 0; k < mc; ++k) {
+        const unsigned int c = order[placedCount + remainingBodies + k];
+        for (const unsigned int* u = g.begin(c); u != g.end(c) && g.isBody(*u); ++u) {
+            const unsigned int r = find(*u);
+            if (stamp[r] != c) {
+                stamp[r] = c;
+                ++groupPtr[r + 1];
+            }
+        }
+    }
+    for (unsigned int v = 0; v < n; ++v) groupPtr[v + 1] += groupPtr[v];
+    grow(work5, groupPtr[n]);
+    unsigned int* groupList = work5.data();
+    kiv::VectorPOD<unsigned int>& cursor = saved;
+    grow(cursor, n);
+    for (unsigned int v = 0; v < n; ++v) {
+        cursor[v] = groupPtr[v];
+        stamp[v] = kNone;
+    }
+    for (unsigned int k = 0; k < mc; ++k) {
+        const unsigned int c = order[placedCount + remainingBodies + k];
+        for (const unsigned int* u = g.begin(c); u != g.end(c) && g.isBody(*u); ++u) {
+            const unsigned int r = find(*u);
+            if (stamp[r] != c) {
+                stamp[r] = c;
+                groupList[cursor[r]++] = c;
+            }
+        }
+    }
+
+    // The constraint graph: neighbours through a shared group, and direct constraint couplings.
+    xadj.resize(mc + 1);
+    adjncy.clear();
+    vwgt.resize(mc);
+    for (unsigned int v = 0; v < n; ++v) stamp[v] = kNone;
+    for (unsigned int k = 0; k < mc; ++k) {
+        const unsigned int c = order[placedCount + remainingBodies + k];
+        xadj[k] = static_cast<idx_t>(adjncy.size());
+        vwgt[k] = static_cast<idx_t>(staged.sizes[c]);
+        stamp[c] = c;
+        for (const unsigned int* u = g.begin(c); u != g.end(c); ++u) {
+            if (g.isBody(*u)) {
+                const unsigned int r = find(*u);
+                for (unsigned int q = groupPtr[r]; q < groupPtr[r + 1]; ++q) {
+                    const unsigned int d = groupList[q];
+                    if (stamp[d] != c) {
+                        stamp[d] = c;
+                        adjncy.push_back(static_cast<idx_t>(local[d]));
+                    }
+                }
+            } else if (!placed[*u] && stamp[*u] != c) {
+                stamp[*u] = c;
+                adjncy.push_back(static_cast<idx_t>(local[*u]));
+            }
+        }
+    }
+    xadj[mc] = static_cast<idx_t>(adjncy.size());
+    if (adjncy.empty()) adjncy.push_back(0);  // METIS wants a valid pointer
+    mperm.resize(mc);
+    miperm.resize(mc);
+    idx_t metisOptions[METIS_NOPTIONS];
+    METIS_SetDefaultOptions(metisOptions);
+    metisOptions[METIS_OPTION_NUMBERING] = 0;
+    idx_t nv = static_cast<idx_t>(mc);
+    if (METIS_NodeND(&nv, xadj.data(), adjncy.data(), vwgt.data(), metisOptions, mperm.data(), miperm.data()) !=
+        METIS_OK)
+        return false;
+    for (unsigned int k = 0; k < mc; ++k)
+        candidate[placedCount + remainingBodies + k] =
+            order[placedCount + remainingBodies + static_cast<unsigned int>(mperm[k])];
+    return true;
+}
+
+// Moves every constraint that breaks the rule to the end of the run of constraints that follows its last body
+// (rule S), round after round: a move can make another constraint of the same body break rule R. A moved
+// constraint satisfies S for good, so at most one round per constraint. Returns the number of moves.
+unsigned long Analyzer::Impl::repair(bool allowR) {
+    const BlockGraph& g = graph;
+    const unsigned int n = g.n;
+    unsigned long moved = 0;
+    kiv::VectorPOD<unsigned int>& offenders = work1;
+    kiv::VectorPOD<unsigned int>& anchor = work2;  // per offender: position of its last body
+    kiv::VectorPOD<unsigned int>& sorted = work3;
+    grow(anchor, n);
+    grow(sorted, n);
+    flags.resize(n);
+    unsigned char* isOffender = flags.data();
+    for (unsigned int v = 0; v < n; ++v) isOffender[v] = 0;
+    for (;;) {
+        computeInverse(order.data(), n, inverse);
+        offenders.clear();
+        for (unsigned int k = 0; k < n; ++k) {
+            if (!g.isBody(order[k]) && !satisfiesRule(g, order.data(), inverse.data(), k, allowR)) {
+                offenders.push_back(order[k]);
+                anchor[offenders.size() - 1] = inverse[lastBody(g, order[k], inverse.data())];
+            }
+        }
+        if (offenders.empty()) return moved;
+        moved += offenders.size();
+        // Offenders by anchor position (counting sort, stable: equal anchors keep their current order).
+        grow(work4, n + 1);
+        grow(work5, n);
+        unsigned int* start = work4.data();
+        unsigned int* sortedAnchor = work5.data();
+        for (unsigned int k = 0; k <= n; ++k) start[k] = 0;
+        for (unsigned long q = 0; q < offenders.size(); ++q) ++start[anchor[q] + 1];
+        for (unsigned int k = 0; k < n; ++k) start[k + 1] += start[k];
+        for (unsigned long q = 0; q < offenders.size(); ++q) {
+            const unsigned int at = start[anchor[q]]++;
+            sorted[at] = offenders[q];
+            sortedAnchor[at] = anchor[q];
+            isOffender[offenders[q]] = 1;
+        }
+        // Rebuild: before each body (and at the end) come the offenders anchored at an earlier body, after the
+        // constraints that already follow that body.
+        candidate.resize(n);
+        unsigned long next = 0, out = 0;
+        for (unsigned int k = 0; k < n; ++k) {
+            const unsigned int v = order[k];
+            if (isOffender[v]) continue;
+            if (g.isBody(v)) {
+                while (next < offenders.size() && sortedAnchor[next] < k) candidate[out++] = sorted[next++];
+            }
+            candidate[out++] = v;
+        }
+        while (next < offenders.size()) candidate[out++] = sorted[next++];
+        for (unsigned long q = 0; q < offenders.size(); ++q) isOffender[offenders[q]] = 0;
+        order.swap(candidate);
+    }
+}
+
+// symamd, the zero-leaf swap, then the repair.
+void Analyzer::Impl::orderSymamdSwap(const Problem& problem, Report& report, bool allowR) {
+    const unsigned int n = problem.numBlocks;
+    const unsigned long entries = n == 0 ? 0 : problem.colPointers[n];
+    userSkeleton.resize(n, entries, false);
+    std::memcpy(userSkeleton.colPointers, problem.colPointers, (n + 1ul) * sizeof(unsigned int));
+    if (entries > 0) {
+        std::memcpy(userSkeleton.rowIndices, problem.rowIndices, entries * sizeof(unsigned int));
+        std::memset(userSkeleton.fillFlags, 0, entries);
+    }
+    if (!Reordering::computeSymamdPermutation(userSkeleton, perm, pad)) report.orderingFallback = true;
+    saved.resize(n);
+    if (n > 0) std::memcpy(saved.data(), perm.forward, n * sizeof(unsigned int));
+    order.resize(n);
+    if (Reordering::zeroLeafSwap(userSkeleton, permuted, tree, problem.firstConstraint, perm, pad)) {
+        if (n > 0) std::memcpy(order.data(), perm.forward, n * sizeof(unsigned int));
+    } else {
+        report.swapFailed = true;
+        order.swap(saved);
+    }
+    report.movedConstraints = repair(allowR);
+}
+
+// Permuted pattern of A with the assembly map, its elimination tree and the filled pattern of L, for `order`.
+void Analyzer::Impl::buildSymbolic(const Problem& problem) {
+    const unsigned int n = problem.numBlocks;
+    const unsigned long entries = n == 0 ? 0 : problem.colPointers[n];
+    const unsigned int* forward = order.data();
+    computeInverse(forward, n, inverse);
+    const unsigned int* inv = inverse.data();
+
+    // Permuted pattern: entry (r, b) of the user's list b becomes (min(t, j), max(t, j)) with j = inv[b],
+    // t = inv[r]; one counting pass, one filling pass, insertion for the entries of the column being filled.
+    permuted.resize(n, entries, false);
+    grow(work1, n);
+    unsigned int* count = work1.data();
+    grow(work2, entries);
+    unsigned int* origin = work2.data();  // user entry of each permuted entry
+    unsigned int* cp = permuted.colPointers;
+    for (unsigned int k = 0; k < n; ++k) count[k] = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned int b = forward[j];
+        for (unsigned int e = problem.colPointers[b]; e < problem.colPointers[b + 1]; ++e) {
+            const unsigned int t = inv[problem.rowIndices[e]];
+            ++count[t > j ? t : j];
+        }
+    }
+    cp[0] = 0;
+    for (unsigned int k = 0; k < n; ++k) {
+        cp[k + 1] = cp[k] + count[k];
+        count[k] = 0;
+    }
+    unsigned int* rows = permuted.rowIndices;
+    unsigned char* swapped = permuted.fillFlags;
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned int b = forward[j];
+        for (unsigned int e = problem.colPointers[b]; e < problem.colPointers[b + 1]; ++e) {
+            const unsigned int t = inv[problem.rowIndices[e]];
+            const unsigned int c = t > j ? t : j;
+            unsigned int at = cp[c] + count[c]++;
+            rows[at] = t < j ? t : j;
+            swapped[at] = j < t ? 1 : 0;
+            origin[at] = e;
+            if (c == j) {
+                for (; at > cp[c] && rows[at - 1] > rows[at]; --at) {
+                    std::swap(rows[at - 1], rows[at]);
+                    std::swap(swapped[at - 1], swapped[at]);
+                    std::swap(origin[at - 1], origin[at]);
+                }
+            }
+        }
+    }
+
+    // Assembly map (staged until the commit).
+    Assembly& a = staged;
+    a.n = n;
+    a.entries = entries;
+    a.forward.resize(n);
+    a.colPointers.resize(n + 1);
+    a.rowIndices.resize(entries);
+    a.entryColumn.resize(entries);
+    a.entryBlock.resize(entries);
+    a.userOffsets.resize(n + 1);
+    a.permutedOffsets.resize(n + 1);
+    if (n > 0) {
+        std::memcpy(a.forward.data(), forward, n * sizeof(unsigned int));
+        std::memcpy(a.colPointers.data(), problem.colPointers, (n + 1ul) * sizeof(unsigned int));
+    }
+    if (entries > 0) std::memcpy(a.rowIndices.data(), problem.rowIndices, entries * sizeof(unsigned int));
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int e = problem.colPointers[j]; e < problem.colPointers[j + 1]; ++e) a.entryColumn[e] = j;
+    }
+    for (unsigned long k = 0; k < entries; ++k) a.entryBlock[origin[k]] = static_cast<unsigned int>(k) |
+                                                                           (swapped[k] ? kTransposed : 0u);
+    a.userOffsets[0] = 0;
+    a.permutedOffsets[0] = 0;
+    for (unsigned int k = 0; k < n; ++k) {
+        a.userOffsets[k + 1] = a.userOffsets[k] + a.sizes[k];
+        a.permutedOffsets[k + 1] = a.permutedOffsets[k] + a.sizes[forward[k]];
+    }
+    a.N = n == 0 ? 0 : a.userOffsets[n];
+
+    // Elimination tree (every block active), child lists and post order; then the filled pattern.
+    const unsigned int capacity = n == 0 ? 1 : n;
+    if (tree.parent == nullptr || tree.capacity < capacity) {
+        if (tree.parent) tree.releaseMemory();
+        tree.allocateMemory(capacity);
+    }
+    tree.numNodes = n;
+    for (unsigned int k = 0; k < n; ++k) count[k] = 1;
+    TreeUpdate::computeTree(&tree, permuted, count);
+    tree.computeTreeStructure();
+    tree.computePostOrder();
+    computeFilledSkeleton(permuted, tree, filled, &pad);
+
+    // The permutation handed to the data.
+    perm.reserve(n == 0 ? 1 : n);
+    perm.size = n;
+    for (unsigned int k = 0; k < n; ++k) {
+        perm.forward[k] = forward[k];
+        perm.inverse[k] = inv[k];
+    }
+}
+
+bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Report& report) {
+    std::uint64_t t = kiv::Timer::ticks();
+    const unsigned int n = problem.numBlocks;
+    const bool allowR = options.peel;
+    if (!checkForm(problem, &report.message)) return false;
+    buildGraph(problem, graph, work1);
+    if (!checkCoupling(graph, &report.message)) return false;
+    staged.sizes.resize(n);
+    if (n > 0) std::memcpy(staged.sizes.data(), problem.blockSizes, n * sizeof(unsigned int));
+    report.checkSeconds = secondsSince(t);
+
+    t = kiv::Timer::ticks();
+    switch (options.ordering) {
+        case Ordering::standard:
+            orderStandard(problem, options, report);
+            break;
+        case Ordering::symamdSwap:
+            orderSymamdSwap(problem, report, allowR);
+            break;
+        case Ordering::natural:
+            order.resize(n);
+            for (unsigned int k = 0; k < n; ++k) order[k] = k;
+            break;
+        case Ordering::user:
+            if (n > 0 && options.userOrder == nullptr) {
+                report.message = "ordering 'user' needs Options::userOrder";
+                return false;
+            }
+            if (!checkPermutation(options.userOrder, n, work1, &report.message)) return false;
+            order.resize(n);
+            if (n > 0) std::memcpy(order.data(), options.userOrder, n * sizeof(unsigned int));
+            break;
+        default:
+            report.message = format("unknown ordering %u", static_cast<unsigned int>(options.ordering));
+            return false;
+    }
+    // Whatever produced it, the order must satisfy the rule.
+    computeInverse(order.data(), n, inverse);
+    const unsigned int k = firstOffence(graph, order.data(), inverse.data(), allowR);
+    if (k < n) {
+        report.message = ruleMessage(graph, order.data(), inverse.data(), k, allowR);
+        if (options.ordering != Ordering::user) report.message = "internal error: " + report.message;
+        return false;
+    }
+    report.orderSeconds = secondsSince(t);
+
+    t = kiv::Timer::ticks();
+    buildSymbolic(problem);
+    grow(work3, n);
+    for (unsigned int k2 = 0; k2 < n; ++k2) work3[k2] = problem.blockSizes[order[k2]];
+    report.cost = factorCost(filled, work3.data());
+    report.symbolicSeconds = secondsSince(t);
+    return true;
+}
+
+template <typename T>
+Report Analyzer::analyze(const Problem& problem, const Options& options, TamberData<T>& data) {
+    Report report;
+    Impl& w = *impl_;
+    if (!w.prepare(problem, options, report)) return report;
+
+    const std::uint64_t t = kiv::Timer::ticks();
+    swapPermutation(data.permutation, w.perm);
+    swapSkeleton(data.skeleton, w.filled);
+    swapTree(data.etree, w.tree);
+    data.isFactored = 0;
+
+    // data.matrix in upper form on the permuted pattern.
+    const unsigned int n = problem.numBlocks;
+    const SkeletonMatrix& S = w.permuted;
+    const unsigned int* forward = data.permutation.forward;
+    const unsigned long entries = S.numEntries();
+    unsigned long values = 0;
+    for (unsigned int c = 0; c < n; ++c) {
+        const unsigned long pc = strideOf<T>(problem.blockSizes[forward[c]]);
+        for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e)
+            values += pc * strideOf<T>(problem.blockSizes[forward[S.rowIndices[e]]]);
+    }
+    data.matrix.clear();
+    data.matrix.setSize(n, n, entries, values);
+    for (unsigned int c = 0; c < n; ++c) {
+        const unsigned int sc = problem.blockSizes[forward[c]];
+        for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e) {
+            const unsigned int r = S.rowIndices[e];
+            data.matrix.acquireBlock(c, r, sc, problem.blockSizes[forward[r]]);
+        }
+    }
+    w.committed.swap(w.staged);
+    report.layoutSeconds = secondsSince(t);
+    report.ok = true;
+    return report;
+}
+
+unsigned int Analyzer::numBlocks() const {
+    return impl_->committed.n;
+}
+
+unsigned int Analyzer::scalarSize() const {
+    return impl_->committed.N;
+}
+
+unsigned long Analyzer::numEntries() const {
+    return impl_->committed.entries;
+}
+
+const unsigned int* Analyzer::order() const {
+    return impl_->committed.forward.data();
+}
+
+unsigned long Analyzer::findEntry(unsigned int i, unsigned int j) const {
+    const Assembly& a = impl_->committed;
+    if (j >= a.n || i > j) return noEntry;
+    const unsigned int* begin = a.rowIndices.data() + a.colPointers[j];
+    const unsigned int* end = a.rowIndices.data() + a.colPointers[j + 1];
+    const unsigned int* it = std::lower_bound(begin, end, i);
+    return it != end && *it == i ? static_cast<unsigned long>(it - a.rowIndices.data()) : noEntry;
+}
+
+template <typename T, typename V>
+void Analyzer::setBlock(TamberData<T>& data, unsigned long entry, const V* values) const {
+    const Assembly& a = impl_->committed;
+    const unsigned int tag = a.entryBlock[entry];
+    const unsigned int k = tag & ~kTransposed;
+    const unsigned long si = a.sizes[a.rowIndices[entry]];
+    const unsigned long sj = a.sizes[a.entryColumn[entry]];
+    SparseMatrix<T>& A = data.matrix;
+    T* tile = A.blockPointers[k];
+    const unsigned long ld = A.blockStrides[A.rowIndices[k]];
+    if ((tag & kTransposed) == 0) {  // tile (r, c) = A(i, j)[r][c]
+        for (unsigned long c = 0; c < sj; ++c) {
+            for (unsigned long r = 0; r < si; ++r) tile[c * ld + r] = static_cast<T>(values[r * sj + c]);
+        }
+    } else {  // the tile holds A(j, i) = A(i, j)ᵀ: tile (r, c) = A(i, j)[c][r]
+        for (unsigned long c = 0; c < si; ++c) {
+            for (unsigned long r = 0; r < sj; ++r) tile[c * ld + r] = static_cast<T>(values[c * sj + r]);
+        }
+    }
+    data.isFactored = 0;
+}
+
+template <typename T, typename V>
+void Analyzer::setBlocks(TamberData<T>& data, const V* values, const unsigned long* valuePointers) const {
+    const unsigned long entries = impl_->committed.entries;
+    for (unsigned long e = 0; e < entries; ++e) setBlock(data, e, values + valuePointers[e]);
+    data.isFactored = 0;
+}
+
+template <typename T>
+void Analyzer::permuteVector(const T* user, T* permuted) const {
+    const Assembly& a = impl_->committed;
+    for (unsigned int k = 0; k < a.n; ++k) {
+        const unsigned int b = a.forward[k];
+        std::memcpy(permuted + a.permutedOffsets[k], user + a.userOffsets[b], a.sizes[b] * sizeof(T));
+    }
+}
+
+template <typename T>
+void Analyzer::unpermuteVector(const T* permuted, T* user) const {
+    const Assembly& a = impl_->committed;
+    for (unsigned int k = 0; k < a.n; ++k) {
+        const unsigned int b = a.forward[k];
+        std::memcpy(user + a.userOffsets[b], permuted + a.permutedOffsets[k], a.sizes[b] * sizeof(T));
+    }
+}
+
+template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);
+template Report Analyzer::analyze<double>(const Problem&, const Options&, TamberData<double>&);
+template void Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
+template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long, const double*) const;
+template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long, const float*) const;
+template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long, const double*) const;
+template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*, const unsigned long*) const;
+template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*, const unsigned long*) const;
+template void Analyzer::setBlocks<double, float>(TamberData<double>&, const float*, const unsigned long*) const;
+template void Analyzer::setBlocks<double, double>(TamberData<double>&, const double*, const unsigned long*) const;
+template void Analyzer::permuteVector<float>(const float*, float*) const;
+template void Analyzer::permuteVector<double>(const double*, double*) const;
+template void Analyzer::unpermuteVector<float>(const float*, float*) const;
+template void Analyzer::unpermuteVector<double>(const double*, double*) const;
 
 }  // namespace Analysis
 }  // namespace kivTamber

@@ -258,10 +258,13 @@ void rank1Walk(SparseMatrix<double>& L, double* D, double* w, double sigma, cons
 // Rank-k core
 // ---------------------------------------------------------------------------------------------------------
 
-// Storage of one rank-k sweep; a holds the carried scalars a_j (already 1/σ_j).
+// Storage of one rank-k sweep; a holds the carried scalars a_j (already 1/σ_j). Block c's scalars lie at
+// woff[c] … woff[c] + s_c − 1 of every row of W (the block offsets of L, or a compact numbering of the blocks
+// the vectors can reach).
 struct RankKState {
     double* W;
-    unsigned long ld;  // N
+    unsigned long ld;  // row length of W
+    const unsigned int* woff;
     double* a;
     int* heads;
     int* next;
@@ -279,10 +282,12 @@ unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& ro
     const unsigned int off = L.blockOffsets[b], size = L.blockSizes[b];
     const unsigned long ldb = L.blockStrides[b];
     const unsigned int eBegin = rows.colPointers[b], eEnd = rows.colPointers[b + 1];
+    const unsigned int wb = st.woff[b];
     for (unsigned int t = off; t < off + size; ++t) {
+        const unsigned int wt = wb + (t - off);  // t in the rows of W
         for (unsigned int x = 0; x < m; ++x) {
             const int j = st.collect[x];
-            const double p = st.W[j * st.ld + t];
+            const double p = st.W[j * st.ld + wt];
             const double d = D[t];
             const double aNew = p * p / d + st.a[j];
             const double e = d * aNew;
@@ -293,7 +298,7 @@ unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& ro
         for (unsigned int x = 0; x < m; ++x) {
             const int j = st.collect[x];
             double* wj = st.W + j * st.ld;
-            const double p = wj[t];
+            const double p = wj[wt];
             if (p == 0.0) continue;
             const double beta = st.betas[j];
             for (unsigned int k = eBegin; k < eEnd; ++k) {
@@ -301,7 +306,7 @@ unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& ro
                 const unsigned int offc = L.blockOffsets[c], sc = L.blockSizes[c];
                 const unsigned int q0 = t + 1 > offc ? t + 1 - offc : 0;
                 double* l = rows.blocks[k] + (t - off);
-                double* wc = wj + offc;
+                double* wc = wj + st.woff[c];
                 for (unsigned int q = q0; q < sc; ++q) {
                     double& lqt = l[q * ldb];
                     wc[q] = wc[q] - p * lqt;
@@ -612,9 +617,10 @@ void buildLists(const EquationList& eqs, int* heads, int* next) {
     }
 }
 
-// Step 1 and 2 of deleteKRows into the rows of W (k rows of ld); sigmas[j] receives the old pivots.
+// Step 1 and 2 of deleteKRows into the rows of W (k rows of ld, block c at woff[c]); sigmas[j] receives the
+// old pivots.
 void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs, const MetaLayout& rows,
-                     double* W, unsigned long ld, double* sigmas) {
+                     double* W, unsigned long ld, const unsigned int* woff, double* sigmas) {
     const unsigned long k = eqs.size();
     for (unsigned long j = 0; j < k; ++j) {
         const unsigned int b = eqs[j].first, s = eqs[j].second;
@@ -629,7 +635,7 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
         for (unsigned int e = rows.colPointers[b]; e < rows.colPointers[b + 1]; ++e) {
             const unsigned int c = rows.rowIndices[e];
             double* tile = rows.blocks[e];
-            double* wc = wj + L.blockOffsets[c];
+            double* wc = wj + woff[c];
             const unsigned int sc = L.blockSizes[c];
             for (unsigned int q = 0; q < sc; ++q) {
                 wc[q] = tile[s + q * ldb];
@@ -639,10 +645,12 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
         L.blockPointers[end - 1][s + s * ldb] = 1.0;
     }
     for (unsigned long j = 0; j < k; ++j) {
-        const unsigned int i = L.blockOffsets[eqs[j].first] + eqs[j].second;
+        const unsigned int b = eqs[j].first, s = eqs[j].second;
+        const unsigned int i = L.blockOffsets[b] + s;
         sigmas[j] = D[i];
         D[i] = 1.0;
-        for (unsigned long r = 0; r < k; ++r) W[r * ld + i] = 0.0;  // no vector reaches a deleted equation
+        const unsigned long wi = woff[b] + s;
+        for (unsigned long r = 0; r < k; ++r) W[r * ld + wi] = 0.0;  // no vector reaches a deleted equation
     }
 }
 
@@ -664,6 +672,7 @@ void TamberUpdate::Workspace::reserve(unsigned long nb, unsigned long N, unsigne
     collect.reserve(maxBatch, 0);
     reach.reserve(nb, 0);
     path.reserve(nb, 0);
+    wOffsets.reserve(nb, 0);
     heap.reserve(nb, 0);
     marks.reserve(nb, 0);
     numBlocks = std::max(numBlocks, nb);
@@ -977,7 +986,8 @@ bool TamberUpdate::rankKUpdate(SparseMatrix<double>& L, DenseVector<double>& D, 
     OwnedArray<double> betas(k);
     OwnedArray<int> collect(k);
     for (unsigned long j = 0; j < k; ++j) sigmas.data[j] = 1.0 / sigmas.data[j];
-    const RankKState st{W.data, W.numCols, sigmas.data, listHeads.data(), listNext.data(), betas.get(), collect.get()};
+    const RankKState st{W.data,           W.numCols,        L.blockOffsets, sigmas.data,
+                        listHeads.data(), listNext.data(), betas.get(),    collect.get()};
     rankKScan(L, D.data, rows, tree, st);
     return true;
 }
@@ -1013,45 +1023,96 @@ bool TamberUpdate::deleteKRows(SparseMatrix<double>& L, DenseVector<double>& D, 
     DenseVector<double> sigmas;
     sigmas.resize(k);
     OwnedArray<double> Wdata(k * n);
-    removeEquations(L, D.data, eqs, rows, Wdata.get(), n, sigmas.data);
+    removeEquations(L, D.data, eqs, rows, Wdata.get(), n, L.blockOffsets, sigmas.data);
     std::vector<int> listHeads(L.numBlockCols, -1), listNext(k, -1);
     buildLists(eqs, listHeads.data(), listNext.data());
     DenseMatrix<double> W(n, k, Wdata.get());
     return rankKUpdate(L, D, W, sigmas, rows, tree, listHeads, listNext);
 }
 
+namespace {
+
+// Numbers the scalars of the union of the tree paths from the blocks of `eqs` to their roots compactly: block
+// c of the union gets woff[c] (ws.wOffsets); returns the row length. The blocks are listed in ws.path.
+unsigned long compactRows(const SparseMatrix<double>& L, const EliminationTree* tree, const EquationList& eqs,
+                          TamberUpdate::Workspace& ws, unsigned long& numBlocks) {
+    unsigned char* mark = ws.marks.data;
+    unsigned int* woff = ws.wOffsets.data;
+    unsigned long length = 0, count = 0;
+    for (const Equation& eq : eqs) {
+        for (unsigned int x = eq.first; !mark[x]; x = tree->parent[x]) {
+            mark[x] = 1;
+            ws.path.data[count++] = x;
+            woff[x] = static_cast<unsigned int>(length);
+            length += L.blockSizes[x];
+        }
+    }
+    for (unsigned long k = 0; k < count; ++k) mark[ws.path.data[k]] = 0;
+    numBlocks = count;
+    return length;
+}
+
+// Zeroes row j of W (compact numbering) on the tree path of equation j's block, where its vector lives.
+void clearRows(const SparseMatrix<double>& L, const EliminationTree* tree, const EquationList& eqs, double* W,
+               unsigned long ld, const unsigned int* woff) {
+    for (unsigned long j = 0; j < eqs.size(); ++j) {
+        double* wj = W + j * ld;
+        forEachOnPath(tree, eqs[j].first, [&](unsigned int x) {
+            std::memset(static_cast<void*>(wj + woff[x]), 0, L.blockSizes[x] * sizeof(double));
+        });
+    }
+}
+
+}  // namespace
+
 bool TamberUpdate::addKRows(SparseMatrix<double>& L, DenseVector<double>& D, const SparseMatrix<double>& A,
                             const EquationList& eqs, const MetaLayout& rows, const MetaLayout& rowsA,
                             EliminationTree* tree, Workspace& ws) {
     if (eqs.empty()) return true;
-    const unsigned long n = dimensionOf(L), k = eqs.size();
+    const unsigned long k = eqs.size();
+    unsigned long numPathBlocks = 0;
+    const unsigned long ld = compactRows(L, tree, eqs, ws, numPathBlocks);
     double* const W = ws.W.data;
+    const unsigned int* woff = ws.wOffsets.data;
+    double* const y = ws.y.data;
     for (unsigned long j = 0; j < k; ++j) {
         const unsigned int b = eqs[j].first, s = eqs[j].second;
         const unsigned int i = L.blockOffsets[b] + s;
-        SparseMode mode(ws, W + j * n);
+        SparseMode mode(ws, y);
         const double d = insertEquation(L, D.data, A, b, s, rows, rowsA, tree, mode);
-        mode.clearHead(L, i);
+        // Row j of W: the new column below i (it lies on the path of b); y is cleared where it was written.
+        double* wj = W + j * ld;
+        forEachOnPath(tree, b, [&](unsigned int x) {
+            const unsigned int off = L.blockOffsets[x], end = off + L.blockSizes[x];
+            for (unsigned int q = std::max(off, i + 1); q < end; ++q) wj[woff[x] + (q - off)] = y[q];
+        });
+        mode.clearHead(L, L.blockOffsets[b] + L.blockSizes[b] - 1);
+        clearPath(L, tree, b, y);
         ws.sigmas.data[j] = 1.0 / -d;
     }
     buildLists(eqs, ws.listHeads.data, ws.listNext.data);
-    const RankKState st{W, n, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data, ws.collect.data};
+    const RankKState st{W, ld, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data,
+                        ws.collect.data};
     rankKSparse(L, D.data, rows, tree, st, eqs, ws);
-    for (unsigned long j = 0; j < k; ++j) clearPath(L, tree, eqs[j].first, W + j * n);
+    clearRows(L, tree, eqs, W, ld, woff);
     return true;
 }
 
 bool TamberUpdate::deleteKRows(SparseMatrix<double>& L, DenseVector<double>& D, const EquationList& eqs,
                                const MetaLayout& rows, EliminationTree* tree, Workspace& ws) {
     if (eqs.empty()) return true;
-    const unsigned long n = dimensionOf(L), k = eqs.size();
+    const unsigned long k = eqs.size();
+    unsigned long numPathBlocks = 0;
+    const unsigned long ld = compactRows(L, tree, eqs, ws, numPathBlocks);
     double* const W = ws.W.data;
-    removeEquations(L, D.data, eqs, rows, W, n, ws.sigmas.data);
+    const unsigned int* woff = ws.wOffsets.data;
+    removeEquations(L, D.data, eqs, rows, W, ld, woff, ws.sigmas.data);
     for (unsigned long j = 0; j < k; ++j) ws.sigmas.data[j] = 1.0 / ws.sigmas.data[j];
     buildLists(eqs, ws.listHeads.data, ws.listNext.data);
-    const RankKState st{W, n, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data, ws.collect.data};
+    const RankKState st{W, ld, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data,
+                        ws.collect.data};
     rankKSparse(L, D.data, rows, tree, st, eqs, ws);
-    for (unsigned long j = 0; j < k; ++j) clearPath(L, tree, eqs[j].first, W + j * n);
+    clearRows(L, tree, eqs, W, ld, woff);
     return true;
 }
 

@@ -124,27 +124,35 @@ void Tree::computeTreeStructure() {
 void Tree::computePostOrder() {
     enum : unsigned char { fresh = 0, onStack = 1, finished = 2 };
     unsigned char* state = marks.flags;
-    kiv::VectorPOD<unsigned int> stack;  // used at its back end only
-    stack.reserve(numNodes);
+    // Every node is pushed at most once (with its parent's whole child list), so the
+    // marks' index list, which holds markCapacity >= numNodes entries, serves as the
+    // stack and the walk allocates nothing. Its contents are dropped below.
+    kiv::VectorPOD<unsigned int> fallback;
+    unsigned int* stack = marks.list;
+    if (marks.markCapacity < numNodes || stack == nullptr) {
+        fallback.resize(numNodes);
+        stack = fallback.data();
+    }
+    unsigned long top = 0;  // number of entries on the stack
     unsigned int counter = 0;
     for (unsigned long r = 0; r < roots.size(); ++r) {
         const unsigned int root = roots[r];
         if (state[root] != fresh || parent[root] != root) continue;
         state[root] = onStack;
-        stack.push_back(root);
-        while (!stack.empty()) {
-            const unsigned int t = stack.back();
+        stack[top++] = root;
+        while (top > 0) {
+            const unsigned int t = stack[top - 1];
             const unsigned int head = firstChild[t];
             if (head != noNode && state[head] != finished) {
                 // Push the whole list; its last child ends on top and is numbered first.
                 for (unsigned int c = head; c != noNode; c = sibling[c]) {
                     state[c] = onStack;
-                    stack.push_back(c);
+                    stack[top++] = c;
                 }
             } else {
                 postOrder[t] = counter++;
                 state[t] = finished;
-                stack.pop_back();
+                --top;
             }
         }
     }

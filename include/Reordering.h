@@ -1,0 +1,86 @@
+// Fill-reducing block orderings and the zero-leaf swap that repairs an ordering around zero-diagonal blocks.
+//
+// All routines work on blocks (one graph node per block row and column), never on scalar rows. A block
+// pattern is read in the list form of SkeletonMatrix: for each block j the blocks i <= j that couple to j,
+// ascending, the last entry j itself; the entries before the last are taken as j's smaller neighbours. None
+// of these routines checks its input: the user-facing analysis (Analysis.h) is where bad input is caught.
+#ifndef KIVTAMBER_REORDERING_H
+#define KIVTAMBER_REORDERING_H
+
+#include <cstddef>
+
+#include "EliminationTree.h"
+#include "Permutation.h"
+#include "SkeletonMatrix.h"
+#include "TamberUtils.h"
+
+namespace kivTamber {
+namespace Reordering {
+
+// Symmetric approximate minimum degree ordering of the block graph of S (COLAMD's symamd, Davis, Gilbert,
+// Larimore and Ng).
+//
+// S: in, the pattern in list form; its strictly lower part (column i lists every j > i coupled to i) is
+// handed to symamd, through int scratch-pad slots 0 (n + 1 entries) and 1 (colPointers[n] entries; more
+// than the strictly lower part needs, on purpose).
+// P: out. Sized with reserve(n + 8, 1) (arrays of n + 9 entries, room for the n + 1 entries symamd writes),
+// then size = n. Its forward array serves as the count array while the input is built. On success
+// forward[k] is the block placed k-th; the inverse array is NOT computed (whoever needs it derives it).
+// pad: workspace (int slots 0 and 1).
+// Returns true when symamd succeeded. Otherwise writes "symamd/colamd failed" and a newline to standard
+// error, sets forward and inverse to the identity over P's whole capacity (not only n) and returns false;
+// the caller may go on with that order. Allocates nothing of its own apart from the permutation's growth;
+// symamd takes its work memory through calloc/free.
+bool computeSymamdPermutation(const SkeletonMatrix& S, Permutation& P, ScratchPad& pad);
+
+// Moves constraint blocks (index >= firstConstraint) that are placed before every block they couple to.
+// Walks the positions k = 0 .. n-1 of P.forward (n = P.size) with x = forward[k] as it stands: a block
+// already placed, a block below firstConstraint (signed 32-bit comparison) or a constraint with an already
+// placed smaller neighbour is marked placed; otherwise x is swapped with its smaller neighbour of least input
+// position m (the inverse of the input order, never updated during the walk; x's own input position when x
+// has no smaller neighbour): forward[k] = forward[m], forward[m] = x, and x is marked. The block that moves
+// into position k is not marked.
+// S: in, list form. P: in/out; on return P.inverse is the inverse of the order it was given, not of the
+// returned one (kept so on purpose: callers recompute it). Allocates one byte per block.
+void modifyPermutation(const SkeletonMatrix& S, unsigned long firstConstraint, Permutation& P);
+
+// Disabled orderings, kept in the interface: each writes "Not enabled" and a newline to standard error,
+// flushes it and aborts the process. They never return.
+[[noreturn]] void computeModifiedAmdPermutation(const SkeletonMatrix& S, Permutation& P);
+[[noreturn]] void computeTamberPermutation(const SkeletonMatrix& S, Permutation& P);
+
+// Repairs an ordering so that no constraint block is eliminated before anything has updated it: builds the
+// permuted pattern T = P·S·Pᵀ and its elimination tree, then emits the blocks in the incoming order except
+// that every constraint block that is a leaf of the tree (a zero leaf) is moved to directly after its parent
+// when the parent is a body block. Constraint blocks with children stay where they are.
+//
+// S: in, the pattern in the user's numbering, list form. Its blockWords, when present, are permuted along.
+// T: out, S permuted by the INCOMING order, in list form (one counting pass and one filling pass; entries
+// that land in the column being filled are put in place by insertion), fillFlags[k] = 1 where the entry was
+// swapped across the diagonal. Its arrays are kept when large enough (SkeletonMatrix::resize); it has
+// blockWords exactly when S has them.
+// tree: out, the elimination tree of T with child lists, roots and post order (numNodes = n); reallocated
+// only when its capacity is below n.
+// firstConstraint: the first constraint block in the user's numbering (signed 32-bit comparison).
+// P: in/out. On entry only forward[0 .. n-1] is read (the inverse is recomputed). On success forward[i] is
+// the user block placed i-th in the repaired order and the inverse array is a COPY of the forward array,
+// not its inverse (the caller recomputes it).
+// pad: workspace (int slot 0, n entries). Node states, post positions and the emission list are local.
+// Returns true when every block was placed. Otherwise (a zero leaf under a constraint block, or a zero leaf
+// that is a root) it returns false with P's forward and inverse set to the identity over its capacity; T and
+// the tree then still describe the incoming order. No message is written.
+bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& tree, unsigned long firstConstraint,
+                  Permutation& P, ScratchPad& pad);
+
+// Memory functions handed to symamd: calloc-like (count, element size) and free-like. By default the C
+// library's calloc and free. This is a test seam: a test installs an allocator that fails in order to reach
+// the failure path of computeSymamdPermutation through symamd's own result. Passing null for either
+// restores both defaults. Process-wide and not synchronised: set it only while no ordering runs.
+using AllocateFunction = void* (*)(std::size_t count, std::size_t size);
+using ReleaseFunction = void (*)(void* pointer);
+void setSymamdMemoryFunctions(AllocateFunction allocate, ReleaseFunction release);
+
+}  // namespace Reordering
+}  // namespace kivTamber
+
+#endif  // KIVTAMBER_REORDERING_H

@@ -1,0 +1,862 @@
+#include "Multifront.h"
+
+#include <apr_general.h>
+#include <kiv/Abort.h>
+#include <kiv/ByteAllocator.h>
+#include <kiv/ThreadTask.h>
+#include <kiv/Timer.h>
+#include <xmmintrin.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <initializer_list>
+#include <cstring>
+#include <mutex>
+#include <new>
+#include <thread>
+
+#include "FactorCommon.h"
+#include "Kernels.h"
+#include "Tamber.h"
+
+namespace kivTamber {
+
+namespace {
+
+constexpr unsigned int noNode = 0xFFFFFFFFu;
+// Node owners are 8-bit thread indices.
+constexpr unsigned int maxOwners = 256;
+// Estimated cost of handing a subtree's update from one thread to another (lock, wait, cache misses), in
+// the flop units of the work estimate; plus one flop per element of the update list.
+constexpr double handOverCost = 1500.0;
+// Estimated fixed cost of one block operation (call, loop set-up), in flops.
+constexpr double blockOpCost = 30.0;
+
+// Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
+[[noreturn]] void outOfBlocks(unsigned long used, unsigned long capacity) {
+    char message[96];
+    std::snprintf(message, sizeof message, "Not enough memory, %lu %lu", used, capacity);
+    kiv::abort(message);
+}
+
+// Processors of the machine, read once.
+unsigned int processorCount() {
+    static const unsigned int count = std::thread::hardware_concurrency();
+    return count;
+}
+
+// dst[0 .. count-1] += src[0 .. count-1] (whole padded rows: count is s_r·p_s).
+template <typename T>
+inline void addBlock(T* __restrict dst, const T* __restrict src, unsigned long count) {
+    for (unsigned long i = 0; i < count; ++i) dst[i] += src[i];
+}
+
+// C -= A·Bᵀ with the factorization's kernel: C is n×m (row stride ldc), A n×k and B m×k (row stride ld).
+template <typename T>
+inline void subtractProduct(const T* A, const T* B, unsigned int ld, T* C, unsigned int ldc, unsigned int n,
+                            unsigned int m, unsigned int k) {
+    tamber_MM_CM_ABt(A, static_cast<int>(ld), B, static_cast<int>(ld), C, static_cast<int>(ldc),
+                     static_cast<int>(n), static_cast<int>(m), static_cast<int>(k));
+}
+
+}  // namespace
+
+void initializeAtomics() {
+    static std::once_flag once;
+    std::call_once(once, [] { apr_initialize(); });
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// WaitBlock
+// ---------------------------------------------------------------------------------------------------------
+
+WaitBlock::WaitBlock(bool spin)
+    : spinLock(spin ? 1u : 0u),
+      lockWord(0u),
+      mutex(OpenThreads::Mutex::MUTEX_RECURSIVE),
+      waiters(0u),
+      spinWait(spin ? 1u : 0u) {}
+
+void WaitBlock::wait() {
+    if (spinWait) {
+        const apr_uint32_t ticket = atomicInc32(&waiters);
+        unlock();
+        while (ticket < waiters) _mm_pause();  // a signal counts the counter down (or resets it to 0)
+        lock();
+    } else {
+        kiv::checkCondition(condition.wait(&mutex));
+    }
+}
+
+void WaitBlock::signal() {
+    if (spinWait) {
+        const apr_uint32_t previous = atomicAdd32(&waiters, static_cast<apr_uint32_t>(-1));
+        if (static_cast<int>(previous) <= 0) atomicXchg32(&waiters, 0u);
+    } else {
+        kiv::checkCondition(condition.signal());
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// MultifrontManager
+// ---------------------------------------------------------------------------------------------------------
+
+template <typename T>
+MultifrontManager<T>::~MultifrontManager() {
+    for (unsigned long k = 0; k < waitBlockCapacity; ++k) waitBlocks[k].~WaitBlock();
+    if (waitBlocks) kiv::ByteAllocator::deallocate(waitBlocks, waitBlockCapacity * sizeof(WaitBlock));
+}
+
+template <typename T>
+void MultifrontManager<T>::growWaitBlocks(unsigned long count) {
+    if (count <= waitBlockCapacity) return;
+    for (unsigned long k = 0; k < waitBlockCapacity; ++k) waitBlocks[k].~WaitBlock();
+    if (waitBlocks) kiv::ByteAllocator::deallocate(waitBlocks, waitBlockCapacity * sizeof(WaitBlock));
+    waitBlocks = nullptr;
+    waitBlockCapacity = 0;
+    void* raw = kiv::ByteAllocator::allocate(count * sizeof(WaitBlock), alignof(WaitBlock));
+    waitBlocks = static_cast<WaitBlock*>(raw);
+    for (unsigned long k = 0; k < count; ++k) new (waitBlocks + k) WaitBlock(spinBlocks);
+    waitBlockCapacity = count;
+}
+
+template <typename T>
+bool MultifrontManager<T>::isPreparedFor(const SkeletonMatrix& pattern, const unsigned int* sizes,
+                                         unsigned int numThreads) const {
+    const unsigned int threads = numThreads == 0 ? 1u : numThreads;
+    const unsigned long n = pattern.n;
+    const unsigned long entries = pattern.numEntries();
+    if (!isPrepared || n != preparedBlocks || entries != preparedEntries || threads != preparedThreads) {
+        return false;
+    }
+    if (n == 0) return true;
+    return std::memcmp(pattern.colPointers, preparedColPointers.data(), (n + 1) * sizeof(unsigned int)) == 0 &&
+           std::memcmp(pattern.rowIndices, preparedRowIndices.data(), entries * sizeof(unsigned int)) == 0 &&
+           std::memcmp(sizes, preparedSizes.data(), n * sizeof(unsigned int)) == 0;
+}
+
+template <typename T>
+void MultifrontManager<T>::applyWaitMode(unsigned int numThreads) {
+    const unsigned int threads = numThreads == 0 ? 1u : numThreads;
+    bool spin = true;
+    if (waitMode == MfWaitMode::condition) {
+        spin = false;
+    } else if (waitMode == MfWaitMode::automatic) {
+        // A spinning waiter takes a processor from the thread it waits for once the threads outnumber the
+        // processors: then wait on the condition.
+        const unsigned int processors = processorCount();
+        spin = processors == 0 || threads <= processors;
+    }
+    if (spin == spinBlocks) return;
+    for (unsigned long k = 0; k < waitBlockCapacity; ++k) waitBlocks[k].setMode(spin);
+    spinBlocks = spin;
+}
+
+template <typename T>
+void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned int* sizes,
+                                   unsigned int numThreads) {
+    initializeAtomics();
+    const unsigned int threads = numThreads == 0 ? 1u : numThreads;
+    const unsigned int n = static_cast<unsigned int>(pattern.n);
+    const unsigned long entries = pattern.numEntries();
+    const unsigned int* rowStart = pattern.colPointers;
+    const unsigned int* cols = pattern.rowIndices;
+    const unsigned int T_ = threads < maxOwners ? threads : maxOwners;
+    numOwners = T_;
+    isPrepared = false;
+
+    // What we are prepared for.
+    preparedColPointers.resize(n + 1ul);
+    preparedRowIndices.resize(entries);
+    preparedSizes.resize(n);
+    if (n > 0) {
+        std::memcpy(preparedColPointers.data(), rowStart, (n + 1ul) * sizeof(unsigned int));
+        if (entries > 0) std::memcpy(preparedRowIndices.data(), cols, entries * sizeof(unsigned int));
+        std::memcpy(preparedSizes.data(), sizes, n * sizeof(unsigned int));
+    }
+
+    // 1. Column form: column j lists the rows i with entry (i, j), ascending; rows are visited in ascending
+    // order and row j is the first that holds column j, so j comes first.
+    colPointers.resize(n + 1ul);
+    std::fill(colPointers.begin(), colPointers.end(), 0u);
+    for (unsigned long e = 0; e < entries; ++e) ++colPointers[cols[e] + 1ul];
+    for (unsigned int j = 0; j < n; ++j) colPointers[j + 1ul] += colPointers[j];
+    colRows.resize(entries);
+    colEntries.resize(entries);
+    order.resize(n);
+    if (n > 0) std::memcpy(order.data(), colPointers.data(), n * sizeof(unsigned int));
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+            const unsigned int pos = order[cols[e]]++;
+            colRows[pos] = i;
+            colEntries[pos] = e;
+        }
+    }
+
+    nodes.resize(n);
+    firstChild.resize(n);
+    sibling.resize(n);
+    for (unsigned int j = 0; j < n; ++j) {
+        MfNode<T>& node = nodes[j];
+        node.parent = colPointers[j + 1] - colPointers[j] > 1 ? colRows[colPointers[j] + 1] : j;
+        node.owner = 0;
+        node.done = 0;
+        node.foreignChildren = 0;
+        node.zeroed = 0;
+        node.updates = nullptr;
+        node.waitBlock = nullptr;
+        firstChild[j] = noNode;
+        sibling[j] = noNode;
+    }
+    for (unsigned int j = n; j-- > 0;) {  // descending, so that every child list comes out ascending
+        const unsigned int p = nodes[j].parent;
+        if (p != j) {
+            sibling[j] = firstChild[p];
+            firstChild[p] = j;
+        }
+    }
+
+    // 2. Work of each node and of each subtree (children have smaller indices than their parents).
+    nodeWork.resize(n);
+    subtreeWork.resize(n);
+    totalWork = 0.0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const double s = sizes[j];
+        double sigma = 0.0, squares = 0.0;
+        for (unsigned int k = colPointers[j] + 1; k < colPointers[j + 1]; ++k) {
+            const double s_r = sizes[colRows[k]];
+            sigma += s_r;
+            squares += s_r * s_r;
+        }
+        const double m = colPointers[j + 1] - colPointers[j] - 1.0;
+        nodeWork[j] = s * s * s / 3.0 + sigma * s * s + s * (sigma * sigma + squares) +
+                      blockOpCost * (m * (m + 1.0) / 2.0 + 2.0 * m + 1.0);
+        subtreeWork[j] = 0.0;
+        totalWork += nodeWork[j];
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        subtreeWork[j] += nodeWork[j];
+        if (nodes[j].parent != j) subtreeWork[nodes[j].parent] += subtreeWork[j];
+    }
+
+    // Cost of handing node c's update list to another thread.
+    auto handOver = [&](unsigned int c) {
+        const double m = colPointers[c + 1] - colPointers[c] - 1.0;
+        double sigma = 0.0;
+        for (unsigned int k = colPointers[c] + 1; k < colPointers[c + 1]; ++k) sigma += sizes[colRows[k]];
+        return handOverCost + sigma * sigma / 2.0 + blockOpCost * m * (m + 1.0) / 2.0;
+    };
+
+    // 3. The split. isTop[x] = rank of x in the cut sequence (0: never cut).
+    isTop.resize(n);
+    std::fill(isTop.begin(), isTop.end(), static_cast<unsigned char>(0));
+    order.clear();
+    for (unsigned int j = 0; j < n; ++j) {
+        if (nodes[j].parent == j) order.push_back(j);
+    }
+    const double* sub = subtreeWork.data();
+    auto lighter = [sub](unsigned int a, unsigned int b) { return sub[a] < sub[b] || (sub[a] == sub[b] && a > b); };
+    unsigned long bestCuts = 0;
+    topWork = 0.0;
+    if (T_ > 1 && !order.empty()) {
+        // Cut the heaviest subtree at its root as long as the estimate can still improve; remember the best
+        // length of the cut sequence. A pass that records the sequence, then one that replays its best part.
+        for (int pass = 0; pass < 2; ++pass) {
+            std::make_heap(order.begin(), order.end(), lighter);
+            double sum = totalWork, top = 0.0;
+            double best = std::max(sub[order[0]], sum / T_);
+            unsigned long cuts = 0;
+            while (!order.empty()) {
+                if (pass == 1 && cuts == bestCuts) break;
+                const unsigned int x = order[0];
+                if (firstChild[x] == noNode) break;
+                double added = nodeWork[x];
+                for (unsigned int c = firstChild[x]; c != noNode; c = sibling[c]) added += handOver(c);
+                if (pass == 0 && top + added >= best) break;
+                std::pop_heap(order.begin(), order.end(), lighter);
+                order.pop_back();
+                isTop[x] = 1;
+                ++cuts;
+                top += added;
+                sum -= nodeWork[x];
+                for (unsigned int c = firstChild[x]; c != noNode; c = sibling[c]) {
+                    order.push_back(c);
+                    std::push_heap(order.begin(), order.end(), lighter);
+                }
+                const double estimate = (order.empty() ? 0.0 : std::max(sub[order[0]], sum / T_)) + top;
+                if (pass == 0 && estimate < best) {
+                    best = estimate;
+                    bestCuts = cuts;
+                }
+            }
+            if (pass == 0) {  // undo, replay the best prefix in the second pass
+                std::fill(isTop.begin(), isTop.end(), static_cast<unsigned char>(0));
+                order.clear();
+                for (unsigned int j = 0; j < n; ++j) {
+                    if (nodes[j].parent == j) order.push_back(j);
+                }
+            } else {
+                topWork = top;
+            }
+        }
+    }
+
+    // The remaining subtrees (in `order`) go to the threads by decreasing work, each to the least loaded one.
+    std::sort(order.begin(), order.end(), [sub](unsigned int a, unsigned int b) {
+        return sub[a] > sub[b] || (sub[a] == sub[b] && a < b);
+    });
+    threadLoads.resize(T_);
+    double* load = threadLoads.data();
+    for (unsigned int t = 0; t < T_; ++t) load[t] = 0.0;
+    for (unsigned int x : order) {
+        unsigned int least = 0;
+        for (unsigned int t = 1; t < T_; ++t) {
+            if (load[t] < load[least]) least = t;
+        }
+        load[least] += sub[x];
+        nodes[x].owner = static_cast<unsigned char>(least);
+    }
+    topOwner = 0;
+    maxThreadWork = 0.0;
+    for (unsigned int t = 0; t < T_; ++t) {
+        if (load[t] < load[topOwner]) topOwner = t;
+        if (load[t] > maxThreadWork) maxThreadWork = load[t];
+    }
+
+    // 4. Owners: the top to topOwner; below a subtree root its owner (parents come first in descending order).
+    for (unsigned int j = n; j-- > 0;) {
+        const unsigned int p = nodes[j].parent;
+        if (isTop[j]) {
+            nodes[j].owner = static_cast<unsigned char>(topOwner);
+        } else if (p != j && !isTop[p]) {
+            nodes[j].owner = nodes[p].owner;
+        }
+    }
+
+    // Boundaries (parent owned by another thread), foreign-children flags, (root, thread) pairs.
+    unsigned long numBoundaries = 0, updateCount = 0, updateElements = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned int p = nodes[j].parent;
+        if (p == j || nodes[p].owner == nodes[j].owner) continue;
+        nodes[p].foreignChildren = 1;
+        ++numBoundaries;
+        for (unsigned int a = colPointers[j] + 1; a < colPointers[j + 1]; ++a) {
+            const unsigned long p_s = factorCommon::padded<T>(sizes[colRows[a]]);
+            for (unsigned int c = a; c < colPointers[j + 1]; ++c) {
+                ++updateCount;
+                updateElements += factorCommon::padded<T>(sizes[colRows[c]]) * p_s;
+            }
+        }
+    }
+    order.resize(T_ + 1ul);  // seeds per thread, then their start positions
+    std::fill(order.begin(), order.end(), 0u);
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned int p = nodes[j].parent;
+        if (p == j || nodes[p].owner != nodes[j].owner) ++order[nodes[j].owner + 1ul];
+    }
+    for (unsigned int t = 0; t < T_; ++t) order[t + 1ul] += order[t];
+    roots.resize(order[T_]);
+    for (unsigned int j = n; j-- > 0;) {
+        const unsigned int p = nodes[j].parent;
+        if (p == j || nodes[p].owner != nodes[j].owner) {
+            MfRoot& r = roots[order[nodes[j].owner]++];
+            r.node = j;
+            r.thread = nodes[j].owner;
+        }
+    }
+
+    // Fronts over the front store, node by node.
+    unsigned long frontElements = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const unsigned long p_j = factorCommon::padded<T>(sizes[j]);
+        for (unsigned int k = colPointers[j]; k < colPointers[j + 1]; ++k) {
+            frontElements += factorCommon::padded<T>(sizes[colRows[k]]) * p_j;
+        }
+    }
+    frontStore.resize(frontElements);
+    frontBlockPointers.resize(entries + 1);
+    updateStore.resize(updateElements);
+    updateEntries.resize(updateCount);
+    applyWaitMode(threads);
+    growWaitBlocks(numBoundaries);
+    numWaitBlocks = numBoundaries;
+
+    T* front = frontStore.data();
+    T* update = updateStore.data();
+    MfUpdateEntry<T>* entry = updateEntries.data();
+    WaitBlock* waitBlock = waitBlocks;
+    for (unsigned int j = 0; j < n; ++j) {
+        MfNode<T>& node = nodes[j];
+        const unsigned int p_j = factorCommon::padded<T>(sizes[j]);
+        node.frontBlocks = frontBlockPointers.data() + colPointers[j];
+        for (unsigned int k = colPointers[j]; k < colPointers[j + 1]; ++k) {
+            frontBlockPointers[k] = front;
+            front += static_cast<unsigned long>(factorCommon::padded<T>(sizes[colRows[k]])) * p_j;
+        }
+        const unsigned int p = node.parent;
+        if (p == j || nodes[p].owner == node.owner) continue;
+        node.updates = entry;
+        node.waitBlock = waitBlock++;
+        for (unsigned int a = colPointers[j] + 1; a < colPointers[j + 1]; ++a) {
+            const unsigned int s = colRows[a];
+            const unsigned int p_s = factorCommon::padded<T>(sizes[s]);
+            for (unsigned int c = a; c < colPointers[j + 1]; ++c) {
+                const unsigned int r = colRows[c];
+                entry->block = update;
+                entry->row = r;
+                entry->col = s;
+                ++entry;
+                update += static_cast<unsigned long>(factorCommon::padded<T>(sizes[r])) * p_s;
+            }
+        }
+    }
+
+    frontBlockPointers[entries] = front;
+
+    // Value capacity of L and LD, scalar dimension.
+    factorCapacity = 64;
+    scalarSize = 0;
+    for (unsigned int i = 0; i < n; ++i) {
+        const unsigned long p_i = factorCommon::padded<T>(sizes[i]);
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+            factorCapacity += p_i * factorCommon::padded<T>(sizes[cols[e]]);
+        }
+        scalarSize += sizes[i];
+    }
+
+    preparedBlocks = n;
+    preparedEntries = entries;
+    preparedThreads = threads;
+    isPrepared = true;
+    ++preparations;
+}
+
+template <typename T>
+void MultifrontManager<T>::zeroNode(unsigned int x) {
+    MfNode<T>& node = nodes[x];
+    T* const begin = node.frontBlocks[0];
+    T* const end = frontBlockPointers[colPointers[x + 1]];
+    std::memset(static_cast<void*>(begin), 0, static_cast<unsigned long>(end - begin) * sizeof(T));
+    if (node.updates) {
+        // m·(m+1)/2 entries; the last one, (r_m, r_m), is p_{r_m}² elements long.
+        const unsigned long m = colPointers[x + 1] - colPointers[x] - 1;
+        const MfUpdateEntry<T>& last = node.updates[m * (m + 1) / 2 - 1];
+        const unsigned long p = factorCommon::padded<T>(preparedSizes[last.row]);
+        const unsigned long count = static_cast<unsigned long>(last.block - node.updates[0].block) + p * p;
+        std::memset(static_cast<void*>(node.updates[0].block), 0, count * sizeof(T));
+    }
+    node.zeroed = 1;
+}
+
+template <typename T>
+void MultifrontManager<T>::addUpdateToNode(const SkeletonMatrix& /*pattern*/, const SparseMatrix<T>& factor,
+                                           unsigned long target, unsigned long source) {
+    const unsigned int* R = colRows.data() + colPointers[source] + 1;  // r_1 < … < r_m
+    const unsigned int m = colPointers[source + 1] - colPointers[source] - 1;
+    if (m == 0) return;
+    const unsigned int* sizes = factor.blockSizes;
+    const MfUpdateEntry<T>* U = nodes[source].updates;
+    const unsigned long numEntries = static_cast<unsigned long>(m) * (m + 1) / 2;
+    const unsigned char owner = nodes[target].owner;
+
+    // F_s(r, s) += U(r, s) for r = R[a] … R[m-1]: the entries of column a, from U[u] on.
+    auto addColumn = [&](unsigned int s, unsigned int a, unsigned long u) {
+        const unsigned int* rows = colRows.data() + colPointers[s];
+        T* const* F = front(s);
+        const unsigned long p_s = factorCommon::padded<T>(sizes[s]);
+        unsigned int pos = 0;
+        for (unsigned int c = a; c < m; ++c, ++u) {
+            const unsigned int r = R[c];
+            while (rows[pos] != r) ++pos;  // forward scan: both lists ascend
+            addBlock(F[pos], U[u].block, sizes[r] * p_s);
+        }
+    };
+
+    addColumn(static_cast<unsigned int>(target), 0, 0);
+    unsigned long u = m;
+    unsigned int reached = static_cast<unsigned int>(target);
+    for (unsigned int a = 1; a < m; ++a) {
+        const unsigned int s = R[a];
+        while (reached != s) {
+            const unsigned int next = nodes[reached].parent;
+            if (nodes[next].owner != owner) break;
+            reached = next;
+        }
+        if (reached == s) {
+            addColumn(s, a, u);
+            u += m - a;
+            continue;
+        }
+        // The path leaves the owner's part above `reached`: the rest goes into reached's update list.
+        front(reached);
+        const MfUpdateEntry<T>* B = nodes[reached].updates;
+        unsigned long q = 0;
+        for (; u < numEntries; ++u) {
+            const unsigned int r = U[u].row, col = U[u].col;
+            while (B[q].row != r || B[q].col != col) ++q;  // continues from the previous match
+            addBlock(B[q].block, U[u].block, sizes[r] * static_cast<unsigned long>(factorCommon::padded<T>(sizes[col])));
+        }
+        return;
+    }
+}
+
+template class MultifrontManager<float>;
+template class MultifrontManager<double>;
+
+// ---------------------------------------------------------------------------------------------------------
+// Worker
+// ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+namespace fc = factorCommon;
+
+// What a worker needs to eliminate its nodes.
+template <typename T>
+struct Worker {
+    MultifrontManager<T>& M;
+    const SkeletonMatrix& S;
+    const SparseMatrix<T>& A;
+    SparseMatrix<T>& L;
+    SparseMatrix<T>& LD;
+    const unsigned int* sizes;
+    const unsigned int* offsets;
+    T* d;
+    unsigned char t;
+
+    void process(unsigned int j);
+};
+
+template <typename T>
+void Worker<T>::process(unsigned int j) {
+    MfNode<T>* const nodes = M.nodes.data();
+    MfNode<T>& node = nodes[j];
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int m = M.colPointers[j + 1] - k0 - 1;  // off-diagonal rows
+    const unsigned int* rows = M.colRows.data() + k0;       // rows[0] = j, rows[1 .. m] = r_1 < … < r_m
+    const unsigned int* blocks = M.colEntries.data() + k0;  // index of block (rows[k], j) in L and LD
+    T* const* F = M.front(j);
+    const unsigned int s_j = sizes[j], p_j = fc::padded<T>(s_j);
+
+    // 1. Input: F(r, j) += A(r, j) over whole padded rows.
+    for (unsigned int k = 0; k <= m; ++k) {
+        const unsigned int a = M.inputBlocks[blocks[k]];
+        if (a != MultifrontManager<T>::noNode) {
+            addBlock(F[k], A.blockPointers[a], static_cast<unsigned long>(sizes[rows[k]]) * p_j);
+        }
+    }
+
+    // 2. Children of other threads: wait until each is done, then add its update list.
+    if (node.foreignChildren) {
+        for (unsigned int c = M.firstChild[j]; c != noNode; c = M.sibling[c]) {
+            if (nodes[c].owner == t) continue;
+            WaitBlock* wb = nodes[c].waitBlock;
+            wb->lock();
+            while (!nodes[c].done) wb->wait();
+            M.addUpdateToNode(S, L, j, c);
+            wb->unlock();
+        }
+    }
+
+    // 3. Diagonal block: F(j, j) = L_jj·D_j·L_jjᵀ; L(j, j) = L_jj, LD(j, j) = L_jj·D_j.
+    T* const Fjj = F[0];
+    T* const Ljj = L.blockPointers[blocks[0]];
+    T* const LDjj = LD.blockPointers[blocks[0]];
+    T* const dj = d + offsets[j];
+    __builtin_prefetch(Ljj, 1);
+    __builtin_prefetch(LDjj, 1);
+    __builtin_prefetch(dj, 1);
+    fc::factorDiagonalBlock(Fjj, p_j, s_j, dj);
+    // L and LD are not zeroed beforehand: every element of every tile, padding included, is written here.
+    const unsigned long rowsBytes = static_cast<unsigned long>(s_j) * p_j * sizeof(T);
+    const unsigned long paddingBytes = static_cast<unsigned long>(p_j - s_j) * p_j * sizeof(T);
+    std::memcpy(static_cast<void*>(Ljj), Fjj, rowsBytes);
+    for (unsigned int r = 0; r < s_j; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p_j;
+        for (unsigned int c = 0; c < s_j; ++c) LDjj[row + c] = Ljj[row + c] * dj[c];  // l_rc·d_c
+        for (unsigned int c = s_j; c < p_j; ++c) LDjj[row + c] = T(0);
+    }
+    if (paddingBytes) {
+        std::memset(static_cast<void*>(Ljj + static_cast<unsigned long>(s_j) * p_j), 0, paddingBytes);
+        std::memset(static_cast<void*>(LDjj + static_cast<unsigned long>(s_j) * p_j), 0, paddingBytes);
+    }
+    LD.blockFlags[blocks[0]] = 1;
+
+    // 4. Off-diagonal blocks: W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
+    for (unsigned int k = 1; k <= m; ++k) {
+        T* const W = F[k];
+        const unsigned int s_r = sizes[rows[k]];
+        const char* line = reinterpret_cast<const char*>(W);
+        __builtin_prefetch(line, 1);
+        __builtin_prefetch(line + 64, 1);
+        __builtin_prefetch(line + 128, 1);
+        __builtin_prefetch(line + 192, 1);
+        fc::solveUnitDiagonal(Fjj, p_j, W, s_r, s_j);
+        const unsigned long count = static_cast<unsigned long>(s_r) * p_j;
+        const unsigned long padding = static_cast<unsigned long>(fc::padded<T>(s_r) - s_r) * p_j;
+        T* const LDrj = LD.blockPointers[blocks[k]];
+        T* const Lrj = L.blockPointers[blocks[k]];
+        std::memcpy(static_cast<void*>(LDrj), W, count * sizeof(T));
+        LD.blockFlags[blocks[k]] = 1;
+        for (unsigned int c = 0; c < s_j; ++c) {
+            const T q = T(1) / dj[c];
+            for (unsigned int r = 0; r < s_r; ++r) W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
+        }
+        std::memcpy(static_cast<void*>(Lrj), W, count * sizeof(T));
+        if (padding) {
+            std::memset(static_cast<void*>(LDrj + count), 0, padding * sizeof(T));
+            std::memset(static_cast<void*>(Lrj + count), 0, padding * sizeof(T));
+        }
+    }
+
+    // 5. Update: −L(r, j)·D_j·L(s, j)ᵀ for r ≥ s, into the front of s while the path from j to s stays in
+    // this thread, otherwise into the update list of the boundary node (the last of this thread on the path).
+    unsigned int reached = j;
+    const MfUpdateEntry<T>* B = nullptr;
+    unsigned long q = 0;
+    for (unsigned int a = 1; a <= m; ++a) {
+        const unsigned int s = rows[a];
+        const unsigned int s_s = sizes[s], p_s = fc::padded<T>(s_s);
+        const T* const Lsj = F[a];
+        const T* const LDsj = LD.blockPointers[blocks[a]];
+        if (!B) {
+            while (reached != s) {
+                const unsigned int next = nodes[reached].parent;
+                if (nodes[next].owner != t) {
+                    M.front(reached);  // zeroes its update list on first use
+                    B = nodes[reached].updates;
+                    break;
+                }
+                reached = next;
+            }
+        }
+        if (!B) {
+            const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
+            T* const* Fs = M.front(s);
+            subtractProduct(Lsj, LDsj, p_j, Fs[0], p_s, s_s, s_s, s_j);  // F_s(s, s) −= L(s, j)·LD(s, j)ᵀ
+            unsigned int pos = 1;
+            for (unsigned int c = a + 1; c <= m; ++c) {
+                const unsigned int r = rows[c];
+                while (sRows[pos] != r) ++pos;
+                // F_s(r, s) −= LD(r, j)·L(s, j)ᵀ
+                subtractProduct(LD.blockPointers[blocks[c]], Lsj, p_j, Fs[pos], p_s, sizes[r], s_s, s_j);
+            }
+        } else {
+            for (unsigned int c = a; c <= m; ++c) {
+                const unsigned int r = rows[c];
+                while (B[q].row != r || B[q].col != s) ++q;  // continues from the previous match
+                if (c == a) {
+                    subtractProduct(Lsj, LDsj, p_j, B[q].block, p_s, s_s, s_s, s_j);
+                } else {
+                    subtractProduct(LD.blockPointers[blocks[c]], Lsj, p_j, B[q].block, p_s, sizes[r], s_s, s_j);
+                }
+            }
+        }
+    }
+
+    // 6. Publish.
+    if (!node.waitBlock) {
+        node.done = 1;
+    } else {
+        node.waitBlock->lock();
+        node.done = 1;
+        node.waitBlock->signal();
+        node.waitBlock->unlock();
+    }
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// Factorization driver
+// ---------------------------------------------------------------------------------------------------------
+
+template <typename T>
+bool Tamber::prepareMultifrontal(TamberData<T>& data) {
+    MultifrontManager<T>& M = data.multifront;
+    if (M.isPreparedFor(data.skeleton, data.matrix.blockSizes, data.numThreads)) return false;
+    M.prepare(data.skeleton, data.matrix.blockSizes, data.numThreads);
+    return true;
+}
+
+template <typename T>
+void Tamber::factorMF(TamberData<T>& data) {
+    const std::uint64_t start = kiv::Timer::ticks();
+
+    const SkeletonMatrix& S = data.skeleton;
+    const SparseMatrix<T>& A = data.matrix;
+    SparseMatrix<T>& L = data.factor;
+    SparseMatrix<T>& LD = data.scaledFactor;
+    MultifrontManager<T>& M = data.multifront;
+    const unsigned long nb = S.n;
+    const unsigned long numEntries = S.numEntries();
+    const unsigned int* rowStart = S.colPointers;
+    const unsigned int* cols = S.rowIndices;
+    const unsigned int* sizes = A.blockSizes;
+    const unsigned int threads = data.numThreads == 0 ? 1u : data.numThreads;
+
+    prepareMultifrontal(data);
+    M.applyWaitMode(threads);
+
+    // L and LD emptied and sized for nb block rows, the pattern's blocks and C = 64 + Σ p_i·p_j values. The
+    // values are not zeroed here (unlike SparseMatrix::clear): the workers write every element of every
+    // tile, padding included, so that this pass over 2·C values is not made serially.
+    for (SparseMatrix<T>* X : {&L, &LD}) {
+        if (X->colPointers) {
+            const unsigned long bytes = (X->colCapacity + 1) * sizeof(unsigned int);
+            std::memset(X->colPointers, 0, bytes);
+            std::memset(X->blockSizes, 0, bytes);
+            std::memset(X->blockStrides, 0, bytes);
+            std::memset(X->blockOffsets, 0, bytes);
+        }
+        X->numBlocks = 0;
+        X->numBlockCols = 0;
+        X->numBlockRows = 0;
+        X->setSize(nb, nb, numEntries, M.factorCapacity);
+    }
+
+    // Every block of L and LD in pattern order (block index = pattern entry, LD flags 0), inline, with the
+    // capacity check of SparseMatrix::acquireBlock; no values are copied: the input enters through the
+    // fronts. Note where each input block is.
+    M.inputBlocks.resize(numEntries);
+    unsigned int offset = 0;
+    unsigned long k = 0, at = 0;
+    for (unsigned int i = 0; i < nb; ++i) {
+        const unsigned int s_i = sizes[i], p_i = factorCommon::padded<T>(s_i);
+        for (SparseMatrix<T>* X : {&L, &LD}) {
+            X->colPointers[i] = static_cast<unsigned int>(k);
+            X->blockSizes[i] = s_i;
+            X->blockStrides[i] = p_i;
+            X->blockOffsets[i] = offset;
+        }
+        offset += s_i;
+        unsigned int a = A.colPointers[i];
+        const unsigned int aEnd = A.colPointers[i + 1];
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e, ++k) {
+            const unsigned int j = cols[e];
+            if (k >= L.blockCapacity) outOfBlocks(k, L.blockCapacity);
+            if (k >= LD.blockCapacity) outOfBlocks(k, LD.blockCapacity);
+            L.rowIndices[k] = j;
+            LD.rowIndices[k] = j;
+            L.blockFlags[k] = 0;
+            LD.blockFlags[k] = 0;
+            L.blockPointers[k] = L.values + at;
+            LD.blockPointers[k] = LD.values + at;
+            at += static_cast<unsigned long>(p_i) * factorCommon::padded<T>(sizes[j]);
+            if (a < aEnd && A.rowIndices[a] == j) {
+                M.inputBlocks[e] = a++;
+            } else {
+                M.inputBlocks[e] = MultifrontManager<T>::noNode;
+            }
+        }
+    }
+    for (SparseMatrix<T>* X : {&L, &LD}) {
+        X->colPointers[nb] = static_cast<unsigned int>(k);
+        X->blockSizes[nb] = offset;
+        X->numBlocks = k;
+        if (k < X->blockCapacity) X->blockPointers[k] = X->values + at;
+    }
+
+    data.diagonal.resize(M.scalarSize);
+
+    // Nothing done, nothing zeroed (each owner zeroes its nodes' parts of the two stores on first use);
+    // per-thread marks and stacks from the scratch pad.
+    for (unsigned long j = 0; j < nb; ++j) {
+        M.nodes[j].done = 0;
+        M.nodes[j].zeroed = 0;
+    }
+
+    if (nb > 0) {
+        M.threadMarks.resize(M.numOwners);
+        M.threadStacks.resize(M.numOwners);
+        for (unsigned int t = 0; t < M.numOwners; ++t) {
+            M.threadMarks[t] = data.scratchPad.getUCharArray(t, nb);
+            M.threadStacks[t] = data.scratchPad.getIntArray(t, nb + 1);
+        }
+
+        // The task lives on this frame for the length of the call, so that a factorization allocates
+        // nothing; its one reference is the creator's and ends with the frame.
+        MfWrapper<T> wrapper{this, start, &data.scratchPad, nb, 0.0, &data};
+        kiv::ThreadTask task("MultiFront factor",
+                             &kiv::ThreadTask::member<MfWrapper<T>, &MfWrapper<T>::doThreadedFactor>, &wrapper,
+                             threads);
+        task.setNumThreads(threads);
+        const std::uint64_t now = kiv::Timer::ticks();
+        wrapper.setupTime = static_cast<double>(now - start) * kiv::Timer::clockSpeed();
+        const std::uint64_t threadedStart = kiv::Timer::ticks();
+        task.execute();
+        const std::uint64_t end = kiv::Timer::ticks();
+        factorTime = wrapper.setupTime + static_cast<double>(end - threadedStart) * kiv::Timer::clockSpeed();
+    } else {
+        factorTime = static_cast<double>(kiv::Timer::ticks() - start) * kiv::Timer::clockSpeed();
+    }
+    data.isFactored = 1;
+    solveTime = 0.0;
+}
+
+template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
+template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
+template void Tamber::factorMF<float>(TamberData<float>&);
+template void Tamber::factorMF<double>(TamberData<double>&);
+
+}  // namespace kivTamber
+
+using kivTamber::MfNode;
+using kivTamber::MultifrontManager;
+
+template <typename T>
+void MfWrapper<T>::doThreadedFactor() {
+    kivTamber::TamberData<T>& D = *data;
+    MultifrontManager<T>& M = D.multifront;
+    const unsigned int t = kiv::ThreadTask::currentThreadIndex();
+    if (t >= M.numOwners) return;  // owns no node
+
+    unsigned char* const marks = M.threadMarks[t];  // 0 unseen, 1 pushed, 2 being processed
+    int* const stack = M.threadStacks[t];
+    std::memset(marks, 0, numBlocks);
+    unsigned long top = 0;
+    for (const kivTamber::MfRoot& root : M.roots) {
+        if (root.thread != t) continue;
+        marks[root.node] = 1;
+        stack[top++] = static_cast<int>(root.node);
+    }
+
+    kivTamber::Worker<T> worker{M,       D.skeleton,       D.matrix,      D.factor, D.scaledFactor, D.factor.blockSizes,
+                     D.factor.blockOffsets, D.diagonal.data, static_cast<unsigned char>(t)};
+    const MfNode<T>* const nodes = M.nodes.data();
+    const unsigned int* const firstChild = M.firstChild.data();
+    const unsigned int* const sibling = M.sibling.data();
+
+    constexpr unsigned int noNode = MultifrontManager<T>::noNode;
+    while (top > 0) {
+        // Descend to the first unfinished child of this thread, as deep as it goes.
+        unsigned int c = firstChild[stack[top - 1]];
+        while (c != noNode) {
+            if (nodes[c].owner == t && !nodes[c].done) {
+                if (marks[c] == 0) {
+                    marks[c] = 1;
+                    stack[top++] = static_cast<int>(c);
+                }
+                c = firstChild[c];
+            } else {
+                c = sibling[c];
+            }
+        }
+        const unsigned int j = static_cast<unsigned int>(stack[top - 1]);
+        marks[j] = 2;
+        worker.process(j);
+
+        // Pop; continue with the next unmarked sibling of this thread.
+        if (--top == 0) break;
+        for (unsigned int y = sibling[j]; y != noNode; y = sibling[y]) {
+            if (nodes[y].owner == t && marks[y] == 0) {
+                marks[y] = 1;
+                stack[top++] = static_cast<int>(y);
+                break;
+            }
+        }
+    }
+}
+
+template class MfWrapper<float>;
+template class MfWrapper<double>;
