@@ -42,15 +42,16 @@ std::atomic<unsigned long> g_newCalls{0};
 std::atomic<bool> g_counting{false};
 }  // namespace
 
-void* operator new(std::size_t bytes) {
+// Not inlined, so that the compiler does not pair the malloc() and free() inside with new and delete calls.
+__attribute__((noinline)) void* operator new(std::size_t bytes) {
     if (g_counting.load(std::memory_order_relaxed)) g_newCalls.fetch_add(1, std::memory_order_relaxed);
     if (void* p = std::malloc(bytes == 0 ? 1 : bytes)) return p;
     throw std::bad_alloc();
 }
-void operator delete(void* p) noexcept {
+__attribute__((noinline)) void operator delete(void* p) noexcept {
     std::free(p);
 }
-void operator delete(void* p, std::size_t) noexcept {
+__attribute__((noinline)) void operator delete(void* p, std::size_t) noexcept {
     std::free(p);
 }
 

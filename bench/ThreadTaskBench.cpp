@@ -7,6 +7,7 @@
 #include <kiv/ThreadTask.h>
 
 #include <atomic>
+#include <chrono>
 
 namespace {
 
@@ -31,6 +32,37 @@ BENCHMARK(BM_ExecuteEmpty)
     ->Args({4, 0})
     ->Args({4, 20})
     ->Args({4, 100})
+    ->UseRealTime()
+    ->Repetitions(9)
+    ->ReportAggregatesOnly(true);
+
+// Serial work of `gap_us` microseconds on the calling thread before each
+// execute(), as between two factorizations: when the gap exceeds the spin
+// budget the workers have gone to sleep and execute() pays the wake-up. The
+// time per iteration includes the gap.
+void BM_ExecuteAfterSerialWork(benchmark::State& state) {
+    const unsigned n = static_cast<unsigned>(state.range(0));
+    const auto gap = std::chrono::microseconds(state.range(1));
+    const unsigned saved = kiv::ThreadTask::spinMicroseconds();
+    kiv::ThreadTask::setSpinMicroseconds(static_cast<unsigned>(state.range(2)));
+    kiv::ThreadTask task("empty", &emptyBody, nullptr, n);
+    task.execute();
+    for (auto _ : state) {
+        const auto until = std::chrono::steady_clock::now() + gap;
+        while (std::chrono::steady_clock::now() < until) {
+        }
+        task.execute();
+    }
+    kiv::ThreadTask::setSpinMicroseconds(saved);
+}
+BENCHMARK(BM_ExecuteAfterSerialWork)
+    ->ArgNames({"N", "gap_us", "spin_us"})
+    ->Args({2, 10, 0})
+    ->Args({2, 10, 20})
+    ->Args({2, 40, 20})
+    ->Args({2, 40, 50})
+    ->Args({2, 100, 50})
+    ->Args({2, 100, 200})
     ->UseRealTime()
     ->Repetitions(9)
     ->ReportAggregatesOnly(true);

@@ -175,8 +175,18 @@ struct Report {
 bool checkProblem(const Problem& problem, std::string* message = nullptr);
 
 // True when forward[0 .. n-1] places every block exactly once and satisfies the safe-order rule for a
-// well-formed problem. Otherwise false with `message` (may be null) naming the first offending position.
-bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message = nullptr);
+// well-formed problem (with allowRuleR false, rule S only). Otherwise false with `message` (may be null)
+// naming the first offending position.
+bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message = nullptr,
+                bool allowRuleR = true);
+
+// Makes an order satisfy the rule: every constraint that breaks it is moved behind the constraints that
+// follow its last body (rule S), and again until the order satisfies the rule (a move can take away another
+// constraint's rule R). Bodies and the constraints that satisfy the rule keep their relative order.
+// forward: in/out, [n]. moved: out, may be null: the number of moves. Returns false, forward unchanged, with
+// `message` when the problem is not well formed or forward is not a permutation.
+bool repairOrder(const Problem& problem, unsigned int* forward, unsigned long* moved = nullptr,
+                 std::string* message = nullptr, bool allowRuleR = true);
 
 // The factor cost of an order (forward: [n], the user block placed k-th; any permutation, the rule is not
 // required) by an elimination tree and row-subtree counts on the user's pattern. The problem must be well
@@ -215,7 +225,8 @@ public:
     // changed. Everything is computed in the analyzer's own storage and then swapped in; a std::bad_alloc
     // while laying out data.matrix (the last step) leaves the new structure with an empty matrix and
     // isFactored = 0. data.etree's auxList and fillIns are left alone. A repeated analysis of the same
-    // structure allocates nothing of its own after the second call (the ordering libraries use calloc).
+    // structure allocates nothing of its own after the second call (the ordering libraries use calloc, and
+    // Reordering::zeroLeafSwap allocates its three local arrays).
     template <typename T>
     Report analyze(const Problem& problem, const Options& options, TamberData<T>& data);
 

@@ -112,8 +112,9 @@ public:
 
         Array<double> y;              // [N] the equation being added
         Array<double> w;              // [N] the vector of the rank-one update
-        Array<double> W;              // [batchCapacity·N] the vectors of the rank-k update, row after row
+        Array<double> W;              // [batchCapacity·N] the vectors of the rank-k update, one packed row each
         Array<unsigned int> wOffsets;  // [numBlocks] where a block's scalars lie in the rows of W
+        Array<long> rowOffsets;        // [batchCapacity] where each row of W starts (relative to wOffsets)
         Array<double> sigmas;         // [batchCapacity]
         Array<double> betas;          // [batchCapacity]
         Array<int> listHeads;         // [numBlocks] −1 between calls
@@ -123,6 +124,7 @@ public:
         Array<unsigned int> path;     // [numBlocks] a tree path
         Array<unsigned int> heap;     // [numBlocks] pending blocks of the rank-k sweep
         Array<unsigned char> marks;   // [numBlocks] zero between calls
+        Array<unsigned char> scalarMarks;  // [N] zero between calls
         unsigned long reachCount = 0;  // entries of `reach` in use
 
         Workspace() = default;

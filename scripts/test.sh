@@ -11,7 +11,7 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 
 "$root/scripts/deps.sh" g++ cmake make pkg-config libgtest-dev libbenchmark-dev \
-  libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev
+  libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev zlib1g-dev libeigen3-dev
 
 jobs=$(nproc 2>/dev/null || echo 2)
 gen=()

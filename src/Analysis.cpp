@@ -300,10 +300,13 @@ std::string ruleMessage(const BlockGraph& g, const unsigned int* forward, const 
                         unsigned int k, bool allowR) {
     const unsigned int c = forward[k];
     const unsigned int late = lastBody(g, c, inverse);
-    const char* hint = allowR ? "; place it after all its bodies, or directly after a body whose last constraint "
-                                "it is"
-                              : "; with peeling switched off every constraint must follow all its bodies";
-    if (allowR && k > 0) {
+    if (!allowR) {
+        return format("order: constraint block %u (position %u) precedes its body block %u (position %u); with "
+                      "peeling switched off every constraint must follow all its bodies",
+                      c, k, late, inverse[late]);
+    }
+    const char* hint = "; place it after all its bodies, or directly after a body whose last constraint it is";
+    if (k > 0) {
         const unsigned int b = forward[k - 1];
         if (g.isBody(b) && g.adjacent(c, b)) {
             const unsigned int other = lastOtherConstraint(g, b, c, inverse);
@@ -330,6 +333,71 @@ unsigned int firstOffence(const BlockGraph& g, const unsigned int* forward, cons
 void computeInverse(const unsigned int* forward, unsigned int n, kiv::VectorPOD<unsigned int>& inverse) {
     grow(inverse, n);
     for (unsigned int k = 0; k < n; ++k) inverse[forward[k]] = k;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The repair of an order.
+// ---------------------------------------------------------------------------------------------------------
+
+struct RepairWork {
+    kiv::VectorPOD<unsigned int> inverse, offenders, anchor, sorted, sortedAnchor, start, rebuilt;
+    kiv::VectorPOD<unsigned char> isOffender;
+};
+
+// Moves every constraint that breaks the rule to the end of the run of constraints that follows its last body
+// (rule S), round after round: a move can make another constraint of the same body break rule R. A moved
+// constraint satisfies S for good, so there is at most one round per constraint (in practice a few). Bodies
+// and the constraints that satisfy the rule keep their relative order. Returns the number of moves.
+unsigned long repairInPlace(const BlockGraph& g, kiv::VectorPOD<unsigned int>& order, RepairWork& w, bool allowR) {
+    const unsigned int n = g.n;
+    unsigned long moved = 0;
+    grow(w.anchor, n);
+    grow(w.sorted, n);
+    grow(w.sortedAnchor, n);
+    grow(w.start, n + 1);
+    w.isOffender.resize(n);
+    unsigned char* isOffender = w.isOffender.data();
+    for (unsigned int v = 0; v < n; ++v) isOffender[v] = 0;
+    for (;;) {
+        computeInverse(order.data(), n, w.inverse);
+        const unsigned int* inverse = w.inverse.data();
+        w.offenders.clear();
+        for (unsigned int k = 0; k < n; ++k) {
+            if (!g.isBody(order[k]) && !satisfiesRule(g, order.data(), inverse, k, allowR)) {
+                w.anchor[w.offenders.size()] = inverse[lastBody(g, order[k], inverse)];
+                w.offenders.push_back(order[k]);
+            }
+        }
+        const unsigned long count = w.offenders.size();
+        if (count == 0) return moved;
+        moved += count;
+        // Offenders by anchor position (counting sort, stable: equal anchors keep their current order).
+        unsigned int* start = w.start.data();
+        for (unsigned int k = 0; k <= n; ++k) start[k] = 0;
+        for (unsigned long q = 0; q < count; ++q) ++start[w.anchor[q] + 1];
+        for (unsigned int k = 0; k < n; ++k) start[k + 1] += start[k];
+        for (unsigned long q = 0; q < count; ++q) {
+            const unsigned int at = start[w.anchor[q]]++;
+            w.sorted[at] = w.offenders[q];
+            w.sortedAnchor[at] = w.anchor[q];
+            isOffender[w.offenders[q]] = 1;
+        }
+        // Rebuild: before each body (and at the end) come the offenders anchored at an earlier body, behind
+        // the constraints that already follow that body.
+        w.rebuilt.resize(n);
+        unsigned long next = 0, out = 0;
+        for (unsigned int k = 0; k < n; ++k) {
+            const unsigned int v = order[k];
+            if (isOffender[v]) continue;
+            if (g.isBody(v)) {
+                while (next < count && w.sortedAnchor[next] < k) w.rebuilt[out++] = w.sorted[next++];
+            }
+            w.rebuilt[out++] = v;
+        }
+        while (next < count) w.rebuilt[out++] = w.sorted[next++];
+        for (unsigned long q = 0; q < count; ++q) isOffender[w.offenders[q]] = 0;
+        order.swap(w.rebuilt);
+    }
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -551,8 +619,30 @@ bool checkOrderImpl(const Problem& problem, const unsigned int* forward, std::st
 
 }  // namespace
 
-bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message) {
-    return checkOrderImpl(problem, forward, message, true);
+bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message, bool allowRuleR) {
+    return checkOrderImpl(problem, forward, message, allowRuleR);
+}
+
+bool repairOrder(const Problem& problem, unsigned int* forward, unsigned long* moved, std::string* message,
+                 bool allowRuleR) {
+    if (!checkForm(problem, message)) return false;
+    BlockGraph g;
+    kiv::VectorPOD<unsigned int> work;
+    buildGraph(problem, g, work);
+    if (!checkCoupling(g, message)) return false;
+    const unsigned int n = problem.numBlocks;
+    if (n > 0 && forward == nullptr) {
+        setMessage(message, "order: the order array must not be null");
+        return false;
+    }
+    if (!checkPermutation(forward, n, work, message)) return false;
+    kiv::VectorPOD<unsigned int> order(n);
+    if (n > 0) std::memcpy(order.data(), forward, n * sizeof(unsigned int));
+    RepairWork w;
+    const unsigned long count = repairInPlace(g, order, w, allowRuleR);
+    if (n > 0) std::memcpy(forward, order.data(), n * sizeof(unsigned int));
+    if (moved) *moved = count;
+    return true;
 }
 
 FactorCost predictCost(const Problem& problem, const unsigned int* forward) {
@@ -617,6 +707,7 @@ struct Analyzer::Impl {
 
     BlockGraph graph;
     CostWork costWork;
+    RepairWork repairWork;
     kiv::VectorPOD<unsigned int> order, inverse, candidate, candidateInverse, saved;
     kiv::VectorPOD<unsigned int> work1, work2, work3, work4, work5;
     kiv::VectorPOD<unsigned char> flags;
@@ -634,7 +725,6 @@ struct Analyzer::Impl {
     void orderStandard(const Problem& problem, const Options& options, Report& report);
     bool nestedDissection(unsigned int placed, unsigned int remainingBodies);
     void orderSymamdSwap(const Problem& problem, Report& report, bool allowR);
-    unsigned long repair(bool allowR);
     void buildSymbolic(const Problem& problem);
 };
 
@@ -877,64 +967,6 @@ bool Analyzer::Impl::nestedDissection(unsigned int placedCount, unsigned int rem
     return true;
 }
 
-// Moves every constraint that breaks the rule to the end of the run of constraints that follows its last body
-// (rule S), round after round: a move can make another constraint of the same body break rule R. A moved
-// constraint satisfies S for good, so at most one round per constraint. Returns the number of moves.
-unsigned long Analyzer::Impl::repair(bool allowR) {
-    const BlockGraph& g = graph;
-    const unsigned int n = g.n;
-    unsigned long moved = 0;
-    kiv::VectorPOD<unsigned int>& offenders = work1;
-    kiv::VectorPOD<unsigned int>& anchor = work2;  // per offender: position of its last body
-    kiv::VectorPOD<unsigned int>& sorted = work3;
-    grow(anchor, n);
-    grow(sorted, n);
-    flags.resize(n);
-    unsigned char* isOffender = flags.data();
-    for (unsigned int v = 0; v < n; ++v) isOffender[v] = 0;
-    for (;;) {
-        computeInverse(order.data(), n, inverse);
-        offenders.clear();
-        for (unsigned int k = 0; k < n; ++k) {
-            if (!g.isBody(order[k]) && !satisfiesRule(g, order.data(), inverse.data(), k, allowR)) {
-                offenders.push_back(order[k]);
-                anchor[offenders.size() - 1] = inverse[lastBody(g, order[k], inverse.data())];
-            }
-        }
-        if (offenders.empty()) return moved;
-        moved += offenders.size();
-        // Offenders by anchor position (counting sort, stable: equal anchors keep their current order).
-        grow(work4, n + 1);
-        grow(work5, n);
-        unsigned int* start = work4.data();
-        unsigned int* sortedAnchor = work5.data();
-        for (unsigned int k = 0; k <= n; ++k) start[k] = 0;
-        for (unsigned long q = 0; q < offenders.size(); ++q) ++start[anchor[q] + 1];
-        for (unsigned int k = 0; k < n; ++k) start[k + 1] += start[k];
-        for (unsigned long q = 0; q < offenders.size(); ++q) {
-            const unsigned int at = start[anchor[q]]++;
-            sorted[at] = offenders[q];
-            sortedAnchor[at] = anchor[q];
-            isOffender[offenders[q]] = 1;
-        }
-        // Rebuild: before each body (and at the end) come the offenders anchored at an earlier body, after the
-        // constraints that already follow that body.
-        candidate.resize(n);
-        unsigned long next = 0, out = 0;
-        for (unsigned int k = 0; k < n; ++k) {
-            const unsigned int v = order[k];
-            if (isOffender[v]) continue;
-            if (g.isBody(v)) {
-                while (next < offenders.size() && sortedAnchor[next] < k) candidate[out++] = sorted[next++];
-            }
-            candidate[out++] = v;
-        }
-        while (next < offenders.size()) candidate[out++] = sorted[next++];
-        for (unsigned long q = 0; q < offenders.size(); ++q) isOffender[offenders[q]] = 0;
-        order.swap(candidate);
-    }
-}
-
 // symamd, the zero-leaf swap, then the repair.
 void Analyzer::Impl::orderSymamdSwap(const Problem& problem, Report& report, bool allowR) {
     const unsigned int n = problem.numBlocks;
@@ -955,7 +987,7 @@ void Analyzer::Impl::orderSymamdSwap(const Problem& problem, Report& report, boo
         report.swapFailed = true;
         order.swap(saved);
     }
-    report.movedConstraints = repair(allowR);
+    report.movedConstraints = repairInPlace(graph, order, repairWork, allowR);
 }
 
 // Permuted pattern of A with the assembly map, its elimination tree and the filled pattern of L, for `order`.

@@ -81,7 +81,12 @@ void WaitBlock::wait() {
     if (spinWait) {
         const apr_uint32_t ticket = atomicInc32(&waiters);
         unlock();
-        while (ticket < waiters) _mm_pause();  // a signal counts the counter down (or resets it to 0)
+        // A signal counts the counter down (or resets it to 0). The yield now and then lets a thread that
+        // shares this processor (another program's, when the machine is busy) run.
+        for (unsigned int spins = 1; ticket < waiters; ++spins) {
+            _mm_pause();
+            if (spins % 256 == 0) std::this_thread::yield();
+        }
         lock();
     } else {
         kiv::checkCondition(condition.wait(&mutex));

@@ -71,10 +71,12 @@ void RankMod::collect(const EquationList& requests, unsigned char state, Equatio
 bool RankMod::coupledToMarked(const SparseMatrix<double>& A, unsigned int b, unsigned int s) const {
     const unsigned int i = offsets_[b] + s;
     auto hit = [&](unsigned int q, double v) { return marks_[q] && q != i && v != 0.0; };
+    const unsigned char* marked = workspace.marks.data;  // blocks holding a marked equation
     // Column s of the tiles (c, b), c ≤ b; of the diagonal tile only the part above the diagonal.
     const unsigned int begin = A.colPointers[b], end = A.colPointers[b + 1];
     for (unsigned int e = begin; e < end; ++e) {
         const unsigned int c = A.rowIndices[e];
+        if (!marked[c]) continue;
         const double* col = A.blockPointers[e] + static_cast<unsigned long>(s) * A.blockStrides[c];
         const unsigned int n = c == b ? s : A.blockSizes[c];
         for (unsigned int k = 0; k < n; ++k) {
@@ -86,6 +88,7 @@ bool RankMod::coupledToMarked(const SparseMatrix<double>& A, unsigned int b, uns
     const unsigned int first = rowsA.colPointers[b];
     for (unsigned int e = first; e < rowsA.colPointers[b + 1]; ++e) {
         const unsigned int c = rowsA.rowIndices[e];
+        if (!marked[c]) continue;
         const double* tile = rowsA.blocks[e];
         for (unsigned int k = e == first ? s + 1 : 0; k < A.blockSizes[c]; ++k) {
             if (hit(offsets_[c] + k, tile[s + k * ld])) return true;
@@ -131,14 +134,21 @@ bool RankMod::apply(TamberData<double>& data, const EquationList& switchOff, con
     batch_.clear();
     coupled_.clear();
     if (method == batched) {
-        for (const Equation& eq : additions_) marks_[offsets_[eq.first] + eq.second] = 1;
+        // The workspace's block marks (zero between its calls) flag the blocks holding an addition.
+        for (const Equation& eq : additions_) {
+            marks_[offsets_[eq.first] + eq.second] = 1;
+            ws.marks.data[eq.first] = 1;
+        }
         for (const Equation& eq : additions_) {
             if (coupledToMarked(data.matrix, eq.first, eq.second))
                 coupled_.push_back(eq);
             else
                 batch_.push_back(eq);
         }
-        for (const Equation& eq : additions_) marks_[offsets_[eq.first] + eq.second] = 0;
+        for (const Equation& eq : additions_) {
+            marks_[offsets_[eq.first] + eq.second] = 0;
+            ws.marks.data[eq.first] = 0;
+        }
     } else {
         coupled_ = additions_;  // storage kept: the copy reuses coupled_'s capacity once it has grown
     }

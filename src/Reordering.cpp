@@ -94,7 +94,7 @@ bool computeSymamdPermutation(const SkeletonMatrix& S, Permutation& P, ScratchPa
 void modifyPermutation(const SkeletonMatrix& S, unsigned long firstConstraint, Permutation& P) {
     const unsigned long n = P.size;
     LocalArray<unsigned char> placed(n);
-    std::memset(placed.data(), 0, n);
+    for (unsigned long k = 0; k < n; ++k) placed[k] = 0;
     unsigned int* forward = P.forward;
     const unsigned int* inverse = P.inverse;
     for (unsigned long k = 0; k < n; ++k) P.inverse[forward[k]] = static_cast<unsigned int>(k);

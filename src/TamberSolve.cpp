@@ -262,7 +262,7 @@ inline void backwardBlock(const SparseMatrix<T>& LD, unsigned int k, const T* xj
 // The factorization the solves run when data.isFactored is 0.
 template <typename T>
 void factorIfNeeded(Tamber& driver, TamberData<T>& data) {
-    if (!data.isFactored) driver.factorSerial<T>(data);
+    if (!data.isFactored) data.useMultifrontal != 0 ? driver.factorMF<T>(data) : driver.factorSerial<T>(data);
 }
 
 // Scalar dimension N of the input matrix, 0 when it has no block column.

@@ -258,12 +258,12 @@ void rank1Walk(SparseMatrix<double>& L, double* D, double* w, double sigma, cons
 // Rank-k core
 // ---------------------------------------------------------------------------------------------------------
 
-// Storage of one rank-k sweep; a holds the carried scalars a_j (already 1/σ_j). Block c's scalars lie at
-// woff[c] … woff[c] + s_c − 1 of every row of W (the block offsets of L, or a compact numbering of the blocks
-// the vectors can reach).
+// Storage of one rank-k sweep; a holds the carried scalars a_j (already 1/σ_j). Scalar q of block c of vector
+// j is W[rowOff[j] + woff[c] + q]: rowOff[j] = j·N and woff = the block offsets of L for plain rows, or a
+// packed row per vector holding only its tree path (see pathRows).
 struct RankKState {
     double* W;
-    unsigned long ld;  // row length of W
+    const long* rowOff;
     const unsigned int* woff;
     double* a;
     int* heads;
@@ -272,50 +272,91 @@ struct RankKState {
     int* collect;
 };
 
-// One block of the sweep; returns the block b's list moves on to, or b itself when it stops.
-unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& rows, const EliminationTree* tree,
-                        const RankKState& st, unsigned int b) {
-    unsigned int m = 0;
-    for (int j = st.heads[b]; j != -1; j = st.next[j]) st.collect[m++] = j;
-    std::sort(st.collect, st.collect + m);
+// One block's part of the sweep: its vectors (collected from its list and sorted ascending), its layout, and
+// the tiles of its block row (the column of L) with where their rows lie in W, read once per block.
+struct BlockSweep {
+    static constexpr unsigned int maxTiles = 24;
+    struct Tile {
+        double* l;          // the tile (b, c): L(q, t) at (t − off_b) + (q − off_c)·stride_b
+        unsigned int offc;  // first scalar of block c
+        unsigned int sc;    // size of block c
+        unsigned int wc;    // woff[c]
+    };
+    unsigned int b, off, size, wb, eBegin, eEnd, m, numTiles;
+    unsigned long ldb;
+    const int* vectors;
+    Tile tiles[maxTiles];  // filled when the row has at most maxTiles tiles (numTiles ≤ maxTiles)
+};
 
-    const unsigned int off = L.blockOffsets[b], size = L.blockSizes[b];
-    const unsigned long ldb = L.blockStrides[b];
-    const unsigned int eBegin = rows.colPointers[b], eEnd = rows.colPointers[b + 1];
-    const unsigned int wb = st.woff[b];
-    for (unsigned int t = off; t < off + size; ++t) {
-        const unsigned int wt = wb + (t - off);  // t in the rows of W
-        for (unsigned int x = 0; x < m; ++x) {
-            const int j = st.collect[x];
-            const double p = st.W[j * st.ld + wt];
-            const double d = D[t];
-            const double aNew = p * p / d + st.a[j];
-            const double e = d * aNew;
-            st.betas[j] = p / e;
-            D[t] = e / st.a[j];
-            st.a[j] = aNew;
-        }
-        for (unsigned int x = 0; x < m; ++x) {
-            const int j = st.collect[x];
-            double* wj = st.W + j * st.ld;
-            const double p = wj[wt];
-            if (p == 0.0) continue;
-            const double beta = st.betas[j];
-            for (unsigned int k = eBegin; k < eEnd; ++k) {
-                const unsigned int c = rows.rowIndices[k];
-                const unsigned int offc = L.blockOffsets[c], sc = L.blockSizes[c];
-                const unsigned int q0 = t + 1 > offc ? t + 1 - offc : 0;
-                double* l = rows.blocks[k] + (t - off);
-                double* wc = wj + st.woff[c];
-                for (unsigned int q = q0; q < sc; ++q) {
-                    double& lqt = l[q * ldb];
-                    wc[q] = wc[q] - p * lqt;
-                    lqt = lqt + beta * wc[q];
-                }
-            }
+void beginBlock(const SparseMatrix<double>& L, const MetaLayout& rows, const RankKState& st, unsigned int b,
+                int* collect, BlockSweep& bs) {
+    unsigned int m = 0;
+    for (int j = st.heads[b]; j != -1; j = st.next[j]) collect[m++] = j;
+    std::sort(collect, collect + m);
+    bs.b = b;
+    bs.off = L.blockOffsets[b];
+    bs.size = L.blockSizes[b];
+    bs.wb = st.woff[b];
+    bs.eBegin = rows.colPointers[b];
+    bs.eEnd = rows.colPointers[b + 1];
+    bs.m = m;
+    bs.ldb = L.blockStrides[b];
+    bs.vectors = collect;
+    bs.numTiles = bs.eEnd - bs.eBegin;
+    if (bs.numTiles <= BlockSweep::maxTiles) {
+        for (unsigned int k = 0; k < bs.numTiles; ++k) {
+            const unsigned int c = rows.rowIndices[bs.eBegin + k];
+            bs.tiles[k] = BlockSweep::Tile{rows.blocks[bs.eBegin + k], L.blockOffsets[c], L.blockSizes[c], st.woff[c]};
         }
     }
+}
 
+// The column of t for one vector: w_q −= p·l_qt, then l_qt += β·w_q, for every stored q > t.
+inline void columnUpdate(double* l, unsigned long ldb, double* wc, unsigned int q0, unsigned int sc, double p,
+                         double beta) {
+    for (unsigned int q = q0; q < sc; ++q) {
+        double& lqt = l[q * ldb];
+        wc[q] = wc[q] - p * lqt;    // w_jq −= p·l_qt
+        lqt = lqt + beta * wc[q];  // l_qt += β_j·w_jq
+    }
+}
+
+// Step 4 for vector j at scalar t of the block: 4.1 (pivot, β_j, a_j), then 4.2 (the column of t). Running
+// 4.1 and 4.2 vector by vector instead of in two passes changes nothing: 4.1 of a vector reads only W[j][t],
+// D[t] and a_j, which 4.2 of the vectors before it does not write, so every value sees the same operations
+// in the same order.
+inline void sweepVector(const SparseMatrix<double>& L, double* D, const MetaLayout& rows, const RankKState& st,
+                        const BlockSweep& bs, unsigned int t, int j) {
+    double* wj = st.W + st.rowOff[j];
+    const double p = wj[bs.wb + (t - bs.off)];
+    const double d = D[t];
+    const double aNew = p * p / d + st.a[j];
+    const double e = d * aNew;
+    const double beta = p / e;
+    st.betas[j] = beta;
+    D[t] = e / st.a[j];
+    st.a[j] = aNew;
+    if (p == 0.0) return;
+    const unsigned int tl = t - bs.off;
+    if (bs.numTiles <= BlockSweep::maxTiles) {
+        for (unsigned int k = 0; k < bs.numTiles; ++k) {
+            const BlockSweep::Tile& T = bs.tiles[k];
+            const unsigned int q0 = t + 1 > T.offc ? t + 1 - T.offc : 0;
+            columnUpdate(T.l + tl, bs.ldb, wj + T.wc, q0, T.sc, p, beta);
+        }
+        return;
+    }
+    for (unsigned int k = bs.eBegin; k < bs.eEnd; ++k) {
+        const unsigned int c = rows.rowIndices[k];
+        const unsigned int offc = L.blockOffsets[c];
+        const unsigned int q0 = t + 1 > offc ? t + 1 - offc : 0;
+        columnUpdate(rows.blocks[k] + tl, bs.ldb, wj + st.woff[c], q0, L.blockSizes[c], p, beta);
+    }
+}
+
+// Step 5 and 6: the block that continues b's list (b itself when the list stops), and the append.
+unsigned int finishBlock(const SparseMatrix<double>& L, const MetaLayout& rows, const EliminationTree* tree,
+                         const RankKState& st, unsigned int b) {
     const unsigned int f = TreeUpdate::findFirstBlock(L, rows, b);
     const unsigned int o = tree->parent[b];
     unsigned int target;
@@ -326,6 +367,12 @@ unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& ro
     } else {
         target = o;
     }
+    // The vectors of b are next needed at the target: fetch their entries there (a hint only).
+    for (int j = st.heads[b]; j != -1; j = st.next[j]) {
+        const double* w = st.W + st.rowOff[j] + st.woff[target];
+        __builtin_prefetch(w, 1);
+        __builtin_prefetch(w + 7, 1);
+    }
     if (st.heads[target] == -1) {
         st.heads[target] = st.heads[b];
     } else {
@@ -334,6 +381,32 @@ unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& ro
         st.next[last] = st.heads[b];
     }
     return target;
+}
+
+// Calls fn(u, x) for every scalar u < s and vector x < m of a block in anti-diagonal order (u + x ascending,
+// u ascending within a diagonal). Step (t, j) depends on (t, j−1) through D[t] and on (t−1, j) through
+// W[j][t] and a_j only, so this order applies every value's operations in the same order as the row order
+// t-major, j-minor, while the steps of one diagonal are independent and their pivot recurrences overlap.
+template <typename Fn>
+inline void wavefront(unsigned int s, unsigned int m, unsigned int diagonal, Fn fn) {
+    const unsigned int first = diagonal + 1 > m ? diagonal + 1 - m : 0;
+    const unsigned int last = std::min(diagonal + 1, s);
+    for (unsigned int u = first; u < last; ++u) fn(u, diagonal - u);
+}
+
+// One block of the sweep; returns the block b's list moves on to, or b itself when it stops.
+unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& rows, const EliminationTree* tree,
+                        const RankKState& st, unsigned int b) {
+    BlockSweep bs;
+    beginBlock(L, rows, st, b, st.collect, bs);
+    if (bs.m > 0) {
+        for (unsigned int g = 0; g + 1 < bs.size + bs.m; ++g) {
+            wavefront(bs.size, bs.m, g, [&](unsigned int u, unsigned int x) {
+                sweepVector(L, D, rows, st, bs, bs.off + u, bs.vectors[x]);
+            });
+        }
+    }
+    return finishBlock(L, rows, tree, st, b);
 }
 
 // The sweep over every block in ascending order, skipping empty lists.
@@ -364,7 +437,6 @@ void rankKSparse(SparseMatrix<double>& L, double* D, const MetaLayout& rows, con
         std::pop_heap(heap, heap + size, later);
         const unsigned int b = heap[--size];
         done[numDone++] = b;
-        if (b >= L.numBlockRows) continue;
         const unsigned int target = rankKBlock(L, D, rows, tree, st, b);
         if (target != b && !queued[target]) {
             queued[target] = 1;
@@ -617,14 +689,17 @@ void buildLists(const EquationList& eqs, int* heads, int* next) {
     }
 }
 
-// Step 1 and 2 of deleteKRows into the rows of W (k rows of ld, block c at woff[c]); sigmas[j] receives the
-// old pivots.
+// Step 1 and 2 of deleteKRows into the rows of W (scalar q of block c of row j at rowOff[j] + woff[c] + q);
+// sigmas[j] receives the old pivots.
+// deleted: null, or N flags (non-zero for the equations of eqs): their entries are then left zero while the
+// rows are filled, instead of being cleared in all k rows afterwards (the same W, without the k² stores).
 void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs, const MetaLayout& rows,
-                     double* W, unsigned long ld, const unsigned int* woff, double* sigmas) {
+                     double* W, const long* rowOff, const unsigned int* woff, double* sigmas,
+                     const unsigned char* deleted) {
     const unsigned long k = eqs.size();
     for (unsigned long j = 0; j < k; ++j) {
         const unsigned int b = eqs[j].first, s = eqs[j].second;
-        double* wj = W + j * ld;
+        double* wj = W + rowOff[j];
         const unsigned int begin = L.colPointers[b], end = L.colPointers[b + 1];
         for (unsigned int e = begin; e < end; ++e) {
             const unsigned int c = L.rowIndices[e];
@@ -637,8 +712,9 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
             double* tile = rows.blocks[e];
             double* wc = wj + woff[c];
             const unsigned int sc = L.blockSizes[c];
+            const unsigned char* dc = deleted ? deleted + L.blockOffsets[c] : nullptr;
             for (unsigned int q = 0; q < sc; ++q) {
-                wc[q] = tile[s + q * ldb];
+                if (!dc || !dc[q]) wc[q] = tile[s + q * ldb];
                 tile[s + q * ldb] = 0.0;
             }
         }
@@ -649,8 +725,9 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
         const unsigned int i = L.blockOffsets[b] + s;
         sigmas[j] = D[i];
         D[i] = 1.0;
+        if (deleted) continue;
         const unsigned long wi = woff[b] + s;
-        for (unsigned long r = 0; r < k; ++r) W[r * ld + wi] = 0.0;  // no vector reaches a deleted equation
+        for (unsigned long r = 0; r < k; ++r) W[rowOff[r] + wi] = 0.0;  // no vector reaches a deleted equation
     }
 }
 
@@ -673,8 +750,10 @@ void TamberUpdate::Workspace::reserve(unsigned long nb, unsigned long N, unsigne
     reach.reserve(nb, 0);
     path.reserve(nb, 0);
     wOffsets.reserve(nb, 0);
+    rowOffsets.reserve(maxBatch, 0);
     heap.reserve(nb, 0);
     marks.reserve(nb, 0);
+    scalarMarks.reserve(N, 0);
     numBlocks = std::max(numBlocks, nb);
     dimension = std::max(dimension, N);
     batchCapacity = std::max(batchCapacity, maxBatch);
@@ -986,7 +1065,9 @@ bool TamberUpdate::rankKUpdate(SparseMatrix<double>& L, DenseVector<double>& D, 
     OwnedArray<double> betas(k);
     OwnedArray<int> collect(k);
     for (unsigned long j = 0; j < k; ++j) sigmas.data[j] = 1.0 / sigmas.data[j];
-    const RankKState st{W.data,           W.numCols,        L.blockOffsets, sigmas.data,
+    OwnedArray<long> rowOff(k);
+    for (unsigned long j = 0; j < k; ++j) rowOff.get()[j] = static_cast<long>(j * W.numCols);
+    const RankKState st{W.data,           rowOff.get(),     L.blockOffsets, sigmas.data,
                         listHeads.data(), listNext.data(), betas.get(),    collect.get()};
     rankKScan(L, D.data, rows, tree, st);
     return true;
@@ -1023,7 +1104,9 @@ bool TamberUpdate::deleteKRows(SparseMatrix<double>& L, DenseVector<double>& D, 
     DenseVector<double> sigmas;
     sigmas.resize(k);
     OwnedArray<double> Wdata(k * n);
-    removeEquations(L, D.data, eqs, rows, Wdata.get(), n, L.blockOffsets, sigmas.data);
+    OwnedArray<long> rowOff(k);
+    for (unsigned long j = 0; j < k; ++j) rowOff.get()[j] = static_cast<long>(j * n);
+    removeEquations(L, D.data, eqs, rows, Wdata.get(), rowOff.get(), L.blockOffsets, sigmas.data, nullptr);
     std::vector<int> listHeads(L.numBlockCols, -1), listNext(k, -1);
     buildLists(eqs, listHeads.data(), listNext.data());
     DenseMatrix<double> W(n, k, Wdata.get());
@@ -1032,35 +1115,41 @@ bool TamberUpdate::deleteKRows(SparseMatrix<double>& L, DenseVector<double>& D, 
 
 namespace {
 
-// Numbers the scalars of the union of the tree paths from the blocks of `eqs` to their roots compactly: block
-// c of the union gets woff[c] (ws.wOffsets); returns the row length. The blocks are listed in ws.path.
-unsigned long compactRows(const SparseMatrix<double>& L, const EliminationTree* tree, const EquationList& eqs,
-                          TamberUpdate::Workspace& ws, unsigned long& numBlocks) {
-    unsigned char* mark = ws.marks.data;
-    unsigned int* woff = ws.wOffsets.data;
-    unsigned long length = 0, count = 0;
-    for (const Equation& eq : eqs) {
-        for (unsigned int x = eq.first; !mark[x]; x = tree->parent[x]) {
-            mark[x] = 1;
-            ws.path.data[count++] = x;
-            woff[x] = static_cast<unsigned int>(length);
-            length += L.blockSizes[x];
-        }
-    }
-    for (unsigned long k = 0; k < count; ++k) mark[ws.path.data[k]] = 0;
-    numBlocks = count;
-    return length;
-}
-
-// Zeroes row j of W (compact numbering) on the tree path of equation j's block, where its vector lives.
-void clearRows(const SparseMatrix<double>& L, const EliminationTree* tree, const EquationList& eqs, double* W,
-               unsigned long ld, const unsigned int* woff) {
+// Packed rows: vector j keeps only its tree path b_j, parent(b_j), …, root, in that order, in
+// W[start_j .. start_j + S(b_j)), S(x) being the number of scalars from x up to its root; its rows lie back to
+// back. Block c of the path then starts at start_j + S(b_j) − S(c) = rowOff[j] + woff[c] with
+// woff[c] = N − S(c) (ws.wOffsets) and rowOff[j] = start_j − (N − S(b_j)) (ws.rowOffsets). Each vector's
+// entries are contiguous along its path, as a single rank-one vector's are. Returns the total length.
+unsigned long pathRows(const SparseMatrix<double>& L, const EliminationTree* tree, const EquationList& eqs,
+                       TamberUpdate::Workspace& ws) {
+    const long N = static_cast<long>(ws.dimension);
+    unsigned char* known = ws.marks.data;
+    unsigned int* R = ws.wOffsets.data;  // N − S(x)
+    unsigned int* stack = ws.heap.data;
+    unsigned int* seen = ws.path.data;
+    unsigned long numSeen = 0, total = 0;
     for (unsigned long j = 0; j < eqs.size(); ++j) {
-        double* wj = W + j * ld;
-        forEachOnPath(tree, eqs[j].first, [&](unsigned int x) {
-            std::memset(static_cast<void*>(wj + woff[x]), 0, L.blockSizes[x] * sizeof(double));
-        });
+        unsigned long depth = 0;
+        unsigned int x = eqs[j].first;
+        while (!known[x]) {  // up to the first block whose S is known, or past the root
+            stack[depth++] = x;
+            if (tree->parent[x] == x) break;
+            x = tree->parent[x];
+        }
+        while (depth > 0) {  // S(x) = s_x + S(parent(x)), S(root) = s_root
+            const unsigned int y = stack[--depth];
+            const unsigned int p = tree->parent[y];
+            const unsigned int above = p == y ? static_cast<unsigned int>(N) : R[p];
+            R[y] = above - L.blockSizes[y];
+            known[y] = 1;
+            seen[numSeen++] = y;
+        }
+        const long S = N - static_cast<long>(R[eqs[j].first]);
+        ws.rowOffsets.data[j] = static_cast<long>(total) - (N - S);
+        total += static_cast<unsigned long>(S);
     }
+    for (unsigned long k = 0; k < numSeen; ++k) known[seen[k]] = 0;
+    return total;
 }
 
 }  // namespace
@@ -1070,10 +1159,10 @@ bool TamberUpdate::addKRows(SparseMatrix<double>& L, DenseVector<double>& D, con
                             EliminationTree* tree, Workspace& ws) {
     if (eqs.empty()) return true;
     const unsigned long k = eqs.size();
-    unsigned long numPathBlocks = 0;
-    const unsigned long ld = compactRows(L, tree, eqs, ws, numPathBlocks);
+    const unsigned long length = pathRows(L, tree, eqs, ws);
     double* const W = ws.W.data;
     const unsigned int* woff = ws.wOffsets.data;
+    const long* rowOff = ws.rowOffsets.data;
     double* const y = ws.y.data;
     for (unsigned long j = 0; j < k; ++j) {
         const unsigned int b = eqs[j].first, s = eqs[j].second;
@@ -1081,7 +1170,7 @@ bool TamberUpdate::addKRows(SparseMatrix<double>& L, DenseVector<double>& D, con
         SparseMode mode(ws, y);
         const double d = insertEquation(L, D.data, A, b, s, rows, rowsA, tree, mode);
         // Row j of W: the new column below i (it lies on the path of b); y is cleared where it was written.
-        double* wj = W + j * ld;
+        double* wj = W + rowOff[j];
         forEachOnPath(tree, b, [&](unsigned int x) {
             const unsigned int off = L.blockOffsets[x], end = off + L.blockSizes[x];
             for (unsigned int q = std::max(off, i + 1); q < end; ++q) wj[woff[x] + (q - off)] = y[q];
@@ -1091,10 +1180,10 @@ bool TamberUpdate::addKRows(SparseMatrix<double>& L, DenseVector<double>& D, con
         ws.sigmas.data[j] = 1.0 / -d;
     }
     buildLists(eqs, ws.listHeads.data, ws.listNext.data);
-    const RankKState st{W, ld, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data,
+    const RankKState st{W, rowOff, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data,
                         ws.collect.data};
     rankKSparse(L, D.data, rows, tree, st, eqs, ws);
-    clearRows(L, tree, eqs, W, ld, woff);
+    std::memset(static_cast<void*>(W), 0, length * sizeof(double));
     return true;
 }
 
@@ -1102,17 +1191,24 @@ bool TamberUpdate::deleteKRows(SparseMatrix<double>& L, DenseVector<double>& D, 
                                const MetaLayout& rows, EliminationTree* tree, Workspace& ws) {
     if (eqs.empty()) return true;
     const unsigned long k = eqs.size();
-    unsigned long numPathBlocks = 0;
-    const unsigned long ld = compactRows(L, tree, eqs, ws, numPathBlocks);
+    const unsigned long length = pathRows(L, tree, eqs, ws);
     double* const W = ws.W.data;
-    const unsigned int* woff = ws.wOffsets.data;
-    removeEquations(L, D.data, eqs, rows, W, ld, woff, ws.sigmas.data);
+    unsigned char* deleted = ws.scalarMarks.data;
+    for (const Equation& eq : eqs) deleted[L.blockOffsets[eq.first] + eq.second] = 1;
+    removeEquations(L, D.data, eqs, rows, W, ws.rowOffsets.data, ws.wOffsets.data, ws.sigmas.data, deleted);
+    for (const Equation& eq : eqs) deleted[L.blockOffsets[eq.first] + eq.second] = 0;
     for (unsigned long j = 0; j < k; ++j) ws.sigmas.data[j] = 1.0 / ws.sigmas.data[j];
     buildLists(eqs, ws.listHeads.data, ws.listNext.data);
-    const RankKState st{W, ld, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data,
+    const RankKState st{W,
+                        ws.rowOffsets.data,
+                        ws.wOffsets.data,
+                        ws.sigmas.data,
+                        ws.listHeads.data,
+                        ws.listNext.data,
+                        ws.betas.data,
                         ws.collect.data};
     rankKSparse(L, D.data, rows, tree, st, eqs, ws);
-    clearRows(L, tree, eqs, W, ld, woff);
+    std::memset(static_cast<void*>(W), 0, length * sizeof(double));
     return true;
 }
 

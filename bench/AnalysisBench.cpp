@@ -1,0 +1,222 @@
+// The analysis (ordering, symbolic factorization, matrix layout) on the physics scenes: chain, ragdolls,
+// cloth and box wall at about 1,000, 10,000 and 50,000 blocks, and on 3-D box piles (pattern only). For each
+// system and ordering: the median time of each phase over `runs` repetitions, the size of the factor
+// (nnz(L), scalar entries with the unit diagonal) and its cost in flops (Analysis::FactorCost), and the
+// flops relative to symamd + zero-leaf swap + repair.
+//
+// Orderings:
+//   standard     peel, csymamd with bodies first, nested dissection when predicted > 5e7 flops
+//   symamd+rep   symamd, Reordering::zeroLeafSwap, then the repair of the rule (moved = constraints moved)
+//   symamd+swap  the same without the repair (breaks = positions where the rule is broken; not loadable)
+//   natural      the user's numbering: bodies, then constraints
+// The standard row also times the assembly of all values (setBlocks) and a permuteVector/unpermuteVector.
+//
+// Usage: AnalysisBench [runs (default 5)] [largest block count (default 50000)]
+#include <kiv/Timer.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "Analysis.h"
+#include "Reordering.h"
+#include "scenes/Scenes.h"
+
+using namespace kivTamber;
+using namespace kivTamber::scenes;
+
+namespace {
+
+double seconds(std::uint64_t start) {
+    return kiv::Timer::seconds(start, kiv::Timer::ticks());
+}
+
+double median(std::vector<double> v) {
+    std::sort(v.begin(), v.end());
+    const std::size_t m = v.size() / 2;
+    return v.size() % 2 ? v[m] : 0.5 * (v[m - 1] + v[m]);
+}
+
+// A 3-D pile of nx × ny × nz boxes (6×6 blocks) with 3-row contacts: each bottom box on the ground, each box
+// on the one below, and each box against its +x and +y neighbours. Pattern only (values zero).
+void buildBoxPile(unsigned int nx, unsigned int ny, unsigned int nz, BlockProblem& p) {
+    const unsigned int boxes = nx * ny * nz;
+    auto id = [=](unsigned int x, unsigned int y, unsigned int z) { return (z * ny + y) * nx + x; };
+    std::vector<std::pair<unsigned int, unsigned int>> contacts;  // (a, b), b = noBlock for the ground
+    for (unsigned int z = 0; z < nz; ++z) {
+        for (unsigned int y = 0; y < ny; ++y) {
+            for (unsigned int x = 0; x < nx; ++x) {
+                const unsigned int a = id(x, y, z);
+                contacts.emplace_back(a, z == 0 ? noBlock : id(x, y, z - 1));
+                if (x + 1 < nx) contacts.emplace_back(a, id(x + 1, y, z));
+                if (y + 1 < ny) contacts.emplace_back(a, id(x, y + 1, z));
+            }
+        }
+    }
+    const unsigned int n = boxes + static_cast<unsigned int>(contacts.size());
+    p.reset(n, boxes);
+    for (unsigned int b = 0; b < n; ++b) p.blockSizes[b] = b < boxes ? 6 : 3;
+    for (unsigned int b = 0; b < boxes; ++b) p.addEntry(b, b);
+    for (unsigned int c = 0; c < contacts.size(); ++c) {
+        unsigned int a = contacts[c].first, b = contacts[c].second;
+        if (b != noBlock && b < a) std::swap(a, b);
+        p.addEntry(a, boxes + c);
+        if (b != noBlock) p.addEntry(b, boxes + c);
+        p.addEntry(boxes + c, boxes + c);
+    }
+    p.finish();
+}
+
+struct Timing {
+    std::vector<double> check, order, symbolic, layout, assembly;
+};
+
+void printRow(const char* scene, const BlockProblem& p, const char* method, const Timing& t,
+              const Analysis::FactorCost& cost, double reference, const std::string& note) {
+    auto ms = [](const std::vector<double>& v) { return v.empty() ? -1.0 : 1e3 * median(v); };
+    std::printf("%-10s %7u %8u  %-12s %8.2f %8.2f %8.2f %8.2f %8.2f  %11lu %11.4g %7.3f  %s\n", scene,
+                p.numBlocks, p.scalarSize(), method, ms(t.check), ms(t.order), ms(t.symbolic), ms(t.layout),
+                ms(t.assembly), cost.scalarEntries, cost.flops, reference > 0 ? cost.flops / reference : 0.0,
+                note.c_str());
+    std::fflush(stdout);
+}
+
+void runSystem(const char* scene, const BlockProblem& p, int runs) {
+    Analysis::Problem problem{p.numBlocks, p.firstConstraint, p.colPointers.data(), p.rowIndices.data(),
+                              p.blockSizes.data()};
+    std::string message;
+    if (!Analysis::checkProblem(problem, &message)) {
+        std::printf("%-10s %7u  invalid problem: %s\n", scene, p.numBlocks, message.c_str());
+        return;
+    }
+
+    // symamd + swap + repair first: it is the reference of the flop ratios.
+    Analysis::Options repairOptions;
+    repairOptions.ordering = Analysis::Ordering::symamdSwap;
+    Analysis::Options standardOptions;
+    Analysis::Options naturalOptions;
+    naturalOptions.ordering = Analysis::Ordering::natural;
+
+    struct Result {
+        Timing timing;
+        Analysis::Report report;
+    };
+    auto runAnalysis = [&](const Analysis::Options& options, bool assemble) {
+        Result r;
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        std::vector<double> x(p.scalarSize()), y(p.scalarSize());
+        for (int k = 0; k < runs; ++k) {
+            r.report = analyzer.analyze(problem, options, data);
+            if (!r.report.ok) return r;
+            r.timing.check.push_back(r.report.checkSeconds);
+            r.timing.order.push_back(r.report.orderSeconds);
+            r.timing.symbolic.push_back(r.report.symbolicSeconds);
+            r.timing.layout.push_back(r.report.layoutSeconds);
+            if (assemble) {
+                const std::uint64_t t = kiv::Timer::ticks();
+                analyzer.setBlocks(data, p.values.data(), p.valuePointers.data());
+                analyzer.permuteVector(x.data(), y.data());
+                analyzer.unpermuteVector(y.data(), x.data());
+                r.timing.assembly.push_back(seconds(t));
+            }
+        }
+        return r;
+    };
+
+    const Result repaired = runAnalysis(repairOptions, false);
+    const Result standard = runAnalysis(standardOptions, true);
+    const Result natural = runAnalysis(naturalOptions, false);
+    if (!repaired.report.ok || !standard.report.ok || !natural.report.ok) {
+        std::printf("%-10s analysis failed: %s%s%s\n", scene, repaired.report.message.c_str(),
+                    standard.report.message.c_str(), natural.report.message.c_str());
+        return;
+    }
+    const double reference = repaired.report.cost.flops;
+
+    char note[160];
+    const Analysis::Report& sr = standard.report;
+    if (sr.nestedDissectionFlops > 0) {
+        std::snprintf(note, sizeof note, "peeled %lu, ND %s (md/nd = %.2f)", sr.peeledBlocks,
+                      sr.usedNestedDissection ? "kept" : "tried", sr.minimumDegreeFlops / sr.nestedDissectionFlops);
+    } else {
+        std::snprintf(note, sizeof note, "peeled %lu", sr.peeledBlocks);
+    }
+    printRow(scene, p, "standard", standard.timing, standard.report.cost, reference, note);
+    std::snprintf(note, sizeof note, "moved %lu%s", repaired.report.movedConstraints,
+                  repaired.report.swapFailed ? ", swap failed" : "");
+    printRow(scene, p, "symamd+rep", repaired.timing, repaired.report.cost, reference, note);
+
+    // The unrepaired path, straight through the orderings (its order may break the rule: cost only).
+    {
+        SkeletonMatrix S, T;
+        EliminationTree tree;
+        Permutation P;
+        ScratchPad pad;
+        S.resize(p.numBlocks, p.numEntries(), false);
+        std::copy(p.colPointers.begin(), p.colPointers.end(), S.colPointers);
+        std::copy(p.rowIndices.begin(), p.rowIndices.end(), S.rowIndices);
+        Timing t;
+        bool swapped = false;
+        for (int k = 0; k < runs; ++k) {
+            const std::uint64_t start = kiv::Timer::ticks();
+            Reordering::computeSymamdPermutation(S, P, pad);
+            swapped = Reordering::zeroLeafSwap(S, T, tree, p.firstConstraint, P, pad);
+            t.order.push_back(seconds(start));
+        }
+        const Analysis::FactorCost cost = Analysis::predictCost(problem, P.forward);
+        // Count the positions that break the rule by checking prefixes: report the first offence only.
+        std::string why;
+        const bool legal = Analysis::checkOrder(problem, P.forward, &why);
+        std::snprintf(note, sizeof note, "%s%s", swapped ? "" : "swap failed, ",
+                      legal ? "satisfies the rule" : "breaks the rule");
+        printRow(scene, p, "symamd+swap", t, cost, reference, note);
+    }
+    printRow(scene, p, "natural", natural.timing, natural.report.cost, reference, "");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
+    const unsigned long largest = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 50000;
+
+    std::printf("Analysis of saddle-point block systems; times in ms (median of %d runs), nnz(L) in scalars "
+                "with the diagonal, flops of L·D·Lᵀ, ratio = flops / flops(symamd+rep)\n",
+                runs);
+    std::printf("%-10s %7s %8s  %-12s %8s %8s %8s %8s %8s  %11s %11s %7s  %s\n", "scene", "blocks", "N", "ordering",
+                "check", "order", "symbolic", "layout", "assembly", "nnz(L)", "flops", "ratio", "notes");
+
+    const struct {
+        SceneKind kind;
+        const char* name;
+    } kinds[] = {{SceneKind::chain, "chain"},
+                 {SceneKind::ragdolls, "ragdolls"},
+                 {SceneKind::cloth, "cloth"},
+                 {SceneKind::boxWall, "boxwall"}};
+    BlockProblem problem;
+    for (const auto& k : kinds) {
+        for (unsigned long blocks : {1000ul, 10000ul, 50000ul}) {
+            if (blocks > largest) continue;
+            std::unique_ptr<Scene> scene = makeScene(k.kind, sizeForBlockCount(k.kind, blocks));
+            scene->build(problem);
+            runSystem(k.name, problem, runs);
+        }
+    }
+    // Reference systems of known shape: cloth 32×32 and 128×128 particles, 3-D box piles.
+    for (unsigned int side : {32u, 128u}) {
+        if ((2ul * side - 1) * (2ul * side - 1) > 2 * largest) continue;
+        Cloth cloth(side);
+        cloth.build(problem);
+        runSystem(side == 32 ? "cloth32" : "cloth128", problem, runs);
+    }
+    buildBoxPile(16, 16, 4, problem);
+    runSystem("pile16x4", problem, runs);
+    if (largest >= 30000) {
+        buildBoxPile(25, 25, 12, problem);
+        runSystem("pile25x12", problem, runs);
+    }
+    return 0;
+}
