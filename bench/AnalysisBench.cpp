@@ -140,7 +140,8 @@ void runSystem(const char* scene, const BlockProblem& p, int runs) {
     const Analysis::Report& sr = standard.report;
     if (sr.nestedDissectionFlops > 0) {
         std::snprintf(note, sizeof note, "peeled %lu, ND %s (md/nd = %.2f)", sr.peeledBlocks,
-                      sr.usedNestedDissection ? "kept" : "tried", sr.minimumDegreeFlops / sr.nestedDissectionFlops);
+                      sr.usedNestedDissection ? "kept" : "tried",
+                      sr.minimumDegreeFlops / sr.nestedDissectionFlops);
     } else {
         std::snprintf(note, sizeof note, "peeled %lu", sr.peeledBlocks);
     }
@@ -183,11 +184,13 @@ int main(int argc, char** argv) {
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const unsigned long largest = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 50000;
 
-    std::printf("Analysis of saddle-point block systems; times in ms (median of %d runs), nnz(L) in scalars "
-                "with the diagonal, flops of L·D·Lᵀ, ratio = flops / flops(symamd+rep)\n",
-                runs);
-    std::printf("%-10s %7s %8s  %-12s %8s %8s %8s %8s %8s  %11s %11s %7s  %s\n", "scene", "blocks", "N", "ordering",
-                "check", "order", "symbolic", "layout", "assembly", "nnz(L)", "flops", "ratio", "notes");
+    std::printf(
+        "Analysis of saddle-point block systems; times in ms (median of %d runs), nnz(L) in scalars "
+        "with the diagonal, flops of L·D·Lᵀ, ratio = flops / flops(symamd+rep)\n",
+        runs);
+    std::printf("%-10s %7s %8s  %-12s %8s %8s %8s %8s %8s  %11s %11s %7s  %s\n", "scene", "blocks", "N",
+                "ordering", "check", "order", "symbolic", "layout", "assembly", "nnz(L)", "flops", "ratio",
+                "notes");
 
     const struct {
         SceneKind kind;

@@ -136,20 +136,20 @@ int main(int argc, char** argv) {
     const int reps = argc > 1 ? std::max(3, std::atoi(argv[1])) : 11;
     const unsigned long maxBlocks = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 50000;
 
-    std::printf("RankMod: switching constraint equations off and on again vs factorSerial; medians of %d runs\n",
-                reps);
-    std::printf("%-6s %6s %7s %9s | %-10s %4s | %10s %10s %7s %7s | %10s %10s %7s %7s | %6s\n", "scene", "blocks",
-                "N", "refactor", "selection", "k", "single off", "single on", "ref/off", "ref/on", "batch off",
-                "batch on", "ref/off", "ref/on", "allocs");
+    std::printf(
+        "RankMod: switching constraint equations off and on again vs factorSerial; medians of %d runs\n",
+        reps);
+    std::printf("%-6s %6s %7s %9s | %-10s %4s | %10s %10s %7s %7s | %10s %10s %7s %7s | %6s\n", "scene",
+                "blocks", "N", "refactor", "selection", "k", "single off", "single on", "ref/off", "ref/on",
+                "batch off", "batch on", "ref/off", "ref/on", "allocs");
 
     const scenes::SceneKind kinds[] = {scenes::SceneKind::chain, scenes::SceneKind::cloth};
-    const int numKinds = getenv("PM") ? 1 : 2;
     const unsigned long sizes[] = {1000, 10000, 50000};
-    for (int kk = 0; kk < numKinds; ++kk) {
-        const scenes::SceneKind kind = kinds[kk];
+    for (scenes::SceneKind kind : kinds) {
         for (unsigned long blocks : sizes) {
             if (blocks > maxBlocks) continue;
-            std::unique_ptr<scenes::Scene> scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, blocks));
+            std::unique_ptr<scenes::Scene> scene =
+                scenes::makeScene(kind, scenes::sizeForBlockCount(kind, blocks));
             scene->setTime(0.37);
             scenes::BlockProblem problem;
             scene->build(problem);
@@ -186,7 +186,9 @@ int main(int argc, char** argv) {
                 unsigned int k;
                 bool clustered;
             };
-            const Run runs[] = {{"random", 1, false}, {"random", 10, false}, {"random", 100, false},
+            const Run runs[] = {{"random", 1, false},
+                                {"random", 10, false},
+                                {"random", 100, false},
                                 {"clustered", 100, true}};
             unsigned long allocations = 0;
             for (const Run& run : runs) {
@@ -205,9 +207,7 @@ int main(int argc, char** argv) {
                             if (std::find(off.begin(), off.end(), eq) == off.end()) off.push_back(eq);
                         }
                     }
-                    const int m0 = getenv("PM") ? atoi(getenv("PM")) : 0, m1 = getenv("PM") ? m0 + 1 : 2;
-                    if (getenv("PM") && run.k != 100) continue;
-                    for (int m = m0; m < m1; ++m) {
+                    for (int m = 0; m < 2; ++m) {
                         const RankMod::Method method = m == 0 ? RankMod::singles : RankMod::batched;
                         const auto a0 = kiv::ByteAllocator::allocationCount();
                         const auto t0 = Clock::now();
@@ -224,27 +224,30 @@ int main(int argc, char** argv) {
                 }
                 const double so = median(timing[0].off), sn = median(timing[0].on);
                 const double bo = median(timing[1].off), bn = median(timing[1].on);
-                std::printf("%-6s %6u %7lu %8.2fms | %-10s %4u | %8.3fms %8.3fms %7.1f %7.1f | %8.3fms %8.3fms %7.1f "
-                            "%7.1f | %6lu\n",
-                            scene->name(), problem.numBlocks, N, 1e3 * tRefactor, run.name, run.k, 1e3 * so, 1e3 * sn,
-                            tRefactor / so, tRefactor / sn, 1e3 * bo, 1e3 * bn, tRefactor / bo, tRefactor / bn,
-                            allocations);
+                std::printf(
+                    "%-6s %6u %7lu %8.2fms | %-10s %4u | %8.3fms %8.3fms %7.1f %7.1f | %8.3fms %8.3fms %7.1f "
+                    "%7.1f | %6lu\n",
+                    scene->name(), problem.numBlocks, N, 1e3 * tRefactor, run.name, run.k, 1e3 * so, 1e3 * sn,
+                    tRefactor / so, tRefactor / sn, 1e3 * bo, 1e3 * bn, tRefactor / bo, tRefactor / bn,
+                    allocations);
             }
             double drift = 0.0;
             for (unsigned long i = 0; i < N; ++i)
                 drift = std::max(drift, std::fabs(data.diagonal.data[i] - pivots[i]) / std::fabs(pivots[i]));
-            std::printf("%-6s %6u: tree depth %u, pivots after all runs differ from the original by %.1e (relative)\n",
-                        scene->name(), problem.numBlocks,
-                        [&] {
-                            unsigned int deepest = 0;
-                            for (unsigned int b = 0; b < problem.numBlocks; ++b) {
-                                unsigned int d = 0;
-                                for (unsigned int x = b; data.etree.parent[x] != x; x = data.etree.parent[x]) ++d;
-                                deepest = std::max(deepest, d);
-                            }
-                            return deepest;
-                        }(),
-                        drift);
+            std::printf(
+                "%-6s %6u: tree depth %u, pivots after all runs differ from the original by %.1e "
+                "(relative)\n",
+                scene->name(), problem.numBlocks,
+                [&] {
+                    unsigned int deepest = 0;
+                    for (unsigned int b = 0; b < problem.numBlocks; ++b) {
+                        unsigned int d = 0;
+                        for (unsigned int x = b; data.etree.parent[x] != x; x = data.etree.parent[x]) ++d;
+                        deepest = std::max(deepest, d);
+                    }
+                    return deepest;
+                }(),
+                drift);
             std::fflush(stdout);
         }
     }

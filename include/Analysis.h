@@ -12,7 +12,8 @@
 // The safe-order rule. Every constraint block c is placed either
 //   (S) after all the body blocks it couples to, or
 //   (R) directly after a body block b it couples to, with every other constraint block of b placed before c
-//       (so c is b's last constraint, and each of b's other constraints precedes b and was itself placed by R).
+//       (so c is b's last constraint, and each of b's other constraints precedes b and was itself placed by
+//       R).
 // Then every leading principal block of the permuted matrix is non-singular, provided J has full row rank and
 // each block J(c, b) used by (R) has full row rank: by induction over the R-placed constraints, each one's
 // multiplier vanishes on its own body's columns, and the S-placed ones have all their columns present.
@@ -94,9 +95,10 @@ struct Problem {
 
 // How the analysis orders the blocks. Every order it returns satisfies the safe-order rule.
 enum class Ordering : unsigned int {
-    // 1. Peel: repeatedly take a body with at most one unplaced neighbour; place it, and when that
-    //    neighbour is a constraint, the constraint right after it (rule R). Eliminating such a body makes no
-    //    fill; chains and trees of bodies (ragdolls) are placed completely by this step.
+    // 1. Peel: repeatedly take a body with at most one unplaced neighbour and place it; when that neighbour
+    //    is a constraint with at most one other unplaced neighbour, place the constraint right after it
+    //    (rule R). No such step makes fill. Chains and trees of bodies joined by two-body constraints
+    //    (ragdolls) are placed completely by this step.
     // 2. The rest, bodies first: CCOLAMD's csymamd on the remaining block graph with every body in
     //    constraint set 0 and every constraint in set 1 (rule S).
     // 3. When the predicted factor cost exceeds Options::nestedDissectionThreshold flops, also try the
@@ -156,8 +158,8 @@ struct Report {
     bool orderingFallback = false;
     // The factor of the chosen order.
     FactorCost cost;
-    // Seconds spent in the phases: input checks and the block graph, ordering, symbolic factorization (permuted
-    // pattern, tree, filled pattern) and the layout of data.matrix and of the assembly map.
+    // Seconds spent in the phases: input checks and the block graph, ordering, symbolic factorization
+    // (permuted pattern, tree, filled pattern) and the layout of data.matrix and of the assembly map.
     double checkSeconds = 0.0;
     double orderSeconds = 0.0;
     double symbolicSeconds = 0.0;
@@ -269,10 +271,14 @@ private:
 extern template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);
 extern template Report Analyzer::analyze<double>(const Problem&, const Options&, TamberData<double>&);
 extern template void Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
-extern template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long, const double*) const;
-extern template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long, const float*) const;
-extern template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long, const double*) const;
-extern template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*, const unsigned long*) const;
+extern template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long,
+                                                       const double*) const;
+extern template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long,
+                                                       const float*) const;
+extern template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long,
+                                                        const double*) const;
+extern template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*,
+                                                       const unsigned long*) const;
 extern template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*,
                                                         const unsigned long*) const;
 extern template void Analyzer::setBlocks<double, float>(TamberData<double>&, const float*,

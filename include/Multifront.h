@@ -6,8 +6,8 @@
 // Node j's pattern is column j of L: the block rows r ≥ j with L(r, j) present, ascending, j first; its
 // parent is the first off-diagonal row of that column. Node j owns a front F(r, j) over that pattern (the
 // input values of column j plus the updates of its descendants); eliminating it yields L(·, j), D_j and
-// LD(·, j) and the update −L(r, j)·D_j·L(s, j)ᵀ for every pair r ≥ s of its off-diagonal rows, which goes into
-// the fronts of the ancestors s.
+// LD(·, j) and the update −L(r, j)·D_j·L(s, j)ᵀ for every pair r ≥ s of its off-diagonal rows, which goes
+// into the fronts of the ancestors s.
 //
 // The tree is split among the worker threads by estimated work: whole subtrees go to single threads and the
 // nodes near the roots (the "top") to one thread that waits for the subtrees of the others. A node whose
@@ -16,12 +16,12 @@
 #ifndef KIVTAMBER_MULTIFRONT_H
 #define KIVTAMBER_MULTIFRONT_H
 
-#include <OpenThreads/Condition>
-#include <OpenThreads/Mutex>
 #include <apr_atomic.h>
 #include <kiv/ThreadSync.h>
 #include <kiv/VectorPOD.h>
 
+#include <OpenThreads/Condition>
+#include <OpenThreads/Mutex>
 #include <cstdint>
 
 #include "SkeletonMatrix.h"
@@ -312,7 +312,8 @@ public:
     // True when the manager was prepared for this filled pattern (same n, entry count, colPointers and
     // rowIndices), these block sizes (sizes[0 .. n-1]) and this thread count. Cost O(n + entries), no
     // allocation.
-    bool isPreparedFor(const SkeletonMatrix& pattern, const unsigned int* sizes, unsigned int numThreads) const;
+    bool isPreparedFor(const SkeletonMatrix& pattern, const unsigned int* sizes,
+                       unsigned int numThreads) const;
 
     // Builds the manager for the filled pattern (rows i, ascending columns j ≤ i, diagonal last; closed under
     // elimination, as the symbolic factorization produces it), the block sizes sizes[0 .. n-1] and
@@ -320,7 +321,8 @@ public:
     //  1. the column form, the parents (first off-diagonal row of each column) and the child lists;
     //  2. the work of each node, w_j = s_j³/3 + σ·s_j² + s_j·(σ² + Σ s_r²) + per-block overhead (σ = Σ s_r
     //     over the off-diagonal rows), and of each subtree;
-    //  3. the split: starting from the tree roots, the heaviest remaining subtree is cut at its root (the root
+    //  3. the split: starting from the tree roots, the heaviest remaining subtree is cut at its root (the
+    //  root
     //     joins the top, its children become subtrees) as long as that lowers the estimated time
     //     max(largest subtree, Σ subtrees / threads) + top work; the best cut sequence is kept. The subtrees
     //     then go to the threads by decreasing work, each to the least loaded thread (ties: lowest index),

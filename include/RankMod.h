@@ -111,7 +111,8 @@ public:
     unsigned long numActive() const;
 
     // The equation `local` of the user's block `userBlock` in the factor's numbering.
-    static Equation toFactorNumbering(const TamberData<double>& data, unsigned int userBlock, unsigned int local) {
+    static Equation toFactorNumbering(const TamberData<double>& data, unsigned int userBlock,
+                                      unsigned int local) {
         return Equation(data.permutation.inverse[userBlock], local);
     }
 

@@ -69,8 +69,8 @@ void modifyPermutation(const SkeletonMatrix& S, unsigned long firstConstraint, P
 // Returns true when every block was placed. Otherwise (a zero leaf under a constraint block, or a zero leaf
 // that is a root) it returns false with P's forward and inverse set to the identity over its capacity; T and
 // the tree then still describe the incoming order. No message is written.
-bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& tree, unsigned long firstConstraint,
-                  Permutation& P, ScratchPad& pad);
+bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& tree,
+                  unsigned long firstConstraint, Permutation& P, ScratchPad& pad);
 
 // Memory functions handed to symamd: calloc-like (count, element size) and free-like. By default the C
 // library's calloc and free. This is a test seam: a test installs an allocator that fails in order to reach

@@ -112,6 +112,63 @@ bool solve(const TamberData<double>& data, double* x);
 // the diagonal step silently. x: in/out. Returns true.
 bool solve(const TamberData<double>& data, DenseVector<double>& x);
 
+// ---------------------------------------------------------------------------------------------------------
+// Pivot diagnostic
+// ---------------------------------------------------------------------------------------------------------
+
+// Where and why the factorization met a bad pivot. A factorization without pivoting does not stop at a zero
+// pivot d_k = 0: it divides by it and every later value that depends on it becomes infinite or NaN, so a
+// solve returns a meaningless x. findBadPivot names the first such pivot instead.
+struct PivotReport {
+    enum Kind : unsigned int {
+        none = 0,       // no pivot matched
+        zero = 1,       // d_k = 0 (either sign)
+        nonFinite = 2,  // d_k is ±inf or NaN
+        tiny = 3,       // 0 < |d_k| <= the threshold given to findBadPivot
+    };
+    Kind kind = none;
+    // The pivot d_k, widened to double.
+    double value = 0.0;
+    // k: its scalar index in the elimination order (the index into data.diagonal).
+    unsigned long scalar = 0;
+    // The block of the factor's (permuted) order that holds k, and k's index inside it:
+    // k = matrix.blockOffsets[block] + local.
+    unsigned int block = 0;
+    unsigned int local = 0;
+    // The same pivot in the caller's numbering, the numbering before data.permutation: userBlock =
+    // permutation.forward[block], and userScalar = (sum of the sizes of the user blocks 0 .. userBlock-1) +
+    // local. For data prepared by Analysis::Analyzer this is the numbering of the Analysis::Problem; the
+    // permutation moves whole blocks, so `local` is the same in both numberings.
+    unsigned int userBlock = 0;
+    unsigned long userScalar = 0;
+    // Number of pivots that match (the first one above and all later ones), and of pivots scanned (N, or 0
+    // when data is not factored).
+    unsigned long count = 0;
+    unsigned long scanned = 0;
+};
+
+// Scans the pivots d_0 … d_{N-1} of a finished factorization in elimination order and reports the first one
+// that is zero, not finite, or (threshold > 0) at most `threshold` in magnitude:
+//     bad(d) = !isfinite(d) || |d| <= threshold.
+// threshold = 0 (the default) finds exact zeros and non-finite pivots only; a caller who also wants pivots
+// that lost all their digits to cancellation passes e.g. ε·‖A‖∞ with ε the unit roundoff of T.
+// data: in; factored (isFactored = 1): data.diagonal holds N = data.matrix.blockSizes[n] pivots, and
+// data.matrix's blockOffsets give the blocks. data.permutation maps to the user's numbering when its size is
+// n (forward and inverse both valid); otherwise the user's numbering is taken to be the factor's own
+// (userBlock = block, userScalar = scalar).
+// out: out; reset first, then filled when a pivot matches (count and scanned always).
+// Returns true when a pivot matches. An unfactored data object has no pivots: false, scanned = 0.
+// Cost O(N), plus O(log n) to find the block and O(n) for the user offset of the one reported pivot.
+// Reads only; allocates nothing.
+template <typename T>
+bool findBadPivot(const TamberData<T>& data, PivotReport& out, double threshold = 0.0);
+
+// "zero", "non-finite", "tiny" or "none": the kind as a word for messages.
+const char* pivotKindName(PivotReport::Kind kind);
+
+extern template bool findBadPivot<float>(const TamberData<float>&, PivotReport&, double);
+extern template bool findBadPivot<double>(const TamberData<double>&, PivotReport&, double);
+
 }  // namespace TamberSolve
 
 // Notes on the driver members declared in Tamber.h and defined with the solves:

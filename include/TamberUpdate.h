@@ -2,22 +2,24 @@
 // and rank-k updates, and switching single equations on and off (row addition and deletion).
 //
 // Factor forms. The operations work on a SparseMatrix<double> holding one block triangle:
-//  - row-major form (what Tamber::factorSerial produces, and what every operation except rank1UpdateCM reads):
-//    block column j holds block row j of L transposed, the tiles (c, j), c ≤ j, ascending, diagonal tile last.
-//    L(q, t), t in block b, q in block c ≥ b, q > t, is tile (b, c) at (t − off_b) + (q − off_c)·stride_b.
-//    The tiles of block row b (the column of L) are reached through the row index `MetaLayout`
-//    (buildAdditionalStructure), whose first entry for row b is the diagonal tile;
+//  - row-major form (what Tamber::factorSerial produces, and what every operation except rank1UpdateCM
+//  reads):
+//    block column j holds block row j of L transposed, the tiles (c, j), c ≤ j, ascending, diagonal tile
+//    last. L(q, t), t in block b, q in block c ≥ b, q > t, is tile (b, c) at (t − off_b) + (q −
+//    off_c)·stride_b. The tiles of block row b (the column of L) are reached through the row index
+//    `MetaLayout` (buildAdditionalStructure), whose first entry for row b is the diagonal tile;
 //  - column-major form (rank1UpdateCM only): block column j holds block column j of L, the tiles (c, j),
 //    c ≥ j, diagonal tile first; L(q, t) is tile (c, b) at (q − off_c) + (t − off_b)·stride_c.
-// A diagonal tile carries the unit diagonal as stored 1.0 values; the updates read and write only the strictly
-// triangular part. D is the vector of the N scalar pivots. Padding rows and columns of the tiles stay zero.
+// A diagonal tile carries the unit diagonal as stored 1.0 values; the updates read and write only the
+// strictly triangular part. D is the vector of the N scalar pivots. Padding rows and columns of the tiles
+// stay zero.
 //
 // An input matrix A handed to the additions is held the same way (the stored-triangle layout of the row-major
 // form, e.g. TamberData::matrix): element (p, q), p in block c ≤ q's block j, is tile (c, j) at
 // (p − off_c) + (q − off_j)·stride_c; inside a diagonal tile only the part row ≤ column is read.
 //
-// A deleted equation i stays in the factor as a decoupled unit equation: row and column i of L are zero except
-// L(i, i) = 1, and D[i] = 1. Adding it replaces that unit equation by the real one (Davis–Hager row
+// A deleted equation i stays in the factor as a decoupled unit equation: row and column i of L are zero
+// except L(i, i) = 1, and D[i] = 1. Adding it replaces that unit equation by the real one (Davis–Hager row
 // modification: a partial forward solve for the new row, then one rank-one downdate of the trailing factor).
 //
 // Trees. The rank-one family accepts a null tree (then every block is visited). Every row operation
@@ -110,22 +112,22 @@ public:
         // so the new equation does not couple to unit equations of the factor.
         const unsigned char* activeScalars = nullptr;
 
-        Array<double> y;              // [N] the equation being added
-        Array<double> w;              // [N] the vector of the rank-one update
-        Array<double> W;              // [batchCapacity·N] the vectors of the rank-k update, one packed row each
+        Array<double> y;  // [N] the equation being added
+        Array<double> w;  // [N] the vector of the rank-one update
+        Array<double> W;  // [batchCapacity·N] the vectors of the rank-k update, one packed row each
         Array<unsigned int> wOffsets;  // [numBlocks] where a block's scalars lie in the rows of W
         Array<long> rowOffsets;        // [batchCapacity] where each row of W starts (relative to wOffsets)
-        Array<double> sigmas;         // [batchCapacity]
-        Array<double> betas;          // [batchCapacity]
-        Array<int> listHeads;         // [numBlocks] −1 between calls
-        Array<int> listNext;          // [batchCapacity]
-        Array<int> collect;           // [batchCapacity] one block's vector list, sorted
-        Array<unsigned int> reach;    // [numBlocks] blocks reached by the forward solve, ascending
-        Array<unsigned int> path;     // [numBlocks] a tree path
-        Array<unsigned int> heap;     // [numBlocks] pending blocks of the rank-k sweep
-        Array<unsigned char> marks;   // [numBlocks] zero between calls
+        Array<double> sigmas;          // [batchCapacity]
+        Array<double> betas;           // [batchCapacity]
+        Array<int> listHeads;          // [numBlocks] −1 between calls
+        Array<int> listNext;           // [batchCapacity]
+        Array<int> collect;            // [batchCapacity] one block's vector list, sorted
+        Array<unsigned int> reach;     // [numBlocks] blocks reached by the forward solve, ascending
+        Array<unsigned int> path;      // [numBlocks] a tree path
+        Array<unsigned int> heap;      // [numBlocks] pending blocks of the rank-k sweep
+        Array<unsigned char> marks;    // [numBlocks] zero between calls
         Array<unsigned char> scalarMarks;  // [N] zero between calls
-        unsigned long reachCount = 0;  // entries of `reach` in use
+        unsigned long reachCount = 0;      // entries of `reach` in use
 
         Workspace() = default;
         Workspace(const Workspace&) = delete;
@@ -142,9 +144,9 @@ public:
 
     // Copies equation eq = (b, s), i = off_b + s, of the symmetric matrix held in S into row `row` of M
     // (M.data + row·M.numCols), at positions off_c + k, in three sweeps: the column s of every stored tile of
-    // block column b (the diagonal tile included, its part below the diagonal too); row s of the diagonal tile
-    // right of the diagonal (overwriting that part); row s of every off-diagonal tile of block row b in `rows`.
-    // Positions of blocks without a tile in the equation are left as they are (clear M's row first).
+    // block column b (the diagonal tile included, its part below the diagonal too); row s of the diagonal
+    // tile right of the diagonal (overwriting that part); row s of every off-diagonal tile of block row b in
+    // `rows`. Positions of blocks without a tile in the equation are left as they are (clear M's row first).
     // Returns the block index of the first stored tile of block column b.
     static unsigned int readEquation(const SparseMatrix<double>& S, DenseMatrix<double>& M, unsigned int row,
                                      Equation eq, const MetaLayout& rows);
@@ -157,11 +159,11 @@ public:
 
     // Partial product below eq = (b, s), i = off_b + s: y[p] ← y[p] − Σ_{q<i} S(q, p)·x[q]·y[q] for p > i,
     // S(q, p) the stored element above the diagonal (for a factor L(p, q)). Block columns r = b … n−1 in
-    // order, rows k from s+1 in column b and from 0 after it; within a column the tiles (c, r) ascending until
-    // the first with off_c ≥ i; min(stride_c, i − off_c) leading columns of tile c enter each sum, so the
-    // zero padding row of an odd tile takes part (times x and y at the next block's first index: padding must
-    // be zero, and a non-finite value there turns into NaN). Each sum starts at 0.0 and runs in index order.
-    // Nothing when b ≥ numBlockCols. x, y: N entries; y[q], q ≤ i, is only read.
+    // order, rows k from s+1 in column b and from 0 after it; within a column the tiles (c, r) ascending
+    // until the first with off_c ≥ i; min(stride_c, i − off_c) leading columns of tile c enter each sum, so
+    // the zero padding row of an odd tile takes part (times x and y at the next block's first index: padding
+    // must be zero, and a non-finite value there turns into NaN). Each sum starts at 0.0 and runs in index
+    // order. Nothing when b ≥ numBlockCols. x, y: N entries; y[q], q ≤ i, is only read.
     static void funnyMult(const SparseMatrix<double>& S, const DenseVector<double>& x, DenseVector<double>& y,
                           Equation eq);
 
@@ -175,7 +177,8 @@ public:
     // tiles of block column b (of the diagonal tile only the part above the diagonal), then row s of the
     // tiles of block row b in `rows` (of the diagonal tile from the diagonal on, so y[i] becomes the diagonal
     // element).
-    static void insertData(SparseMatrix<double>& S, DenseVector<double>& y, Equation eq, const MetaLayout& rows);
+    static void insertData(SparseMatrix<double>& S, DenseVector<double>& y, Equation eq,
+                           const MetaLayout& rows);
 
     // The row index of S: for each block row c the block columns j ≥ c holding a tile (c, j), ascending, with
     // the tile pointers (a counting-sort transpose of the tile pattern). For S with n = 0 block columns
@@ -188,52 +191,54 @@ public:
     // sequences empty).
     static MetaLayout buildAdditionalStructure(TamberData<double>& data);
 
-    // The same index written into `layout`, reusing its storage: each sequence is sized to exactly its length,
-    // and reallocated (to max(4, m) elements, zeroed) only when its capacity is too small.
+    // The same index written into `layout`, reusing its storage: each sequence is sized to exactly its
+    // length, and reallocated (to max(4, m) elements, zeroed) only when its capacity is too small.
     static void buildAdditionalStructure(SparseMatrix<double>& S, MetaLayout& layout);
 
     // ---------------------------------------------------------------------------------------------------------
     // Rank-one update: L·D·Lᵀ ← L·D·Lᵀ + σ·w·wᵀ (Gill, Golub, Murray and Saunders, method C1, with a = 1/α
     // carried from column to column, a = 1/σ at the start). Per scalar t of a visited block, ascending:
     //   p = w[t], d = D[t], a_old = a;  a = a_old + p·p/d;  e = d·a;  D[t] = e/a_old;
-    //   if p ≠ 0 (exact; NaN counts as non-zero): β = p/e and for every stored L(q, t), q > t, in the order of
-    //   the form (row-major: the tiles of block row b in `rows`, diagonal tile first; column-major: the tiles
-    //   of block column b in storage order), q ascending within a tile:
+    //   if p ≠ 0 (exact; NaN counts as non-zero): β = p/e and for every stored L(q, t), q > t, in the order
+    //   of the form (row-major: the tiles of block row b in `rows`, diagonal tile first; column-major: the
+    //   tiles of block column b in storage order), q ascending within a tile:
     //     w[q] ← w[q] − p·L(q, t);  L(q, t) ← L(q, t) + β·w[q].
     // σ > 0 updates, σ < 0 downdates; nothing checks d = 0, σ = 0 or the definiteness of the result.
     //
     // L: in/out. D: in/out, N pivots. W: row `wRow` (N entries, W.numCols must equal N) is w; workspace,
-    // destroyed. rows: the row index of L (row-major forms). tree: may be null; with a tree the walk starts at
-    // `startBlock` and w must be zero outside the tree path from startBlock to its root; without a tree every
-    // block 0 … numBlockRows−1 is visited and startBlock is ignored. A start block ≥ numBlockRows changes
-    // nothing. Returns false, changing nothing, when W.numCols ≠ N; true otherwise. Allocates nothing.
+    // destroyed. rows: the row index of L (row-major forms). tree: may be null; with a tree the walk starts
+    // at `startBlock` and w must be zero outside the tree path from startBlock to its root; without a tree
+    // every block 0 … numBlockRows−1 is visited and startBlock is ignored. A start block ≥ numBlockRows
+    // changes nothing. Returns false, changing nothing, when W.numCols ≠ N; true otherwise. Allocates
+    // nothing.
     // ---------------------------------------------------------------------------------------------------------
 
     // Dispatch on the form: block column 0 holding exactly one tile (colPointers[1] = 1) is taken for the
     // row-major form (rank1UpdateRM), anything else for the column-major form (rank1UpdateCM). A row-major
     // factor whose column 0 holds more tiles would go to the column-major routine; do not rely on the
     // dispatch for such a factor.
-    static bool rank1Update(SparseMatrix<double>& L, DenseVector<double>& D, DenseMatrix<double>& W, double sigma,
-                            const MetaLayout& rows, EliminationTree* tree, unsigned int startBlock,
-                            unsigned int wRow);
+    static bool rank1Update(SparseMatrix<double>& L, DenseVector<double>& D, DenseMatrix<double>& W,
+                            double sigma, const MetaLayout& rows, EliminationTree* tree,
+                            unsigned int startBlock, unsigned int wRow);
 
-    // Row-major form; after block b: f = TreeUpdate::findFirstBlock(L, rows, b). Without a tree the next block
-    // is b + 1. With a tree, o = parent[b], TreeUpdate::updateParent(tree, b, o, f), and the walk continues at
-    // f when (f < o or b = o) and f ≠ b, else at o when b ≠ o, else stops: the tree follows the numerical
-    // pattern of L as it changes.
+    // Row-major form; after block b: f = TreeUpdate::findFirstBlock(L, rows, b). Without a tree the next
+    // block is b + 1. With a tree, o = parent[b], TreeUpdate::updateParent(tree, b, o, f), and the walk
+    // continues at f when (f < o or b = o) and f ≠ b, else at o when b ≠ o, else stops: the tree follows the
+    // numerical pattern of L as it changes.
     static bool rank1UpdateRM(SparseMatrix<double>& L, DenseVector<double>& D, DenseMatrix<double>& W,
-                              double sigma, const MetaLayout& rows, EliminationTree* tree, unsigned int startBlock,
-                              unsigned int wRow);
+                              double sigma, const MetaLayout& rows, EliminationTree* tree,
+                              unsigned int startBlock, unsigned int wRow);
 
     // Column-major form (`rows` unused); the walk follows tree->parent up to a root, or b + 1 without a tree.
     static bool rank1UpdateCM(SparseMatrix<double>& L, DenseVector<double>& D, DenseMatrix<double>& W,
-                              double sigma, const MetaLayout& rows, EliminationTree* tree, unsigned int startBlock,
-                              unsigned int wRow);
+                              double sigma, const MetaLayout& rows, EliminationTree* tree,
+                              unsigned int startBlock, unsigned int wRow);
 
-    // Row-major form; the walk follows tree->parent up to a root (b + 1 without a tree); the tree is only read.
+    // Row-major form; the walk follows tree->parent up to a root (b + 1 without a tree); the tree is only
+    // read.
     static bool rank1UpdateV2(SparseMatrix<double>& L, DenseVector<double>& D, DenseMatrix<double>& W,
-                              double sigma, const MetaLayout& rows, EliminationTree* tree, unsigned int startBlock,
-                              unsigned int wRow);
+                              double sigma, const MetaLayout& rows, EliminationTree* tree,
+                              unsigned int startBlock, unsigned int wRow);
 
     // ---------------------------------------------------------------------------------------------------------
     // Row addition and deletion (row-major form, `rows` the row index of L). Equations are processed in list
@@ -269,8 +274,8 @@ public:
                         EliminationTree* tree);
 
     // As the sparse form, with the tree fixed: the downdate is rank1UpdateV2 from tree->parent[b] when s is
-    // the last scalar of b, from b otherwise. activeCounts[b] (one counter per block, owned and initialised by
-    // the caller) is incremented per added equation. The SkeletonMatrix argument is accepted and not used.
+    // the last scalar of b, from b otherwise. activeCounts[b] (one counter per block, owned and initialised
+    // by the caller) is incremented per added equation. The SkeletonMatrix argument is accepted and not used.
     static bool addRowsV2(SparseMatrix<double>& L, DenseVector<double>& D, const SparseMatrix<double>& A,
                           const EquationList& eqs, const MetaLayout& rows, const MetaLayout& rowsA,
                           EliminationTree* tree, unsigned int* activeCounts, SkeletonMatrix* skeleton);
@@ -282,8 +287,8 @@ public:
     static bool deleteRows(SparseMatrix<double>& L, DenseVector<double>& D, const EquationList& eqs,
                            const MetaLayout& rows, EliminationTree* tree);
 
-    // Deletion with the tree fixed: rank1UpdateV2 with the same start rule; activeCounts[b] is decremented per
-    // deleted equation. The SkeletonMatrix argument is accepted and not used.
+    // Deletion with the tree fixed: rank1UpdateV2 with the same start rule; activeCounts[b] is decremented
+    // per deleted equation. The SkeletonMatrix argument is accepted and not used.
     static bool deleteRowsV2(SparseMatrix<double>& L, DenseVector<double>& D, const EquationList& eqs,
                              const MetaLayout& rows, EliminationTree* tree, unsigned int* activeCounts,
                              SkeletonMatrix* skeleton);
@@ -293,12 +298,12 @@ public:
     // ---------------------------------------------------------------------------------------------------------
 
     // L·D·Lᵀ ← L·D·Lᵀ + Σ_j σ_j·w_j·w_jᵀ in one sweep over the blocks, w_j = row j of W (k rows of N). The
-    // blocks b = 0 … numBlockRows−1 with a non-empty list are visited ascending; a block's list (followed from
-    // listHeads[b] through listNext, then sorted ascending) names the vectors applied there, in that order.
-    // Per scalar t: for each listed j, p = W[j][t], d = D[t], a_new = p·p/d + a_j, e = d·a_new, β_j = p/e,
-    // D[t] = e/a_j, a_j = a_new; then for each listed j with p ≠ 0 the column of t as in the rank-one update.
-    // Then f = findFirstBlock(L, rows, b), o = tree->parent[b]; the list moves on to f when (o > f or o = b)
-    // and f ≠ b, stops when o = b, else moves on to o: b's list is linked behind the target's list
+    // blocks b = 0 … numBlockRows−1 with a non-empty list are visited ascending; a block's list (followed
+    // from listHeads[b] through listNext, then sorted ascending) names the vectors applied there, in that
+    // order. Per scalar t: for each listed j, p = W[j][t], d = D[t], a_new = p·p/d + a_j, e = d·a_new, β_j =
+    // p/e, D[t] = e/a_j, a_j = a_new; then for each listed j with p ≠ 0 the column of t as in the rank-one
+    // update. Then f = findFirstBlock(L, rows, b), o = tree->parent[b]; the list moves on to f when (o > f or
+    // o = b) and f ≠ b, stops when o = b, else moves on to o: b's list is linked behind the target's list
     // (listHeads[b] keeps its value). The tree is only read. The result equals k successive rank-one updates.
     // sigmas: in σ_j, out the final carried a_j (first overwritten by 1/σ_j). listHeads: one entry per block,
     // −1 for an empty list; listNext: one entry per vector, −1 at a list end; both are modified.

@@ -169,8 +169,8 @@ bool checkForm(const Problem& p, std::string* message) {
         }
         scalars += p.blockSizes[j];
         if (scalars > 0xFFFFFFFFul) {
-            setMessage(message, format("the block sizes add up to more than 4294967295 scalar rows (at block %u)",
-                                       j));
+            setMessage(message,
+                       format("the block sizes add up to more than 4294967295 scalar rows (at block %u)", j));
             return false;
         }
     }
@@ -181,9 +181,10 @@ bool checkForm(const Problem& p, std::string* message) {
     for (unsigned int j = 0; j < n; ++j) {
         const unsigned int begin = p.colPointers[j], end = p.colPointers[j + 1];
         if (end < begin) {
-            setMessage(message,
-                       format("colPointers decreases at block %u (colPointers[%u] = %u after colPointers[%u] = %u)",
-                              j, j + 1, end, j, begin));
+            setMessage(
+                message,
+                format("colPointers decreases at block %u (colPointers[%u] = %u after colPointers[%u] = %u)",
+                       j, j + 1, end, j, begin));
             return false;
         }
         if (end == begin) {
@@ -193,27 +194,30 @@ bool checkForm(const Problem& p, std::string* message) {
         for (unsigned int e = begin; e < end; ++e) {
             const unsigned int i = p.rowIndices[e];
             if (i >= n) {
-                setMessage(message, format("list of block %u: entry %u names block %u, but the problem has %u "
-                                           "blocks",
-                                           j, e, i, n));
+                setMessage(message,
+                           format("list of block %u: entry %u names block %u, but the problem has %u "
+                                  "blocks",
+                                  j, e, i, n));
                 return false;
             }
             if (i > j) {
-                setMessage(message, format("list of block %u: entry %u names block %u, which is larger than %u "
-                                           "(a list holds the blocks i <= %u)",
-                                           j, e, i, j, j));
+                setMessage(message,
+                           format("list of block %u: entry %u names block %u, which is larger than %u "
+                                  "(a list holds the blocks i <= %u)",
+                                  j, e, i, j, j));
                 return false;
             }
             if (e > begin && i <= p.rowIndices[e - 1]) {
-                setMessage(message, format("list of block %u: entry %u names block %u after block %u (a list is "
-                                           "strictly ascending)",
-                                           j, e, i, p.rowIndices[e - 1]));
+                setMessage(message,
+                           format("list of block %u: entry %u names block %u after block %u (a list is "
+                                  "strictly ascending)",
+                                  j, e, i, p.rowIndices[e - 1]));
                 return false;
             }
         }
         if (p.rowIndices[end - 1] != j) {
-            setMessage(message, format("list of block %u: it ends with block %u instead of its diagonal %u", j,
-                                       p.rowIndices[end - 1], j));
+            setMessage(message, format("list of block %u: it ends with block %u instead of its diagonal %u",
+                                       j, p.rowIndices[end - 1], j));
             return false;
         }
     }
@@ -230,9 +234,10 @@ bool checkCoupling(const BlockGraph& g, std::string* message) {
                                            "bodies: firstConstraint is 0); its pivot would be zero",
                                            c));
             } else {
-                setMessage(message, format("constraint block %u couples to no body block (bodies are blocks 0 .. "
-                                           "%u); its pivot would be zero",
-                                           c, g.firstConstraint - 1));
+                setMessage(message,
+                           format("constraint block %u couples to no body block (bodies are blocks 0 .. "
+                                  "%u); its pivot would be zero",
+                                  c, g.firstConstraint - 1));
             }
             return false;
         }
@@ -253,7 +258,8 @@ bool checkPermutation(const unsigned int* forward, unsigned int n, kiv::VectorPO
             return false;
         }
         if (mark[v] != kNone) {
-            setMessage(message, format("order: block %u is placed twice (positions %u and %u)", v, mark[v], k));
+            setMessage(message,
+                       format("order: block %u is placed twice (positions %u and %u)", v, mark[v], k));
             return false;
         }
         mark[v] = k;
@@ -275,7 +281,8 @@ unsigned int lastBody(const BlockGraph& g, unsigned int c, const unsigned int* i
 }
 
 // The constraint of body b, other than c, placed last (kNone when none).
-unsigned int lastOtherConstraint(const BlockGraph& g, unsigned int b, unsigned int c, const unsigned int* inverse) {
+unsigned int lastOtherConstraint(const BlockGraph& g, unsigned int b, unsigned int c,
+                                 const unsigned int* inverse) {
     unsigned int best = kNone;
     for (const unsigned int* u = g.end(b); u != g.begin(b) && !g.isBody(*(u - 1));) {
         --u;
@@ -285,8 +292,8 @@ unsigned int lastOtherConstraint(const BlockGraph& g, unsigned int b, unsigned i
 }
 
 // True when the constraint at position k satisfies the rule.
-bool satisfiesRule(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse, unsigned int k,
-                   bool allowR) {
+bool satisfiesRule(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                   unsigned int k, bool allowR) {
     const unsigned int c = forward[k];
     if (inverse[lastBody(g, c, inverse)] < k) return true;  // S
     if (!allowR || k == 0) return false;
@@ -301,24 +308,28 @@ std::string ruleMessage(const BlockGraph& g, const unsigned int* forward, const 
     const unsigned int c = forward[k];
     const unsigned int late = lastBody(g, c, inverse);
     if (!allowR) {
-        return format("order: constraint block %u (position %u) precedes its body block %u (position %u); with "
-                      "peeling switched off every constraint must follow all its bodies",
-                      c, k, late, inverse[late]);
+        return format(
+            "order: constraint block %u (position %u) precedes its body block %u (position %u); with "
+            "peeling switched off every constraint must follow all its bodies",
+            c, k, late, inverse[late]);
     }
-    const char* hint = "; place it after all its bodies, or directly after a body whose last constraint it is";
+    const char* hint =
+        "; place it after all its bodies, or directly after a body whose last constraint it is";
     if (k > 0) {
         const unsigned int b = forward[k - 1];
         if (g.isBody(b) && g.adjacent(c, b)) {
             const unsigned int other = lastOtherConstraint(g, b, c, inverse);
-            return format("order: constraint block %u (position %u) precedes its body block %u (position %u), "
-                          "and the body it directly follows, block %u, has another constraint, block %u, placed "
-                          "later (position %u)%s",
-                          c, k, late, inverse[late], b, other, inverse[other], hint);
+            return format(
+                "order: constraint block %u (position %u) precedes its body block %u (position %u), "
+                "and the body it directly follows, block %u, has another constraint, block %u, placed "
+                "later (position %u)%s",
+                c, k, late, inverse[late], b, other, inverse[other], hint);
         }
     }
-    return format("order: constraint block %u (position %u) precedes its body block %u (position %u) and does "
-                  "not directly follow one of its bodies%s",
-                  c, k, late, inverse[late], hint);
+    return format(
+        "order: constraint block %u (position %u) precedes its body block %u (position %u) and does "
+        "not directly follow one of its bodies%s",
+        c, k, late, inverse[late], hint);
 }
 
 // First position that breaks the rule, or n.
@@ -348,7 +359,8 @@ struct RepairWork {
 // (rule S), round after round: a move can make another constraint of the same body break rule R. A moved
 // constraint satisfies S for good, so there is at most one round per constraint (in practice a few). Bodies
 // and the constraints that satisfy the rule keep their relative order. Returns the number of moves.
-unsigned long repairInPlace(const BlockGraph& g, kiv::VectorPOD<unsigned int>& order, RepairWork& w, bool allowR) {
+unsigned long repairInPlace(const BlockGraph& g, kiv::VectorPOD<unsigned int>& order, RepairWork& w,
+                            bool allowR) {
     const unsigned int n = g.n;
     unsigned long moved = 0;
     grow(w.anchor, n);
@@ -744,20 +756,28 @@ void Analyzer::Impl::orderStandard(const Problem& problem, const Options& option
     for (unsigned int v = 0; v < n; ++v) placed[v] = 0;
     unsigned int pos = 0;
 
-    // 1. Peel: a body with at most one unplaced neighbour is eliminated without fill; a constraint that is its
-    // only neighbour follows it at once (rule R: it is the body's last constraint, and the body's others were
-    // placed the same way).
+    // 1. Peel. A body with at most one unplaced neighbour is eliminated without fill. When that neighbour is
+    // a constraint with at most one other unplaced neighbour, the constraint follows at once (rule R: it is
+    // the body's last constraint, and the body's others were placed the same way), again without fill;
+    // otherwise the body goes alone and the constraint stays for step 2. No step makes fill, so the unplaced
+    // part of the graph stays the elimination graph and the degrees stay exact.
     if (options.peel) {
         grow(work1, n);
-        unsigned int* degree = work1.data();
+        unsigned int* degree = work1.data();  // unplaced neighbours
         kiv::VectorPOD<unsigned int>& stack = work2;
         stack.clear();
-        for (unsigned int b = g.firstConstraint; b-- > 0;) {
-            degree[b] = static_cast<unsigned int>(g.end(b) - g.begin(b));
-            if (degree[b] <= 1) stack.push_back(b);  // popped in ascending order
+        for (unsigned int v = n; v-- > 0;) {
+            degree[v] = static_cast<unsigned int>(g.end(v) - g.begin(v));
+            if (g.isBody(v) && degree[v] <= 1) stack.push_back(v);  // popped in ascending order
         }
-        auto release = [&](unsigned int body) {
-            if (--degree[body] == 1) stack.push_back(body);
+        auto release = [&](unsigned int v) {
+            if (--degree[v] == 1 && g.isBody(v)) stack.push_back(v);
+        };
+        auto firstUnplaced = [&](unsigned int v, unsigned int skip) {
+            for (const unsigned int* u = g.begin(v); u != g.end(v); ++u) {
+                if (!placed[*u] && *u != skip) return *u;
+            }
+            return kNone;
         };
         while (!stack.empty()) {
             const unsigned int b = stack.back();
@@ -765,23 +785,16 @@ void Analyzer::Impl::orderStandard(const Problem& problem, const Options& option
             if (placed[b]) continue;
             placed[b] = 1;
             order[pos++] = b;
-            unsigned int w = kNone;
-            for (const unsigned int* u = g.begin(b); u != g.end(b); ++u) {
-                if (!placed[*u]) {
-                    w = *u;
-                    break;
-                }
-            }
+            const unsigned int w = firstUnplaced(b, kNone);
             if (w == kNone) continue;
-            if (g.isBody(w)) {
+            if (g.isBody(w) || degree[w] > 2) {  // b alone; w loses a neighbour
                 release(w);
                 continue;
             }
-            placed[w] = 1;
+            placed[w] = 1;  // the constraint right after its body (R)
             order[pos++] = w;
-            for (const unsigned int* u = g.begin(w); u != g.end(w); ++u) {
-                if (g.isBody(*u) && !placed[*u]) release(*u);
-            }
+            const unsigned int x = firstUnplaced(w, b);
+            if (x != kNone) release(x);
         }
     }
     report.peeledBlocks = pos;
@@ -821,8 +834,8 @@ void Analyzer::Impl::orderStandard(const Problem& problem, const Options& option
         imember[l] = g.isBody(v) ? 0 : 1;
     }
     int stats[CCOLAMD_STATS];
-    const int ok = csymamd(static_cast<int>(m), iA.data(), ip.data(), iperm.data(), nullptr, stats, &std::calloc,
-                           &std::free, imember.data(), -1);
+    const int ok = csymamd(static_cast<int>(m), iA.data(), ip.data(), iperm.data(), nullptr, stats,
+                           &std::calloc, &std::free, imember.data(), -1);
     if (ok) {
         for (unsigned int k = 0; k < m; ++k) order[pos + k] = rest[static_cast<unsigned int>(iperm[k])];
     } else {
@@ -839,7 +852,8 @@ void Analyzer::Impl::orderStandard(const Problem& problem, const Options& option
     if (md.flops <= options.nestedDissectionThreshold) return;
     if (!nestedDissection(pos, remainingBodies)) return;
     computeInverse(candidate.data(), n, candidateInverse);
-    const FactorCost nd = predict(g, candidate.data(), candidateInverse.data(), problem.blockSizes, costWork, work5);
+    const FactorCost nd =
+        predict(g, candidate.data(), candidateInverse.data(), problem.blockSizes, costWork, work5);
     report.nestedDissectionFlops = nd.flops;
     if (nd.flops < md.flops) {
         order.swap(candidate);
@@ -958,8 +972,8 @@ bool Analyzer::Impl::nestedDissection(unsigned int placedCount, unsigned int rem
     METIS_SetDefaultOptions(metisOptions);
     metisOptions[METIS_OPTION_NUMBERING] = 0;
     idx_t nv = static_cast<idx_t>(mc);
-    if (METIS_NodeND(&nv, xadj.data(), adjncy.data(), vwgt.data(), metisOptions, mperm.data(), miperm.data()) !=
-        METIS_OK)
+    if (METIS_NodeND(&nv, xadj.data(), adjncy.data(), vwgt.data(), metisOptions, mperm.data(),
+                     miperm.data()) != METIS_OK)
         return false;
     for (unsigned int k = 0; k < mc; ++k)
         candidate[placedCount + remainingBodies + k] =
@@ -1057,10 +1071,11 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem) {
     }
     if (entries > 0) std::memcpy(a.rowIndices.data(), problem.rowIndices, entries * sizeof(unsigned int));
     for (unsigned int j = 0; j < n; ++j) {
-        for (unsigned int e = problem.colPointers[j]; e < problem.colPointers[j + 1]; ++e) a.entryColumn[e] = j;
+        for (unsigned int e = problem.colPointers[j]; e < problem.colPointers[j + 1]; ++e)
+            a.entryColumn[e] = j;
     }
-    for (unsigned long k = 0; k < entries; ++k) a.entryBlock[origin[k]] = static_cast<unsigned int>(k) |
-                                                                           (swapped[k] ? kTransposed : 0u);
+    for (unsigned long k = 0; k < entries; ++k)
+        a.entryBlock[origin[k]] = static_cast<unsigned int>(k) | (swapped[k] ? kTransposed : 0u);
     a.userOffsets[0] = 0;
     a.permutedOffsets[0] = 0;
     for (unsigned int k = 0; k < n; ++k) {
@@ -1263,9 +1278,12 @@ template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned lon
 template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long, const float*) const;
 template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long, const double*) const;
 template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*, const unsigned long*) const;
-template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*, const unsigned long*) const;
-template void Analyzer::setBlocks<double, float>(TamberData<double>&, const float*, const unsigned long*) const;
-template void Analyzer::setBlocks<double, double>(TamberData<double>&, const double*, const unsigned long*) const;
+template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*,
+                                                 const unsigned long*) const;
+template void Analyzer::setBlocks<double, float>(TamberData<double>&, const float*,
+                                                 const unsigned long*) const;
+template void Analyzer::setBlocks<double, double>(TamberData<double>&, const double*,
+                                                  const unsigned long*) const;
 template void Analyzer::permuteVector<float>(const float*, float*) const;
 template void Analyzer::permuteVector<double>(const double*, double*) const;
 template void Analyzer::unpermuteVector<float>(const float*, float*) const;

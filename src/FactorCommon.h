@@ -24,7 +24,8 @@ inline unsigned int padded(unsigned int s) {
 // row by row, forward substitution with the strictly lower part.
 // float: tamber_SM_UD, which divides by the stored diagonal of L_jj; that diagonal is exactly 1, so the
 // quotients are exact.
-inline void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i, unsigned int s_j) {
+inline void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i,
+                              unsigned int s_j) {
     tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
                  static_cast<int>(s_j));
 }

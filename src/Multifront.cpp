@@ -9,8 +9,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <initializer_list>
 #include <cstring>
+#include <initializer_list>
 #include <mutex>
 #include <new>
 #include <thread>
@@ -135,7 +135,8 @@ bool MultifrontManager<T>::isPreparedFor(const SkeletonMatrix& pattern, const un
         return false;
     }
     if (n == 0) return true;
-    return std::memcmp(pattern.colPointers, preparedColPointers.data(), (n + 1) * sizeof(unsigned int)) == 0 &&
+    return std::memcmp(pattern.colPointers, preparedColPointers.data(), (n + 1) * sizeof(unsigned int)) ==
+               0 &&
            std::memcmp(pattern.rowIndices, preparedRowIndices.data(), entries * sizeof(unsigned int)) == 0 &&
            std::memcmp(sizes, preparedSizes.data(), n * sizeof(unsigned int)) == 0;
 }
@@ -166,8 +167,8 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     const unsigned long entries = pattern.numEntries();
     const unsigned int* rowStart = pattern.colPointers;
     const unsigned int* cols = pattern.rowIndices;
-    const unsigned int T_ = threads < maxOwners ? threads : maxOwners;
-    numOwners = T_;
+    const unsigned int owners = threads < maxOwners ? threads : maxOwners;
+    numOwners = owners;
     isPrepared = false;
 
     // What we are prepared for.
@@ -252,7 +253,7 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         return handOverCost + sigma * sigma / 2.0 + blockOpCost * m * (m + 1.0) / 2.0;
     };
 
-    // 3. The split. isTop[x] = rank of x in the cut sequence (0: never cut).
+    // 3. The split: isTop[x] = 1 for the nodes cut off their subtrees.
     isTop.resize(n);
     std::fill(isTop.begin(), isTop.end(), static_cast<unsigned char>(0));
     order.clear();
@@ -260,16 +261,18 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         if (nodes[j].parent == j) order.push_back(j);
     }
     const double* sub = subtreeWork.data();
-    auto lighter = [sub](unsigned int a, unsigned int b) { return sub[a] < sub[b] || (sub[a] == sub[b] && a > b); };
+    auto lighter = [sub](unsigned int a, unsigned int b) {
+        return sub[a] < sub[b] || (sub[a] == sub[b] && a > b);
+    };
     unsigned long bestCuts = 0;
     topWork = 0.0;
-    if (T_ > 1 && !order.empty()) {
+    if (owners > 1 && !order.empty()) {
         // Cut the heaviest subtree at its root as long as the estimate can still improve; remember the best
         // length of the cut sequence. A pass that records the sequence, then one that replays its best part.
         for (int pass = 0; pass < 2; ++pass) {
             std::make_heap(order.begin(), order.end(), lighter);
             double sum = totalWork, top = 0.0;
-            double best = std::max(sub[order[0]], sum / T_);
+            double best = std::max(sub[order[0]], sum / owners);
             unsigned long cuts = 0;
             while (!order.empty()) {
                 if (pass == 1 && cuts == bestCuts) break;
@@ -288,7 +291,7 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
                     order.push_back(c);
                     std::push_heap(order.begin(), order.end(), lighter);
                 }
-                const double estimate = (order.empty() ? 0.0 : std::max(sub[order[0]], sum / T_)) + top;
+                const double estimate = (order.empty() ? 0.0 : std::max(sub[order[0]], sum / owners)) + top;
                 if (pass == 0 && estimate < best) {
                     best = estimate;
                     bestCuts = cuts;
@@ -310,12 +313,12 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     std::sort(order.begin(), order.end(), [sub](unsigned int a, unsigned int b) {
         return sub[a] > sub[b] || (sub[a] == sub[b] && a < b);
     });
-    threadLoads.resize(T_);
+    threadLoads.resize(owners);
     double* load = threadLoads.data();
-    for (unsigned int t = 0; t < T_; ++t) load[t] = 0.0;
+    for (unsigned int t = 0; t < owners; ++t) load[t] = 0.0;
     for (unsigned int x : order) {
         unsigned int least = 0;
-        for (unsigned int t = 1; t < T_; ++t) {
+        for (unsigned int t = 1; t < owners; ++t) {
             if (load[t] < load[least]) least = t;
         }
         load[least] += sub[x];
@@ -323,12 +326,13 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     }
     topOwner = 0;
     maxThreadWork = 0.0;
-    for (unsigned int t = 0; t < T_; ++t) {
+    for (unsigned int t = 0; t < owners; ++t) {
         if (load[t] < load[topOwner]) topOwner = t;
         if (load[t] > maxThreadWork) maxThreadWork = load[t];
     }
 
-    // 4. Owners: the top to topOwner; below a subtree root its owner (parents come first in descending order).
+    // 4. Owners: the top to topOwner; below a subtree root its owner (parents come first in descending
+    // order).
     for (unsigned int j = n; j-- > 0;) {
         const unsigned int p = nodes[j].parent;
         if (isTop[j]) {
@@ -353,14 +357,14 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
             }
         }
     }
-    order.resize(T_ + 1ul);  // seeds per thread, then their start positions
+    order.resize(owners + 1ul);  // seeds per thread, then their start positions
     std::fill(order.begin(), order.end(), 0u);
     for (unsigned int j = 0; j < n; ++j) {
         const unsigned int p = nodes[j].parent;
         if (p == j || nodes[p].owner != nodes[j].owner) ++order[nodes[j].owner + 1ul];
     }
-    for (unsigned int t = 0; t < T_; ++t) order[t + 1ul] += order[t];
-    roots.resize(order[T_]);
+    for (unsigned int t = 0; t < owners; ++t) order[t + 1ul] += order[t];
+    roots.resize(order[owners]);
     for (unsigned int j = n; j-- > 0;) {
         const unsigned int p = nodes[j].parent;
         if (p == j || nodes[p].owner != nodes[j].owner) {
@@ -499,7 +503,8 @@ void MultifrontManager<T>::addUpdateToNode(const SkeletonMatrix& /*pattern*/, co
         for (; u < numEntries; ++u) {
             const unsigned int r = U[u].row, col = U[u].col;
             while (B[q].row != r || B[q].col != col) ++q;  // continues from the previous match
-            addBlock(B[q].block, U[u].block, sizes[r] * static_cast<unsigned long>(factorCommon::padded<T>(sizes[col])));
+            addBlock(B[q].block, U[u].block,
+                     sizes[r] * static_cast<unsigned long>(factorCommon::padded<T>(sizes[col])));
         }
         return;
     }
@@ -537,7 +542,7 @@ void Worker<T>::process(unsigned int j) {
     MfNode<T>* const nodes = M.nodes.data();
     MfNode<T>& node = nodes[j];
     const unsigned int k0 = M.colPointers[j];
-    const unsigned int m = M.colPointers[j + 1] - k0 - 1;  // off-diagonal rows
+    const unsigned int m = M.colPointers[j + 1] - k0 - 1;   // off-diagonal rows
     const unsigned int* rows = M.colRows.data() + k0;       // rows[0] = j, rows[1 .. m] = r_1 < … < r_m
     const unsigned int* blocks = M.colEntries.data() + k0;  // index of block (rows[k], j) in L and LD
     T* const* F = M.front(j);
@@ -605,7 +610,8 @@ void Worker<T>::process(unsigned int j) {
         LD.blockFlags[blocks[k]] = 1;
         for (unsigned int c = 0; c < s_j; ++c) {
             const T q = T(1) / dj[c];
-            for (unsigned int r = 0; r < s_r; ++r) W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
+            for (unsigned int r = 0; r < s_r; ++r)
+                W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
         }
         std::memcpy(static_cast<void*>(Lrj), W, count * sizeof(T));
         if (padding) {
@@ -653,7 +659,8 @@ void Worker<T>::process(unsigned int j) {
                 if (c == a) {
                     subtractProduct(Lsj, LDsj, p_j, B[q].block, p_s, s_s, s_s, s_j);
                 } else {
-                    subtractProduct(LD.blockPointers[blocks[c]], Lsj, p_j, B[q].block, p_s, sizes[r], s_s, s_j);
+                    subtractProduct(LD.blockPointers[blocks[c]], Lsj, p_j, B[q].block, p_s, sizes[r], s_s,
+                                    s_j);
                 }
             }
         }
@@ -783,8 +790,8 @@ void Tamber::factorMF(TamberData<T>& data) {
         // nothing; its one reference is the creator's and ends with the frame.
         MfWrapper<T> wrapper{this, start, &data.scratchPad, nb, 0.0, &data};
         kiv::ThreadTask task("MultiFront factor",
-                             &kiv::ThreadTask::member<MfWrapper<T>, &MfWrapper<T>::doThreadedFactor>, &wrapper,
-                             threads);
+                             &kiv::ThreadTask::member<MfWrapper<T>, &MfWrapper<T>::doThreadedFactor>,
+                             &wrapper, threads);
         task.setNumThreads(threads);
         const std::uint64_t now = kiv::Timer::ticks();
         wrapper.setupTime = static_cast<double>(now - start) * kiv::Timer::clockSpeed();
@@ -826,8 +833,15 @@ void MfWrapper<T>::doThreadedFactor() {
         stack[top++] = static_cast<int>(root.node);
     }
 
-    kivTamber::Worker<T> worker{M,       D.skeleton,       D.matrix,      D.factor, D.scaledFactor, D.factor.blockSizes,
-                     D.factor.blockOffsets, D.diagonal.data, static_cast<unsigned char>(t)};
+    kivTamber::Worker<T> worker{M,
+                                D.skeleton,
+                                D.matrix,
+                                D.factor,
+                                D.scaledFactor,
+                                D.factor.blockSizes,
+                                D.factor.blockOffsets,
+                                D.diagonal.data,
+                                static_cast<unsigned char>(t)};
     const MfNode<T>* const nodes = M.nodes.data();
     const unsigned int* const firstChild = M.firstChild.data();
     const unsigned int* const sibling = M.sibling.data();

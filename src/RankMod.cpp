@@ -103,7 +103,8 @@ bool RankMod::apply(TamberData<double>& data, const EquationList& switchOff, con
     if (!prepared_ || L.numBlockCols != numBlocks_ || data.diagonal.size != dimension_) return false;
     for (const EquationList* list : {&switchOff, &switchOn}) {
         for (const Equation& eq : *list) {
-            if (eq.first >= numBlocks_ || eq.second >= offsets_[eq.first + 1] - offsets_[eq.first]) return false;
+            if (eq.first >= numBlocks_ || eq.second >= offsets_[eq.first + 1] - offsets_[eq.first])
+                return false;
         }
     }
     DenseVector<double>& D = data.diagonal;
@@ -165,7 +166,8 @@ bool RankMod::apply(TamberData<double>& data, const EquationList& switchOff, con
     for (const Equation& eq : coupled_) {
         chunk_.clear();
         chunk_.push_back(eq);
-        ok = TamberUpdate::addRowsV2(L, D, data.matrix, chunk_, rows, rowsA, tree, activeCounts.data(), ws) && ok;
+        ok = TamberUpdate::addRowsV2(L, D, data.matrix, chunk_, rows, rowsA, tree, activeCounts.data(), ws) &&
+             ok;
         active[offsets_[eq.first] + eq.second] = 1;
     }
 

@@ -82,8 +82,8 @@ bool computeSymamdPermutation(const SkeletonMatrix& S, Permutation& P, ScratchPa
     }
 
     int stats[COLAMD_STATS];
-    const int ok = symamd(static_cast<int>(n), A, p, reinterpret_cast<int*>(P.forward), nullptr, stats, gAllocate,
-                          gRelease);
+    const int ok = symamd(static_cast<int>(n), A, p, reinterpret_cast<int*>(P.forward), nullptr, stats,
+                          gAllocate, gRelease);
     if (ok) return true;
 
     std::fputs("symamd/colamd failed\n", stderr);
@@ -110,7 +110,8 @@ void modifyPermutation(const SkeletonMatrix& S, unsigned long firstConstraint, P
         const unsigned int begin = S.colPointers[x];
         const unsigned int last = S.colPointers[x + 1] - 1;  // the diagonal
         bool neighbourPlaced = false;
-        for (unsigned int e = begin; e < last && !neighbourPlaced; ++e) neighbourPlaced = placed[S.rowIndices[e]] != 0;
+        for (unsigned int e = begin; e < last && !neighbourPlaced; ++e)
+            neighbourPlaced = placed[S.rowIndices[e]] != 0;
         if (neighbourPlaced) {
             placed[x] = 1;
             continue;
@@ -139,8 +140,8 @@ void computeTamberPermutation(const SkeletonMatrix&, Permutation&) {
     std::abort();
 }
 
-bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& tree, unsigned long firstConstraint,
-                  Permutation& P, ScratchPad& pad) {
+bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& tree,
+                  unsigned long firstConstraint, Permutation& P, ScratchPad& pad) {
     const unsigned long n = S.n;
     const unsigned long entries = n == 0 ? 0 : S.colPointers[n];
     unsigned int* forward = P.forward;

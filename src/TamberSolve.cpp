@@ -4,6 +4,7 @@
 #include <emmintrin.h>
 #include <kiv/Timer.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
@@ -400,6 +401,65 @@ bool solve(const TamberData<double>& data, DenseVector<double>& x) {
     backwardTSolve(data.factor, x.data);
     return true;
 }
+
+template <typename T>
+bool findBadPivot(const TamberData<T>& data, PivotReport& out, double threshold) {
+    out = PivotReport();
+    const SparseMatrix<T>& A = data.matrix;
+    if (!data.isFactored || A.numBlockCols == 0) return false;
+    const unsigned int n = static_cast<unsigned int>(A.numBlockCols);
+    const unsigned long N = std::min<unsigned long>(A.blockSizes[n], data.diagonal.size);
+    const T* d = data.diagonal.data;
+    out.scanned = N;
+    unsigned long first = N;
+    for (unsigned long k = 0; k < N; ++k) {
+        const double v = static_cast<double>(d[k]);
+        if (std::isfinite(v) && std::fabs(v) > threshold) continue;
+        if (out.count++ == 0) first = k;
+    }
+    if (out.count == 0) return false;
+
+    const double v = static_cast<double>(d[first]);
+    out.kind = !std::isfinite(v) ? PivotReport::nonFinite : v == 0.0 ? PivotReport::zero : PivotReport::tiny;
+    out.value = v;
+    out.scalar = first;
+    // The block holding `first`: the last j with blockOffsets[j] <= first (sizes >= 1, offsets ascending).
+    const unsigned int* offsets = A.blockOffsets;
+    const unsigned int block = static_cast<unsigned int>(
+        std::upper_bound(offsets, offsets + n, static_cast<unsigned int>(first)) - offsets - 1);
+    out.block = block;
+    out.local = static_cast<unsigned int>(first - offsets[block]);
+
+    const Permutation& P = data.permutation;
+    if (P.size != n) {
+        out.userBlock = block;
+        out.userScalar = first;
+        return true;
+    }
+    const unsigned int userBlock = P.forward[block];
+    unsigned long offset = 0;  // Σ sizes of the user blocks before userBlock; user block c is block inverse[c]
+    for (unsigned int c = 0; c < userBlock; ++c) offset += A.blockSizes[P.inverse[c]];
+    out.userBlock = userBlock;
+    out.userScalar = offset + out.local;
+    return true;
+}
+
+const char* pivotKindName(PivotReport::Kind kind) {
+    switch (kind) {
+        case PivotReport::zero:
+            return "zero";
+        case PivotReport::nonFinite:
+            return "non-finite";
+        case PivotReport::tiny:
+            return "tiny";
+        case PivotReport::none:
+            break;
+    }
+    return "none";
+}
+
+template bool findBadPivot<float>(const TamberData<float>&, PivotReport&, double);
+template bool findBadPivot<double>(const TamberData<double>&, PivotReport&, double);
 
 }  // namespace TamberSolve
 

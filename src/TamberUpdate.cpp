@@ -71,7 +71,8 @@ unsigned int readSweeps(const SparseMatrix<double>& S, double* y, unsigned int b
 }
 
 // The two sweeps of insertData.
-void insertSweeps(SparseMatrix<double>& S, const double* y, unsigned int b, unsigned int s, const MetaLayout& rows) {
+void insertSweeps(SparseMatrix<double>& S, const double* y, unsigned int b, unsigned int s,
+                  const MetaLayout& rows) {
     const unsigned int begin = S.colPointers[b], end = S.colPointers[b + 1];
     for (unsigned int e = begin; e < end; ++e) {
         const unsigned int c = S.rowIndices[e];
@@ -204,7 +205,7 @@ void updateBlock(SparseMatrix<double>& L, double* D, double* w, double& a, const
                 double* l = rows.blocks[k] + (t - off);
                 for (unsigned int q = q0; q < sc; ++q) {
                     double& lqt = l[q * ld];
-                    wc[q] = wc[q] - p * lqt;    // w_q −= p·l_qt
+                    wc[q] = wc[q] - p * lqt;   // w_q −= p·l_qt
                     lqt = lqt + beta * wc[q];  // l_qt += β·w_q
                 }
             } else {
@@ -272,20 +273,11 @@ struct RankKState {
     int* collect;
 };
 
-// One block's part of the sweep: its vectors (collected from its list and sorted ascending), its layout, and
-// the tiles of its block row (the column of L) with where their rows lie in W, read once per block.
+// One block's part of the sweep: its vectors (collected from its list and sorted ascending) and its layout.
 struct BlockSweep {
-    static constexpr unsigned int maxTiles = 24;
-    struct Tile {
-        double* l;          // the tile (b, c): L(q, t) at (t − off_b) + (q − off_c)·stride_b
-        unsigned int offc;  // first scalar of block c
-        unsigned int sc;    // size of block c
-        unsigned int wc;    // woff[c]
-    };
-    unsigned int b, off, size, wb, eBegin, eEnd, m, numTiles;
+    unsigned int b, off, size, wb, eBegin, eEnd, m;
     unsigned long ldb;
     const int* vectors;
-    Tile tiles[maxTiles];  // filled when the row has at most maxTiles tiles (numTiles ≤ maxTiles)
 };
 
 void beginBlock(const SparseMatrix<double>& L, const MetaLayout& rows, const RankKState& st, unsigned int b,
@@ -302,31 +294,14 @@ void beginBlock(const SparseMatrix<double>& L, const MetaLayout& rows, const Ran
     bs.m = m;
     bs.ldb = L.blockStrides[b];
     bs.vectors = collect;
-    bs.numTiles = bs.eEnd - bs.eBegin;
-    if (bs.numTiles <= BlockSweep::maxTiles) {
-        for (unsigned int k = 0; k < bs.numTiles; ++k) {
-            const unsigned int c = rows.rowIndices[bs.eBegin + k];
-            bs.tiles[k] = BlockSweep::Tile{rows.blocks[bs.eBegin + k], L.blockOffsets[c], L.blockSizes[c], st.woff[c]};
-        }
-    }
-}
-
-// The column of t for one vector: w_q −= p·l_qt, then l_qt += β·w_q, for every stored q > t.
-inline void columnUpdate(double* l, unsigned long ldb, double* wc, unsigned int q0, unsigned int sc, double p,
-                         double beta) {
-    for (unsigned int q = q0; q < sc; ++q) {
-        double& lqt = l[q * ldb];
-        wc[q] = wc[q] - p * lqt;    // w_jq −= p·l_qt
-        lqt = lqt + beta * wc[q];  // l_qt += β_j·w_jq
-    }
 }
 
 // Step 4 for vector j at scalar t of the block: 4.1 (pivot, β_j, a_j), then 4.2 (the column of t). Running
 // 4.1 and 4.2 vector by vector instead of in two passes changes nothing: 4.1 of a vector reads only W[j][t],
 // D[t] and a_j, which 4.2 of the vectors before it does not write, so every value sees the same operations
 // in the same order.
-inline void sweepVector(const SparseMatrix<double>& L, double* D, const MetaLayout& rows, const RankKState& st,
-                        const BlockSweep& bs, unsigned int t, int j) {
+inline void sweepVector(const SparseMatrix<double>& L, double* D, const MetaLayout& rows,
+                        const RankKState& st, const BlockSweep& bs, unsigned int t, int j) {
     double* wj = st.W + st.rowOff[j];
     const double p = wj[bs.wb + (t - bs.off)];
     const double d = D[t];
@@ -338,19 +313,17 @@ inline void sweepVector(const SparseMatrix<double>& L, double* D, const MetaLayo
     st.a[j] = aNew;
     if (p == 0.0) return;
     const unsigned int tl = t - bs.off;
-    if (bs.numTiles <= BlockSweep::maxTiles) {
-        for (unsigned int k = 0; k < bs.numTiles; ++k) {
-            const BlockSweep::Tile& T = bs.tiles[k];
-            const unsigned int q0 = t + 1 > T.offc ? t + 1 - T.offc : 0;
-            columnUpdate(T.l + tl, bs.ldb, wj + T.wc, q0, T.sc, p, beta);
-        }
-        return;
-    }
     for (unsigned int k = bs.eBegin; k < bs.eEnd; ++k) {
         const unsigned int c = rows.rowIndices[k];
-        const unsigned int offc = L.blockOffsets[c];
+        const unsigned int offc = L.blockOffsets[c], sc = L.blockSizes[c];
         const unsigned int q0 = t + 1 > offc ? t + 1 - offc : 0;
-        columnUpdate(rows.blocks[k] + tl, bs.ldb, wj + st.woff[c], q0, L.blockSizes[c], p, beta);
+        double* l = rows.blocks[k] + tl;
+        double* wc = wj + st.woff[c];
+        for (unsigned int q = q0; q < sc; ++q) {
+            double& lqt = l[q * bs.ldb];
+            wc[q] = wc[q] - p * lqt;   // w_jq −= p·l_qt
+            lqt = lqt + beta * wc[q];  // l_qt += β_j·w_jq
+        }
     }
 }
 
@@ -366,12 +339,6 @@ unsigned int finishBlock(const SparseMatrix<double>& L, const MetaLayout& rows, 
         return b;
     } else {
         target = o;
-    }
-    // The vectors of b are next needed at the target: fetch their entries there (a hint only).
-    for (int j = st.heads[b]; j != -1; j = st.next[j]) {
-        const double* w = st.W + st.rowOff[j] + st.woff[target];
-        __builtin_prefetch(w, 1);
-        __builtin_prefetch(w + 7, 1);
     }
     if (st.heads[target] == -1) {
         st.heads[target] = st.heads[b];
@@ -395,8 +362,8 @@ inline void wavefront(unsigned int s, unsigned int m, unsigned int diagonal, Fn 
 }
 
 // One block of the sweep; returns the block b's list moves on to, or b itself when it stops.
-unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& rows, const EliminationTree* tree,
-                        const RankKState& st, unsigned int b) {
+unsigned int rankKBlock(SparseMatrix<double>& L, double* D, const MetaLayout& rows,
+                        const EliminationTree* tree, const RankKState& st, unsigned int b) {
     BlockSweep bs;
     beginBlock(L, rows, st, b, st.collect, bs);
     if (bs.m > 0) {
@@ -454,8 +421,8 @@ void rankKSparse(SparseMatrix<double>& L, double* D, const MetaLayout& rows, con
 // Work modes of the additions and deletions
 // ---------------------------------------------------------------------------------------------------------
 
-// The documented work storage: a std::set of touched blocks, TamberSolve's reach-restricted forward solve,
-// and vectors cleared over their whole length.
+// The work storage of the public operations: a std::set of touched blocks, TamberSolve's reach-restricted
+// forward solve, and vectors cleared over their whole length.
 class DenseMode {
 public:
     DenseMode(unsigned long n, DenseVector<double>& y) : n_(n), y_(y) {}
@@ -480,7 +447,8 @@ public:
         funnySet(L, D, y_.data, b, s, rows, touched_.begin(), touched_.end());
     }
     // y[p] ← y[p] / d for p > i.
-    void divideAfter(const SparseMatrix<double>&, const EliminationTree*, unsigned int, unsigned int i, double d) {
+    void divideAfter(const SparseMatrix<double>&, const EliminationTree*, unsigned int, unsigned int i,
+                     double d) {
         for (unsigned long p = i + 1; p < n_; ++p) y_.data[p] = y_.data[p] / d;
     }
     void clearTouched() { touched_.clear(); }
@@ -553,7 +521,8 @@ public:
             }
         };
         for (unsigned long k = 0; k < count_; ++k) drop(ws_.reach.data[k]);
-        for (unsigned int e = rowsA.colPointers[b] + 1; e < rowsA.colPointers[b + 1]; ++e) drop(rowsA.rowIndices[e]);
+        for (unsigned int e = rowsA.colPointers[b] + 1; e < rowsA.colPointers[b + 1]; ++e)
+            drop(rowsA.rowIndices[e]);
     }
     void forward(const SparseMatrix<double>& L, unsigned int i, unsigned int b, EliminationTree* tree) {
         unsigned int* reach = ws_.reach.data;
@@ -586,8 +555,8 @@ public:
                const MetaLayout& rows) {
         funnySet(L, D, y_, b, s, rows, ws_.reach.data, ws_.reach.data + count_);
     }
-    void divideAfter(const SparseMatrix<double>& L, const EliminationTree* tree, unsigned int b, unsigned int i,
-                     double d) {
+    void divideAfter(const SparseMatrix<double>& L, const EliminationTree* tree, unsigned int b,
+                     unsigned int i, double d) {
         forEachOnPath(tree, b, [&](unsigned int x) {
             const unsigned int off = L.blockOffsets[x], end = off + L.blockSizes[x];
             for (unsigned int p = std::max(off, i + 1); p < end; ++p) y_[p] = y_[p] / d;
@@ -624,7 +593,7 @@ double insertEquation(SparseMatrix<double>& L, double* D, const SparseMatrix<dou
     double sum = 0.0;
     mode.forEachBelow(L, b, i, [&](unsigned int q) {
         const double z = y[q];
-        y[q] = z / D[q];    // l_iq = z_q / d_q
+        y[q] = z / D[q];  // l_iq = z_q / d_q
         sum += y[q] * z;  // Σ l_iq·z_q
     });
     const double d = y[i] - sum;
@@ -639,13 +608,14 @@ double insertEquation(SparseMatrix<double>& L, double* D, const SparseMatrix<dou
 
 // Steps 2–5 of deleting equation (b, s): clears row i of L, moves column i below the diagonal into w (which
 // the caller has zeroed), sets L(i, i) = 1 and D[i] = 1. Returns the old pivot.
-double removeEquation(SparseMatrix<double>& L, double* D, unsigned int b, unsigned int s, const MetaLayout& rows,
-                      double* w) {
+double removeEquation(SparseMatrix<double>& L, double* D, unsigned int b, unsigned int s,
+                      const MetaLayout& rows, double* w) {
     const unsigned int begin = L.colPointers[b], end = L.colPointers[b + 1];
     for (unsigned int e = begin; e < end; ++e) {
         const unsigned int c = L.rowIndices[e];
-        std::memset(static_cast<void*>(L.blockPointers[e] + static_cast<unsigned long>(s) * L.blockStrides[c]), 0,
-                    L.blockStrides[c] * sizeof(double));
+        std::memset(
+            static_cast<void*>(L.blockPointers[e] + static_cast<unsigned long>(s) * L.blockStrides[c]), 0,
+            L.blockStrides[c] * sizeof(double));
     }
     const unsigned long ld = L.blockStrides[b];
     for (unsigned int e = rows.colPointers[b]; e < rows.colPointers[b + 1]; ++e) {
@@ -703,8 +673,9 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
         const unsigned int begin = L.colPointers[b], end = L.colPointers[b + 1];
         for (unsigned int e = begin; e < end; ++e) {
             const unsigned int c = L.rowIndices[e];
-            std::memset(static_cast<void*>(L.blockPointers[e] + static_cast<unsigned long>(s) * L.blockStrides[c]),
-                        0, L.blockStrides[c] * sizeof(double));
+            std::memset(
+                static_cast<void*>(L.blockPointers[e] + static_cast<unsigned long>(s) * L.blockStrides[c]), 0,
+                L.blockStrides[c] * sizeof(double));
         }
         const unsigned long ldb = L.blockStrides[b];
         for (unsigned int e = rows.colPointers[b]; e < rows.colPointers[b + 1]; ++e) {
@@ -727,7 +698,8 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
         D[i] = 1.0;
         if (deleted) continue;
         const unsigned long wi = woff[b] + s;
-        for (unsigned long r = 0; r < k; ++r) W[rowOff[r] + wi] = 0.0;  // no vector reaches a deleted equation
+        for (unsigned long r = 0; r < k; ++r)
+            W[rowOff[r] + wi] = 0.0;  // no vector reaches a deleted equation
     }
 }
 
@@ -738,10 +710,12 @@ void removeEquations(SparseMatrix<double>& L, double* D, const EquationList& eqs
 // -------------------------------------------------------------------------------------------------------------
 
 void TamberUpdate::Workspace::reserve(unsigned long nb, unsigned long N, unsigned long maxBatch) {
-    if (maxBatch == 0) maxBatch = 1;
+    nb = std::max(nb, numBlocks);
+    N = std::max(N, dimension);
+    maxBatch = std::max(std::max(maxBatch, batchCapacity), 1ul);
     y.reserve(N, 0);
     w.reserve(N, 0);
-    if (N > dimension || maxBatch > batchCapacity || !W.data) W.reserve(maxBatch * N, 0);
+    W.reserve(maxBatch * N, 0);
     sigmas.reserve(maxBatch, 0);
     betas.reserve(maxBatch, 0);
     listHeads.reserve(nb, 0xFF);  // −1
@@ -754,17 +728,17 @@ void TamberUpdate::Workspace::reserve(unsigned long nb, unsigned long N, unsigne
     heap.reserve(nb, 0);
     marks.reserve(nb, 0);
     scalarMarks.reserve(N, 0);
-    numBlocks = std::max(numBlocks, nb);
-    dimension = std::max(dimension, N);
-    batchCapacity = std::max(batchCapacity, maxBatch);
+    numBlocks = nb;
+    dimension = N;
+    batchCapacity = maxBatch;
 }
 
 // -------------------------------------------------------------------------------------------------------------
 // Equation access
 // -------------------------------------------------------------------------------------------------------------
 
-unsigned int TamberUpdate::readEquation(const SparseMatrix<double>& S, DenseMatrix<double>& M, unsigned int row,
-                                        Equation eq, const MetaLayout& rows) {
+unsigned int TamberUpdate::readEquation(const SparseMatrix<double>& S, DenseMatrix<double>& M,
+                                        unsigned int row, Equation eq, const MetaLayout& rows) {
     double* target = M.data + static_cast<unsigned long>(row) * M.numCols;
     return readSweeps(S, target, eq.first, eq.second, rows, [](unsigned int) {});
 }
@@ -774,17 +748,19 @@ unsigned int TamberUpdate::readEquation(const SparseMatrix<double>& S, DenseVect
     return readSweeps(S, y.data, eq.first, eq.second, rows, [&](unsigned int c) { touched.insert(c); });
 }
 
-void TamberUpdate::funnyMult(const SparseMatrix<double>& S, const DenseVector<double>& x, DenseVector<double>& y,
-                             Equation eq) {
+void TamberUpdate::funnyMult(const SparseMatrix<double>& S, const DenseVector<double>& x,
+                             DenseVector<double>& y, Equation eq) {
     funnyDense(S, x.data, y.data, eq.first, eq.second);
 }
 
-void TamberUpdate::funnyMult(const SparseMatrix<double>& S, const DenseVector<double>& x, DenseVector<double>& y,
-                             Equation eq, const MetaLayout& rows, const std::set<unsigned int>& touched) {
+void TamberUpdate::funnyMult(const SparseMatrix<double>& S, const DenseVector<double>& x,
+                             DenseVector<double>& y, Equation eq, const MetaLayout& rows,
+                             const std::set<unsigned int>& touched) {
     funnySet(S, x.data, y.data, eq.first, eq.second, rows, touched.begin(), touched.end());
 }
 
-void TamberUpdate::insertData(SparseMatrix<double>& S, DenseVector<double>& y, Equation eq, const MetaLayout& rows) {
+void TamberUpdate::insertData(SparseMatrix<double>& S, DenseVector<double>& y, Equation eq,
+                              const MetaLayout& rows) {
     insertSweeps(S, y.data, eq.first, eq.second, rows);
 }
 
@@ -809,8 +785,8 @@ void TamberUpdate::buildAdditionalStructure(SparseMatrix<double>& S, MetaLayout&
 // -------------------------------------------------------------------------------------------------------------
 
 bool TamberUpdate::rank1Update(SparseMatrix<double>& L, DenseVector<double>& D, DenseMatrix<double>& W,
-                               double sigma, const MetaLayout& rows, EliminationTree* tree, unsigned int startBlock,
-                               unsigned int wRow) {
+                               double sigma, const MetaLayout& rows, EliminationTree* tree,
+                               unsigned int startBlock, unsigned int wRow) {
     if (L.numBlockCols == 0 || L.colPointers[1] == 1)
         return rank1UpdateRM(L, D, W, sigma, rows, tree, startBlock, wRow);
     return rank1UpdateCM(L, D, W, sigma, rows, tree, startBlock, wRow);
@@ -829,8 +805,8 @@ bool TamberUpdate::rank1UpdateCM(SparseMatrix<double>& L, DenseVector<double>& D
                                  double sigma, const MetaLayout& rows, EliminationTree* tree,
                                  unsigned int startBlock, unsigned int wRow) {
     if (W.numCols != dimensionOf(L)) return false;
-    rank1Walk<false, false>(L, D.data, W.data + static_cast<unsigned long>(wRow) * W.numCols, sigma, rows, tree,
-                            startBlock);
+    rank1Walk<false, false>(L, D.data, W.data + static_cast<unsigned long>(wRow) * W.numCols, sigma, rows,
+                            tree, startBlock);
     return true;
 }
 
@@ -838,8 +814,8 @@ bool TamberUpdate::rank1UpdateV2(SparseMatrix<double>& L, DenseVector<double>& D
                                  double sigma, const MetaLayout& rows, EliminationTree* tree,
                                  unsigned int startBlock, unsigned int wRow) {
     if (W.numCols != dimensionOf(L)) return false;
-    rank1Walk<true, false>(L, D.data, W.data + static_cast<unsigned long>(wRow) * W.numCols, sigma, rows, tree,
-                           startBlock);
+    rank1Walk<true, false>(L, D.data, W.data + static_cast<unsigned long>(wRow) * W.numCols, sigma, rows,
+                           tree, startBlock);
     return true;
 }
 
@@ -877,7 +853,8 @@ bool TamberUpdate::addRows(SparseMatrix<double>& L, DenseVector<double>& D, Dens
         y[i] = 1.0;
         insertSweeps(L, y, b, s, rows);
         std::memset(static_cast<void*>(y), 0, i * sizeof(double));
-        std::memcpy(static_cast<void*>(w), y, n * sizeof(double));  // w[i] stays 1: the update never starts at b
+        std::memcpy(static_cast<void*>(w), y,
+                    n * sizeof(double));  // w[i] stays 1: the update never starts at b
 
         const unsigned int start = L.blockSizes[b] == 1 ? TreeUpdate::findFirstBlock(L, rows, b) : b;
         if (start != b) {
@@ -924,8 +901,8 @@ namespace {
 // mode).
 template <bool sparse, typename Mode>
 bool addRowsV2Loop(SparseMatrix<double>& L, DenseVector<double>& D, const SparseMatrix<double>& A,
-                   const EquationList& eqs, const MetaLayout& rows, const MetaLayout& rowsA, EliminationTree* tree,
-                   unsigned int* activeCounts, Mode& mode, double* w) {
+                   const EquationList& eqs, const MetaLayout& rows, const MetaLayout& rowsA,
+                   EliminationTree* tree, unsigned int* activeCounts, Mode& mode, double* w) {
     const unsigned long n = dimensionOf(L);
     bool ok = true;
     for (const Equation& eq : eqs) {
@@ -1067,7 +1044,7 @@ bool TamberUpdate::rankKUpdate(SparseMatrix<double>& L, DenseVector<double>& D, 
     for (unsigned long j = 0; j < k; ++j) sigmas.data[j] = 1.0 / sigmas.data[j];
     OwnedArray<long> rowOff(k);
     for (unsigned long j = 0; j < k; ++j) rowOff.get()[j] = static_cast<long>(j * W.numCols);
-    const RankKState st{W.data,           rowOff.get(),     L.blockOffsets, sigmas.data,
+    const RankKState st{W.data,           rowOff.get(),    L.blockOffsets, sigmas.data,
                         listHeads.data(), listNext.data(), betas.get(),    collect.get()};
     rankKScan(L, D.data, rows, tree, st);
     return true;
@@ -1116,10 +1093,10 @@ bool TamberUpdate::deleteKRows(SparseMatrix<double>& L, DenseVector<double>& D, 
 namespace {
 
 // Packed rows: vector j keeps only its tree path b_j, parent(b_j), …, root, in that order, in
-// W[start_j .. start_j + S(b_j)), S(x) being the number of scalars from x up to its root; its rows lie back to
-// back. Block c of the path then starts at start_j + S(b_j) − S(c) = rowOff[j] + woff[c] with
-// woff[c] = N − S(c) (ws.wOffsets) and rowOff[j] = start_j − (N − S(b_j)) (ws.rowOffsets). Each vector's
-// entries are contiguous along its path, as a single rank-one vector's are. Returns the total length.
+// W[start_j .. start_j + S(b_j)), S(x) being the number of scalars from x up to its root; its rows lie back
+// to back. Block c of the path then starts at start_j + S(b_j) − S(c) = rowOff[j] + woff[c] with woff[c] = N
+// − S(c) (ws.wOffsets) and rowOff[j] = start_j − (N − S(b_j)) (ws.rowOffsets). Each vector's entries are
+// contiguous along its path, as a single rank-one vector's are. Returns the total length.
 unsigned long pathRows(const SparseMatrix<double>& L, const EliminationTree* tree, const EquationList& eqs,
                        TamberUpdate::Workspace& ws) {
     const long N = static_cast<long>(ws.dimension);
@@ -1180,8 +1157,8 @@ bool TamberUpdate::addKRows(SparseMatrix<double>& L, DenseVector<double>& D, con
         ws.sigmas.data[j] = 1.0 / -d;
     }
     buildLists(eqs, ws.listHeads.data, ws.listNext.data);
-    const RankKState st{W, rowOff, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data,
-                        ws.collect.data};
+    const RankKState st{
+        W, rowOff, woff, ws.sigmas.data, ws.listHeads.data, ws.listNext.data, ws.betas.data, ws.collect.data};
     rankKSparse(L, D.data, rows, tree, st, eqs, ws);
     std::memset(static_cast<void*>(W), 0, length * sizeof(double));
     return true;

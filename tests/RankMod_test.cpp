@@ -1,6 +1,8 @@
 // RankMod over many steps of random switch-off/switch-on requests: after every step a solve with the
 // modified factor must match a solve with a freshly factored matrix of the same active set (inactive
 // equations replaced by unit rows and columns), and after the first steps no call may allocate.
+#include "RankMod.h"
+
 #include <gtest/gtest.h>
 #include <kiv/ByteAllocator.h>
 
@@ -10,7 +12,6 @@
 #include <string>
 #include <vector>
 
-#include "RankMod.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
 #include "testing/BlockSystems.h"
@@ -139,7 +140,8 @@ TEST(RankMod, CoupledAdditionsFallBackToSingles) {
         EXPECT_EQ(mod.lastBatched, sys.sizes[b] == 1 ? 1u : 0u);
         testing::DenseLdlt ref = testing::denseLdlt(sys.dense), got;
         testing::extractFactor(data, got);
-        for (std::size_t k = 0; k < ref.d.size(); ++k) EXPECT_NEAR(got.d[k], ref.d[k], 1e-10 * std::fabs(ref.d[k]));
+        for (std::size_t k = 0; k < ref.d.size(); ++k)
+            EXPECT_NEAR(got.d[k], ref.d[k], 1e-10 * std::fabs(ref.d[k]));
     }
 }
 
@@ -161,7 +163,8 @@ TEST(RankMod, StepsAfterTheFirstAllocateNothing) {
         if (step == 2) before = kiv::ByteAllocator::allocationCount();
         off.clear();
         on.clear();
-        for (unsigned int r = 0; r < 12; ++r) (rng() % 2 ? off : on).push_back(candidates[rng() % candidates.size()]);
+        for (unsigned int r = 0; r < 12; ++r)
+            (rng() % 2 ? off : on).push_back(candidates[rng() % candidates.size()]);
         ASSERT_TRUE(mod.apply(data, off, on, step % 3 ? RankMod::batched : RankMod::singles));
         std::fill(x.begin(), x.end(), 1.0);
         TamberSolve::solve(data, x.data());

@@ -66,7 +66,8 @@ void setForward(Permutation& P, const std::vector<unsigned int>& forward) {
 }
 
 // Skeleton of n blocks from the edges (i, j) of a symmetric pattern.
-void skeletonOf(unsigned int n, const std::vector<std::pair<unsigned int, unsigned int>>& edges, SkeletonMatrix& S) {
+void skeletonOf(unsigned int n, const std::vector<std::pair<unsigned int, unsigned int>>& edges,
+                SkeletonMatrix& S) {
     BlockPattern p(n);
     for (const auto& e : edges) p.couple(e.first, e.second);
     kt::toSkeleton(p, S);
@@ -189,7 +190,8 @@ TEST(ReorderingModify, HandCheckedCases) {
         {"neighbour placed", 3, {{1, 2}}, 2, {1, 2, 0}, {1, 2, 0}},
         // Constraint 3 couples to 0 and 1, both later: it trades places with the earlier of them (1, at 2).
         {"earliest neighbour", 4, {{0, 3}, {1, 3}}, 3, {3, 2, 1, 0}, {1, 2, 3, 0}},
-        // firstConstraint 0: every block is a candidate. Block 2 moves behind its neighbour 1; the block moved
+        // firstConstraint 0: every block is a candidate. Block 2 moves behind its neighbour 1; the block
+        // moved
         // into its place is not revisited; block 0 has no smaller neighbour and swaps with itself.
         {"all candidates", 3, {{0, 1}, {1, 2}}, 0, {2, 1, 0}, {1, 2, 0}},
         {"all candidates, natural", 3, {{0, 1}, {1, 2}}, 0, {0, 1, 2}, {0, 1, 2}},
@@ -231,7 +233,8 @@ TEST(ReorderingModify, RandomPatternsKeepAPermutation) {
             const unsigned int x = out[k];
             if (x < fc || out[k] == input[k]) continue;
             bool afterNeighbour = false;
-            for (unsigned int t = 0; t < k; ++t) afterNeighbour = afterNeighbour || (p(out[t], x) && out[t] != x);
+            for (unsigned int t = 0; t < k; ++t)
+                afterNeighbour = afterNeighbour || (p(out[t], x) && out[t] != x);
             EXPECT_TRUE(afterNeighbour) << "moved constraint " << x;
         }
     }
@@ -247,7 +250,8 @@ TEST(ReorderingDeathTest, DisabledOrderingsAbortWithNotEnabled) {
     skeletonOf(3, {{0, 1}}, S);
     EXPECT_EXIT(Reordering::computeModifiedAmdPermutation(S, P), ::testing::KilledBySignal(SIGABRT),
                 "^Not enabled\n$");
-    EXPECT_EXIT(Reordering::computeTamberPermutation(S, P), ::testing::KilledBySignal(SIGABRT), "^Not enabled\n$");
+    EXPECT_EXIT(Reordering::computeTamberPermutation(S, P), ::testing::KilledBySignal(SIGABRT),
+                "^Not enabled\n$");
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -277,12 +281,15 @@ TEST(ReorderingZeroLeafSwap, ConstraintLeafMovesBehindItsBodyAndItsEntryIsFlagge
     r.run(3, {{0, 2}}, 2, {2, 1, 0});
     ASSERT_TRUE(r.ok);
     EXPECT_EQ(forwardOf(r.P), (std::vector<unsigned int>{1, 0, 2}));
-    for (unsigned int k = 0; k < 3; ++k) EXPECT_EQ(r.P.inverse[k], r.P.forward[k]);  // a copy, not the inverse
+    for (unsigned int k = 0; k < 3; ++k)
+        EXPECT_EQ(r.P.inverse[k], r.P.forward[k]);  // a copy, not the inverse
     // T describes the incoming order: (0, 2) is user entry (0, 2) swapped across the diagonal.
     ASSERT_EQ(kt::checkSkeletonForm(r.T), "");
     ASSERT_EQ(r.T.numEntries(), 4u);
-    EXPECT_EQ(std::vector<unsigned int>(r.T.rowIndices, r.T.rowIndices + 4), (std::vector<unsigned int>{0, 1, 0, 2}));
-    EXPECT_EQ(std::vector<unsigned char>(r.T.fillFlags, r.T.fillFlags + 4), (std::vector<unsigned char>{0, 0, 1, 0}));
+    EXPECT_EQ(std::vector<unsigned int>(r.T.rowIndices, r.T.rowIndices + 4),
+              (std::vector<unsigned int>{0, 1, 0, 2}));
+    EXPECT_EQ(std::vector<unsigned char>(r.T.fillFlags, r.T.fillFlags + 4),
+              (std::vector<unsigned char>{0, 0, 1, 0}));
     EXPECT_EQ(r.tree.parent[0], 2u);
     EXPECT_EQ(r.tree.parent[1], 1u);
     EXPECT_EQ(r.tree.parent[2], 2u);
@@ -337,9 +344,9 @@ TEST(ReorderingZeroLeafSwap, EmptyPattern) {
     EXPECT_EQ(r.tree.numNodes, 0u);
 }
 
-// Random saddle patterns in random orders: T is exactly the permuted pattern with the swapped entries flagged,
-// the tree is the elimination tree of dense symbolic elimination, blockWords travel along, and on success
-// the repaired order is the incoming one with every zero leaf pulled up behind its body parent.
+// Random saddle patterns in random orders: T is exactly the permuted pattern with the swapped entries
+// flagged, the tree is the elimination tree of dense symbolic elimination, blockWords travel along, and on
+// success the repaired order is the incoming one with every zero leaf pulled up behind its body parent.
 TEST(ReorderingZeroLeafSwap, RandomPatternsAgainstDenseReferences) {
     SwapRun r;
     unsigned int successes = 0, failures = 0;

@@ -5,9 +5,11 @@
 // grows on demand to the largest N−1 ever requested and is reused by every
 // later task, so that once it is large enough execute() neither starts an OS
 // thread nor allocates: a dispatch is a generation bump per worker, a wake of
-// the sleeping ones and a countdown that the caller waits on. Idle workers spin
-// for a short, bounded while after a task (catching back-to-back tasks cheaply)
-// and then sleep on a condition variable; they never burn CPU between tasks.
+// the sleeping ones and a countdown that the caller waits on. Idle workers poll
+// for a short, bounded while after a task (catching back-to-back tasks without
+// a wake-up, which costs tens of microseconds) and then sleep on a condition
+// variable; they never burn CPU between tasks. Tasks with more workers than
+// the machine has processors never poll.
 //
 // Executions are serialised process-wide: while one task runs, execute() from
 // another thread blocks until it has finished. execute() of a task with more
@@ -91,8 +93,8 @@ public:
 
     // How long an idle worker polls for the next task before it goes to
     // sleep, and how long the caller polls for its workers before it sleeps,
-    // in microseconds (process-wide; 0 sleeps at once). Polling catches
-    // back-to-back tasks without a wake-up system call.
+    // in microseconds (process-wide; 0 sleeps at once). Polling pauses the
+    // processor between reads and yields it every microsecond or so.
     static void setSpinMicroseconds(unsigned microseconds) noexcept;
     static unsigned spinMicroseconds() noexcept;
 

@@ -1,0 +1,462 @@
+// tamber-solve: solves A·x = b for a symmetric matrix A read from a Matrix Market file, with the library's
+// safe saddle-point ordering, L·D·Lᵀ factorization without pivoting and solve, and reports sizes, timings
+// and the scaled residual. See usage() for the options and the exit codes.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <new>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "Analysis.h"
+#include "BlockGrouping.h"
+#include "MatrixMarket.h"
+#include "Tamber.h"
+#include "TamberSolve.h"
+
+namespace {
+
+using namespace kivTamber;
+
+// Exit codes.
+constexpr int exitSolved = 0;
+constexpr int exitFailure = 1;     // an output file could not be written, out of memory
+constexpr int exitBadInput = 2;    // bad command line, malformed file, rejected by the analysis
+constexpr int exitBadPivot = 3;    // the factorization met a zero or non-finite pivot
+
+const char* const usageText =
+    "usage: tamber-solve MATRIX.mtx[.gz] [--blocks FILE] [--block-size K]\n"
+    "                    [--rhs FILE | --rhs-ones | --rhs-random SEED] [--out FILE] [--float]\n"
+    "                    [--threads N] [--refine K] [--ordering default|symamd|natural] [--help]\n";
+
+void usage(std::FILE* to) {
+    std::fputs(usageText, to);
+    if (to != stdout) return;
+    std::fputs(
+        "\n"
+        "Solves A x = b for the symmetric matrix A of a Matrix Market file (coordinate, real or integer,\n"
+        "symmetric, or general with symmetric values; gzip-compressed files are read as well) by L D L^T\n"
+        "factorization without pivoting in a safe saddle-point order.\n"
+        "\n"
+        "  --blocks FILE       lines \"n1 <count>\" and \"n2 <count>\": rows 1..n1 are body unknowns, the\n"
+        "                      other n2 rows constraints (zero diagonal block). Without it every row is a body.\n"
+        "  --block-size K      group K consecutive rows of one kind into a block (default 1).\n"
+        "  --rhs FILE          right-hand side: one value per line, or a Matrix Market array n x 1.\n"
+        "  --rhs-ones          b = (1, ..., 1).\n"
+        "  --rhs-random SEED   b uniform in [-1, 1] from SEED.\n"
+        "                      Default: b = A (1, ..., 1), so that the exact solution is all ones.\n"
+        "  --out FILE          write the solution, one value per line (%.17g), in the file's numbering.\n"
+        "  --float             factor and solve in single precision (refinement in double).\n"
+        "  --threads N         N >= 2: multifrontal factorization on N threads (default 1: serial).\n"
+        "  --refine K          at most K steps of iterative refinement (default 0).\n"
+        "  --ordering NAME     default: peeling, constrained minimum degree, nested dissection;\n"
+        "                      symamd: minimum degree with the zero-leaf swap and a repair;\n"
+        "                      natural: the file's order (bodies, then constraints).\n"
+        "\n"
+        "Prints the sizes, the timings in ms (read: the files; analysis: block grouping, ordering and\n"
+        "assembly; factor: factor layout and numeric factorization; solve; refine) and the scaled residual\n"
+        "|A x - b|_inf / (|A|_inf |x|_inf + |b|_inf) before and after refinement.\n"
+        "\n"
+        "Exit codes: 0 solved; 1 an output file could not be written; 2 bad command line, malformed input\n"
+        "file (\"FILE:LINE: what is wrong\") or a problem the analysis rejects; 3 a zero or non-finite pivot\n"
+        "(its row, block and index in the block are named, 1-based, in the file's numbering; no solution is\n"
+        "written).\n",
+        to);
+}
+
+struct Settings {
+    std::string matrixPath;
+    std::string blocksPath;
+    std::string rhsPath;
+    std::string outPath;
+    enum class Rhs { timesOnes, ones, random, file } rhs = Rhs::timesOnes;
+    unsigned long seed = 0;
+    unsigned int blockSize = 1;
+    unsigned int threads = 1;
+    unsigned int refine = 0;
+    bool useFloat = false;
+    Analysis::Ordering ordering = Analysis::Ordering::standard;
+    const char* orderingName = "default";
+};
+
+bool parseCount(const char* text, unsigned long maximum, unsigned long& value) {
+    if (text == nullptr || *text < '0' || *text > '9') return false;
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long v = std::strtoull(text, &end, 10);
+    if (*end != '\0' || errno != 0 || v > maximum) return false;
+    value = static_cast<unsigned long>(v);
+    return true;
+}
+
+// Parses the command line; on an error prints it with the usage and returns false with `code` set.
+bool parseArguments(int argc, char** argv, Settings& s, int& code) {
+    int rhsOptions = 0;
+    auto fail = [&](const std::string& what) {
+        std::fprintf(stderr, "tamber-solve: %s\n%s", what.c_str(), usageText);
+        code = exitBadInput;
+        return false;
+    };
+    for (int k = 1; k < argc; ++k) {
+        const std::string arg = argv[k];
+        const char* next = k + 1 < argc ? argv[k + 1] : nullptr;
+        auto needValue = [&]() { return next != nullptr; };
+        unsigned long v = 0;
+        if (arg == "--help" || arg == "-h") {
+            usage(stdout);
+            code = exitSolved;
+            return false;
+        } else if (arg == "--blocks" || arg == "--rhs" || arg == "--out") {
+            if (!needValue()) return fail(arg + " needs a file name");
+            (arg == "--blocks" ? s.blocksPath : arg == "--rhs" ? s.rhsPath : s.outPath) = next;
+            if (arg == "--rhs") {
+                s.rhs = Settings::Rhs::file;
+                ++rhsOptions;
+            }
+            ++k;
+        } else if (arg == "--block-size") {
+            if (!parseCount(next, 1u << 16, v) || v == 0)
+                return fail("--block-size needs a block size from 1 to 65536");
+            s.blockSize = static_cast<unsigned int>(v);
+            ++k;
+        } else if (arg == "--rhs-ones") {
+            s.rhs = Settings::Rhs::ones;
+            ++rhsOptions;
+        } else if (arg == "--rhs-random") {
+            if (!parseCount(next, std::numeric_limits<unsigned long>::max(), v))
+                return fail("--rhs-random needs a non-negative integer seed");
+            s.rhs = Settings::Rhs::random;
+            s.seed = v;
+            ++rhsOptions;
+            ++k;
+        } else if (arg == "--float") {
+            s.useFloat = true;
+        } else if (arg == "--threads") {
+            if (!parseCount(next, 1024, v) || v == 0) return fail("--threads needs a thread count from 1 to 1024");
+            s.threads = static_cast<unsigned int>(v);
+            ++k;
+        } else if (arg == "--refine") {
+            if (!parseCount(next, 1000, v)) return fail("--refine needs a step count from 0 to 1000");
+            s.refine = static_cast<unsigned int>(v);
+            ++k;
+        } else if (arg == "--ordering") {
+            const std::string name = next != nullptr ? next : "";
+            if (name == "default") {
+                s.ordering = Analysis::Ordering::standard;
+                s.orderingName = "default";
+            } else if (name == "symamd") {
+                s.ordering = Analysis::Ordering::symamdSwap;
+                s.orderingName = "symamd";
+            } else if (name == "natural") {
+                s.ordering = Analysis::Ordering::natural;
+                s.orderingName = "natural";
+            } else {
+                return fail("--ordering needs one of default, symamd, natural");
+            }
+            ++k;
+        } else if (arg.size() > 1 && arg[0] == '-') {
+            return fail("unknown option " + arg);
+        } else if (s.matrixPath.empty()) {
+            s.matrixPath = arg;
+        } else {
+            return fail("more than one matrix file (" + s.matrixPath + ", " + arg + ")");
+        }
+    }
+    if (s.matrixPath.empty()) return fail("no matrix file");
+    if (rhsOptions > 1) return fail("give at most one of --rhs, --rhs-ones, --rhs-random");
+    return true;
+}
+
+double milliseconds(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+}
+
+double normInf(const std::vector<double>& x) {
+    double m = 0.0;
+    for (double v : x) m = std::max(m, std::fabs(v));
+    return m;
+}
+
+// ‖A·x − b‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞); r: work array of n values.
+double scaledResidual(const io::SymmetricMatrix& A, double normA, const std::vector<double>& x,
+                      const std::vector<double>& b, std::vector<double>& r) {
+    A.multiply(x.data(), r.data());
+    double num = 0.0;
+    for (std::size_t k = 0; k < r.size(); ++k) num = std::max(num, std::fabs(r[k] - b[k]));
+    const double den = normA * normInf(x) + normInf(b);
+    if (!std::isfinite(num)) return num;
+    return den > 0.0 ? num / den : num;
+}
+
+// b uniform in [−1, 1] from a splitmix64 stream (the same numbers on every platform).
+void randomVector(unsigned long seed, std::vector<double>& b) {
+    unsigned long state = seed;
+    for (double& v : b) {
+        unsigned long z = (state += 0x9E3779B97F4A7C15ul);
+        z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ul;
+        z = (z ^ (z >> 27)) * 0x94D049BB133111EBul;
+        z ^= z >> 31;
+        v = static_cast<double>(z >> 11) * 0x1.0p-52 - 1.0;
+    }
+}
+
+// Everything the solve needs, shared by the two precisions.
+struct Run {
+    Settings settings;
+    io::SymmetricMatrix A;
+    io::RowSplit split;
+    io::BlockedProblem blocked;
+    std::vector<double> b;
+    double normA = 0.0;
+    double readMs = 0.0, analysisMs = 0.0, factorMs = 0.0, solveMs = 0.0, refineMs = 0.0;
+};
+
+void printTimes(const Run& run, bool solved) {
+    std::printf("time (ms): read %.3f, analysis %.3f, factor %.3f", run.readMs, run.analysisMs, run.factorMs);
+    if (solved) std::printf(", solve %.3f, refine %.3f", run.solveMs, run.refineMs);
+    std::printf("\n");
+    std::fflush(stdout);
+}
+
+// The diagonal entry A(r, r) of the file, 0 when it is not given.
+double diagonalEntry(const io::SymmetricMatrix& A, unsigned int r) {
+    const unsigned long k = A.colPointers[r];
+    return k < A.colPointers[r + 1ul] && A.rowIndices[k] == r ? A.values[k] : 0.0;
+}
+
+// Names a pivot for a message: "<kind> pivot at row R (block B, local L) of the matrix (pivot K of N in
+// elimination order...)", everything 1-based in the file's numbering.
+std::string describePivot(const TamberSolve::PivotReport& p, const char* kind, const char* extra) {
+    char text[400];
+    std::snprintf(text, sizeof text,
+                  "%s pivot at row %lu (block %u, local %u) of the matrix (pivot %lu of %lu in elimination "
+                  "order%s)",
+                  kind, p.userScalar + 1, p.userBlock + 1, p.local + 1, p.scalar + 1, p.scanned, extra);
+    return text;
+}
+
+// Analysis, assembly, factorization, pivot scan, solve and refinement in precision T.
+template <typename T>
+int solveIn(Run& run) {
+    const Settings& s = run.settings;
+    const io::BlockedProblem& P = run.blocked;
+    const unsigned int N = run.A.n;
+
+    auto clock = std::chrono::steady_clock::now();
+    Analysis::Options options;
+    options.ordering = s.ordering;
+    Analysis::Analyzer analyzer;
+    TamberData<T> data;
+    const Analysis::Report report = analyzer.analyze(P.problem(), options, data);
+    if (!report.ok) {
+        std::fprintf(stderr, "%s: %s\n", s.matrixPath.c_str(), report.message.c_str());
+        return exitBadInput;
+    }
+    analyzer.setBlocks(data, P.values.data(), P.valuePointers.data());
+    run.analysisMs += milliseconds(clock);
+
+    std::printf("analysis: ordering %s", s.orderingName);
+    if (report.peeledBlocks > 0) std::printf(", %lu blocks peeled", report.peeledBlocks);
+    if (report.usedNestedDissection) std::printf(", nested dissection");
+    if (report.movedConstraints > 0) std::printf(", %lu constraints moved", report.movedConstraints);
+    std::printf("; factor %lu entries, %.4g flops predicted\n", report.cost.scalarEntries, report.cost.flops);
+    if (s.threads > 1)
+        std::printf("factorization: %s, multifrontal on %u threads\n", s.useFloat ? "float" : "double", s.threads);
+    else
+        std::printf("factorization: %s, serial\n", s.useFloat ? "float" : "double");
+
+    Tamber tamber;
+    clock = std::chrono::steady_clock::now();
+    tamber.estimateWork(data, nullptr);
+    data.useMultifrontal = s.threads > 1 ? 1 : 0;
+    data.numThreads = s.threads;
+    if (data.useMultifrontal)
+        tamber.factorMF(data);
+    else
+        tamber.factorSerial(data);
+    run.factorMs = milliseconds(clock);
+
+    // A zero or non-finite pivot makes the solution meaningless: name it and stop.
+    TamberSolve::PivotReport bad;
+    if (TamberSolve::findBadPivot(data, bad)) {
+        printTimes(run, false);
+        char extra[64] = "";
+        if (bad.count > 1) std::snprintf(extra, sizeof extra, "; %lu bad pivots in all", bad.count);
+        std::fprintf(stderr, "%s: %s\n", s.matrixPath.c_str(),
+                     describePivot(bad, TamberSolve::pivotKindName(bad.kind), extra).c_str());
+        const unsigned int row = static_cast<unsigned int>(bad.userScalar);
+        if (row < run.split.bodyRows && diagonalEntry(run.A, row) == 0.0) {
+            if (s.blocksPath.empty())
+                std::fprintf(stderr,
+                             "%s: note: A(%u, %u) is zero; if the rows with a zero diagonal are constraint rows, "
+                             "name them with --blocks\n",
+                             s.matrixPath.c_str(), row + 1, row + 1);
+            else
+                std::fprintf(stderr,
+                             "%s: note: body row %u has a zero diagonal entry; an order without pivoting needs "
+                             "invertible leading body blocks\n",
+                             s.matrixPath.c_str(), row + 1);
+        }
+        return exitBadPivot;
+    }
+    // A pivot that lost all its digits still gives a solution, but a doubtful one: warn and go on.
+    const double epsilon = std::numeric_limits<T>::epsilon();
+    if (TamberSolve::findBadPivot(data, bad, epsilon * run.normA)) {
+        char extra[128];
+        std::snprintf(extra, sizeof extra, "; |d| = %.3g <= eps |A|_inf = %.3g", std::fabs(bad.value),
+                      epsilon * run.normA);
+        std::fprintf(stderr, "%s: warning: %s; the solution may be inaccurate\n", s.matrixPath.c_str(),
+                     describePivot(bad, "tiny", extra).c_str());
+    }
+
+    // Solve in the elimination order.
+    std::vector<T> bp(N), xp(N);
+    std::vector<T> bt(run.b.begin(), run.b.end());
+    analyzer.permuteVector(bt.data(), bp.data());
+    clock = std::chrono::steady_clock::now();
+    tamber.solve(data, bp.data(), xp.data());
+    run.solveMs = milliseconds(clock);
+    std::vector<double> x(N), work(N);
+    {
+        std::vector<T> xt(N);
+        analyzer.unpermuteVector(xp.data(), xt.data());
+        std::copy(xt.begin(), xt.end(), x.begin());
+    }
+    const double before = scaledResidual(run.A, run.normA, x, run.b, work);
+
+    // Refinement: the library's in double; in float a mixed one, residuals in double, corrections by the
+    // float factor, stopping (with the previous iterate) when the residual grows.
+    clock = std::chrono::steady_clock::now();
+    if (s.refine > 0) {
+        if constexpr (std::is_same<T, double>::value) {
+            tamber.iterativeRefinement(data, bp.data(), xp.data(), static_cast<int>(s.refine));
+            analyzer.unpermuteVector(xp.data(), x.data());
+        } else {
+            std::vector<T> rp(N), rt(N);
+            std::vector<double> previous = x;
+            double previousNorm = std::numeric_limits<double>::infinity();
+            for (unsigned int step = 0; step < s.refine; ++step) {
+                run.A.multiply(x.data(), work.data());
+                double norm = 0.0;
+                for (unsigned int k = 0; k < N; ++k) {
+                    rt[k] = static_cast<T>(run.b[k] - work[k]);  // r = b − A·x in double, rounded to T
+                    norm = std::max(norm, std::fabs(run.b[k] - work[k]));
+                }
+                if (!(norm <= previousNorm)) {
+                    x = previous;
+                    break;
+                }
+                previousNorm = norm;
+                previous = x;
+                analyzer.permuteVector(rt.data(), rp.data());
+                tamber.solve(data, rp.data());
+                analyzer.unpermuteVector(rp.data(), rt.data());
+                for (unsigned int k = 0; k < N; ++k) x[k] += static_cast<double>(rt[k]);
+            }
+        }
+    }
+    run.refineMs = milliseconds(clock);
+
+    printTimes(run, true);
+    std::printf("residual: %.3e\n", before);
+    if (s.refine > 0)
+        std::printf("residual after refinement: %.3e (at most %u steps)\n",
+                    scaledResidual(run.A, run.normA, x, run.b, work), s.refine);
+    if (s.rhs == Settings::Rhs::timesOnes) {
+        double error = 0.0;
+        for (double v : x) error = std::max(error, std::fabs(v - 1.0));
+        std::printf("error: %.3e (max |x_k - 1|)\n", error);
+    }
+    if (!s.outPath.empty()) {
+        std::string message;
+        if (!io::writeVector(s.outPath, x.data(), N, message)) {
+            std::fprintf(stderr, "%s\n", message.c_str());
+            return exitFailure;
+        }
+        std::printf("solution: written to %s\n", s.outPath.c_str());
+    }
+    return exitSolved;
+}
+
+int run(int argc, char** argv) {
+    Run run;
+    Settings& s = run.settings;
+    int code = exitSolved;
+    if (!parseArguments(argc, argv, s, code)) return code;
+
+    std::string message;
+    auto clock = std::chrono::steady_clock::now();
+    if (!io::readMatrixMarket(s.matrixPath, run.A, message)) {
+        std::fprintf(stderr, "%s\n", message.c_str());
+        return exitBadInput;
+    }
+    const unsigned int N = run.A.n;
+    run.split.bodyRows = N;
+    if (!s.blocksPath.empty() && !io::readRowSplit(s.blocksPath, N, run.split, message)) {
+        std::fprintf(stderr, "%s\n", message.c_str());
+        return exitBadInput;
+    }
+    run.b.assign(N, 1.0);
+    switch (s.rhs) {
+        case Settings::Rhs::timesOnes: {
+            const std::vector<double> ones(N, 1.0);
+            run.A.multiply(ones.data(), run.b.data());
+            break;
+        }
+        case Settings::Rhs::ones:
+            break;
+        case Settings::Rhs::random:
+            randomVector(s.seed, run.b);
+            break;
+        case Settings::Rhs::file:
+            if (!io::readVector(s.rhsPath, N, run.b, message)) {
+                std::fprintf(stderr, "%s\n", message.c_str());
+                return exitBadInput;
+            }
+            break;
+    }
+    run.readMs = milliseconds(clock);
+    run.normA = run.A.normInf();
+
+    clock = std::chrono::steady_clock::now();
+    if (!io::groupIntoBlocks(run.A, run.split.bodyRows, s.blockSize, run.blocked, message)) {
+        std::fprintf(stderr, "tamber-solve: %s\n", message.c_str());
+        return exitBadInput;
+    }
+    run.analysisMs = milliseconds(clock);
+
+    const io::BlockedProblem& P = run.blocked;
+    std::printf("matrix: %s, n %u, nnz %lu stored (%lu in the full matrix), %s\n", s.matrixPath.c_str(), N,
+                run.A.numEntries(), run.A.fullEntries(), run.A.general ? "general" : "symmetric");
+    std::printf("blocks: %u (%u body, %u constraint) of at most %u rows, %lu block entries; constraint rows %u\n",
+                P.numBlocks, P.firstConstraint, P.numBlocks - P.firstConstraint, s.blockSize, P.numEntries(),
+                N - run.split.bodyRows);
+    const char* rhsName[] = {"A*ones", "ones", "random", "file"};
+    if (s.rhs == Settings::Rhs::random)
+        std::printf("right-hand side: random, seed %lu\n", s.seed);
+    else if (s.rhs == Settings::Rhs::file)
+        std::printf("right-hand side: %s\n", s.rhsPath.c_str());
+    else
+        std::printf("right-hand side: %s\n", rhsName[static_cast<int>(s.rhs)]);
+    std::fflush(stdout);
+
+    return s.useFloat ? solveIn<float>(run) : solveIn<double>(run);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        return run(argc, argv);
+    } catch (const std::bad_alloc&) {
+        std::fflush(stdout);
+        std::fprintf(stderr, "tamber-solve: out of memory\n");
+        return exitFailure;
+    }
+}
