@@ -20,7 +20,8 @@ public:
     unsigned long capacity;
     // First element, on a 16-byte boundary inside `raw`.
     T* data;
-    // The allocation: capacity + 1 elements for double, capacity + 3 for float (16 bytes of alignment slack).
+    // The allocation: capacity + 1 elements for double, capacity + 3 for float (slack for the 16-byte
+    // alignment of `data`), zero-filled when allocated.
     T* raw;
 
     // Empty vector: size and capacity zero, no storage.

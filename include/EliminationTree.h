@@ -107,9 +107,11 @@ public:
     // Tree::releaseMemory, then frees colParent and rank and sets them to null.
     void releaseMemory() override;
 
-    // Root of x's set in the disjoint-set forest: colParent[x] when parent[x] == x, otherwise
-    // colParent[x] = findRoot(colParent[x]) (recursive path compression; every node on the path ends up
-    // pointing at the root).
+    // Root of x's set in the disjoint-set forest, defined recursively: colParent[x] when parent[x] == x,
+    // otherwise colParent[x] = findRoot(colParent[x]), returned. Full path compression: every node on the
+    // path from x ends up pointing straight at the root. Evaluated iteratively (two passes over the path), so
+    // the depth of the forest does not bound the usable stack. Precondition: colParent leads from x to a
+    // node that is its own parent (true for every tree built by TreeUpdate::computeTree).
     unsigned int findRoot(unsigned int x);
 
     // Tree::operator=, then numNodes entries of colParent and rank, auxList and fillIns. Self-assignment does

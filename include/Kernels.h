@@ -10,9 +10,8 @@
 //    run (no temporary result), so the output must not alias an input.
 //  - Triangular kernels read only the lower triangle of a row-major square block (row i holds columns 0..i);
 //    entries above the diagonal are never read.
-//  - No kernel checks its arguments, allocates, locks or reports; all are leaf functions, safe to call from
-//  any
-//    number of threads on disjoint outputs.
+//  - No kernel checks its arguments, allocates, locks or reports; all are leaf functions, safe to call
+//    from any number of threads on disjoint outputs.
 #ifndef KIVTAMBER_KERNELS_H
 #define KIVTAMBER_KERNELS_H
 

@@ -18,14 +18,17 @@ namespace kivTamber {
 // rule. Arrays assigned directly must come from kiv::allocateArray: the destructor releases them.
 class SkeletonMatrix {
 public:
-    unsigned int* rowIndices = nullptr;  // [entryCapacity] block index i of each stored entry
-    unsigned int* colPointers =
-        nullptr;  // [blockCapacity + 1] start of each block's list; colPointers[n] = entries
-    unsigned int* blockWords = nullptr;  // [blockCapacity] one word per block, or null
-    unsigned char* fillFlags = nullptr;  // [entryCapacity] 1 for a fill-in or swapped entry, else 0
-    unsigned long n = 0;                 // number of blocks
-    unsigned long blockCapacity = 0;     // blocks the per-block arrays can hold
-    unsigned long entryCapacity = 0;     // entries rowIndices and fillFlags can hold
+    // [entryCapacity] block index i of each stored entry.
+    unsigned int* rowIndices = nullptr;
+    // [blockCapacity + 1] start of each block's list; colPointers[n] = number of stored entries.
+    unsigned int* colPointers = nullptr;
+    // [blockCapacity] one word per block, or null.
+    unsigned int* blockWords = nullptr;
+    // [entryCapacity] 1 for a fill-in or swapped entry, else 0.
+    unsigned char* fillFlags = nullptr;
+    unsigned long n = 0;              // number of blocks
+    unsigned long blockCapacity = 0;  // blocks the per-block arrays can hold
+    unsigned long entryCapacity = 0;  // entries rowIndices and fillFlags can hold
 
     // Empty: no arrays, n = 0, capacities 0.
     SkeletonMatrix() = default;

@@ -90,14 +90,18 @@ public:
 
     // y = y + A·x with the symmetric expansion: an off-diagonal block B = (i, j) adds B·x_j to y_i and
     // Bᵀ·x_i to y_j; a diagonal tile adds its symmetric product, reading the triangle r ≤ c of the
-    // column-major tile. Accepts the upper form (column 0 holds one block, diagonal blocks last) and any
-    // other arrangement of the blocks within the columns. x: in, N elements. y: in/out, N elements. x and y
-    // must not overlap.
+    // column-major tile. Columns j = 0 … n−1, blocks in storage order.
+    // The arrangement is recognised from column 0 alone: when it holds at most one block (colPointers[1] < 2)
+    // the matrix is taken to be in the upper form, and in every column but a final one of odd size the last
+    // block is used as the diagonal and all others as off-diagonal blocks, without comparing indices.
+    // Otherwise every block is classified by comparing its row with its column, so any arrangement within
+    // the columns (diagonal first, blocks below it, ...) is accepted; such a matrix must then hold at least
+    // two blocks in column 0. x: in, N elements. y: in/out, N elements. x and y must not overlap.
     void multiplyAdd(const T* x, T* y) const;
 
     // y = beta·y + alpha·A·x. y is scaled first (beta = 0 multiplies too, so NaN stays NaN) unless
-    // |beta − 1| < the machine epsilon of T or N = 0.
-    // x: in, N elements. y: in/out, N elements. x and y must not overlap.
+    // |beta − 1| < the machine epsilon of T or N = 0. Every block is classified by comparing indices, in
+    // either arrangement. x: in, N elements. y: in/out, N elements. x and y must not overlap.
     void multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const;
 };
 

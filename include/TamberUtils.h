@@ -53,7 +53,15 @@ public:
     ScratchMap(const ScratchMap&) = delete;
     ScratchMap& operator=(const ScratchMap&) = delete;
 
-    // Array of at least `elements` elements of T for `slot`, 16-byte aligned, contents not initialised.
+    // Array of at least `elements` elements of T for `slot`, 16-byte aligned.
+    // The slot id is hashed with Thomas Wang's 64-to-32-bit shift hash and looked up by linear probing, at
+    // most longestProbe + 1 slots, an empty slot ending the search. A slot whose array holds `elements` or
+    // more returns it unchanged, with whatever the last user left in it. Otherwise the old array (if any) is
+    // released and a new one of elements + 4 (int, float, double) or elements + 15 (unsigned char) elements
+    // is allocated, its start rounded up to 16 bytes, not zeroed. Before the record is stored the table
+    // grows when count + (count + 1) / 2 + 2 exceeds its capacity (next power of two, at least 4; all
+    // records rehashed). Throws std::bad_alloc with nothing leaked; a slot whose array was being replaced
+    // is then left without an array (count 0), so that its next request allocates anew.
     T* get(unsigned long slot, unsigned long elements);
 
     // Frees every array, marks every slot empty; keeps the table storage.

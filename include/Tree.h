@@ -109,14 +109,23 @@ public:
 
     // Post order that keeps a constraint (zero-diagonal) node of `graph` from being numbered before a
     // neighbour that makes it non-singular: unsafe nodes are postponed after their parent, or numbered
-    // directly after an only-child parent. Sets every postOrder entry to noNode, the graph tags to 1 for body
-    // and 0 for constraint nodes, then runs dfsHandleNode on each root in `roots` order. A root whose walk
-    // fails stays noNode. Precondition: no unsafe leaf is a root (its parent's child list would be read at
-    // noNode). Recursion depth = tree height.
+    // directly after an only-child parent. Sets every postOrder entry to noNode, the graph tags to 1 (safe)
+    // for body and 0 for constraint nodes, then runs dfsHandleNode on each root in `roots` order, ignoring
+    // the results: a root whose walk fails stays noNode. Precondition: no unsafe root is childless (its own
+    // child list would be read at noNode). Workspace grows to the tree height; no native recursion.
     void computeSafePostOrder(Graph& graph);
 
-    // Recursive step of computeSafePostOrder for `node`; `counter` is the next post-order number. Returns
-    // false when the node had to be postponed (unsafe, and its parent has more than one child).
+    // The step of computeSafePostOrder for the subtree of `node`; `counter` (in/out) is the next post-order
+    // number. In order:
+    //  1. every child in list order, without early stop, the results combined with "and";
+    //  2. if one was false: tag node's neighbours safe, number node, then rerun every child still unnumbered;
+    //  3. a numbered node returns true;
+    //  4. an unsafe node (tag 0) returns false when its parent p has more than one child; else p and then the
+    //     node get the next two numbers (an unsafe root with one child is numbered twice and keeps the
+    //     second), p's neighbours are tagged safe, and a body node's own neighbours too; returns true;
+    //  5. otherwise the node is numbered, a body node tags its neighbours safe, and it returns true.
+    // Evaluated with an explicit stack (workspace of the tree height), in exactly the order of the recursive
+    // definition, so that a deep tree does not exhaust the native stack.
     bool dfsHandleNode(unsigned int node, unsigned int& counter, Graph& graph);
 
     // Copies numNodes and the first numNodes entries of parent, postOrder, firstChild and sibling, then the

@@ -986,7 +986,8 @@ void Analyzer::Impl::orderSymamdSwap(const Problem& problem, Report& report, boo
     const unsigned int n = problem.numBlocks;
     const unsigned long entries = n == 0 ? 0 : problem.colPointers[n];
     userSkeleton.resize(n, entries, false);
-    std::memcpy(userSkeleton.colPointers, problem.colPointers, (n + 1ul) * sizeof(unsigned int));
+    userSkeleton.colPointers[0] = 0;
+    if (n > 0) std::memcpy(userSkeleton.colPointers, problem.colPointers, (n + 1ul) * sizeof(unsigned int));
     if (entries > 0) {
         std::memcpy(userSkeleton.rowIndices, problem.rowIndices, entries * sizeof(unsigned int));
         std::memset(userSkeleton.fillFlags, 0, entries);

@@ -178,9 +178,17 @@ void EliminationTree::releaseMemory() {
 }
 
 unsigned int EliminationTree::findRoot(unsigned int x) {
-    if (parent[x] == x) return colParent[x];
-    colParent[x] = findRoot(colParent[x]);
-    return colParent[x];
+    // The result of the recursive definition, computed in two passes so that a long ancestor path (a chain
+    // of a million blocks) cannot exhaust the stack: find the root, then point every node on the path at it.
+    unsigned int r = x;
+    while (parent[r] != r) r = colParent[r];
+    const unsigned int root = colParent[r];
+    while (parent[x] != x) {
+        const unsigned int next = colParent[x];
+        colParent[x] = root;  // path compression
+        x = next;
+    }
+    return root;
 }
 
 EliminationTree& EliminationTree::operator=(const EliminationTree& other) {

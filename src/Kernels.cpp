@@ -245,8 +245,7 @@ void tamber_MM_CP_ABt(const double* A, int lda, const double* B, int ldb, double
     mmABtDoubleBlocked<+1>(A, lda, B, ldb, C, ldc, n, m, k);
 }
 
-// ------------------------------------------------------------------------------------------------ MV with
-// alpha
+// ------------------------------------------------------------------------------------------ MV with alpha
 
 void tamber_MV_YM_aAX(const float* A, int lda, const float* x, float* y, float alpha, int n, int m) {
     mvAX<-1>(A, lda, x, y, alpha, n, m);
@@ -279,8 +278,7 @@ void tamber_MV_aAX_SYL(const double* A, int lda, const double* x, double* y, dou
     mvSYL(A, lda, x, y, alpha, n);
 }
 
-// ------------------------------------------------------------------------------------------------ MV, float
-// only
+// ------------------------------------------------------------------------------------------ MV, float only
 
 void tamber_MV_YM_AX(const float* A, int lda, const float* x, float* y, int n, int m) {
     mvAXPlain<-1>(A, lda, x, y, n, m);

@@ -264,6 +264,10 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     auto lighter = [sub](unsigned int a, unsigned int b) {
         return sub[a] < sub[b] || (sub[a] == sub[b] && a > b);
     };
+    // Threads beyond the processors share them: the estimate divides the subtrees' work by the threads that
+    // can run at once, so that more threads than processors do not cut deeper into the tree.
+    const unsigned int processors = processorCount();
+    const unsigned int parallel = processors == 0 || owners < processors ? owners : processors;
     unsigned long bestCuts = 0;
     topWork = 0.0;
     if (owners > 1 && !order.empty()) {
@@ -272,7 +276,7 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         for (int pass = 0; pass < 2; ++pass) {
             std::make_heap(order.begin(), order.end(), lighter);
             double sum = totalWork, top = 0.0;
-            double best = std::max(sub[order[0]], sum / owners);
+            double best = std::max(sub[order[0]], sum / parallel);
             unsigned long cuts = 0;
             while (!order.empty()) {
                 if (pass == 1 && cuts == bestCuts) break;
@@ -291,7 +295,7 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
                     order.push_back(c);
                     std::push_heap(order.begin(), order.end(), lighter);
                 }
-                const double estimate = (order.empty() ? 0.0 : std::max(sub[order[0]], sum / owners)) + top;
+                const double estimate = (order.empty() ? 0.0 : std::max(sub[order[0]], sum / parallel)) + top;
                 if (pass == 0 && estimate < best) {
                     best = estimate;
                     bestCuts = cuts;

@@ -451,7 +451,6 @@ public:
                      double d) {
         for (unsigned long p = i + 1; p < n_; ++p) y_.data[p] = y_.data[p] / d;
     }
-    void clearTouched() { touched_.clear(); }
 
 private:
     unsigned long n_;

@@ -160,6 +160,75 @@ void Tree::computePostOrder() {
     marks.count = 0;
 }
 
+namespace {
+
+// One level of the safe post-order walk: the node, the child the walk is at (noNode once the list is done),
+// whether the list is being walked for the second time, and the "and" of the children's results so far.
+struct SafeFrame {
+    unsigned int node;
+    unsigned int child;
+    bool secondPass;
+    bool childrenSafe;
+};
+
+// Steps after the children of v are done: returns v's result.
+bool finishSafeNode(Tree& t, unsigned int v, unsigned int& counter, Graph& g) {
+    if (t.postOrder[v] != Tree::noNode) return true;
+    const bool isBody = (g.nodeInfo[v].flags & Graph::typeMask) == Graph::bodyNode;
+    if (g.nodeInfo[v].tag == 0) {
+        const unsigned int p = t.parent[v];
+        if (t.sibling[t.firstChild[p]] != Tree::noNode) return false;  // postponed until p is numbered
+        // Only child: the parent precedes its unsafe child.
+        t.postOrder[p] = counter;
+        t.postOrder[v] = counter + 1;
+        counter += 2;
+        g.tagNeighbors(p, 1);
+        if (isBody) g.tagNeighbors(v, 1);
+        return true;
+    }
+    t.postOrder[v] = counter++;
+    if (isBody) g.tagNeighbors(v, 1);
+    return true;
+}
+
+// dfsHandleNode(root) with an explicit stack instead of one native frame per tree level, so that deep trees
+// (the spanning tree of a long chain) do not exhaust the thread's stack. Same visits, same order, same
+// results. `stack` is workspace; it grows to the depth of the tree and keeps its storage.
+bool safeWalk(Tree& t, unsigned int root, unsigned int& counter, Graph& g, kiv::VectorPOD<SafeFrame>& stack) {
+    const unsigned int none = Tree::noNode;
+    stack.clear();
+    stack.push_back(SafeFrame{root, t.firstChild[root], false, true});
+    for (;;) {
+        SafeFrame& f = stack.back();
+        if (f.child != none) {
+            const unsigned int c = f.child;
+            if (f.secondPass && t.postOrder[c] != none) {
+                f.child = t.sibling[c];  // the second walk only revisits unnumbered children
+                continue;
+            }
+            stack.push_back(SafeFrame{c, t.firstChild[c], false, true});  // descend: f is not used again
+            continue;
+        }
+        if (!f.secondPass && !f.childrenSafe) {
+            // A postponed child waits for this node: make its neighbours safe, number it, retry the children.
+            g.tagNeighbors(f.node, 1);
+            t.postOrder[f.node] = counter++;
+            f.secondPass = true;
+            f.child = t.firstChild[f.node];
+            continue;
+        }
+        const unsigned int v = f.node;
+        stack.pop_back();
+        const bool result = finishSafeNode(t, v, counter, g);
+        if (stack.empty()) return result;
+        SafeFrame& up = stack.back();
+        if (!up.secondPass) up.childrenSafe = result && up.childrenSafe;  // every child, no early stop
+        up.child = t.sibling[v];
+    }
+}
+
+}  // namespace
+
 void Tree::computeSafePostOrder(Graph& graph) {
     for (unsigned int x = 0; x < numNodes; ++x) postOrder[x] = noNode;
     for (unsigned int v = 0; v < graph.numNodes; ++v) {
@@ -167,39 +236,13 @@ void Tree::computeSafePostOrder(Graph& graph) {
         info.tag = (info.flags & Graph::typeMask) == Graph::bodyNode ? 1 : 0;
     }
     unsigned int counter = 0;
-    for (unsigned long r = 0; r < roots.size(); ++r) dfsHandleNode(roots[r], counter, graph);
+    kiv::VectorPOD<SafeFrame> stack;
+    for (unsigned long r = 0; r < roots.size(); ++r) safeWalk(*this, roots[r], counter, graph, stack);
 }
 
 bool Tree::dfsHandleNode(unsigned int node, unsigned int& counter, Graph& graph) {
-    bool childrenSafe = true;
-    for (unsigned int c = firstChild[node]; c != noNode; c = sibling[c]) {
-        childrenSafe = dfsHandleNode(c, counter, graph) && childrenSafe;  // every child, no early stop
-    }
-    if (!childrenSafe) {
-        // A postponed child waits for this node: number it, make its neighbours safe, retry the children.
-        graph.tagNeighbors(node, 1);
-        postOrder[node] = counter++;
-        for (unsigned int c = firstChild[node]; c != noNode; c = sibling[c]) {
-            if (postOrder[c] == noNode) dfsHandleNode(c, counter, graph);
-        }
-    }
-    if (postOrder[node] != noNode) return true;
-
-    const bool isBody = (graph.nodeInfo[node].flags & Graph::typeMask) == Graph::bodyNode;
-    if (graph.nodeInfo[node].tag == 0) {
-        const unsigned int p = parent[node];
-        if (sibling[firstChild[p]] != noNode) return false;  // postponed until p is numbered
-        // Only child: the parent precedes its unsafe child.
-        postOrder[p] = counter;
-        postOrder[node] = counter + 1;
-        counter += 2;
-        graph.tagNeighbors(p, 1);
-        if (isBody) graph.tagNeighbors(node, 1);
-        return true;
-    }
-    postOrder[node] = counter++;
-    if (isBody) graph.tagNeighbors(node, 1);
-    return true;
+    kiv::VectorPOD<SafeFrame> stack;
+    return safeWalk(*this, node, counter, graph, stack);
 }
 
 Tree& Tree::operator=(const Tree& other) {

@@ -10,7 +10,8 @@ namespace {
 constexpr unsigned int noNode = Tree::noNode;
 
 // findRoot with the first levels unrolled: most searches end within a few steps after compression, so the
-// recursion of EliminationTree::findRoot is only entered for longer paths. Same result and same compression.
+// general walk of EliminationTree::findRoot is only entered for longer paths. Same result and same
+// compression.
 inline unsigned int rootOf(EliminationTree* tree, unsigned int x) {
     unsigned int* const parent = tree->parent;
     unsigned int* const colParent = tree->colParent;

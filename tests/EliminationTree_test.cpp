@@ -151,6 +151,34 @@ TEST(EliminationTree, RankRuleKeepsParentsAboveChildren) {
     EXPECT_NE(textbook, parents(t));
 }
 
+// A path of a million ancestors (a long chain of blocks) is compressed without recursion: the stack of a
+// test thread would not hold one frame per level.
+TEST(EliminationTree, LongAncestorPathsAreCompressedWithoutRecursion) {
+    const unsigned int n = 1000000;
+    EliminationTree t;
+    sized(t, n);
+    // findRoot on a hand-made chain x → x+1 whose links were never compressed.
+    for (unsigned int x = 0; x + 1 < n; ++x) t.parent[x] = t.colParent[x] = x + 1;
+    EXPECT_EQ(t.findRoot(0), n - 1);
+    unsigned int notCompressed = 0;
+    for (unsigned int x = 0; x + 1 < n; ++x) notCompressed += t.colParent[x] != n - 1;
+    EXPECT_EQ(notCompressed, 0u);
+
+    // The same path from a pattern: a tridiagonal chain whose last column couples to every block, so the
+    // first entry of that column walks all the way up from block 0.
+    std::vector<Vec> lists(n);
+    for (unsigned int j = 0; j + 1 < n; ++j) lists[j] = j == 0 ? Vec{0} : Vec{j - 1, j};
+    for (unsigned int i = 0; i < n; ++i) lists[n - 1].push_back(i);
+    SkeletonMatrix S;
+    fillSkeleton(S, lists);
+    const Vec active(n, 1);
+    TreeUpdate::computeTree(&t, S, active.data());
+    unsigned int wrongParents = 0;
+    for (unsigned int x = 0; x + 1 < n; ++x) wrongParents += t.parent[x] != x + 1;
+    EXPECT_EQ(wrongParents, 0u);
+    EXPECT_EQ(t.parent[n - 1], n - 1);
+}
+
 TEST(TreeUpdate, EditsRelinkChildLists) {
     EliminationTree t;
     sized(t, 8);

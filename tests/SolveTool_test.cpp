@@ -478,11 +478,14 @@ void checkPivotReports(double pivot, double threshold, TamberSolve::PivotReport:
         EXPECT_EQ(report.userBlock, userBlock);
         EXPECT_EQ(report.userScalar, r);
         EXPECT_EQ(report.scanned, N);
-        if (kind != TamberSolve::PivotReport::tiny) EXPECT_EQ(report.count, bad);
-        if (kind == TamberSolve::PivotReport::nonFinite)
+        if (kind != TamberSolve::PivotReport::tiny) {
+            EXPECT_EQ(report.count, bad);
+        }
+        if (kind == TamberSolve::PivotReport::nonFinite) {
             EXPECT_TRUE(std::isnan(report.value));
-        else
+        } else {
             EXPECT_EQ(report.value, static_cast<double>(static_cast<T>(pivot)));
+        }
     }
 }
 

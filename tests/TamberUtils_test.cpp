@@ -18,7 +18,8 @@ bool aligned16(const void* p) {
     return reinterpret_cast<std::uintptr_t>(p) % 16 == 0;
 }
 
-// Independent copy of the documented 64-to-32-bit shift hash, used only to construct colliding slot ids.
+// Independent copy of the slot hash (Thomas Wang's 64-to-32-bit shift hash), used only to construct
+// colliding slot ids.
 unsigned int referenceHash(std::uint64_t id) {
     std::uint64_t h = (id << 18) - id - 1;
     h = h ^ (h >> 31);

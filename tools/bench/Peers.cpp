@@ -35,7 +35,7 @@ void ScalarMatrix::multiply(const double* x, double* y) const {
         for (int p = colPointers[j]; p < colPointers[j + 1]; ++p) {
             const int i = rowIndices[p];
             const double a = values[p];
-            y[i] += a * xj;            // a_ij·x_j
+            y[i] += a * xj;              // a_ij·x_j
             if (i != j) yj += a * x[i];  // a_ji·x_i, the lower triangle
         }
         y[j] += yj;
@@ -82,7 +82,8 @@ void scalarMatrixFromProblem(const scenes::BlockProblem& problem, ScalarMatrix& 
     }
 }
 
-void regularisedCopy(const scenes::BlockProblem& problem, const ScalarMatrix& A, double shift, ScalarMatrix& out) {
+void regularisedCopy(const scenes::BlockProblem& problem, const ScalarMatrix& A, double shift,
+                     ScalarMatrix& out) {
     out = A;
     const int first = problem.firstConstraint < problem.numBlocks
                           ? static_cast<int>(problem.blockOffsets[problem.firstConstraint])
@@ -155,15 +156,24 @@ namespace {
 
 const char* cholmodStatus(int status) {
     switch (status) {
-        case CHOLMOD_OK: return "ok";
-        case CHOLMOD_NOT_INSTALLED: return "method not installed";
-        case CHOLMOD_OUT_OF_MEMORY: return "out of memory";
-        case CHOLMOD_TOO_LARGE: return "integer overflow";
-        case CHOLMOD_INVALID: return "invalid input";
-        case CHOLMOD_GPU_PROBLEM: return "GPU problem";
-        case CHOLMOD_NOT_POSDEF: return "not positive definite";
-        case CHOLMOD_DSMALL: return "tiny diagonal entry";
-        default: return "unknown status";
+        case CHOLMOD_OK:
+            return "ok";
+        case CHOLMOD_NOT_INSTALLED:
+            return "method not installed";
+        case CHOLMOD_OUT_OF_MEMORY:
+            return "out of memory";
+        case CHOLMOD_TOO_LARGE:
+            return "integer overflow";
+        case CHOLMOD_INVALID:
+            return "invalid input";
+        case CHOLMOD_GPU_PROBLEM:
+            return "GPU problem";
+        case CHOLMOD_NOT_POSDEF:
+            return "not positive definite";
+        case CHOLMOD_DSMALL:
+            return "tiny diagonal entry";
+        default:
+            return "unknown status";
     }
 }
 
@@ -223,7 +233,8 @@ public:
         B.xtype = CHOLMOD_REAL;
         B.dtype = CHOLMOD_DOUBLE;
         // cholmod_solve2 keeps X, Y and E between calls, so repeated solves do not allocate.
-        if (!cholmod_solve2(CHOLMOD_A, L_, &B, nullptr, &X_, nullptr, &Y_, &E_, &c_) || c_.status != CHOLMOD_OK)
+        if (!cholmod_solve2(CHOLMOD_A, L_, &B, nullptr, &X_, nullptr, &Y_, &E_, &c_) ||
+            c_.status != CHOLMOD_OK)
             return fail("cholmod_solve2");
         std::memcpy(x, X_->x, A_.nrow * sizeof(double));
         return true;
@@ -284,7 +295,8 @@ public:
             switchedOff_[e] = 0;
             entriesOfR_.clear();
             for (int p = fullPointers_[e]; p < fullPointers_[e + 1]; ++p)
-                if (!switchedOff_[fullRows_[p]]) entriesOfR_.emplace_back(position_[fullRows_[p]], fullValues_[p]);
+                if (!switchedOff_[fullRows_[p]])
+                    entriesOfR_.emplace_back(position_[fullRows_[p]], fullValues_[p]);
             std::sort(entriesOfR_.begin(), entriesOfR_.end());
             int* Rp = static_cast<int*>(R_->p);
             int* Ri = static_cast<int*>(R_->i);

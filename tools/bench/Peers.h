@@ -56,14 +56,16 @@ void scalarMatrixFromProblem(const scenes::BlockProblem& problem, ScalarMatrix& 
 
 // A copy of A with `shift` added to the diagonal of every constraint row (rows at or above the first
 // constraint's scalar offset). out: must not be A.
-void regularisedCopy(const scenes::BlockProblem& problem, const ScalarMatrix& A, double shift, ScalarMatrix& out);
+void regularisedCopy(const scenes::BlockProblem& problem, const ScalarMatrix& A, double shift,
+                     ScalarMatrix& out);
 
 // A symmetric positive definite matrix with the pattern of A: the off-diagonal values of A, and
 // diagonal_i = 1 + Σ_j |a_ij| (strict diagonal dominance). out: must not be A.
 void positiveDefiniteTwin(const ScalarMatrix& A, ScalarMatrix& out);
 
 // A copy of A with each listed scalar equation e replaced by the identity's: row and column e zero (the
-// entries stay in the pattern as explicit zeros), a_ee = 1. equations: scalar indices < n. out: must not be A.
+// entries stay in the pattern as explicit zeros), a_ee = 1. equations: scalar indices < n. out: must not be
+// A.
 void unitEquationsCopy(const ScalarMatrix& A, const std::vector<int>& equations, ScalarMatrix& out);
 
 // The scalar elimination order of a block order: the rows of block forward[0], then those of forward[1], …

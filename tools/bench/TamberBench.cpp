@@ -1,13 +1,13 @@
 // tamber-bench: the comparison a user asks for before choosing this library.
 //
-// On the scene matrices (chain, ragdolls, cloth, box wall) at a few sizes it times, in one run and on the same
-// matrices: our analysis, the serial and the multifrontal factorization (1 and N threads), the solve, one step
-// of iterative refinement and the switching of a few constraint equations through RankMod; and each peer
-// found at build time (Peers.h) in two settings: in our elimination order on the saddle-point matrix, and
-// with its own AMD ordering on a copy regularised by −1e-8 on the constraint diagonal. CHOLMOD's supernodal
-// L·Lᵀ, which cannot factor a saddle-point matrix, runs on the positive definite twin with the same pattern.
-// The peers' answer to switching equations is a numeric refactorization, and for CHOLMOD's simplicial
-// factor also its own row deletion and addition.
+// On the scene matrices (chain, ragdolls, cloth, box wall) at a few sizes it times, in one run and on the
+// same matrices: our analysis, the serial and the multifrontal factorization (1 and N threads), the solve,
+// one step of iterative refinement and the switching of a few constraint equations through RankMod; and each
+// peer found at build time (Peers.h) in two settings: in our elimination order on the saddle-point matrix,
+// and with its own AMD ordering on a copy regularised by −1e-8 on the constraint diagonal. CHOLMOD's
+// supernodal L·Lᵀ, which cannot factor a saddle-point matrix, runs on the positive definite twin with the
+// same pattern. The peers' answer to switching equations is a numeric refactorization, and for CHOLMOD's
+// simplicial factor also its own row deletion and addition.
 //
 // Output: two Markdown tables (every solver, and a summary of the ratios) on standard output and in
 // <out>/tamber-bench.md, the same as CSV (<out>/tamber-bench.csv, <out>/tamber-bench-summary.csv), and a
@@ -63,7 +63,8 @@ double median(std::vector<double> v) {
 
 struct Settings {
     std::vector<unsigned long> sizes{1000, 10000, 50000};
-    std::vector<SceneKind> scenes{SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall};
+    std::vector<SceneKind> scenes{SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth,
+                                  SceneKind::boxWall};
     int runs = 5;
     double budget = 1.0;
     bool peers = true;
@@ -92,7 +93,8 @@ struct Row {
     std::string solver, tag, ordering;
     bool ours = false, given = true, twin = false;
     double entries = notMeasured;
-    double analyze = notMeasured, factor = notMeasured, solve = notMeasured, refine = notMeasured;
+    double analyze = notMeasured, factor = notMeasured, assembly = notMeasured, solve = notMeasured,
+           refine = notMeasured;
     double residualSolve = notMeasured, residual = notMeasured;
     double refactor = notMeasured, switchOff = notMeasured, switchOn = notMeasured;
     double switchResidual = notMeasured;
@@ -102,10 +104,14 @@ struct Row {
 
 const char* sceneName(SceneKind kind) {
     switch (kind) {
-        case SceneKind::chain: return "chain";
-        case SceneKind::ragdolls: return "ragdolls";
-        case SceneKind::cloth: return "cloth";
-        case SceneKind::boxWall: return "boxwall";
+        case SceneKind::chain:
+            return "chain";
+        case SceneKind::ragdolls:
+            return "ragdolls";
+        case SceneKind::cloth:
+            return "cloth";
+        case SceneKind::boxWall:
+            return "boxwall";
     }
     return "?";
 }
@@ -173,6 +179,13 @@ std::string csvText(const std::string& s) {
     std::string out = "\"";
     for (char c : s) out += c == '"' ? std::string("\"\"") : std::string(1, c);
     return out + "\"";
+}
+
+std::string loadAverage() {
+    std::ifstream in("/proc/loadavg");
+    std::string one;
+    in >> one;
+    return one.empty() ? std::string("unknown") : one;
 }
 
 std::string cpuModel() {
@@ -244,8 +257,9 @@ private:
     }
 
     bool runOurs(std::vector<Row>& rows) {
-        const Analysis::Problem problem{problem_.numBlocks, problem_.firstConstraint, problem_.colPointers.data(),
-                                        problem_.rowIndices.data(), problem_.blockSizes.data()};
+        const Analysis::Problem problem{problem_.numBlocks, problem_.firstConstraint,
+                                        problem_.colPointers.data(), problem_.rowIndices.data(),
+                                        problem_.blockSizes.data()};
         Analysis::Report report;
         Row serial = newRow("kivTamber serial", "ours", "ours");
         serial.ours = true;
@@ -270,14 +284,17 @@ private:
         // Factor time includes the assembly of the values into the factor's order (setBlocks), as the peers'
         // include their permutation of the matrix.
         times.clear();
+        std::vector<double> assembly;
         repeat(settings_, [&] {
             const Clock::time_point start = Clock::now();
             analyzer_.setBlocks(data_, problem_.values.data(), problem_.valuePointers.data());
+            assembly.push_back(since(start));
             tamber_.factorSerial(data_);
             times.push_back(since(start));
             return true;
         });
         serial.factor = median(times);
+        serial.assembly = median(assembly);
         serial.runs = static_cast<int>(times.size());
 
         for (unsigned int threads : {1u, settings_.threads}) {
@@ -583,14 +600,16 @@ std::vector<Summary> summarise(const std::vector<Row>& rows) {
             keepMin(row.factor, row.tag, row.given ? s.fastestGivenTime : s.fastestAmdTime,
                     row.given ? s.fastestGiven : s.fastestAmd);
             if (row.given) keepMin(row.solve, row.tag, s.fastestSolveTime, s.fastestSolve);
-            keepMin(row.refactor, row.tag + (row.given ? "" : " AMD"), s.fastestRefactorTime, s.fastestRefactor);
+            keepMin(row.refactor, row.tag + (row.given ? "" : " AMD"), s.fastestRefactorTime,
+                    s.fastestRefactor);
             if (row.twin && row.given) s.superGiven = row.factor;
             if (row.tag == "CHOLMOD simp" && row.given) {
                 s.cholmodResidual = row.residual;
                 if (std::isfinite(row.switchOff)) s.cholmodRows = std::max(row.switchOff, row.switchOn);
             }
             if (!row.given && !row.twin) {
-                const double r = std::isnan(row.residual) ? HUGE_VAL : row.residual;  // a failure counts as worst
+                const double r =
+                    std::isnan(row.residual) ? HUGE_VAL : row.residual;  // a failure counts as worst
                 if (std::isnan(s.bestAmdResidual) || r < s.bestAmdResidual) {
                     s.bestAmdResidual = r;
                     s.bestAmdResidualPeer = row.tag;
@@ -608,9 +627,10 @@ std::string peerCell(double time, const std::string& who, double ours) {
 
 std::string fullTable(const std::vector<Row>& rows) {
     std::string t =
-        "| scene | blocks | N | solver | order | nnz(L) | analyze | factor | ×ours | solve | refine | residual "
-        "| refactor | switch off | switch on | switched residual | runs |\n"
-        "|---|---:|---:|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n";
+        "| scene | blocks | N | solver | order | nnz(L) | analyze | factor | assembly | ×ours | solve | "
+        "refine "
+        "| residual | refactor | switch off | switch on | switched residual | runs |\n"
+        "|---|---:|---:|---|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|---:|\n";
     const Row* ours = nullptr;
     for (const Row& row : rows) {
         if (row.tag == "ours") ours = &row;
@@ -619,33 +639,36 @@ std::string fullTable(const std::vector<Row>& rows) {
         const std::string relative = row.tag == "ours" || !ours ? "—" : ratio(row.factor, ours->factor);
         t += "| " + row.scene + " | " + std::to_string(row.blocks) + " | " + std::to_string(row.N) + " | " +
              row.solver + " | " + row.ordering + " | " + entries + " | " + ms(row.analyze) + " | " +
-             ms(row.factor) + " | " + relative + " | " + ms(row.solve) + " | " + ms(row.refine) + " | " +
-             sci(row.residual) + " | " + ms(row.refactor) + " | " + ms(row.switchOff) + " | " +
-             ms(row.switchOn) + " | " + sci(row.switchResidual) + " | " + std::to_string(row.runs) + " |" +
-             (row.note.empty() ? "" : " " + row.note) + "\n";
+             ms(row.factor) + " | " + ms(row.assembly) + " | " + relative + " | " + ms(row.solve) + " | " +
+             ms(row.refine) + " | " + sci(row.residual) + " | " + ms(row.refactor) + " | " +
+             ms(row.switchOff) + " | " + ms(row.switchOn) + " | " + sci(row.switchResidual) + " | " +
+             std::to_string(row.runs) + " |" + (row.note.empty() ? "" : " " + row.note) + "\n";
     }
     return t;
 }
 
 std::string summaryTable(const std::vector<Summary>& summaries, unsigned int threads, unsigned int switched) {
     const std::string mf = "ours MF " + std::to_string(threads) + " thr";
-    std::string t = "| scene | blocks | ours serial | fastest peer, our order | fastest peer, own AMD | CHOLMOD "
-                    "super, our order | " +
-                    mf + " | solve ours | fastest solve, our order | RankMod " + std::to_string(switched) +
-                    " eq. | fastest refactor | CHOLMOD rowdel/add | residual ours | CHOLMOD same order | "
-                    "best own AMD |\n"
-                    "|---|---:|---:|---|---|---|---|---:|---|---:|---|---|---:|---:|---|\n";
+    std::string t =
+        "| scene | blocks | ours serial | fastest peer, our order | fastest peer, own AMD | CHOLMOD "
+        "super, our order | " +
+        mf + " | solve ours | fastest solve, our order | RankMod " + std::to_string(switched) +
+        " eq. | fastest refactor | CHOLMOD rowdel/add | residual ours | CHOLMOD same order | "
+        "best own AMD |\n"
+        "|---|---:|---:|---|---|---|---|---:|---|---:|---|---|---:|---:|---|\n";
     for (const Summary& s : summaries) {
         std::string mfCell = ms(s.mfN);
-        if (std::isfinite(s.mfN) && std::isfinite(s.superGiven)) mfCell += " (" + ratio(s.superGiven, s.mfN) + ")";
+        if (std::isfinite(s.mfN) && std::isfinite(s.superGiven))
+            mfCell += " (" + ratio(s.superGiven, s.mfN) + ")";
         std::string bestAmd = sci(s.bestAmdResidual);
         if (!s.bestAmdResidualPeer.empty()) bestAmd += " " + s.bestAmdResidualPeer;
         t += "| " + s.scene + " | " + std::to_string(s.blocks) + " | " + ms(s.serial) + " | " +
              peerCell(s.fastestGivenTime, s.fastestGiven, s.serial) + " | " +
-             peerCell(s.fastestAmdTime, s.fastestAmd, s.serial) + " | " + peerCell(s.superGiven, "", s.serial) +
-             " | " + mfCell + " | " + ms(s.solve) + " | " + peerCell(s.fastestSolveTime, s.fastestSolve, s.solve) +
-             " | " + ms(s.rankMod) + " | " + peerCell(s.fastestRefactorTime, s.fastestRefactor, s.rankMod) +
-             " | " + peerCell(s.cholmodRows, "", s.rankMod) + " | " + sci(s.residual) + " | " +
+             peerCell(s.fastestAmdTime, s.fastestAmd, s.serial) + " | " +
+             peerCell(s.superGiven, "", s.serial) + " | " + mfCell + " | " + ms(s.solve) + " | " +
+             peerCell(s.fastestSolveTime, s.fastestSolve, s.solve) + " | " + ms(s.rankMod) + " | " +
+             peerCell(s.fastestRefactorTime, s.fastestRefactor, s.rankMod) + " | " +
+             peerCell(s.cholmodRows, "", s.rankMod) + " | " + sci(s.residual) + " | " +
              sci(s.cholmodResidual) + " | " + bestAmd + " |\n";
     }
     return t;
@@ -653,17 +676,19 @@ std::string summaryTable(const std::vector<Summary>& summaries, unsigned int thr
 
 void writeFullCsv(const std::string& path, const std::vector<Row>& rows) {
     std::ofstream out(path);
-    out << "scene,blocks,N,solver,order,nnz_L,analyze_ms,factor_ms,factor_vs_ours,solve_ms,refine_ms,"
-           "residual_solve,residual_refined,refactor_ms,switch_off_ms,switch_on_ms,switched_residual,runs,note\n";
+    out << "scene,blocks,N,solver,order,nnz_L,analyze_ms,factor_ms,assembly_ms,factor_vs_ours,solve_ms,"
+           "refine_ms,"
+           "residual_solve,residual_refined,refactor_ms,switch_off_ms,switch_on_ms,switched_residual,runs,"
+           "note\n";
     const Row* ours = nullptr;
     for (const Row& row : rows) {
         if (row.tag == "ours") ours = &row;
         const double relative = ours && row.tag != "ours" ? row.factor / ours->factor : notMeasured;
         out << row.scene << ',' << row.blocks << ',' << row.N << ',' << csvText(row.solver) << ','
             << csvText(row.ordering) << ',' << csvNumber(row.entries) << ',' << csvNumber(row.analyze * 1e3)
-            << ',' << csvNumber(row.factor * 1e3) << ',' << csvNumber(relative) << ','
-            << csvNumber(row.solve * 1e3) << ',' << csvNumber(row.refine * 1e3) << ','
-            << csvNumber(row.residualSolve) << ',' << csvNumber(row.residual) << ','
+            << ',' << csvNumber(row.factor * 1e3) << ',' << csvNumber(row.assembly * 1e3) << ','
+            << csvNumber(relative) << ',' << csvNumber(row.solve * 1e3) << ',' << csvNumber(row.refine * 1e3)
+            << ',' << csvNumber(row.residualSolve) << ',' << csvNumber(row.residual) << ','
             << csvNumber(row.refactor * 1e3) << ',' << csvNumber(row.switchOff * 1e3) << ','
             << csvNumber(row.switchOn * 1e3) << ',' << csvNumber(row.switchResidual) << ',' << row.runs << ','
             << csvText(row.note) << '\n';
@@ -673,14 +698,16 @@ void writeFullCsv(const std::string& path, const std::vector<Row>& rows) {
 void writeSummaryCsv(const std::string& path, const std::vector<Summary>& summaries) {
     std::ofstream out(path);
     out << "scene,blocks,N,ours_serial_ms,ours_mf1_ms,ours_mfN_ms,fastest_peer_our_order,"
-           "fastest_peer_our_order_ms,fastest_peer_own_amd,fastest_peer_own_amd_ms,cholmod_super_our_order_ms,"
-           "ours_solve_ms,fastest_solve_our_order,fastest_solve_our_order_ms,rankmod_switch_ms,fastest_refactor,"
+           "fastest_peer_our_order_ms,fastest_peer_own_amd,fastest_peer_own_amd_ms,cholmod_super_our_order_"
+           "ms,"
+           "ours_solve_ms,fastest_solve_our_order,fastest_solve_our_order_ms,rankmod_switch_ms,fastest_"
+           "refactor,"
            "fastest_refactor_ms,cholmod_rowdel_rowadd_ms,ours_residual,cholmod_same_order_residual,"
            "best_own_amd_residual\n";
     for (const Summary& s : summaries)
         out << s.scene << ',' << s.blocks << ',' << s.N << ',' << csvNumber(s.serial * 1e3) << ','
-            << csvNumber(s.mf1 * 1e3) << ',' << csvNumber(s.mfN * 1e3) << ',' << csvText(s.fastestGiven) << ','
-            << csvNumber(s.fastestGivenTime * 1e3) << ',' << csvText(s.fastestAmd) << ','
+            << csvNumber(s.mf1 * 1e3) << ',' << csvNumber(s.mfN * 1e3) << ',' << csvText(s.fastestGiven)
+            << ',' << csvNumber(s.fastestGivenTime * 1e3) << ',' << csvText(s.fastestAmd) << ','
             << csvNumber(s.fastestAmdTime * 1e3) << ',' << csvNumber(s.superGiven * 1e3) << ','
             << csvNumber(s.solve * 1e3) << ',' << csvText(s.fastestSolve) << ','
             << csvNumber(s.fastestSolveTime * 1e3) << ',' << csvNumber(s.rankMod * 1e3) << ','
@@ -715,8 +742,9 @@ std::string plot(const std::string& dir, const std::vector<Row>& rows) {
             out << bySize.first;
             for (const std::string& s : series) {
                 const auto it = bySize.second.find(s);
-                out << ' ' << (it == bySize.second.end() || !std::isfinite(it->second) ? std::string("NaN")
-                                                                                         : csvNumber(it->second));
+                out << ' '
+                    << (it == bySize.second.end() || !std::isfinite(it->second) ? std::string("NaN")
+                                                                                : csvNumber(it->second));
             }
             out << '\n';
         }
@@ -724,7 +752,8 @@ std::string plot(const std::string& dir, const std::vector<Row>& rows) {
     const std::string png = dir + "/factor-times.png";
     if (commandWorks("command -v gnuplot")) {
         std::ofstream gp(dir + "/factor-times.gp");
-        gp << "if (strstrt(GPVAL_TERMINALS, 'pngcairo') > 0) { set terminal pngcairo size 1400,1000 font ',10' } "
+        gp << "if (strstrt(GPVAL_TERMINALS, 'pngcairo') > 0) { set terminal pngcairo size 1400,1000 font "
+              "',10' } "
               "else { set terminal png size 1400,1000 }\n"
            << "set output '" << png << "'\nset datafile missing 'NaN'\nset logscale xy\nset grid\n"
            << "set key top left font ',8'\nset xlabel 'blocks'\nset ylabel 'factor time (ms, median)'\n"
@@ -748,7 +777,8 @@ std::string plot(const std::string& dir, const std::vector<Row>& rows) {
     for (const char* python : {"/usr/bin/python3", "python3"}) {
         if (!commandWorks(std::string(python) + " -c 'import matplotlib'")) continue;
         std::ofstream py(dir + "/factor-times.py");
-        py << "import matplotlib\nmatplotlib.use('Agg')\nimport matplotlib.pyplot as plt\nimport shlex, math\n"
+        py << "import matplotlib\nmatplotlib.use('Agg')\nimport matplotlib.pyplot as plt\nimport shlex, "
+              "math\n"
            << "scenes = [";
         for (const std::string& scene : sceneNames) py << "'" << scene << "', ";
         py << "]\nfig, axes = plt.subplots(2, 2, figsize=(14, 10))\n"
@@ -806,7 +836,8 @@ bool parseArguments(int argc, char** argv, Settings& s) {
             const std::string value = argv[++a];
             if (arg == "--sizes") {
                 s.sizes.clear();
-                for (const std::string& v : split(value, ',')) s.sizes.push_back(std::strtoul(v.c_str(), nullptr, 10));
+                for (const std::string& v : split(value, ','))
+                    s.sizes.push_back(std::strtoul(v.c_str(), nullptr, 10));
             } else if (arg == "--scenes") {
                 s.scenes.clear();
                 for (const std::string& v : split(value, ',')) {
@@ -877,6 +908,7 @@ int main(int argc, char** argv) {
         const std::string blas = blasLibrary();
         if (!blas.empty()) header += "BLAS under CHOLMOD's supernodal factorization: " + blas + ".\n";
     }
+    header += "Load average (1 min) at the start: " + loadAverage() + ".\n";
     std::printf("%s", header.c_str());
     std::fflush(stdout);
 
@@ -895,9 +927,11 @@ int main(int argc, char** argv) {
     const std::vector<Summary> summaries = summarise(rows);
     std::string text = header;
     char line[256];
-    std::snprintf(line, sizeof(line),
-                  "\nMedian times in milliseconds (up to %d runs each), %u equations switched, run time %.0f s.\n\n",
-                  settings.runs, settings.switchCount, total);
+    std::snprintf(
+        line, sizeof(line),
+        "Load average (1 min) at the end: %s.\n\nMedian times in milliseconds (up to %d runs each), %u "
+        "equations switched, run time %.0f s.\n\n",
+        loadAverage().c_str(), settings.runs, settings.switchCount, total);
     text += line;
     text += "### Summary\n\n" + summaryTable(summaries, settings.threads, settings.switchCount);
     text +=
@@ -907,11 +941,13 @@ int main(int argc, char** argv) {
         "copies).\n";
     text += "\n### Every solver\n\n" + fullTable(rows);
     text +=
-        "\nOrders: \"ours\" is our analysis's elimination order expanded to scalars, on the saddle-point matrix; "
+        "\nOrders: \"ours\" is our analysis's elimination order expanded to scalars, on the saddle-point "
+        "matrix; "
         "\"own AMD, −1e-8\" is the peer's AMD on a copy with −1e-8 on the constraint diagonal; the SPD twin "
         "(off-diagonals of A, diagonal 1 + row sum) is for CHOLMOD's supernodal L·Lᵀ, which cannot factor a "
-        "saddle-point matrix. Our factor time includes the assembly of the values into the factor's order; "
-        "the multifrontal rows' analyze column is their one-time preparation; our solve includes the "
+        "saddle-point matrix. Our factor time includes the assembly of the values into the factor's order "
+        "(column assembly); the multifrontal rows' analyze column is their one-time preparation; our solve "
+        "includes the "
         "permutations of b and x. Refactor: the peer's numeric factorization of the matrix with the switched "
         "equations replaced by unit equations; switch off/on: RankMod (batched) for us, cholmod_rowdel / "
         "cholmod_rowadd for CHOLMOD's simplicial factor; switched residual: a solve with the modified factor "

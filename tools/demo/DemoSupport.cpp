@@ -51,13 +51,13 @@ const char* sceneOptionName(scenes::SceneKind kind) {
 unsigned int defaultSize(scenes::SceneKind kind) {
     switch (kind) {
         case scenes::SceneKind::boxWall:
-            return 40;
+            return 60;
         case scenes::SceneKind::chain:
-            return 4000;
+            return 10000;
         case scenes::SceneKind::ragdolls:
-            return 300;
+            return 1000;
         case scenes::SceneKind::cloth:
-            return 50;
+            return 40;
     }
     return 1;
 }
@@ -265,6 +265,11 @@ std::string timeRow(const char* label, const Series& seconds, int labelWidth) {
 std::string valueRow(const char* label, const Series& values, const char* fmt, int labelWidth) {
     return tableRow(label, format(fmt, values.median()), format(fmt, values.min()), format(fmt, values.max()),
                     labelWidth);
+}
+
+std::string countRow(const char* label, const Series& counts, int labelWidth) {
+    auto count = [](double v) { return withSeparators(static_cast<unsigned long>(std::llround(v))); };
+    return tableRow(label, count(counts.median()), count(counts.min()), count(counts.max()), labelWidth);
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -95,6 +95,10 @@ std::string timeRow(const char* label, const Series& seconds, int labelWidth);
 // The same for a dimensionless series: `format` is a printf conversion for one double ("%.1e", "%.0f", ...).
 std::string valueRow(const char* label, const Series& values, const char* format, int labelWidth);
 
+// The same for a series of counts, printed as whole numbers with separators (a median between two counts is
+// rounded).
+std::string countRow(const char* label, const Series& counts, int labelWidth);
+
 // ---------------------------------------------------------------------------------------------------------
 // Numerics in the user's numbering
 // ---------------------------------------------------------------------------------------------------------

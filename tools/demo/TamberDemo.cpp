@@ -17,7 +17,10 @@
 #include <kiv/ByteAllocator.h>
 #include <kiv/Timer.h>
 #include <unistd.h>
+#include <execinfo.h>
+bool gTrace = false;
 
+#include <algorithm>
 #include <atomic>
 #include <cmath>
 #include <cstdint>
@@ -27,6 +30,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <vector>
 
 #include "Analysis.h"
 #include "RankMod.h"
@@ -44,6 +48,7 @@ std::atomic<std::uint64_t> gNewCount{0};
 
 void* countedAllocate(std::size_t bytes, std::size_t alignment) {
     gNewCount.fetch_add(1, std::memory_order_relaxed);
+    if (gTrace) { gTrace = false; void* fr[20]; int k = backtrace(fr, 20); backtrace_symbols_fd(fr, k, 2); gTrace = true; }
     if (bytes == 0) bytes = 1;
     void* p = nullptr;
     if (alignment <= alignof(std::max_align_t)) {
@@ -109,6 +114,7 @@ namespace {
 
 constexpr double kTimeStep = 1.0 / 60.0;
 constexpr int kRefinementIterations = 2;
+constexpr unsigned int kAnalysisRuns = 5;
 constexpr int kLabelWidth = 40;
 // Limits above which the demo reports a failure: scaled residuals after refinement (and of the updated
 // factor), and the relative difference between the updated and the new factor's solutions.
@@ -145,7 +151,7 @@ public:
     }
     std::uint64_t later() const { return library_ + news_; }
     void print(unsigned int steps) const {
-        std::printf("  %-*s %12s   (max %s in one step; library allocator %s, operator new %s; first step %s)\n",
+        std::printf("  %-*s %12s   (max %s; kiv allocator %s, operator new %s; first step %s)\n",
                     kLabelWidth, "allocations per step after the first", withSeparators(later() / (steps - 1)).c_str(),
                     withSeparators(max_).c_str(), withSeparators(library_).c_str(), withSeparators(news_).c_str(),
                     withSeparators(first_).c_str());
@@ -247,6 +253,31 @@ std::string sceneDescription(const scenes::Scene& scene, const Options& options,
     return "";
 }
 
+// Shape of an elimination tree (parent[j] > j for every non-root j, a root its own parent): roots, height
+// (edges on the longest path to a root) and the mean depth of a node. The cost of switching an equation on or
+// off grows with the depth of its block, the cost of a factorization does not.
+struct TreeShape {
+    unsigned long roots = 0;
+    unsigned long height = 0;
+    double meanDepth = 0.0;
+};
+
+TreeShape treeShape(const EliminationTree& tree) {
+    TreeShape shape;
+    const unsigned int n = tree.numNodes;
+    std::vector<unsigned long> depth(n, 0);
+    double sum = 0.0;
+    for (unsigned int j = n; j-- > 0;) {
+        const unsigned int p = tree.parent[j];
+        depth[j] = p == j || p >= n ? 0 : depth[p] + 1;
+        if (p == j) ++shape.roots;
+        shape.height = std::max(shape.height, depth[j]);
+        sum += static_cast<double>(depth[j]);
+    }
+    shape.meanDepth = n > 0 ? sum / n : 0.0;
+    return shape;
+}
+
 Analysis::Problem analysisProblem(const scenes::BlockProblem& p) {
     Analysis::Problem a;
     a.numBlocks = p.numBlocks;
@@ -323,20 +354,42 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     Analysis::Analyzer analyzer;
     data.useMultifrontal = options.threads > 0 ? 1 : 0;
     data.numThreads = options.threads > 0 ? options.threads : 1;
-    const std::uint64_t a0 = kiv::Timer::ticks();
-    const Analysis::Report report = analyzer.analyze(analysisProblem(problem), Analysis::Options(), data);
-    const std::uint64_t a1 = kiv::Timer::ticks();
-    if (!report.ok) {
-        std::fprintf(stderr, "tamber-demo: the analysis failed: %s\n", report.message.c_str());
-        return 1;
+    // The analysis runs kAnalysisRuns times on the same structure, so that its figures are medians too; each
+    // run is a complete one (ordering, symbolic factorization, layout, work estimate, multifrontal split).
+    Analysis::Report report;
+    Series analyze, checks, ordering, symbolic, layout, estimate, preparation;
+    unsigned int work = 0, fill = 0;
+    Counters laterRuns{0, 0};
+    for (unsigned int run = 0; run < kAnalysisRuns; ++run) {
+        gTrace = run >= 2;
+        const Counters c0 = readCounters();
+        const std::uint64_t a0 = kiv::Timer::ticks();
+        report = analyzer.analyze(analysisProblem(problem), Analysis::Options(), data);
+        const std::uint64_t a1 = kiv::Timer::ticks();
+        if (!report.ok) {
+            std::fprintf(stderr, "tamber-demo: the analysis failed: %s\n", report.message.c_str());
+            return 1;
+        }
+        fill = tamber.estimateWork(data, &work);
+        const std::uint64_t a2 = kiv::Timer::ticks();
+        if (data.useMultifrontal) data.multifront.prepare(data.skeleton, data.matrix.blockSizes, data.numThreads);
+        const std::uint64_t a3 = kiv::Timer::ticks();
+        const Counters c1 = readCounters();
+        if (run >= 2) {
+            laterRuns.library += c1.library - c0.library;
+            laterRuns.news += c1.news - c0.news;
+        }
+        analyze.add(secondsBetween(a0, a1));
+        checks.add(report.checkSeconds);
+        ordering.add(report.orderSeconds);
+        symbolic.add(report.symbolicSeconds);
+        layout.add(report.layoutSeconds);
+        estimate.add(secondsBetween(a1, a2));
+        preparation.add(secondsBetween(a2, a3));
     }
-    unsigned int work = 0;
-    const unsigned int fill = tamber.estimateWork(data, &work);
-    const std::uint64_t a2 = kiv::Timer::ticks();
-    if (data.useMultifrontal) tamber.prepareMultifrontal(data);
-    const std::uint64_t a3 = kiv::Timer::ticks();
 
-    std::printf("Phase 1 · analysis (once)\n");
+    gTrace = false;
+    std::printf("Phase 1 · analysis, once per structure (%u runs)\n", kAnalysisRuns);
     std::printf("  system        %s bodies and %s constraints in %s pattern entries\n",
                 withSeparators(problem.firstConstraint).c_str(),
                 withSeparators(problem.numBlocks - problem.firstConstraint).c_str(),
@@ -345,20 +398,30 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
                 withSeparators(report.peeledBlocks).c_str(),
                 report.usedNestedDissection ? "nested dissection" : "minimum degree");
     if (report.nestedDissectionFlops > 0.0)
-        std::printf(" (predicted flops: minimum degree %.3g, nested dissection %.3g)", report.minimumDegreeFlops,
-                    report.nestedDissectionFlops);
-    std::printf("\n  factor L      %s blocks (%s of them fill), %s scalar entries, %.3g flops per factorization\n",
+        std::printf("\n                (predicted flops: minimum degree %.3g, nested dissection %.3g)",
+                    report.minimumDegreeFlops, report.nestedDissectionFlops);
+    const TreeShape shape = treeShape(data.etree);
+    std::printf("\n  tree          %s %s, height %s, mean depth of a block %.1f\n", withSeparators(shape.roots).c_str(),
+                shape.roots == 1 ? "root" : "roots", withSeparators(shape.height).c_str(), shape.meanDepth);
+    std::printf("  factor L      %s blocks (%s of them fill), %s scalar entries, %.3g flops per factorization\n",
                 withSeparators(report.cost.blockEntries).c_str(), withSeparators(fill).c_str(),
                 withSeparators(report.cost.scalarEntries).c_str(), report.cost.flops);
-    std::printf("  analyze       %.3f ms (checks %.3f, ordering %.3f, symbolic %.3f, layout %.3f)\n",
-                1e3 * secondsBetween(a0, a1), 1e3 * report.checkSeconds, 1e3 * report.orderSeconds,
-                1e3 * report.symbolicSeconds, 1e3 * report.layoutSeconds);
-    std::printf("  estimateWork  %.3f ms (%s block operations)", 1e3 * secondsBetween(a1, a2),
-                withSeparators(work).c_str());
-    if (data.useMultifrontal)
-        std::printf("; multifrontal preparation %.3f ms (%u threads own subtrees)", 1e3 * secondsBetween(a2, a3),
-                    data.multifront.numOwners);
-    std::printf("\n\n");
+    std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
+    std::printf("%s\n", timeRow("analyze (Analyzer::analyze)", analyze, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("  checks and block graph", checks, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("  ordering", ordering, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("  symbolic factorization", symbolic, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("  layout of the matrix", layout, kLabelWidth).c_str());
+    const std::string estimateLabel = "estimateWork (" + withSeparators(work) + " block ops)";
+    std::printf("%s\n", timeRow(estimateLabel.c_str(), estimate, kLabelWidth).c_str());
+    if (data.useMultifrontal) {
+        const std::string label = "multifrontal split (" + std::to_string(data.multifront.numOwners) + " owners)";
+        std::printf("%s\n", timeRow(label.c_str(), preparation, kLabelWidth).c_str());
+    }
+    std::printf("  allocations per run after the second: %s (kiv allocator %s, operator new %s; the ordering\n"
+                "  libraries' own calloc is not counted)\n\n",
+                withSeparators((laterRuns.library + laterRuns.news) / (kAnalysisRuns - 2)).c_str(),
+                withSeparators(laterRuns.library).c_str(), withSeparators(laterRuns.news).c_str());
 
     // ---- Phase 2: time steps.
     kiv::VectorPOD<double> bUser(N), xUser(N), r(N), rowSums(N);
@@ -436,7 +499,7 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     std::printf("%s\n", timeRow("whole step", step, kLabelWidth).c_str());
     std::printf("%s\n", valueRow("residual after solve", before, "%.1e", kLabelWidth).c_str());
     std::printf("%s\n", valueRow("residual after refinement", after, "%.1e", kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("active constraint equations", active, "%.0f", kLabelWidth).c_str());
+    std::printf("%s\n", countRow("active constraint equations", active, kLabelWidth).c_str());
     allocations.print(options.steps);
     std::printf("  (residual: ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞), recomputed by the demo in the scene's numbering)\n\n");
     failures.check(allocations.later() == 0, "phase 2 allocated after its first step");
@@ -602,11 +665,14 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
 
     std::printf("Phase 3 · switching: RankMod updates the factor vs assemble and factor again (%u steps, double)\n",
                 options.steps);
-    std::printf("  %s equations of inactive contacts switched off once before the steps, in %.3f ms\n",
-                withSeparators(initiallyOff).c_str(), 1e3 * secondsBetween(i0, i1));
+    if (initiallyOff > 0)
+        std::printf("  %s equations of inactive contacts switched off once before the steps: %.3f ms, the time of "
+                    "%.1f factorizations\n",
+                    withSeparators(initiallyOff).c_str(), 1e3 * secondsBetween(i0, i1),
+                    secondsBetween(i0, i1) / std::max(refactor.median(), 1e-12));
     std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
-    std::printf("%s\n", valueRow("equations switched per step", switched, "%.0f", kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("active constraint equations", activeEq, "%.0f", kLabelWidth).c_str());
+    std::printf("%s\n", countRow("equations switched per step", switched, kLabelWidth).c_str());
+    std::printf("%s\n", countRow("active constraint equations", activeEq, kLabelWidth).c_str());
     std::printf("%s\n", timeRow("update (RankMod::apply, batched)", update, kLabelWidth).c_str());
     std::printf("%s\n", timeRow("solve with the updated factor", solveU, kLabelWidth).c_str());
     std::printf("%s\n", timeRow("assemble again (build, setBlocks)", assemble, kLabelWidth).c_str());
@@ -656,9 +722,12 @@ int main(int argc, char** argv) {
         if (s != 0) return s;
     }
     std::printf("Summary: a time step (assemble, factor, solve, refine) takes %.3f ms", 1e3 * summary.stepSeconds);
-    if (summary.switching)
+    if (summary.switching && summary.speedup >= 1.0)
         std::printf("; switching %.0f equations by updating the factor is %.1f× faster than factoring again",
                     summary.switched, summary.speedup);
+    if (summary.switching && summary.speedup < 1.0)
+        std::printf("; switching %.0f equations by updating the factor is %.1f× slower than factoring again",
+                    summary.switched, 1.0 / std::max(summary.speedup, 1e-9));
     std::printf("; largest residual %.1e; %s allocations in the steps after the first.\n", summary.residual,
                 withSeparators(summary.allocations).c_str());
     if (failures.any()) {

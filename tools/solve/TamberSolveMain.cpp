@@ -14,6 +14,8 @@
 #include <type_traits>
 #include <vector>
 
+#include <kiv/Timer.h>
+
 #include "Analysis.h"
 #include "BlockGrouping.h"
 #include "MatrixMarket.h"
@@ -308,6 +310,7 @@ int solveIn(Run& run) {
     // A pivot that lost all its digits still gives a solution, but a doubtful one: warn and go on.
     const double epsilon = std::numeric_limits<T>::epsilon();
     if (TamberSolve::findBadPivot(data, bad, epsilon * run.normA)) {
+        std::fflush(stdout);
         char extra[128];
         std::snprintf(extra, sizeof extra, "; |d| = %.3g <= eps |A|_inf = %.3g", std::fabs(bad.value),
                       epsilon * run.normA);
@@ -389,6 +392,10 @@ int run(int argc, char** argv) {
     Settings& s = run.settings;
     int code = exitSolved;
     if (!parseArguments(argc, argv, s, code)) return code;
+
+    // The library times its phases with the core clock, whose first use calibrates it (about 20 ms): do it
+    // here, outside the phases this tool times.
+    kiv::Timer::clockSpeed();
 
     std::string message;
     auto clock = std::chrono::steady_clock::now();
