@@ -63,11 +63,12 @@ namespace Analysis {
 // ascending columns of its row subtree, then i itself, with fillFlags[k] = 1 on the fill-in entries and 0
 // on the entries of A. blockWords are copied when `permuted` has them and released otherwise. The arrays are
 // reused when large enough (SkeletonMatrix::resize).
-// scratchPad: optional work arrays (its int slot 0, 2n + 1 elements); without it the work arrays are
-// allocated and released inside the call.
+// scratchPad: optional work arrays (its int slots 0 and 1, 4n + 1 elements and |L| − n + 1 elements);
+// without it the work arrays are allocated and released inside the call.
 //
 // Returns false, with `filled` unchanged, when the tree has fewer nodes than the pattern has blocks.
-// Cost: O(|L| + |A|) for the walks plus a sort of each row of L, O(|L| log) at worst.
+// Cost: O(|L| + |A|): two walks of the row subtrees (sizes, then the columns of L, which come out ascending)
+// and one transpose of the columns into rows, so no row is sorted.
 bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
                            SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr);
 

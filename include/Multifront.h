@@ -321,12 +321,12 @@ public:
     //  1. the column form, the parents (first off-diagonal row of each column) and the child lists;
     //  2. the work of each node, w_j = s_j³/3 + σ·s_j² + s_j·(σ² + Σ s_r²) + per-block overhead (σ = Σ s_r
     //     over the off-diagonal rows), and of each subtree;
-    //  3. the split: starting from the tree roots, the heaviest remaining subtree is cut at its root (the
-    //  root
-    //     joins the top, its children become subtrees) as long as that lowers the estimated time
-    //     max(largest subtree, Σ subtrees / threads) + top work; the best cut sequence is kept. The subtrees
-    //     then go to the threads by decreasing work, each to the least loaded thread (ties: lowest index),
-    //     and the top to the least loaded thread. With one thread nothing is cut;
+    //  3. the split: starting from the tree roots, the heaviest remaining subtree is cut at its root (it
+    //     joins the top, its children become subtrees that may hand their updates to another thread) as
+    //     long as that can lower the estimated time max(largest subtree, Σ subtrees / P) + top work + hand-
+    //     over costs, P being the threads that can run at once (at most the processors); the best cut
+    //     sequence is kept. The subtrees then go to the threads by decreasing work, each to the least loaded
+    //     thread (ties: lowest index), and the top to the least loaded thread. One thread cuts nothing;
     //  4. the owners, the foreign-children flags, the (root, thread) pairs, the fronts over the front store,
     //     and, for every node whose parent has another owner, its update list over the update store and a
     //     wait block in the mode of `waitMode`.

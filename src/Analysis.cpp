@@ -22,12 +22,13 @@ namespace Analysis {
 
 namespace {
 
-// Work arrays of computeFilledSkeleton: from the scratch pad when one is given, else owned for the call.
+// Work arrays of computeFilledSkeleton: from the scratch pad (int slot `slot`) when one is given, else owned
+// for the call.
 class WorkArray {
 public:
-    WorkArray(ScratchPad* pad, unsigned long count) : count_(count) {
+    WorkArray(ScratchPad* pad, unsigned long slot, unsigned long count) : count_(count) {
         if (pad) {
-            data_ = reinterpret_cast<unsigned int*>(pad->getIntArray(0, count));
+            data_ = reinterpret_cast<unsigned int*>(pad->getIntArray(slot, count));
         } else {
             owned_ = kiv::allocateArray<unsigned int>(count);
             data_ = owned_;
@@ -537,47 +538,69 @@ bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree
     const unsigned long n = permuted.n;
     if (etree.numNodes < n) return false;
 
-    // Work: stamp[n] (the row a node was last visited for) and count[n + 1] (entries per row of L).
-    WorkArray work(scratchPad, 2 * n + 1);
+    // Work: stamp[n] (the row a node was last visited for), count[n] (entries per row of L), colPtr[n + 1]
+    // and cursor[n] (the columns of L strictly below the diagonal).
+    WorkArray work(scratchPad, 0, 4 * n + 1);
     unsigned int* stamp = work.data();
     unsigned int* count = stamp + n;
+    unsigned int* colPtr = count + n;
+    unsigned int* cursor = colPtr + n + 1;
     const unsigned int* parent = etree.parent;
 
-    // Pass 1: sizes of the rows of L.
-    for (unsigned long x = 0; x < n; ++x) stamp[x] = 0xFFFFFFFFu;
+    // Pass 1: sizes of the rows and of the columns of L.
+    for (unsigned long x = 0; x < n; ++x) {
+        stamp[x] = 0xFFFFFFFFu;
+        colPtr[x + 1] = 0;
+    }
+    colPtr[0] = 0;
     unsigned long entries = 0;
     for (unsigned int i = 0; i < n; ++i) {
         unsigned int c = 1;  // the diagonal
-        walkRowSubtree(permuted, parent, stamp, i, [&c](unsigned int) { ++c; });
+        walkRowSubtree(permuted, parent, stamp, i, [&c, colPtr](unsigned int x) {
+            ++c;
+            ++colPtr[x + 1];
+        });
         count[i] = c;
         entries += c;
     }
+    for (unsigned long x = 0; x < n; ++x) {
+        colPtr[x + 1] += colPtr[x];
+        cursor[x] = colPtr[x];
+    }
+
+    // Pass 2: the columns of L, each ascending because the rows are walked in ascending order.
+    WorkArray columns(scratchPad, 1, entries - n + 1);
+    unsigned int* colRows = columns.data();
+    for (unsigned long x = 0; x < n; ++x) stamp[x] = 0xFFFFFFFFu;
+    for (unsigned int i = 0; i < n; ++i)
+        walkRowSubtree(permuted, parent, stamp, i,
+                       [i, colRows, cursor](unsigned int x) { colRows[cursor[x]++] = i; });
 
     const bool withWords = permuted.blockWords != nullptr;
     filled.resize(n, entries, withWords);
     if (withWords && n > 0) std::memcpy(filled.blockWords, permuted.blockWords, n * sizeof(unsigned int));
-
     unsigned int* cp = filled.colPointers;
     cp[0] = 0;
     for (unsigned long i = 0; i < n; ++i) cp[i + 1] = cp[i] + count[i];
 
-    // Pass 2: the entries of each row, sorted, then the diagonal; flag the ones not in A.
-    for (unsigned long x = 0; x < n; ++x) stamp[x] = 0xFFFFFFFFu;
+    // Pass 3: transpose the columns into rows (ascending, since the columns are taken in ascending order),
+    // the diagonal last; flag the entries that are not in A.
+    unsigned int* rows = filled.rowIndices;
+    for (unsigned long i = 0; i < n; ++i) count[i] = cp[i];
+    for (unsigned int x = 0; x < n; ++x) {
+        for (unsigned int q = colPtr[x]; q < colPtr[x + 1]; ++q) rows[count[colRows[q]]++] = x;
+    }
     for (unsigned int i = 0; i < n; ++i) {
-        unsigned int* row = filled.rowIndices + cp[i];
-        unsigned int len = 0;
-        walkRowSubtree(permuted, parent, stamp, i, [row, &len](unsigned int x) { row[len++] = x; });
-        std::sort(row, row + len);
-        row[len] = i;
-
-        unsigned char* flags = filled.fillFlags + cp[i];
+        const unsigned int end = cp[i + 1] - 1;
+        rows[end] = i;
+        unsigned char* flags = filled.fillFlags;
         unsigned int a = permuted.colPointers[i];
         const unsigned int aEnd = permuted.colPointers[i + 1];
-        for (unsigned int k = 0; k < len; ++k) {
-            while (a < aEnd && permuted.rowIndices[a] < row[k]) ++a;
-            flags[k] = (a < aEnd && permuted.rowIndices[a] == row[k]) ? 0 : 1;  // fill unless in A
+        for (unsigned int k = cp[i]; k < end; ++k) {
+            while (a < aEnd && permuted.rowIndices[a] < rows[k]) ++a;
+            flags[k] = (a < aEnd && permuted.rowIndices[a] == rows[k]) ? 0 : 1;  // fill unless in A
         }
-        flags[len] = 0;
+        flags[end] = 0;
     }
     return true;
 }

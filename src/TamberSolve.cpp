@@ -437,7 +437,8 @@ bool findBadPivot(const TamberData<T>& data, PivotReport& out, double threshold)
         return true;
     }
     const unsigned int userBlock = P.forward[block];
-    unsigned long offset = 0;  // Σ sizes of the user blocks before userBlock; user block c is block inverse[c]
+    // Σ sizes of the user blocks before userBlock; user block c is block inverse[c] of the factor.
+    unsigned long offset = 0;
     for (unsigned int c = 0; c < userBlock; ++c) offset += A.blockSizes[P.inverse[c]];
     out.userBlock = userBlock;
     out.userScalar = offset + out.local;

@@ -506,7 +506,9 @@ TEST(AnalysisApi, RandomUserOrdersAreAcceptedExactlyWhenTheySatisfyTheRule) {
                 continue;
             }
             ++accepted;
-            ASSERT_EQ(std::vector<unsigned int>(data.permutation.forward, data.permutation.forward + s.sys.nb), order);
+            ASSERT_EQ(
+                std::vector<unsigned int>(data.permutation.forward, data.permutation.forward + s.sys.nb),
+                order);
             analyzer.setBlocks(data, s.values.data(), s.valuePointers.data());
             tamber.factorSerial(data);
             const Pivots pv = pivotsOf(data);
@@ -549,9 +551,8 @@ TEST(AnalysisApi, UnrepairedSymamdSwapMeetsZeroPivots) {
             singular += bad ? 1 : 0;
         }
     }
-    std::fprintf(stderr, "DEBUG broken %u singular %u\n", broken, singular);
-    EXPECT_GT(broken, 10u);
-    EXPECT_GT(singular, 0u);
+    EXPECT_GT(broken, 60u);    // measured: 89 of 90
+    EXPECT_GT(singular, 60u);  // measured: all 89 of them
 }
 
 // The repair by hand. Bodies 0, 1, 2; constraint 3 couples to bodies 0 and 1, constraint 4 to bodies 0 and 2.

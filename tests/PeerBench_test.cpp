@@ -114,6 +114,59 @@ TEST(PeerBench, ScalarMatrixMatchesTheDenseProblem) {
     }
 }
 
+// The matrices the peers get besides A, against their definitions on the dense matrix: the regularised copy
+// differs from A only by the shift on the constraint diagonal; the twin keeps A's off-diagonal entries and is
+// positive definite (a dense Cholesky factorization succeeds); a unit equation's row and column are the
+// identity's and the rest is A.
+TEST(PeerBench, MatrixVariantsFollowTheirDefinitions) {
+    for (const SceneCase& c : kScenes) {
+        SCOPED_TRACE(c.label);
+        BlockProblem problem;
+        buildProblem(c, problem);
+        const int N = static_cast<int>(problem.scalarSize());
+        const int firstConstraintRow = static_cast<int>(problem.blockOffsets[problem.firstConstraint]);
+        ScalarMatrix A, regularised, twin, unit;
+        scalarMatrixFromProblem(problem, A);
+        regularisedCopy(problem, A, -1e-8, regularised);
+        positiveDefiniteTwin(A, twin);
+        const std::vector<int> equations{firstConstraintRow, N - 1};
+        unitEquationsCopy(A, equations, unit);
+        auto dense = [N](const ScalarMatrix& M) {
+            std::vector<double> d(static_cast<std::size_t>(N) * N, 0.0);
+            for (int j = 0; j < N; ++j)
+                for (int p = M.colPointers[j]; p < M.colPointers[j + 1]; ++p)
+                    d[M.rowIndices[p] * N + j] = d[j * N + M.rowIndices[p]] = M.values[p];
+            return d;
+        };
+        const std::vector<double> a = dense(A), r = dense(regularised), t = dense(twin), u = dense(unit);
+        for (int i = 0; i < N; ++i)
+            for (int j = 0; j < N; ++j) {
+                const std::size_t k = static_cast<std::size_t>(i) * N + j;
+                const double shift = i == j && i >= firstConstraintRow ? -1e-8 : 0.0;
+                ASSERT_EQ(r[k], a[k] + shift) << i << ", " << j;
+                if (i != j) {
+                    ASSERT_EQ(t[k], a[k]) << i << ", " << j;
+                }
+                const bool isUnit = std::find(equations.begin(), equations.end(), i) != equations.end() ||
+                                    std::find(equations.begin(), equations.end(), j) != equations.end();
+                ASSERT_EQ(u[k], isUnit ? (i == j ? 1.0 : 0.0) : a[k]) << i << ", " << j;
+            }
+        // Dense Cholesky of the twin, in place on its lower triangle.
+        std::vector<double> l = t;
+        for (int j = 0; j < N; ++j) {
+            double d = l[j * N + j];
+            for (int k = 0; k < j; ++k) d -= l[j * N + k] * l[j * N + k];
+            ASSERT_GT(d, 0.0) << "pivot " << j;
+            l[j * N + j] = std::sqrt(d);
+            for (int i = j + 1; i < N; ++i) {
+                double v = l[i * N + j];
+                for (int k = 0; k < j; ++k) v -= l[i * N + k] * l[j * N + k];
+                l[i * N + j] = v / l[j * N + j];
+            }
+        }
+    }
+}
+
 // Every peer in both settings: solve, refine, refactor after switching equations, and (where it can) modify
 // the factor in place; all to a small residual.
 TEST(PeerBench, PeersSolveSmallSystemsInBothSettings) {
@@ -284,6 +337,25 @@ TEST(PeerBench, BenchmarkRunsAtATinySizeWithAndWithoutPeers) {
             EXPECT_NE(text.find("Peers missing from this build"), std::string::npos);
         }
 
+        // Every line of a Markdown table has as many cells as the table's header.
+        std::istringstream lines(text);
+        std::string line;
+        std::size_t cells = 0, tableLines = 0;
+        while (std::getline(lines, line)) {
+            if (line.empty() || line[0] != '|') {
+                cells = 0;
+                continue;
+            }
+            const std::size_t bars = static_cast<std::size_t>(std::count(line.begin(), line.end(), '|'));
+            if (cells == 0) cells = bars;
+            EXPECT_EQ(bars, cells) << line;
+            ++tableLines;
+        }
+        // Summary: header, separator, one row per scene and size; every solver: three rows of ours and two
+        // per peer (our order, its own AMD) per scene and size.
+        const std::size_t peerRows = withPeers ? 2 * makePeers().size() : 0;
+        EXPECT_EQ(tableLines, 2 + 8 + 2 + 8 * (3 + peerRows));
+
         const auto rows = readCsv(out + "/tamber-bench.csv", {"solver", "order", "note", "scene"});
         ASSERT_GT(rows.size(), 1u);
         const std::vector<std::string>& header = rows[0];
@@ -315,6 +387,8 @@ TEST(PeerBench, BenchmarkRunsAtATinySizeWithAndWithoutPeers) {
                                       "fastest_solve_our_order", "fastest_refactor"});
         EXPECT_EQ(summary.size(), 1u + 4u * 2u);
     }
+    EXPECT_NE(std::system(("'" + binary + "' --sizes x1 > /dev/null 2>&1").c_str()), 0);
+    EXPECT_NE(std::system(("'" + binary + "' --scenes tower > /dev/null 2>&1").c_str()), 0);
     if (std::system(("rm -rf '" + dir + "'").c_str()) != 0) ADD_FAILURE() << "could not remove " << dir;
 }
 

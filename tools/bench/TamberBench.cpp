@@ -756,7 +756,7 @@ std::string plot(const std::string& dir, const std::vector<Row>& rows) {
               "',10' } "
               "else { set terminal png size 1400,1000 }\n"
            << "set output '" << png << "'\nset datafile missing 'NaN'\nset logscale xy\nset grid\n"
-           << "set key top left font ',8'\nset xlabel 'blocks'\nset ylabel 'factor time (ms, median)'\n"
+           << "set key bottom right font ',8'\nset xlabel 'blocks'\nset ylabel 'factor time (ms, median)'\n"
            << "set multiplot layout 2,2 title 'Factor time against size'\n";
         for (const std::string& scene : sceneNames) {
             gp << "set title '" << scene << "'\nplot ";
@@ -793,7 +793,7 @@ std::string plot(const std::string& dir, const std::vector<Row>& rows) {
            << "                      linewidth=3 if name.startswith('kivTamber') else 1.5,\n"
            << "                      linestyle='--' if 'own AMD' in name else '-')\n"
            << "    ax.set_title(scene); ax.set_xlabel('blocks'); ax.set_ylabel('factor time (ms, median)')\n"
-           << "    ax.grid(True, which='both', alpha=0.3); ax.legend(fontsize=7)\n"
+           << "    ax.grid(True, which='both', alpha=0.3); ax.legend(fontsize=7, loc='lower right')\n"
            << "fig.suptitle('Factor time against size')\nfig.tight_layout()\nfig.savefig('" << png << "')\n";
         py.close();
         if (commandWorks(std::string(python) + " '" + dir + "/factor-times.py'"))
@@ -951,7 +951,8 @@ int main(int argc, char** argv) {
         "permutations of b and x. Refactor: the peer's numeric factorization of the matrix with the switched "
         "equations replaced by unit equations; switch off/on: RankMod (batched) for us, cholmod_rowdel / "
         "cholmod_rowadd for CHOLMOD's simplicial factor; switched residual: a solve with the modified factor "
-        "against the changed matrix.\n";
+        "against the changed matrix. CHOLMOD post-orders the elimination tree of the order it is given (its "
+        "default; the same factor entries).\n";
     for (const std::string& note : notes) text += "\nNote: " + note + ".\n";
     if (!allAnalysed) text += "\nSome scenes could not be analysed (see the messages above).\n";
 

@@ -97,8 +97,8 @@ bool parseOptions(int argc, const char* const* argv, Options& options, std::stri
             arg.resize(eq);
             hasValue = true;
         }
-        const bool takesValue =
-            arg == "--scene" || arg == "--size" || arg == "--threads" || arg == "--steps" || arg == "--switch";
+        const bool takesValue = arg == "--scene" || arg == "--size" || arg == "--threads" ||
+                                arg == "--steps" || arg == "--switch";
         const bool isFlag =
             arg == "--float" || arg == "--double" || arg == "--quiet" || arg == "--help" || arg == "-h";
         if (!takesValue && !isFlag) {
@@ -132,7 +132,8 @@ bool parseOptions(int argc, const char* const* argv, Options& options, std::stri
                 }
             }
             if (!found) {
-                error = "tamber-demo: unknown scene '" + value + "': choose boxes, chain, ragdolls or cloth (see --help)";
+                error = "tamber-demo: unknown scene '" + value +
+                        "': choose boxes, chain, ragdolls or cloth (see --help)";
                 return false;
             }
             continue;
@@ -144,8 +145,8 @@ bool parseOptions(int argc, const char* const* argv, Options& options, std::stri
         if (arg == "--switch") lo = 0, hi = 1000000;
         unsigned long v = 0;
         if (!parseNumber(value.c_str(), lo, hi, v)) {
-            error = "tamber-demo: option '" + arg + "' expects a whole number from " + std::to_string(lo) + " to " +
-                    std::to_string(hi) + ", got '" + value + "' (see --help)";
+            error = "tamber-demo: option '" + arg + "' expects a whole number from " + std::to_string(lo) +
+                    " to " + std::to_string(hi) + ", got '" + value + "' (see --help)";
             return false;
         }
         if (arg == "--size") options.size = static_cast<unsigned int>(v), sizeGiven = true;
@@ -169,25 +170,30 @@ std::string helpText() {
     text +=
         "Usage: tamber-demo [options]\n"
         "\n"
-        "Moves a physics scene for some dozens of time steps and solves its constraint system with kivTamber at\n"
-        "every step, then prints the median time of every stage with its spread (minimum and maximum over the\n"
+        "Moves a physics scene for some dozens of time steps and solves its constraint system with kivTamber "
+        "at\n"
+        "every step, then prints the median time of every stage with its spread (minimum and maximum over "
+        "the\n"
         "steps), the residuals, and the allocations made per step after the first (which should all be 0).\n"
         "\n"
         "Phases:\n"
-        "  1. analysis, once: ordering, symbolic factorization and layout of the system (Analysis::Analyzer)\n"
+        "  1. analysis, once: ordering, symbolic factorization and layout of the system "
+        "(Analysis::Analyzer)\n"
         "  2. time steps: assemble the new values, factor (serial or multifrontal), solve, refine.\n"
         "     The order is the one a caller must keep: Tamber::solve<double> does not factor by itself, so\n"
         "     factor first, then solve, then refine.\n"
         "  3. switching: the pose is held and constraint equations switch off and on at every step; RankMod\n"
-        "     modifies the factor in place, compared with assembling and factoring again (always in double).\n"
+        "     modifies the factor in place, compared with assembling and factoring again (always in "
+        "double).\n"
         "\n"
         "Options:\n"
         "  --scene NAME   boxes: a wall of N×N boxes with 3-row contacts that come and go (default)\n"
         "                 chain: a hanging chain of N links joined by ball joints\n"
         "                 ragdolls: N ragdolls of 10 to 15 bodies each\n"
         "                 cloth: N×N particles joined by distance constraints\n";
-    text += "  --size N       scene size (defaults: boxes " + std::to_string(defaultSize(scenes::SceneKind::boxWall)) +
-            ", chain " + std::to_string(defaultSize(scenes::SceneKind::chain)) + ", ragdolls " +
+    text += "  --size N       scene size (defaults: boxes " +
+            std::to_string(defaultSize(scenes::SceneKind::boxWall)) + ", chain " +
+            std::to_string(defaultSize(scenes::SceneKind::chain)) + ", ragdolls " +
             std::to_string(defaultSize(scenes::SceneKind::ragdolls)) + ", cloth " +
             std::to_string(defaultSize(scenes::SceneKind::cloth)) + ")\n";
     text += "  --threads N    0: serial factorization; N >= 1: multifrontal on N worker threads (default " +
@@ -195,8 +201,8 @@ std::string helpText() {
     text +=
         "  --float        single precision in phase 2, refined against the double matrix\n"
         "  --double       double precision (default)\n";
-    text += "  --steps N      time steps of each phase, at least 2 (default " + std::to_string(defaults.steps) +
-            ")\n";
+    text += "  --steps N      time steps of each phase, at least 2 (default " +
+            std::to_string(defaults.steps) + ")\n";
     text += "  --switch N     constraint equations switched per step in phase 3; 0 skips phase 3 (default " +
             std::to_string(defaults.switchEquations) + ")\n";
     text +=
@@ -217,9 +223,13 @@ double Series::median() const {
     return n % 2 == 1 ? v[n / 2] : 0.5 * (v[n / 2 - 1] + v[n / 2]);
 }
 
-double Series::min() const { return values_.empty() ? 0.0 : *std::min_element(values_.begin(), values_.end()); }
+double Series::min() const {
+    return values_.empty() ? 0.0 : *std::min_element(values_.begin(), values_.end());
+}
 
-double Series::max() const { return values_.empty() ? 0.0 : *std::max_element(values_.begin(), values_.end()); }
+double Series::max() const {
+    return values_.empty() ? 0.0 : *std::max_element(values_.begin(), values_.end());
+}
 
 std::string withSeparators(unsigned long value) {
     std::string digits = std::to_string(value), out;
@@ -232,7 +242,8 @@ std::string withSeparators(unsigned long value) {
 
 unsigned long displayWidth(const std::string& text) {
     unsigned long width = 0;
-    for (unsigned char c : text) width += (c & 0xC0) != 0x80 ? 1 : 0;  // UTF-8 continuation bytes take no column
+    for (unsigned char c : text)
+        width += (c & 0xC0) != 0x80 ? 1 : 0;  // UTF-8 continuation bytes take no column
     return width;
 }
 
@@ -246,8 +257,8 @@ std::string padLeft(const std::string& text, unsigned long width) {
     return w >= width ? text : std::string(width - w, ' ') + text;
 }
 
-std::string tableRow(const char* label, const std::string& median, const std::string& min, const std::string& max,
-                     int labelWidth) {
+std::string tableRow(const char* label, const std::string& median, const std::string& min,
+                     const std::string& max, int labelWidth) {
     return "  " + padRight(label, labelWidth) + " " + padLeft(median, 12) + "  " + padLeft(min, 12) + "  " +
            padLeft(max, 12);
 }
@@ -350,7 +361,8 @@ void EquationMask::fromContacts(const scenes::BlockProblem& problem, const scene
     for (unsigned int c = 0; c < wall.numContacts(); ++c) {
         const unsigned int block = problem.firstConstraint + c;
         const unsigned char on = wall.isActive(c) ? 1 : 0;
-        for (unsigned int k = 0; k < problem.blockSizes[block]; ++k) active_[problem.blockOffsets[block] + k] = on;
+        for (unsigned int k = 0; k < problem.blockSizes[block]; ++k)
+            active_[problem.blockOffsets[block] + k] = on;
     }
 }
 
@@ -358,7 +370,8 @@ void EquationMask::apply(scenes::BlockProblem& problem) {
     const unsigned int n = problem.numBlocks;
     for (unsigned int b = 0; b < n; ++b) {
         unsigned char masked = 0;
-        for (unsigned int k = 0; k < problem.blockSizes[b]; ++k) masked |= active_[problem.blockOffsets[b] + k] ^ 1;
+        for (unsigned int k = 0; k < problem.blockSizes[b]; ++k)
+            masked |= active_[problem.blockOffsets[b] + k] ^ 1;
         blockMasked_[b] = masked;
     }
     for (unsigned int j = 0; j < n; ++j) {

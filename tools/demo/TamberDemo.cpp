@@ -1,9 +1,10 @@
-// tamber-demo: a physics scene solved with kivTamber for some dozens of time steps, the way a constraint solver
-// uses the library, with a report of what every stage costs and proof that steady steps allocate nothing.
+// tamber-demo: a physics scene solved with kivTamber for some dozens of time steps, the way a constraint
+// solver uses the library, with a report of what every stage costs and proof that steady steps allocate
+// nothing.
 //
-//   1. analysis, once: Analysis::Analyzer orders the blocks, builds the filled pattern and the elimination
-//      tree and lays out data.matrix; Tamber::estimateWork lays out the factor; the multifrontal workspace is
-//      prepared;
+//   1. analysis, needed once per structure and run a few times here so that its figures are medians too:
+//      Analysis::Analyzer orders the blocks, builds the filled pattern and the elimination tree and lays out
+//      data.matrix; Tamber::estimateWork lays out the factor; the multifrontal workspace is prepared;
 //   2. time steps: the scene moves, its matrix is assembled into data.matrix (Analyzer::setBlocks), factored
 //      (Tamber::factorSerial or Tamber::factorMF), solved (Tamber::solve) and refined
 //      (Tamber::iterativeRefinement). The order is the caller's duty: Tamber::solve<double> never factors, so
@@ -17,8 +18,6 @@
 #include <kiv/ByteAllocator.h>
 #include <kiv/Timer.h>
 #include <unistd.h>
-#include <execinfo.h>
-bool gTrace = false;
 
 #include <algorithm>
 #include <atomic>
@@ -48,7 +47,6 @@ std::atomic<std::uint64_t> gNewCount{0};
 
 void* countedAllocate(std::size_t bytes, std::size_t alignment) {
     gNewCount.fetch_add(1, std::memory_order_relaxed);
-    if (gTrace) { gTrace = false; void* fr[20]; int k = backtrace(fr, 20); backtrace_symbols_fd(fr, k, 2); gTrace = true; }
     if (bytes == 0) bytes = 1;
     void* p = nullptr;
     if (alignment <= alignof(std::max_align_t)) {
@@ -62,10 +60,18 @@ void* countedAllocate(std::size_t bytes, std::size_t alignment) {
 }
 }  // namespace
 
-void* operator new(std::size_t bytes) { return countedAllocate(bytes, 0); }
-void* operator new[](std::size_t bytes) { return countedAllocate(bytes, 0); }
-void* operator new(std::size_t bytes, std::align_val_t a) { return countedAllocate(bytes, std::size_t(a)); }
-void* operator new[](std::size_t bytes, std::align_val_t a) { return countedAllocate(bytes, std::size_t(a)); }
+void* operator new(std::size_t bytes) {
+    return countedAllocate(bytes, 0);
+}
+void* operator new[](std::size_t bytes) {
+    return countedAllocate(bytes, 0);
+}
+void* operator new(std::size_t bytes, std::align_val_t a) {
+    return countedAllocate(bytes, std::size_t(a));
+}
+void* operator new[](std::size_t bytes, std::align_val_t a) {
+    return countedAllocate(bytes, std::size_t(a));
+}
 void* operator new(std::size_t bytes, const std::nothrow_t&) noexcept {
     try {
         return countedAllocate(bytes, 0);
@@ -94,18 +100,42 @@ void* operator new[](std::size_t bytes, std::align_val_t a, const std::nothrow_t
         return nullptr;
     }
 }
-void operator delete(void* p) noexcept { std::free(p); }
-void operator delete[](void* p) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
-void operator delete(void* p, std::align_val_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::align_val_t) noexcept { std::free(p); }
-void operator delete(void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
-void operator delete[](void* p, std::size_t, std::align_val_t) noexcept { std::free(p); }
-void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept { std::free(p); }
-void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept { std::free(p); }
+void operator delete(void* p) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::align_val_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::align_val_t) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::size_t, std::align_val_t) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::size_t, std::align_val_t) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete(void* p, std::align_val_t, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
+void operator delete[](void* p, std::align_val_t, const std::nothrow_t&) noexcept {
+    std::free(p);
+}
 
 using namespace kivTamber;
 using namespace kivTamber::demo;
@@ -122,7 +152,9 @@ constexpr double kResidualLimitDouble = 1e-9;
 constexpr double kResidualLimitFloat = 1e-5;
 constexpr double kDifferenceLimit = 1e-6;
 
-double secondsBetween(std::uint64_t start, std::uint64_t end) { return kiv::Timer::seconds(start, end); }
+double secondsBetween(std::uint64_t start, std::uint64_t end) {
+    return kiv::Timer::seconds(start, end);
+}
 
 // ---- allocation tally
 
@@ -151,9 +183,12 @@ public:
     }
     std::uint64_t later() const { return library_ + news_; }
     void print(unsigned int steps) const {
-        std::printf("  %-*s %12s   (max %s; kiv allocator %s, operator new %s; first step %s)\n",
-                    kLabelWidth, "allocations per step after the first", withSeparators(later() / (steps - 1)).c_str(),
-                    withSeparators(max_).c_str(), withSeparators(library_).c_str(), withSeparators(news_).c_str(),
+        char mean[32] = "0";
+        if (later() > 0)
+            std::snprintf(mean, sizeof(mean), "%.1f", static_cast<double>(later()) / (steps - 1));
+        std::printf("  %-*s %12s   (max %s; kiv allocator %s, operator new %s; first step %s)\n", kLabelWidth,
+                    "allocations per step after the first", mean, withSeparators(max_).c_str(),
+                    withSeparators(library_).c_str(), withSeparators(news_).c_str(),
                     withSeparators(first_).c_str());
         if (later() > 0)
             std::printf("  !! %s of the %u steps after the first allocated: storage is not being reused\n",
@@ -169,18 +204,25 @@ private:
 class Progress {
 public:
     explicit Progress(bool enabled) : enabled_(enabled) {}
-    void show(const char* phase, unsigned int step, unsigned int steps) {
+    // "  phase 2: step 12 of 40", overwriting the previous line.
+    void show(const char* phase, const char* what, unsigned int k, unsigned int count) {
         if (!enabled_) return;
-        std::printf("\r  %s: step %u of %u ", phase, step + 1, steps);
+        std::printf("\r%*s\r  %s: %s %u of %u", kWidth, "", phase, what, k + 1, count);
+        std::fflush(stdout);
+    }
+    void note(const char* text) {
+        if (!enabled_) return;
+        std::printf("\r%*s\r  %s", kWidth, "", text);
         std::fflush(stdout);
     }
     void done() {
         if (!enabled_) return;
-        std::printf("\r%60s\r", "");
+        std::printf("\r%*s\r", kWidth, "");
         std::fflush(stdout);
     }
 
 private:
+    static constexpr int kWidth = 100;
     bool enabled_;
 };
 
@@ -188,9 +230,12 @@ private:
 
 class Failures {
 public:
-    void check(bool ok, const std::string& what) {
-        if (!ok && messages_.size() < 8) messages_.push_back(what);
-        if (!ok) ++count_;
+    // Records `what` when ok is false (a string is made only then, so that a passing check allocates
+    // nothing).
+    void check(bool ok, const char* what) {
+        if (ok) return;
+        if (messages_.size() < 8) messages_.push_back(what);
+        ++count_;
     }
     bool any() const { return count_ > 0; }
     void print() const {
@@ -223,7 +268,8 @@ std::string factorName(unsigned int threads) {
 // "serial factorization" or "multifrontal factorization on 2 threads".
 std::string factorDescription(unsigned int threads) {
     if (threads == 0) return "serial factorization";
-    return "multifrontal factorization on " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+    return "multifrontal factorization on " + std::to_string(threads) +
+           (threads == 1 ? " thread" : " threads");
 }
 
 template <typename T>
@@ -234,7 +280,8 @@ void factor(Tamber& tamber, TamberData<T>& data) {
         tamber.factorSerial(data);
 }
 
-std::string sceneDescription(const scenes::Scene& scene, const Options& options, const scenes::BlockProblem& p) {
+std::string sceneDescription(const scenes::Scene& scene, const Options& options,
+                             const scenes::BlockProblem& p) {
     const unsigned int n = options.size;
     const std::string constraints = withSeparators(p.numBlocks - p.firstConstraint);
     switch (options.scene) {
@@ -247,8 +294,8 @@ std::string sceneDescription(const scenes::Scene& scene, const Options& options,
             return withSeparators(n) + " ragdolls: " + withSeparators(scene.numBodies()) + " bodies and " +
                    constraints + " joints";
         case scenes::SceneKind::cloth:
-            return "a cloth of " + std::to_string(n) + "×" + std::to_string(n) + " particles and " + constraints +
-                   " distance constraints";
+            return "a cloth of " + std::to_string(n) + "×" + std::to_string(n) + " particles and " +
+                   constraints + " distance constraints";
     }
     return "";
 }
@@ -360,19 +407,23 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     Series analyze, checks, ordering, symbolic, layout, estimate, preparation;
     unsigned int work = 0, fill = 0;
     Counters laterRuns{0, 0};
+    for (Series* s : {&analyze, &checks, &ordering, &symbolic, &layout, &estimate, &preparation})
+        s->reserve(kAnalysisRuns);
     for (unsigned int run = 0; run < kAnalysisRuns; ++run) {
-        gTrace = run >= 2;
+        progress.show("phase 1", "analysis", run, kAnalysisRuns);
         const Counters c0 = readCounters();
         const std::uint64_t a0 = kiv::Timer::ticks();
         report = analyzer.analyze(analysisProblem(problem), Analysis::Options(), data);
         const std::uint64_t a1 = kiv::Timer::ticks();
         if (!report.ok) {
+            progress.done();
             std::fprintf(stderr, "tamber-demo: the analysis failed: %s\n", report.message.c_str());
             return 1;
         }
         fill = tamber.estimateWork(data, &work);
         const std::uint64_t a2 = kiv::Timer::ticks();
-        if (data.useMultifrontal) data.multifront.prepare(data.skeleton, data.matrix.blockSizes, data.numThreads);
+        if (data.useMultifrontal)
+            data.multifront.prepare(data.skeleton, data.matrix.blockSizes, data.numThreads);
         const std::uint64_t a3 = kiv::Timer::ticks();
         const Counters c1 = readCounters();
         if (run >= 2) {
@@ -388,7 +439,7 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
         preparation.add(secondsBetween(a2, a3));
     }
 
-    gTrace = false;
+    progress.done();
     std::printf("Phase 1 · analysis, once per structure (%u runs)\n", kAnalysisRuns);
     std::printf("  system        %s bodies and %s constraints in %s pattern entries\n",
                 withSeparators(problem.firstConstraint).c_str(),
@@ -401,11 +452,13 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
         std::printf("\n                (predicted flops: minimum degree %.3g, nested dissection %.3g)",
                     report.minimumDegreeFlops, report.nestedDissectionFlops);
     const TreeShape shape = treeShape(data.etree);
-    std::printf("\n  tree          %s %s, height %s, mean depth of a block %.1f\n", withSeparators(shape.roots).c_str(),
-                shape.roots == 1 ? "root" : "roots", withSeparators(shape.height).c_str(), shape.meanDepth);
-    std::printf("  factor L      %s blocks (%s of them fill), %s scalar entries, %.3g flops per factorization\n",
-                withSeparators(report.cost.blockEntries).c_str(), withSeparators(fill).c_str(),
-                withSeparators(report.cost.scalarEntries).c_str(), report.cost.flops);
+    std::printf("\n  tree          %s %s, height %s, mean depth of a block %.1f\n",
+                withSeparators(shape.roots).c_str(), shape.roots == 1 ? "root" : "roots",
+                withSeparators(shape.height).c_str(), shape.meanDepth);
+    std::printf(
+        "  factor L      %s blocks (%s of them fill), %s scalar entries, %.3g flops per factorization\n",
+        withSeparators(report.cost.blockEntries).c_str(), withSeparators(fill).c_str(),
+        withSeparators(report.cost.scalarEntries).c_str(), report.cost.flops);
     std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
     std::printf("%s\n", timeRow("analyze (Analyzer::analyze)", analyze, kLabelWidth).c_str());
     std::printf("%s\n", timeRow("  checks and block graph", checks, kLabelWidth).c_str());
@@ -415,13 +468,15 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     const std::string estimateLabel = "estimateWork (" + withSeparators(work) + " block ops)";
     std::printf("%s\n", timeRow(estimateLabel.c_str(), estimate, kLabelWidth).c_str());
     if (data.useMultifrontal) {
-        const std::string label = "multifrontal split (" + std::to_string(data.multifront.numOwners) + " owners)";
+        const std::string label =
+            "multifrontal split (" + std::to_string(data.multifront.numOwners) + " owners)";
         std::printf("%s\n", timeRow(label.c_str(), preparation, kLabelWidth).c_str());
     }
-    std::printf("  allocations per run after the second: %s (kiv allocator %s, operator new %s; the ordering\n"
-                "  libraries' own calloc is not counted)\n\n",
-                withSeparators((laterRuns.library + laterRuns.news) / (kAnalysisRuns - 2)).c_str(),
-                withSeparators(laterRuns.library).c_str(), withSeparators(laterRuns.news).c_str());
+    std::printf(
+        "  allocations in runs 3 to %u: %s (kiv allocator %s, operator new %s; the ordering libraries'\n"
+        "  own calloc is not counted)\n\n",
+        kAnalysisRuns, withSeparators(laterRuns.library + laterRuns.news).c_str(),
+        withSeparators(laterRuns.library).c_str(), withSeparators(laterRuns.news).c_str());
 
     // ---- Phase 2: time steps.
     kiv::VectorPOD<double> bUser(N), xUser(N), r(N), rowSums(N);
@@ -434,7 +489,7 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     const double limit = isFloat ? kResidualLimitFloat : kResidualLimitDouble;
 
     for (unsigned int s = 0; s < options.steps; ++s) {
-        progress.show("phase 2", s, options.steps);
+        progress.show("phase 2", "step", s, options.steps);
         const Counters c0 = readCounters();
         scene.step(kTimeStep);  // the scene moves (the box wall also switches contacts)
         if (wall) mask.fromContacts(problem, *wall);
@@ -458,13 +513,15 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
 
         analyzer.unpermuteVector(x.data(), xT.data());
         for (unsigned long k = 0; k < N; ++k) xUser[k] = xT[k];
-        const double residualBefore = scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
+        const double residualBefore =
+            scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
 
         const std::uint64_t t5 = kiv::Timer::ticks();
         refine(tamber, data, b.data(), x.data(), w);  // the refined solution ends in xUser
         const std::uint64_t t6 = kiv::Timer::ticks();
 
-        const double residualAfter = scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
+        const double residualAfter =
+            scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
         const Counters c1 = readCounters();
 
         assemble.add(secondsBetween(t0, t1));
@@ -478,8 +535,9 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
         allocations.record(s, c0, c1);
         if (!(residualAfter <= limit)) {
             char text[160];
-            std::snprintf(text, sizeof(text), "phase 2, step %u: scaled residual %.3g after refinement (limit %.0e)",
-                          s + 1, residualAfter, limit);
+            std::snprintf(text, sizeof(text),
+                          "phase 2, step %u: scaled residual %.3g after refinement (limit %.0e)", s + 1,
+                          residualAfter, limit);
             failures.check(false, text);
         }
     }
@@ -494,14 +552,17 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
     std::printf("%s\n", timeRow("assemble (build, setBlocks)", assemble, kLabelWidth).c_str());
     std::printf("%s\n", timeRow(factorLabel.c_str(), factorTime, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow(isFloat ? "solve (solve<float>)" : "solve (solve<double>)", solve, kLabelWidth).c_str());
+    std::printf(
+        "%s\n",
+        timeRow(isFloat ? "solve (solve<float>)" : "solve (solve<double>)", solve, kLabelWidth).c_str());
     std::printf("%s\n", timeRow(refineLabel.c_str(), refineTime, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("whole step", step, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("step (the four above)", step, kLabelWidth).c_str());
     std::printf("%s\n", valueRow("residual after solve", before, "%.1e", kLabelWidth).c_str());
     std::printf("%s\n", valueRow("residual after refinement", after, "%.1e", kLabelWidth).c_str());
     std::printf("%s\n", countRow("active constraint equations", active, kLabelWidth).c_str());
     allocations.print(options.steps);
-    std::printf("  (residual: ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞), recomputed by the demo in the scene's numbering)\n\n");
+    std::printf(
+        "  (residual: ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞), recomputed by the demo in the scene's numbering)\n\n");
     failures.check(allocations.later() == 0, "phase 2 allocated after its first step");
     summary.stepSeconds = step.median();
     summary.residual = after.max();
@@ -537,12 +598,14 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
         return 0;
     }
 
+    progress.note("phase 3: analysis, and a factorization with every equation active");
     Tamber tamber;
     Analysis::Analyzer analyzerU, analyzerR;
     TamberData<double> updated, fresh;
     const Analysis::Problem ap = analysisProblem(full);
     if (!analyzerU.analyze(ap, Analysis::Options(), updated).ok ||
         !analyzerR.analyze(ap, Analysis::Options(), fresh).ok) {
+        progress.done();
         std::fprintf(stderr, "tamber-demo: the analysis of the switching phase failed\n");
         return 1;
     }
@@ -552,6 +615,7 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
     tamber.factorSerial(updated);
     RankMod mod;
     if (!mod.prepare(updated)) {
+        progress.done();
         std::fprintf(stderr, "tamber-demo: RankMod::prepare refused the factored system\n");
         return 1;
     }
@@ -569,23 +633,25 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
         for (unsigned int k = 0; k < full.blockSizes[blk]; ++k)
             if (!mask.isActive(full.blockOffsets[blk] + k))
                 off.push_back(RankMod::toFactorNumbering(updated, blk, k));
+    progress.note("phase 3: switching off the equations of the inactive contacts");
     const std::uint64_t i0 = kiv::Timer::ticks();
     const bool initialOk = mod.apply(updated, off, on, RankMod::batched);
     const std::uint64_t i1 = kiv::Timer::ticks();
     failures.check(initialOk, "phase 3: RankMod::apply failed on the initial switch-off");
     const unsigned long initiallyOff = off.size();
 
-    kiv::VectorPOD<double> bUser(N), b(N), xU(N), xR(N), xUserU(N), xUserR(N), r(N), rowSums(N);
+    kiv::VectorPOD<double> bUser(N), xU(N), xR(N), xUserU(N), xUserR(N), r(N), rowSums(N);
     kiv::VectorPOD<unsigned char> picked(n);
-    Series update, solveU, assemble, refactor, solveR, speedup, switched, activeEq, residualU, residualR, difference;
-    for (Series* s : {&update, &solveU, &assemble, &refactor, &solveR, &speedup, &switched, &activeEq, &residualU,
-                      &residualR, &difference})
+    Series update, solveU, assemble, refactor, solveR, speedup, switched, activeEq, residualU, residualR,
+        difference;
+    for (Series* s : {&update, &solveU, &assemble, &refactor, &solveR, &speedup, &switched, &activeEq,
+                      &residualU, &residualR, &difference})
         s->reserve(options.steps);
     AllocationTally allocations;
     const unsigned int numConstraints = n - firstConstraint;
 
     for (unsigned int s = 0; s < options.steps; ++s) {
-        progress.show("phase 3", s, options.steps);
+        progress.show("phase 3", "step", s, options.steps);
         const Counters c0 = readCounters();
 
         // Pick constraints at random and switch their equations (off when on, on when off) until
@@ -595,10 +661,12 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
         unsigned long count = 0, tries = 0;
         while (count < options.switchEquations && tries < 4ul * numConstraints + 64) {
             const unsigned int blk =
-                firstConstraint + static_cast<unsigned int>(mix(0xC0FFEEull * (s + 1) + tries++) % numConstraints);
+                firstConstraint +
+                static_cast<unsigned int>(mix(0xC0FFEEull * (s + 1) + tries++) % numConstraints);
             if (picked[blk]) continue;
             picked[blk] = 1;
-            for (unsigned int k = 0; k < full.blockSizes[blk] && count < options.switchEquations; ++k, ++count) {
+            for (unsigned int k = 0; k < full.blockSizes[blk] && count < options.switchEquations;
+                 ++k, ++count) {
                 const unsigned long q = full.blockOffsets[blk] + k;
                 const bool nowOn = !mask.isActive(q);
                 mask.set(q, nowOn);
@@ -654,22 +722,25 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
         char text[200];
         std::snprintf(text, sizeof(text), "phase 3, step %u: RankMod::apply returned false", s + 1);
         failures.check(ok, text);
-        std::snprintf(text, sizeof(text),
-                      "phase 3, step %u: scaled residual %.3g with the updated factor, %.3g with the new one, "
-                      "solutions differ by %.3g",
-                      s + 1, resU, resR, diff);
-        failures.check(resU <= kResidualLimitDouble && resR <= kResidualLimitDouble && diff <= kDifferenceLimit,
-                       text);
+        std::snprintf(
+            text, sizeof(text),
+            "phase 3, step %u: scaled residual %.3g with the updated factor, %.3g with the new one, "
+            "solutions differ by %.3g",
+            s + 1, resU, resR, diff);
+        failures.check(
+            resU <= kResidualLimitDouble && resR <= kResidualLimitDouble && diff <= kDifferenceLimit, text);
     }
     progress.done();
 
-    std::printf("Phase 3 · switching: RankMod updates the factor vs assemble and factor again (%u steps, double)\n",
-                options.steps);
+    std::printf(
+        "Phase 3 · switching: RankMod updates the factor vs assemble and factor again (%u steps, double)\n",
+        options.steps);
     if (initiallyOff > 0)
-        std::printf("  %s equations of inactive contacts switched off once before the steps: %.3f ms, the time of "
-                    "%.1f factorizations\n",
-                    withSeparators(initiallyOff).c_str(), 1e3 * secondsBetween(i0, i1),
-                    secondsBetween(i0, i1) / std::max(refactor.median(), 1e-12));
+        std::printf(
+            "  %s equations of inactive contacts switched off once before the steps: %.3f ms, the time of "
+            "%.1f factorizations\n",
+            withSeparators(initiallyOff).c_str(), 1e3 * secondsBetween(i0, i1),
+            secondsBetween(i0, i1) / std::max(refactor.median(), 1e-12));
     std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
     std::printf("%s\n", countRow("equations switched per step", switched, kLabelWidth).c_str());
     std::printf("%s\n", countRow("active constraint equations", activeEq, kLabelWidth).c_str());
@@ -721,7 +792,8 @@ int main(int argc, char** argv) {
         const int s = runSwitching(options, *scene, failures, summary);
         if (s != 0) return s;
     }
-    std::printf("Summary: a time step (assemble, factor, solve, refine) takes %.3f ms", 1e3 * summary.stepSeconds);
+    std::printf("Summary: a time step (assemble, factor, solve, refine) takes %.3f ms",
+                1e3 * summary.stepSeconds);
     if (summary.switching && summary.speedup >= 1.0)
         std::printf("; switching %.0f equations by updating the factor is %.1f× faster than factoring again",
                     summary.switched, summary.speedup);

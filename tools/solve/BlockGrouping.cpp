@@ -41,10 +41,12 @@ bool groupIntoBlocks(const SymmetricMatrix& matrix, unsigned int bodyRows, unsig
     }
     out.blockOffsets[n] = N;
 
-    // Block pattern: the pairs (j, i), i <= j, of the scalar entries, plus every diagonal, sorted by j then i.
+    // Block pattern: the pairs (j, i), i <= j, of the scalar entries, plus every diagonal, sorted by j then
+    // i.
     std::vector<unsigned int> scalarBlock(N);
     for (unsigned int b = 0; b < n; ++b)
-        std::fill(scalarBlock.begin() + out.blockOffsets[b], scalarBlock.begin() + out.blockOffsets[b + 1], b);
+        std::fill(scalarBlock.begin() + out.blockOffsets[b], scalarBlock.begin() + out.blockOffsets[b + 1],
+                  b);
     std::vector<unsigned long> pairs;  // j·2^32 + i
     pairs.reserve(matrix.numEntries() + n);
     for (unsigned int c = 0; c < N; ++c) {
@@ -72,9 +74,9 @@ bool groupIntoBlocks(const SymmetricMatrix& matrix, unsigned int bodyRows, unsig
     }
     out.valuePointers[pairs.size()] = total;
     for (unsigned int j = 0; j < n; ++j) out.colPointers[j + 1ul] += out.colPointers[j];
-    if (total > (1ul << 30)) {
+    if (total > (1ul << 27)) {
         message = "blocks of " + std::to_string(blockSize) + " rows need " + std::to_string(total) +
-                  " values, more than the tool's limit of " + std::to_string(1ul << 30) +
+                  " values, more than the tool's limit of " + std::to_string(1ul << 27) +
                   "; choose a smaller block size";
         return false;
     }

@@ -25,11 +25,11 @@ namespace io {
 // The problem in the list form of Analysis::Problem, with the values of every entry.
 struct BlockedProblem {
     unsigned int numBlocks = 0;
-    unsigned int firstConstraint = 0;        // first constraint block (numBlocks when there is none)
-    std::vector<unsigned int> blockSizes;    // [numBlocks]
-    std::vector<unsigned int> blockOffsets;  // [numBlocks + 1] first scalar row of each block; last = N
-    std::vector<unsigned int> colPointers;   // [numBlocks + 1]
-    std::vector<unsigned int> rowIndices;    // [entries] per block j the blocks i <= j, ascending, j last
+    unsigned int firstConstraint = 0;          // first constraint block (numBlocks when there is none)
+    std::vector<unsigned int> blockSizes;      // [numBlocks]
+    std::vector<unsigned int> blockOffsets;    // [numBlocks + 1] first scalar row of each block; last = N
+    std::vector<unsigned int> colPointers;     // [numBlocks + 1]
+    std::vector<unsigned int> rowIndices;      // [entries] per block j the blocks i <= j, ascending, j last
     std::vector<unsigned long> valuePointers;  // [entries + 1] entry e: s_i × s_j values, row-major
     std::vector<double> values;
 
@@ -41,8 +41,8 @@ struct BlockedProblem {
 };
 
 // Groups `matrix` as described at the top. bodyRows <= matrix.n; blockSize >= 1.
-// Returns false with `message` when the blocks would need more values than the tool allows (2^30), so that a
-// careless block size fails with a message instead of exhausting memory.
+// Returns false with `message` when the blocks would need more values than the tool allows (2^27, 1 GiB), so
+// that a careless block size fails with a message instead of exhausting memory.
 bool groupIntoBlocks(const SymmetricMatrix& matrix, unsigned int bodyRows, unsigned int blockSize,
                      BlockedProblem& out, std::string& message);
 

@@ -77,7 +77,9 @@ private:
     unsigned long line_ = 0;
 };
 
-inline bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f'; }
+inline bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\v' || c == '\f';
+}
 
 // The whitespace-separated words of a line: the first `kept` of them, and how many there are.
 struct Words {
@@ -116,9 +118,13 @@ std::string quoted(const char* b, const char* e) {
     if (s.size() > 60) s = s.substr(0, 57) + "...";
     return "\"" + s + "\"";
 }
-std::string quoted(const std::string& s) { return quoted(s.data(), s.data() + s.size()); }
+std::string quoted(const std::string& s) {
+    return quoted(s.data(), s.data() + s.size());
+}
 
-std::string at(const std::string& name, unsigned long line) { return name + ":" + std::to_string(line) + ": "; }
+std::string at(const std::string& name, unsigned long line) {
+    return name + ":" + std::to_string(line) + ": ";
+}
 
 std::string lower(std::string s) {
     for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
@@ -154,7 +160,8 @@ std::string checkValue(const char* b, const char* e, bool integerField, double& 
         long long v = 0;
         if (!parseInteger(b, e, v)) {
             double d = 0.0;
-            if (parseNumber(b, e, d)) return "value \"" + word + "\" is not an integer (the field is integer)";
+            if (parseNumber(b, e, d))
+                return "value \"" + word + "\" is not an integer (the field is integer)";
             return "value \"" + word + "\" is not a number";
         }
     }
@@ -266,7 +273,9 @@ std::string position(unsigned int i, unsigned int j) {
 }
 
 // The given position of an entry (row, col as in the file), 1-based.
-std::string givenPosition(const Entry& x) { return x.mirrored ? position(x.col, x.row) : position(x.row, x.col); }
+std::string givenPosition(const Entry& x) {
+    return x.mirrored ? position(x.col, x.row) : position(x.row, x.col);
+}
 
 }  // namespace
 
@@ -327,8 +336,8 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
     const Words size(b, e);
     long long rows = 0, cols = 0, declared = 0;
     if (size.count != 3 || !parseInteger(size.begin[0], size.end[0], rows) ||
-        !parseInteger(size.begin[1], size.end[1], cols) || !parseInteger(size.begin[2], size.end[2], declared) ||
-        rows < 0 || cols < 0 || declared < 0) {
+        !parseInteger(size.begin[1], size.end[1], cols) ||
+        !parseInteger(size.begin[2], size.end[2], declared) || rows < 0 || cols < 0 || declared < 0) {
         message = at(name, sizeLine) + "bad size line " + quoted(b, e) +
                   " (expected \"rows columns entries\", three non-negative integers)";
         return false;
@@ -352,6 +361,15 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
         message = at(name, sizeLine) + std::to_string(declared) + " entries declared, more than the " +
                   format(capacity) + " of a " + std::to_string(n) + " x " + std::to_string(n) +
                   (banner.general ? " matrix" : " lower triangle");
+        return false;
+    }
+
+    // Every row of a non-singular matrix holds an entry, and an entry serves at most two rows. Checked here
+    // so that a size line with a huge n and few entries is refused before anything of size n is allocated.
+    if (static_cast<double>(declared) < n / 2.0) {
+        message = at(name, sizeLine) + std::to_string(declared) + " entries declared for " +
+                  std::to_string(n) + " rows: a non-singular matrix needs at least " +
+                  std::to_string((n + 1ul) / 2) + " (every row needs an entry)";
         return false;
     }
 
@@ -428,7 +446,8 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
     matrix.values.reserve(entries.size());
     for (std::size_t k = 0; k < entries.size();) {
         std::size_t end = k + 1;
-        while (end < entries.size() && entries[end].row == entries[k].row && entries[end].col == entries[k].col)
+        while (end < entries.size() && entries[end].row == entries[k].row &&
+               entries[end].col == entries[k].col)
             ++end;
         // Group [k, end) of one position; in a general file its lower entries come before its upper ones.
         const Entry* lowerEntry = nullptr;
@@ -462,10 +481,10 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
                 const Entry& first = given->line < partner->line ? *given : *partner;
                 const Entry& second = given->line < partner->line ? *partner : *given;
                 offence.offer(second.line, at(name, second.line) + "the general matrix is not symmetric: A" +
-                                               givenPosition(first) + " = " + format(first.value) + " on line " +
-                                               std::to_string(first.line) + ", A" + givenPosition(second) +
-                                               " = " + format(second.value) + " on line " +
-                                               std::to_string(second.line));
+                                               givenPosition(first) + " = " + format(first.value) +
+                                               " on line " + std::to_string(first.line) + ", A" +
+                                               givenPosition(second) + " = " + format(second.value) +
+                                               " on line " + std::to_string(second.line));
             }
         }
         matrix.rowIndices.push_back(kept.row);
@@ -606,8 +625,8 @@ bool parseVector(const std::string& name, const std::string& text, unsigned int 
         values.push_back(value);
     }
     if (values.size() < n) {
-        message = at(name, std::max(lines.line(), 1ul)) + "the file ends after " + std::to_string(values.size()) +
-                  " of " + std::to_string(n) + " values";
+        message = at(name, std::max(lines.line(), 1ul)) + "the file ends after " +
+                  std::to_string(values.size()) + " of " + std::to_string(n) + " values";
         return false;
     }
     return true;

@@ -42,8 +42,9 @@ struct SymmetricMatrix {
 // both); a general file must give equal values at (i, j) and (j, i) (a missing partner counts as 0).
 // Rejected, with the line: a missing or garbled banner; another object, format ("array"), field
 // ("pattern", "complex") or symmetry ("skew-symmetric", "hermitian"); a bad size line, a non-square or empty
-// matrix, more entries than the triangle holds; too few or too many entry lines; an index that is not an
-// integer or outside 1..n; a value that is not a number or not finite (an integer field also wants
+// matrix, more entries than the triangle holds or fewer than the n/2 that a non-singular matrix needs (so
+// that a huge n with few entries allocates nothing of size n); too few or too many entry lines; an index that
+// is not an integer or outside 1..n; a value that is not a number or not finite (an integer field also wants
 // integers); extra text on a line; an entry given twice; an asymmetric general matrix.
 // Returns true and fills `matrix`, or false with `message`.
 bool readMatrixMarket(const std::string& path, SymmetricMatrix& matrix, std::string& message);

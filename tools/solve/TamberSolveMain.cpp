@@ -1,6 +1,8 @@
 // tamber-solve: solves A·x = b for a symmetric matrix A read from a Matrix Market file, with the library's
 // safe saddle-point ordering, L·D·Lᵀ factorization without pivoting and solve, and reports sizes, timings
 // and the scaled residual. See usage() for the options and the exit codes.
+#include <kiv/Timer.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -14,8 +16,6 @@
 #include <type_traits>
 #include <vector>
 
-#include <kiv/Timer.h>
-
 #include "Analysis.h"
 #include "BlockGrouping.h"
 #include "MatrixMarket.h"
@@ -28,9 +28,9 @@ using namespace kivTamber;
 
 // Exit codes.
 constexpr int exitSolved = 0;
-constexpr int exitFailure = 1;     // an output file could not be written, out of memory
-constexpr int exitBadInput = 2;    // bad command line, malformed file, rejected by the analysis
-constexpr int exitBadPivot = 3;    // the factorization met a zero or non-finite pivot
+constexpr int exitFailure = 1;   // an output file could not be written, out of memory
+constexpr int exitBadInput = 2;  // bad command line, malformed file, rejected by the analysis
+constexpr int exitBadPivot = 3;  // the factorization met a zero or non-finite pivot
 
 const char* const usageText =
     "usage: tamber-solve MATRIX.mtx[.gz] [--blocks FILE] [--block-size K]\n"
@@ -47,7 +47,8 @@ void usage(std::FILE* to) {
         "factorization without pivoting in a safe saddle-point order.\n"
         "\n"
         "  --blocks FILE       lines \"n1 <count>\" and \"n2 <count>\": rows 1..n1 are body unknowns, the\n"
-        "                      other n2 rows constraints (zero diagonal block). Without it every row is a body.\n"
+        "                      other n2 rows constraints (zero diagonal block). Without it every row is a "
+        "body.\n"
         "  --block-size K      group K consecutive rows of one kind into a block (default 1).\n"
         "  --rhs FILE          right-hand side: one value per line, or a Matrix Market array n x 1.\n"
         "  --rhs-ones          b = (1, ..., 1).\n"
@@ -66,7 +67,8 @@ void usage(std::FILE* to) {
         "|A x - b|_inf / (|A|_inf |x|_inf + |b|_inf) before and after refinement.\n"
         "\n"
         "Exit codes: 0 solved; 1 an output file could not be written; 2 bad command line, malformed input\n"
-        "file (\"FILE:LINE: what is wrong\") or a problem the analysis rejects; 3 a zero or non-finite pivot\n"
+        "file (\"FILE:LINE: what is wrong\") or a problem the analysis rejects; 3 a zero or non-finite "
+        "pivot\n"
         "(its row, block and index in the block are named, 1-based, in the file's numbering; no solution is\n"
         "written).\n",
         to);
@@ -140,7 +142,8 @@ bool parseArguments(int argc, char** argv, Settings& s, int& code) {
         } else if (arg == "--float") {
             s.useFloat = true;
         } else if (arg == "--threads") {
-            if (!parseCount(next, 1024, v) || v == 0) return fail("--threads needs a thread count from 1 to 1024");
+            if (!parseCount(next, 1024, v) || v == 0)
+                return fail("--threads needs a thread count from 1 to 1024");
             s.threads = static_cast<unsigned int>(v);
             ++k;
         } else if (arg == "--refine") {
@@ -269,7 +272,8 @@ int solveIn(Run& run) {
     if (report.movedConstraints > 0) std::printf(", %lu constraints moved", report.movedConstraints);
     std::printf("; factor %lu entries, %.4g flops predicted\n", report.cost.scalarEntries, report.cost.flops);
     if (s.threads > 1)
-        std::printf("factorization: %s, multifrontal on %u threads\n", s.useFloat ? "float" : "double", s.threads);
+        std::printf("factorization: %s, multifrontal on %u threads\n", s.useFloat ? "float" : "double",
+                    s.threads);
     else
         std::printf("factorization: %s, serial\n", s.useFloat ? "float" : "double");
 
@@ -295,15 +299,17 @@ int solveIn(Run& run) {
         const unsigned int row = static_cast<unsigned int>(bad.userScalar);
         if (row < run.split.bodyRows && diagonalEntry(run.A, row) == 0.0) {
             if (s.blocksPath.empty())
-                std::fprintf(stderr,
-                             "%s: note: A(%u, %u) is zero; if the rows with a zero diagonal are constraint rows, "
-                             "name them with --blocks\n",
-                             s.matrixPath.c_str(), row + 1, row + 1);
+                std::fprintf(
+                    stderr,
+                    "%s: note: A(%u, %u) is zero; if the rows with a zero diagonal are constraint rows, "
+                    "name them with --blocks\n",
+                    s.matrixPath.c_str(), row + 1, row + 1);
             else
-                std::fprintf(stderr,
-                             "%s: note: body row %u has a zero diagonal entry; an order without pivoting needs "
-                             "invertible leading body blocks\n",
-                             s.matrixPath.c_str(), row + 1);
+                std::fprintf(
+                    stderr,
+                    "%s: note: body row %u has a zero diagonal entry; an order without pivoting needs "
+                    "invertible leading body blocks\n",
+                    s.matrixPath.c_str(), row + 1);
         }
         return exitBadPivot;
     }
@@ -439,9 +445,9 @@ int run(int argc, char** argv) {
     run.analysisMs = milliseconds(clock);
 
     const io::BlockedProblem& P = run.blocked;
-    std::printf("matrix: %s, n %u, nnz %lu stored (%lu in the full matrix), %s\n", s.matrixPath.c_str(), N,
-                run.A.numEntries(), run.A.fullEntries(), run.A.general ? "general" : "symmetric");
-    std::printf("blocks: %u (%u body, %u constraint) of at most %u rows, %lu block entries; constraint rows %u\n",
+    std::printf("matrix: %s, n %u, nnz %lu (%lu in the lower triangle), %s\n", s.matrixPath.c_str(), N,
+                run.A.fullEntries(), run.A.numEntries(), run.A.general ? "general" : "symmetric");
+    std::printf("blocks: %u (%u body, %u constraint), block size %u, %lu block entries; constraint rows %u\n",
                 P.numBlocks, P.firstConstraint, P.numBlocks - P.firstConstraint, s.blockSize, P.numEntries(),
                 N - run.split.bodyRows);
     const char* rhsName[] = {"A*ones", "ones", "random", "file"};
