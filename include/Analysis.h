@@ -23,12 +23,18 @@
 // Typical use, once per structure and then every time step:
 //
 //     Analysis::Problem problem{n, firstConstraint, colPointers, rowIndices, blockSizes};
-//     Analysis::Analyzer analyzer;
-//     Analysis::Report r = analyzer.analyze(problem, Analysis::Options(), data);   // TamberData<double>
+//     Analysis::Analyzer analyzer;  // keep it next to the data
+//     TamberData<double> data;
+//     Tamber tamber;
+//     Analysis::Report r = analyzer.analyze(problem, Analysis::Options(), data);
 //     if (!r.ok) { std::fprintf(stderr, "%s\n", r.message.c_str()); return; }
-//     for each entry e of the pattern: analyzer.setBlock(data, e, valuesOfEntry(e));     // every step
 //     tamber.estimateWork(data, nullptr);
-//     analyzer.permuteVector(b, x);  tamber.solve(data, x);  analyzer.unpermuteVector(x, y);
+//     every step:
+//         analyzer.setBlocks(data, values, valuePointers);  // or setBlock(data, e, values of entry e)
+//         tamber.factorSerial(data);                         // (the double solve does not factor itself)
+//         analyzer.permuteVector(b, bp);
+//         tamber.solve(data, bp, xp);
+//         analyzer.unpermuteVector(xp, x);
 //
 // The library's low-level operations (orderings, trees, factorizations) trust their input; this layer is
 // where bad input is caught and reported with a message that names the offending block or entry.
@@ -120,7 +126,8 @@ enum class Ordering : unsigned int {
 struct Options {
     Ordering ordering = Ordering::standard;
     // Step 1 of the standard ordering. Switch it off for constraint types whose Jacobian block on one body
-    // can lose rank (rule R needs J(c, b) of full row rank); every constraint then follows all its bodies.
+    // can lose rank (rule R needs J(c, b) of full row rank); every constraint then follows all its bodies,
+    // in every ordering: the repair and the check of a user order then accept rule S only.
     bool peel = true;
     // Step 3 of the standard ordering, and its threshold in predicted flops.
     bool nestedDissection = true;

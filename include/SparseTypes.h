@@ -76,11 +76,14 @@ public:
 
     // Appends block (row, col), rowSize × colSize, to block column `col` and returns the start of its tile
     // (column-major, leading dimension stride(rowSize), stride(rowSize)·stride(colSize) elements reserved).
-    // Records the sizes, strides and the offset of `col`, keeps blockSizes[n] equal to the running total N
-    // and points blockPointers[numBlocks + 1] past the tile. Aborts the process with "Not enough memory,
-    // <numBlocks> <blockCapacity>" on standard error when the block arrays are full; the value storage is not
-    // checked (the caller sizes it). The fifth argument is part of the interface, always left at its default
-    // and never read.
+    // With k = numBlocks: rowIndices[k] = row, blockFlags[k] = 0; blockOffsets[col] = blockOffsets[col−1] +
+    // blockSizes[col−1] (col > 0), the sizes and strides of `col` and `row` recorded, blockSizes[n] =
+    // blockOffsets[col] + s_col (the running total, N after the last column); blockPointers[k+1] points past
+    // the tile when k + 1 < blockCapacity; colPointers[col] = k for the first block of a column col > 0
+    // (colPointers[0] is never written and stays 0) and colPointers[col+1] = k + 1. Aborts the process with
+    // "Not enough memory, <numBlocks> <blockCapacity>" on standard error when the block arrays are full; the
+    // value storage is not checked (the caller sizes it). The fifth argument is part of the interface, always
+    // left at its default and never read.
     T* acquireBlock(unsigned long col, unsigned long row, unsigned long colSize, unsigned long rowSize,
                     int = 0);
 

@@ -630,47 +630,41 @@ bool checkProblem(const Problem& problem, std::string* message) {
 
 namespace {
 
-bool checkOrderImpl(const Problem& problem, const unsigned int* forward, std::string* message, bool allowR) {
+// The checks shared by checkOrder and repairOrder: a well-formed problem (g receives its graph) and a
+// permutation.
+bool checkProblemAndOrder(const Problem& problem, const unsigned int* forward, BlockGraph& g,
+                          kiv::VectorPOD<unsigned int>& work, std::string* message) {
     if (!checkForm(problem, message)) return false;
-    BlockGraph g;
-    kiv::VectorPOD<unsigned int> work;
     buildGraph(problem, g, work);
     if (!checkCoupling(g, message)) return false;
-    const unsigned int n = problem.numBlocks;
-    if (n > 0 && forward == nullptr) {
+    if (problem.numBlocks > 0 && forward == nullptr) {
         setMessage(message, "order: the order array must not be null");
         return false;
     }
-    if (!checkPermutation(forward, n, work, message)) return false;
-    kiv::VectorPOD<unsigned int> inverse;
-    computeInverse(forward, n, inverse);
-    const unsigned int k = firstOffence(g, forward, inverse.data(), allowR);
-    if (k < n) {
-        setMessage(message, ruleMessage(g, forward, inverse.data(), k, allowR));
-        return false;
-    }
-    return true;
+    return checkPermutation(forward, problem.numBlocks, work, message);
 }
 
 }  // namespace
 
 bool checkOrder(const Problem& problem, const unsigned int* forward, std::string* message, bool allowRuleR) {
-    return checkOrderImpl(problem, forward, message, allowRuleR);
+    BlockGraph g;
+    kiv::VectorPOD<unsigned int> work;
+    if (!checkProblemAndOrder(problem, forward, g, work, message)) return false;
+    computeInverse(forward, problem.numBlocks, work);
+    const unsigned int k = firstOffence(g, forward, work.data(), allowRuleR);
+    if (k < problem.numBlocks) {
+        setMessage(message, ruleMessage(g, forward, work.data(), k, allowRuleR));
+        return false;
+    }
+    return true;
 }
 
 bool repairOrder(const Problem& problem, unsigned int* forward, unsigned long* moved, std::string* message,
                  bool allowRuleR) {
-    if (!checkForm(problem, message)) return false;
     BlockGraph g;
     kiv::VectorPOD<unsigned int> work;
-    buildGraph(problem, g, work);
-    if (!checkCoupling(g, message)) return false;
+    if (!checkProblemAndOrder(problem, forward, g, work, message)) return false;
     const unsigned int n = problem.numBlocks;
-    if (n > 0 && forward == nullptr) {
-        setMessage(message, "order: the order array must not be null");
-        return false;
-    }
-    if (!checkPermutation(forward, n, work, message)) return false;
     kiv::VectorPOD<unsigned int> order(n);
     if (n > 0) std::memcpy(order.data(), forward, n * sizeof(unsigned int));
     RepairWork w;

@@ -182,7 +182,7 @@ TEST(SolveToolReader, RejectsEveryKindOfMalformedMatrixWithItsLine) {
         {"binary", "\x1f\x8b\x08",
          "m.mtx:1: missing Matrix Market banner (expected \"%%MatrixMarket matrix coordinate real "
          "symmetric\", "
-         "found \"\x1f\x8b\x08\")"},
+         "found \"\\x1f\\x8b\\x08\")"},
     };
     for (const BadFile& c : cases) {
         SCOPED_TRACE(c.what);
@@ -393,7 +393,7 @@ TEST(SolveToolReader, ReadsGzipAndReportsBrokenFiles) {
     cut.resize(cut.size() / 2);
     const std::string cutPath = dir.write("cut.mtx.gz", cut);
     EXPECT_FALSE(io::readMatrixMarket(cutPath, packed, message));
-    EXPECT_EQ(message.rfind(cutPath + ": read error (", 0), 0u) << message;
+    EXPECT_EQ(message, cutPath + ": read error (unexpected end of file)");
     EXPECT_FALSE(io::readMatrixMarket(dir.file("absent.mtx"), packed, message));
     EXPECT_EQ(message, dir.file("absent.mtx") + ": cannot open (No such file or directory)");
 }
@@ -807,15 +807,21 @@ TEST(SolveToolRun, BadPivotExitsWithThreeAndNamesTheRow) {
                   "%%MatrixMarket matrix coordinate real symmetric\n6 6 9\n1 1 4\n2 1 1\n2 2 4\n"
                   "3 3 1\n4 3 1\n4 4 1\n5 4 1\n5 5 4\n6 6 4\n");
     const std::string out = dir.file("x.txt");
-    ToolRun run = runTool(dir, {zero, "--ordering", "natural", "--block-size", "2", "--out", out});
-    EXPECT_EQ(run.status, 3);
-    EXPECT_EQ(run.err,
-              zero +
-                  ": zero pivot at row 4 (block 2, local 2) of the matrix (pivot 4 of 6 in elimination "
-                  "order; 3 bad pivots in all)\n");
-    EXPECT_FALSE(exists(out));
-    EXPECT_EQ(run.out.find("residual"), std::string::npos);
-    EXPECT_NE(run.out.find("time (ms): read "), std::string::npos);
+    ToolRun run;
+    for (const char* precision : {"--rhs-ones", "--float"}) {  // both precisions, both factorizations
+        for (const char* threads : {"1", "2"}) {
+            SCOPED_TRACE(std::string(precision) + " --threads " + threads);
+            run = runTool(dir, {zero, "--ordering", "natural", "--block-size", "2", "--out", out, precision,
+                                "--threads", threads});
+            EXPECT_EQ(run.status, 3);
+            EXPECT_EQ(run.err, zero +
+                                   ": zero pivot at row 4 (block 2, local 2) of the matrix (pivot 4 of 6 in "
+                                   "elimination order; 3 bad pivots in all)\n");
+            EXPECT_FALSE(exists(out));
+            EXPECT_EQ(run.out.find("residual"), std::string::npos);
+            EXPECT_NE(run.out.find("time (ms): read "), std::string::npos);
+        }
+    }
 
     // A zero diagonal on a body row, with the hint to name constraint rows.
     const std::string kkt =

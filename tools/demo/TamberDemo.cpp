@@ -792,7 +792,7 @@ int main(int argc, char** argv) {
         const int s = runSwitching(options, *scene, failures, summary);
         if (s != 0) return s;
     }
-    std::printf("Summary: a time step (assemble, factor, solve, refine) takes %.3f ms",
+    std::printf("Summary (medians): a time step (assemble, factor, solve, refine) takes %.3f ms",
                 1e3 * summary.stepSeconds);
     if (summary.switching && summary.speedup >= 1.0)
         std::printf("; switching %.0f equations by updating the factor is %.1f× faster than factoring again",

@@ -36,7 +36,10 @@ bool readFile(const std::string& path, std::string& text, std::string& message) 
             int code = Z_OK;
             const char* what = gzerror(file, &code);
             if (got < 0 || code != Z_OK) {
-                message = path + ": read error (" + (what != nullptr ? what : "unknown") + ")";
+                // zlib puts the path in front of some of its messages: drop it, it is already there.
+                std::string why = what != nullptr ? what : "unknown";
+                if (why.compare(0, path.size() + 2, path + ": ") == 0) why.erase(0, path.size() + 2);
+                message = path + ": read error (" + why + ")";
                 gzclose(file);
                 return false;
             }
@@ -110,13 +113,25 @@ struct Words {
     }
 };
 
-// A line for a message: quoted, cut to 60 characters.
+// A line for a message: quoted, cut to 60 characters, bytes outside printable ASCII written as \xNN (a
+// binary file must not put control characters on the user's terminal).
 std::string quoted(const char* b, const char* e) {
     while (b < e && isSpace(*b)) ++b;
     while (e > b && isSpace(e[-1])) --e;
-    std::string s(b, e);
-    if (s.size() > 60) s = s.substr(0, 57) + "...";
-    return "\"" + s + "\"";
+    const bool cut = e - b > 60;
+    if (cut) e = b + 57;
+    std::string s = "\"";
+    for (; b < e; ++b) {
+        const unsigned char c = static_cast<unsigned char>(*b);
+        if (c >= 0x20 && c < 0x7f) {
+            s += *b;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            s += hex;
+        }
+    }
+    return s + (cut ? "...\"" : "\"");
 }
 std::string quoted(const std::string& s) {
     return quoted(s.data(), s.data() + s.size());

@@ -2,7 +2,8 @@
 // form, a file that splits its unknowns into body rows and constraint rows, and a right-hand side.
 //
 // Every reader checks its input completely and fails with a message "FILE:LINE: what is wrong (the
-// offending values)", never with a crash; on failure its output is left in an unspecified but valid state.
+// offending values)", never with a crash; on failure its output holds whatever was read so far (valid
+// objects, not to be used).
 // Files are read through zlib, so each of them may also be gzip-compressed (a plain file reads as it is).
 #ifndef KIVTAMBER_TOOLS_MATRIXMARKET_H
 #define KIVTAMBER_TOOLS_MATRIXMARKET_H
