@@ -76,11 +76,19 @@ struct Timing {
 
 void printRow(const char* scene, const BlockProblem& p, const char* method, const Timing& t,
               const Analysis::FactorCost& cost, double reference, const std::string& note) {
-    auto ms = [](const std::vector<double>& v) { return v.empty() ? -1.0 : 1e3 * median(v); };
-    std::printf("%-10s %7u %8u  %-12s %8.2f %8.2f %8.2f %8.2f %8.2f  %11lu %11.4g %7.3f  %s\n", scene,
-                p.numBlocks, p.scalarSize(), method, ms(t.check), ms(t.order), ms(t.symbolic), ms(t.layout),
-                ms(t.assembly), cost.scalarEntries, cost.flops, reference > 0 ? cost.flops / reference : 0.0,
-                note.c_str());
+    auto ms = [](const std::vector<double>& v) {
+        char cell[16];
+        if (v.empty()) {
+            std::snprintf(cell, sizeof cell, "%8s", "-");
+        } else {
+            std::snprintf(cell, sizeof cell, "%8.2f", 1e3 * median(v));
+        }
+        return std::string(cell);
+    };
+    std::printf("%-10s %7u %8u  %-12s %s %s %s %s %s  %11lu %11.4g %7.3f  %s\n", scene, p.numBlocks,
+                p.scalarSize(), method, ms(t.check).c_str(), ms(t.order).c_str(), ms(t.symbolic).c_str(),
+                ms(t.layout).c_str(), ms(t.assembly).c_str(), cost.scalarEntries, cost.flops,
+                reference > 0 ? cost.flops / reference : 0.0, note.c_str());
     std::fflush(stdout);
 }
 

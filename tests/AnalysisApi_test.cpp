@@ -522,7 +522,7 @@ TEST(AnalysisApi, RandomUserOrdersAreAcceptedExactlyWhenTheySatisfyTheRule) {
     EXPECT_GT(rejected, 40u);
 }
 
-// The document's path without the repair: symamd, then the zero-leaf swap. On these systems it breaks the
+// symamd followed by the zero-leaf swap, without the repair. On these systems it breaks the
 // rule and meets (numerically) zero pivots; every order it yields that does satisfy the rule factors well.
 TEST(AnalysisApi, UnrepairedSymamdSwapMeetsZeroPivots) {
     SkeletonMatrix S, T;

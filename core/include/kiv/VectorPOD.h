@@ -79,8 +79,9 @@ public:
     }
 
     void push_back(const T& v) {
+        const T copy = v;  // v may refer to an element of this vector
         if (size_ == capacity_) reallocate(capacity_ < 2 ? 4 : 2 * capacity_);
-        data_[size_++] = v;
+        data_[size_++] = copy;
     }
     void pop_back() noexcept { --size_; }
 
