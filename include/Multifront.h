@@ -197,9 +197,11 @@ struct MfNode {
     unsigned char done;
     // Nonzero when a child of j is owned by another thread.
     unsigned char foreignChildren;
-    // 1 once the owner has zeroed j's fronts (and update list) in this factorization: that happens when the
-    // owner first writes to them, so that the zeroing is shared among the threads and done near the use.
-    unsigned char zeroed;
+    // 1 once the owner has assembled j's front in this factorization (the input blocks of column j copied
+    // in, the fill blocks zero) and zeroed its update list. That happens when the owner first writes to
+    // them, so that this pass over the stores is shared among the threads and done close to the use, and the
+    // updates are then subtracted from the input in the order of the serial factorization.
+    unsigned char assembled;
 };
 
 // A (subtree root, thread) pair: a topmost node of the part that `thread` owns.
@@ -231,8 +233,8 @@ public:
     // Node records, one per block column [n].
     kiv::VectorPOD<MfNode<T>> nodes;
     // The two element stores: fronts (Σ over the pattern of p_r·p_j, node by node) and update blocks (Σ over
-    // the update lists of p_r·p_s, node by node). A node's part is zeroed by its owner in every factorization
-    // before the first write to it (MfNode::zeroed).
+    // the update lists of p_r·p_s, node by node). A node's parts are set up by its owner in every
+    // factorization before the first write to them (MfNode::assembled).
     kiv::VectorPOD<T> frontStore;
     kiv::VectorPOD<T> updateStore;
     // (subtree root, thread) pairs, grouped by thread; within a thread the node indices descend, so that the
@@ -256,6 +258,8 @@ public:
     // Per row-form entry e = (i, j): index of block (i, j) in the input matrix, noNode for a fill block.
     // Rebuilt by every factorization (the input's own pattern may change under a fixed filled pattern).
     kiv::VectorPOD<unsigned int> inputBlocks;
+    // The input matrix's block pointers during a factorization.
+    T* const* inputTiles = nullptr;
 
     // Wait blocks of the nodes with an update list (constructed in place; grown only).
     WaitBlock* waitBlocks = nullptr;
@@ -348,15 +352,16 @@ public:
     void addUpdateToNode(const SkeletonMatrix& pattern, const SparseMatrix<T>& factor, unsigned long target,
                          unsigned long source);
 
-    // Node x's front blocks, after zeroing its fronts and update list if this factorization has not done so
-    // yet. Only x's owner calls it while the workers run.
+    // Node x's front blocks, after assembling them and zeroing x's update list if this factorization has not
+    // done so yet. Only x's owner calls it while the workers run.
     T* const* front(unsigned int x) {
-        if (!nodes[x].zeroed) zeroNode(x);
+        if (!nodes[x].assembled) assembleNode(x);
         return nodes[x].frontBlocks;
     }
 
-    // Zeroes node x's fronts and update list and sets its `zeroed` flag.
-    void zeroNode(unsigned int x);
+    // F(r, x) = A(r, x) for the entries of column x (whole tiles, padding included; zero for a fill block),
+    // update list of x zeroed, `assembled` set. Reads the input through inputTiles and inputBlocks.
+    void assembleNode(unsigned int x);
 
 private:
     void growWaitBlocks(unsigned long count);

@@ -9,7 +9,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 root=$(pwd)
 
-"$root/scripts/deps.sh" g++ cmake make pkg-config libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev
+"$root/scripts/deps.sh" g++ cmake make pkg-config libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev zlib1g-dev
 
 jobs=$(nproc 2>/dev/null || echo 2)
 gen=()

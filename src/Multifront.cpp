@@ -208,7 +208,7 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         node.owner = 0;
         node.done = 0;
         node.foreignChildren = 0;
-        node.zeroed = 0;
+        node.assembled = 0;
         node.updates = nullptr;
         node.waitBlock = nullptr;
         firstChild[j] = noNode;
@@ -445,20 +445,28 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
 }
 
 template <typename T>
-void MultifrontManager<T>::zeroNode(unsigned int x) {
+void MultifrontManager<T>::assembleNode(unsigned int x) {
     MfNode<T>& node = nodes[x];
-    T* const begin = node.frontBlocks[0];
-    T* const end = frontBlockPointers[colPointers[x + 1]];
-    std::memset(static_cast<void*>(begin), 0, static_cast<unsigned long>(end - begin) * sizeof(T));
+    const unsigned int k0 = colPointers[x], k1 = colPointers[x + 1];
+    for (unsigned int k = k0; k < k1; ++k) {
+        T* const F = frontBlockPointers[k];
+        const unsigned long bytes = static_cast<unsigned long>(frontBlockPointers[k + 1] - F) * sizeof(T);
+        const unsigned int a = inputBlocks[colEntries[k]];
+        if (a != noNode) {
+            std::memcpy(static_cast<void*>(F), inputTiles[a], bytes);  // p_r·p_x: the tile with its padding
+        } else {
+            std::memset(static_cast<void*>(F), 0, bytes);
+        }
+    }
     if (node.updates) {
         // m·(m+1)/2 entries; the last one, (r_m, r_m), is p_{r_m}² elements long.
-        const unsigned long m = colPointers[x + 1] - colPointers[x] - 1;
+        const unsigned long m = k1 - k0 - 1;
         const MfUpdateEntry<T>& last = node.updates[m * (m + 1) / 2 - 1];
         const unsigned long p = factorCommon::padded<T>(preparedSizes[last.row]);
         const unsigned long count = static_cast<unsigned long>(last.block - node.updates[0].block) + p * p;
         std::memset(static_cast<void*>(node.updates[0].block), 0, count * sizeof(T));
     }
-    node.zeroed = 1;
+    node.assembled = 1;
 }
 
 template <typename T>
@@ -552,15 +560,7 @@ void Worker<T>::process(unsigned int j) {
     T* const* F = M.front(j);
     const unsigned int s_j = sizes[j], p_j = fc::padded<T>(s_j);
 
-    // 1. Input: F(r, j) += A(r, j) over whole padded rows.
-    for (unsigned int k = 0; k <= m; ++k) {
-        const unsigned int a = M.inputBlocks[blocks[k]];
-        if (a != MultifrontManager<T>::noNode) {
-            addBlock(F[k], A.blockPointers[a], static_cast<unsigned long>(sizes[rows[k]]) * p_j);
-        }
-    }
-
-    // 2. Children of other threads: wait until each is done, then add its update list.
+    // 1. Children of other threads: wait until each is done, then add its update list.
     if (node.foreignChildren) {
         for (unsigned int c = M.firstChild[j]; c != noNode; c = M.sibling[c]) {
             if (nodes[c].owner == t) continue;
@@ -572,7 +572,7 @@ void Worker<T>::process(unsigned int j) {
         }
     }
 
-    // 3. Diagonal block: F(j, j) = L_jj·D_j·L_jjᵀ; L(j, j) = L_jj, LD(j, j) = L_jj·D_j.
+    // 2. Diagonal block: F(j, j) = L_jj·D_j·L_jjᵀ; L(j, j) = L_jj, LD(j, j) = L_jj·D_j.
     T* const Fjj = F[0];
     T* const Ljj = L.blockPointers[blocks[0]];
     T* const LDjj = LD.blockPointers[blocks[0]];
@@ -596,7 +596,7 @@ void Worker<T>::process(unsigned int j) {
     }
     LD.blockFlags[blocks[0]] = 1;
 
-    // 4. Off-diagonal blocks: W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
+    // 3. Off-diagonal blocks: W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
     for (unsigned int k = 1; k <= m; ++k) {
         T* const W = F[k];
         const unsigned int s_r = sizes[rows[k]];
@@ -624,7 +624,7 @@ void Worker<T>::process(unsigned int j) {
         }
     }
 
-    // 5. Update: −L(r, j)·D_j·L(s, j)ᵀ for r ≥ s, into the front of s while the path from j to s stays in
+    // 4. Update: −L(r, j)·D_j·L(s, j)ᵀ for r ≥ s, into the front of s while the path from j to s stays in
     // this thread, otherwise into the update list of the boundary node (the last of this thread on the path).
     unsigned int reached = j;
     const MfUpdateEntry<T>* B = nullptr;
@@ -670,7 +670,7 @@ void Worker<T>::process(unsigned int j) {
         }
     }
 
-    // 6. Publish.
+    // 5. Publish.
     if (!node.waitBlock) {
         node.done = 1;
     } else {
@@ -774,12 +774,13 @@ void Tamber::factorMF(TamberData<T>& data) {
     }
 
     data.diagonal.resize(M.scalarSize);
+    M.inputTiles = A.blockPointers;
 
-    // Nothing done, nothing zeroed (each owner zeroes its nodes' parts of the two stores on first use);
+    // Nothing done or assembled (each owner sets up its nodes' parts of the two stores on first use);
     // per-thread marks and stacks from the scratch pad.
     for (unsigned long j = 0; j < nb; ++j) {
         M.nodes[j].done = 0;
-        M.nodes[j].zeroed = 0;
+        M.nodes[j].assembled = 0;
     }
 
     if (nb > 0) {

@@ -31,7 +31,9 @@ bool RankMod::prepare(TamberData<double>& data, unsigned int maxBatchSize) {
     maxBatch = maxBatchSize;
     workspace.reserve(nb, N, maxBatch);
     workspace.activeScalars = active.data();
-    const unsigned long lists = std::max<unsigned long>(2ul * maxBatch, 64);
+    // A call switches each scalar equation at most once (repeated and no-op requests are dropped),
+    // so lists of N entries never grow again.
+    const unsigned long lists = std::max<unsigned long>(N, 64);
     deletions_.reserve(lists);
     additions_.reserve(lists);
     batch_.reserve(lists);
