@@ -232,10 +232,11 @@ public:
 
     // Node records, one per block column [n].
     kiv::VectorPOD<MfNode<T>> nodes;
-    // The two element stores: fronts (Σ over the pattern of p_r·p_j, node by node) and update blocks (Σ over
-    // the update lists of p_r·p_s, node by node). A node's parts are set up by its owner in every
-    // factorization before the first write to them (MfNode::assembled).
-    kiv::VectorPOD<T> frontStore;
+    // The element store of the update lists (Σ over the update lists of p_r·p_s, node by node). The fronts
+    // need no store of their own: front block F(r, j) is the tile of L(r, j) itself, which ends up holding
+    // L(r, j) after the elimination of j (the same traffic over memory as the serial factorization, no copy
+    // from front to factor). A node's front and update list are set up by its owner in every factorization
+    // before the first write to them (MfNode::assembled).
     kiv::VectorPOD<T> updateStore;
     // (subtree root, thread) pairs, grouped by thread; within a thread the node indices descend, so that the
     // lowest-numbered root, pushed last, is started first.
@@ -243,9 +244,8 @@ public:
 
     // Column form of the filled pattern: column j is colRows[colPointers[j] .. colPointers[j+1]-1] (j first,
     // then ascending); colEntries gives the entry index of (r, j) in the row form, which is also the index of
-    // block (r, j) in L and LD. frontBlockPointers backs MfNode::frontBlocks [entries + 1; the last one is
-    // the end of the front store, so that node j's fronts span frontBlocks[0] .. frontBlockPointers[
-    // colPointers[j+1]]].
+    // block (r, j) in L and LD. frontBlockPointers backs MfNode::frontBlocks [entries]; the owner of node j
+    // points its entries at the tiles of L when it assembles j.
     kiv::VectorPOD<unsigned int> colPointers;
     kiv::VectorPOD<unsigned int> colRows;
     kiv::VectorPOD<unsigned int> colEntries;
@@ -258,8 +258,9 @@ public:
     // Per row-form entry e = (i, j): index of block (i, j) in the input matrix, noNode for a fill block.
     // Rebuilt by every factorization (the input's own pattern may change under a fixed filled pattern).
     kiv::VectorPOD<unsigned int> inputBlocks;
-    // The input matrix's block pointers during a factorization.
+    // The block pointers of the input matrix and of L during a factorization.
     T* const* inputTiles = nullptr;
+    T* const* factorTiles = nullptr;
 
     // Wait blocks of the nodes with an update list (constructed in place; grown only).
     WaitBlock* waitBlocks = nullptr;
@@ -359,8 +360,9 @@ public:
         return nodes[x].frontBlocks;
     }
 
-    // F(r, x) = A(r, x) for the entries of column x (whole tiles, padding included; zero for a fill block),
-    // update list of x zeroed, `assembled` set. Reads the input through inputTiles and inputBlocks.
+    // F(r, x) = A(r, x) for the entries of column x, in the tiles of L (whole tiles, padding included; zero
+    // for a fill block), x's front block pointers set, its update list zeroed, `assembled` set. Reads the
+    // input through inputTiles and inputBlocks, L through factorTiles.
     void assembleNode(unsigned int x);
 
 private:

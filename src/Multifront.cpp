@@ -378,34 +378,19 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         }
     }
 
-    // Fronts over the front store, node by node.
-    unsigned long frontElements = 0;
-    for (unsigned int j = 0; j < n; ++j) {
-        const unsigned long p_j = factorCommon::padded<T>(sizes[j]);
-        for (unsigned int k = colPointers[j]; k < colPointers[j + 1]; ++k) {
-            frontElements += factorCommon::padded<T>(sizes[colRows[k]]) * p_j;
-        }
-    }
-    frontStore.resize(frontElements);
-    frontBlockPointers.resize(entries + 1);
+    frontBlockPointers.resize(entries);
     updateStore.resize(updateElements);
     updateEntries.resize(updateCount);
     applyWaitMode(threads);
     growWaitBlocks(numBoundaries);
     numWaitBlocks = numBoundaries;
 
-    T* front = frontStore.data();
     T* update = updateStore.data();
     MfUpdateEntry<T>* entry = updateEntries.data();
     WaitBlock* waitBlock = waitBlocks;
     for (unsigned int j = 0; j < n; ++j) {
         MfNode<T>& node = nodes[j];
-        const unsigned int p_j = factorCommon::padded<T>(sizes[j]);
         node.frontBlocks = frontBlockPointers.data() + colPointers[j];
-        for (unsigned int k = colPointers[j]; k < colPointers[j + 1]; ++k) {
-            frontBlockPointers[k] = front;
-            front += static_cast<unsigned long>(factorCommon::padded<T>(sizes[colRows[k]])) * p_j;
-        }
         const unsigned int p = node.parent;
         if (p == j || nodes[p].owner == node.owner) continue;
         node.updates = entry;
@@ -423,8 +408,6 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
             }
         }
     }
-
-    frontBlockPointers[entries] = front;
 
     // Value capacity of L and LD, scalar dimension.
     factorCapacity = 64;
@@ -448,10 +431,13 @@ template <typename T>
 void MultifrontManager<T>::assembleNode(unsigned int x) {
     MfNode<T>& node = nodes[x];
     const unsigned int k0 = colPointers[x], k1 = colPointers[x + 1];
+    const unsigned long p_x = factorCommon::padded<T>(preparedSizes[x]);
     for (unsigned int k = k0; k < k1; ++k) {
-        T* const F = frontBlockPointers[k];
-        const unsigned long bytes = static_cast<unsigned long>(frontBlockPointers[k + 1] - F) * sizeof(T);
-        const unsigned int a = inputBlocks[colEntries[k]];
+        const unsigned int e = colEntries[k];
+        T* const F = factorTiles[e];
+        frontBlockPointers[k] = F;
+        const unsigned long bytes = factorCommon::padded<T>(preparedSizes[colRows[k]]) * p_x * sizeof(T);
+        const unsigned int a = inputBlocks[e];
         if (a != noNode) {
             std::memcpy(static_cast<void*>(F), inputTiles[a], bytes);  // p_r·p_x: the tile with its padding
         } else {
@@ -572,31 +558,27 @@ void Worker<T>::process(unsigned int j) {
         }
     }
 
-    // 2. Diagonal block: F(j, j) = L_jj·D_j·L_jjᵀ; L(j, j) = L_jj, LD(j, j) = L_jj·D_j.
-    T* const Fjj = F[0];
-    T* const Ljj = L.blockPointers[blocks[0]];
+    // 2. Diagonal block: F(j, j) = L_jj·D_j·L_jjᵀ in place (F(j, j) is the tile of L(j, j)), then
+    // LD(j, j) = L_jj·D_j. LD is not zeroed beforehand: every element of its tiles, padding included, is
+    // written here (the padding of L's tiles is zero since the assembly).
+    T* const Ljj = F[0];
     T* const LDjj = LD.blockPointers[blocks[0]];
     T* const dj = d + offsets[j];
-    __builtin_prefetch(Ljj, 1);
     __builtin_prefetch(LDjj, 1);
     __builtin_prefetch(dj, 1);
-    fc::factorDiagonalBlock(Fjj, p_j, s_j, dj);
-    // L and LD are not zeroed beforehand: every element of every tile, padding included, is written here.
-    const unsigned long rowsBytes = static_cast<unsigned long>(s_j) * p_j * sizeof(T);
-    const unsigned long paddingBytes = static_cast<unsigned long>(p_j - s_j) * p_j * sizeof(T);
-    std::memcpy(static_cast<void*>(Ljj), Fjj, rowsBytes);
+    fc::factorDiagonalBlock(Ljj, p_j, s_j, dj);
     for (unsigned int r = 0; r < s_j; ++r) {
         const unsigned long row = static_cast<unsigned long>(r) * p_j;
         for (unsigned int c = 0; c < s_j; ++c) LDjj[row + c] = Ljj[row + c] * dj[c];  // l_rc·d_c
         for (unsigned int c = s_j; c < p_j; ++c) LDjj[row + c] = T(0);
     }
-    if (paddingBytes) {
-        std::memset(static_cast<void*>(Ljj + static_cast<unsigned long>(s_j) * p_j), 0, paddingBytes);
-        std::memset(static_cast<void*>(LDjj + static_cast<unsigned long>(s_j) * p_j), 0, paddingBytes);
+    if (p_j > s_j) {
+        std::memset(static_cast<void*>(LDjj + static_cast<unsigned long>(s_j) * p_j), 0,
+                    static_cast<unsigned long>(p_j - s_j) * p_j * sizeof(T));
     }
     LD.blockFlags[blocks[0]] = 1;
 
-    // 3. Off-diagonal blocks: W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
+    // 3. Off-diagonal blocks, in place in L(r, j): W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
     for (unsigned int k = 1; k <= m; ++k) {
         T* const W = F[k];
         const unsigned int s_r = sizes[rows[k]];
@@ -605,22 +587,15 @@ void Worker<T>::process(unsigned int j) {
         __builtin_prefetch(line + 64, 1);
         __builtin_prefetch(line + 128, 1);
         __builtin_prefetch(line + 192, 1);
-        fc::solveUnitDiagonal(Fjj, p_j, W, s_r, s_j);
-        const unsigned long count = static_cast<unsigned long>(s_r) * p_j;
-        const unsigned long padding = static_cast<unsigned long>(fc::padded<T>(s_r) - s_r) * p_j;
-        T* const LDrj = LD.blockPointers[blocks[k]];
-        T* const Lrj = L.blockPointers[blocks[k]];
-        std::memcpy(static_cast<void*>(LDrj), W, count * sizeof(T));
+        fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
+        std::memcpy(
+            static_cast<void*>(LD.blockPointers[blocks[k]]), W,
+            static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j * sizeof(T));  // with its zero padding
         LD.blockFlags[blocks[k]] = 1;
         for (unsigned int c = 0; c < s_j; ++c) {
             const T q = T(1) / dj[c];
             for (unsigned int r = 0; r < s_r; ++r)
                 W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
-        }
-        std::memcpy(static_cast<void*>(Lrj), W, count * sizeof(T));
-        if (padding) {
-            std::memset(static_cast<void*>(LDrj + count), 0, padding * sizeof(T));
-            std::memset(static_cast<void*>(Lrj + count), 0, padding * sizeof(T));
         }
     }
 
@@ -775,6 +750,7 @@ void Tamber::factorMF(TamberData<T>& data) {
 
     data.diagonal.resize(M.scalarSize);
     M.inputTiles = A.blockPointers;
+    M.factorTiles = L.blockPointers;
 
     // Nothing done or assembled (each owner sets up its nodes' parts of the two stores on first use);
     // per-thread marks and stacks from the scratch pad.

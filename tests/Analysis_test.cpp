@@ -18,16 +18,19 @@ namespace {
 
 using testing::BlockPattern;
 
-// The elimination tree of skeleton S, built the library's way (every block active).
-void buildTree(const SkeletonMatrix& S, EliminationTree& tree) {
-    const unsigned int n = static_cast<unsigned int>(S.n);
-    if (tree.capacity < n || tree.parent == nullptr) {
+// Writes p into `input`, builds its elimination tree the library's way (every block active) and computes the
+// filled skeleton.
+bool analyse(const BlockPattern& p, SkeletonMatrix& input, EliminationTree& tree, SkeletonMatrix& filled,
+             bool blockWords = false, ScratchPad* pad = nullptr) {
+    testing::toSkeleton(p, input, blockWords);
+    if (tree.capacity < std::max(p.n, 1u) || tree.parent == nullptr) {
         if (tree.parent) tree.releaseMemory();
-        tree.allocateMemory(std::max(n, 1u));
+        tree.allocateMemory(std::max(p.n, 1u));
     }
-    tree.numNodes = n;
-    std::vector<unsigned int> active(n, 1);
-    TreeUpdate::computeTree(&tree, S, active.data());
+    tree.numNodes = p.n;
+    std::vector<unsigned int> active(p.n, 1);
+    TreeUpdate::computeTree(&tree, input, active.data());
+    return Analysis::computeFilledSkeleton(input, tree, filled, pad);
 }
 
 // `filled` must list, per row i, exactly the columns j <= i of the dense symbolic factor, ascending, the
@@ -58,12 +61,8 @@ TEST(AnalysisFilledSkeleton, RandomPatternsMatchDenseSymbolicElimination) {
     for (unsigned long seed = 0; seed < 300; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const unsigned int n = 1 + seed % 61;
-        BlockPattern p;
-        if (seed % 3 == 2) {
-            p = testing::randomSaddlePattern(n, n - n / 3, 0.5 + seed % 4, seed);
-        } else {
-            p = testing::randomPattern(n, 0.3 * (seed % 9), seed);
-        }
+        BlockPattern p = seed % 3 == 2 ? testing::randomSaddlePattern(n, n - n / 3, 0.5 + seed % 4, seed)
+                                       : testing::randomPattern(n, 0.3 * (seed % 9), seed);
         if (seed % 2) {
             // A random order, so that the tree is not always the natural one of the generator.
             std::vector<unsigned int> forward(n);
@@ -71,91 +70,59 @@ TEST(AnalysisFilledSkeleton, RandomPatternsMatchDenseSymbolicElimination) {
             std::shuffle(forward.begin(), forward.end(), std::mt19937_64(seed));
             p = testing::permutePattern(p, forward.data());
         }
-        testing::toSkeleton(p, input);
-        buildTree(input, tree);
-        ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
+        ASSERT_TRUE(analyse(p, input, tree, filled));
         expectFilledMatches(p, filled);
     }
 }
 
+// Counted by hand: an arrow pointing up (block 0 couples to every other block, so eliminating it fills
+// (2,1), (3,1), (3,2), (4,1), (4,2), (4,3)); an arrow pointing down (every block couples to the last one: no
+// fill); the diagonal only; a single block; no block at all.
 TEST(AnalysisFilledSkeleton, KnownShapes) {
+    const struct {
+        unsigned int n;
+        bool up, down;
+        unsigned long entries, fills;
+    } cases[] = {{5, true, false, 15, 6}, {5, false, true, 9, 0}, {7, false, false, 7, 0},
+                 {1, false, false, 1, 0}, {0, false, false, 0, 0}};
     EliminationTree tree;
     SkeletonMatrix input, filled;
-    {
-        // Arrow pointing up: block 0 couples to every other block, so eliminating it fills everything.
-        BlockPattern p(5);
-        for (unsigned int j = 1; j < 5; ++j) p.couple(0, j);
-        testing::toSkeleton(p, input);
-        buildTree(input, tree);
-        ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
-        expectFilledMatches(p, filled);
-        EXPECT_EQ(filled.numEntries(), 15u);
-        unsigned int fills = 0;
-        for (unsigned long k = 0; k < filled.numEntries(); ++k) fills += filled.fillFlags[k];
-        EXPECT_EQ(fills, 6u);  // (2,1), (3,1), (3,2), (4,1), (4,2), (4,3)
-    }
-    {
-        // Arrow pointing down (every block couples to the last one): no fill.
-        BlockPattern p(5);
-        for (unsigned int j = 0; j < 4; ++j) p.couple(4, j);
-        testing::toSkeleton(p, input);
-        buildTree(input, tree);
-        ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
-        expectFilledMatches(p, filled);
-        EXPECT_EQ(filled.numEntries(), 9u);
-    }
-    {
-        // Diagonal only, and a single block.
-        for (unsigned int n : {1u, 7u}) {
-            BlockPattern p(n);
-            testing::toSkeleton(p, input);
-            buildTree(input, tree);
-            ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
-            expectFilledMatches(p, filled);
-            EXPECT_EQ(filled.numEntries(), n);
+    for (const auto& c : cases) {
+        BlockPattern p(c.n);
+        for (unsigned int j = 1; j < c.n; ++j) {
+            if (c.up) p.couple(0, j);
+            if (c.down) p.couple(c.n - 1, j - 1);
         }
+        ASSERT_TRUE(analyse(p, input, tree, filled));
+        expectFilledMatches(p, filled);
+        EXPECT_EQ(filled.numEntries(), c.entries);
+        EXPECT_EQ(std::accumulate(filled.fillFlags, filled.fillFlags + filled.numEntries(), 0ul), c.fills);
     }
-}
-
-TEST(AnalysisFilledSkeleton, EmptyPattern) {
-    EliminationTree tree;
-    SkeletonMatrix input, filled;
-    input.resize(0, 0, false);
-    input.colPointers[0] = 0;
-    tree.allocateMemory(1);
-    tree.numNodes = 0;
-    ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
-    EXPECT_EQ(filled.n, 0u);
-    EXPECT_EQ(filled.numEntries(), 0u);
 }
 
 // The filled skeleton keeps its arrays for a smaller pattern; with a scratch pad a repeated analysis of the
-// same size allocates nothing at all. blockWords travel along.
+// same size allocates nothing at all. blockWords travel along, and without them in the input the output has
+// none either.
 TEST(AnalysisFilledSkeleton, ReusesStorageAndCarriesBlockWords) {
     EliminationTree tree;
     SkeletonMatrix input, filled;
     ScratchPad pad;
-    const BlockPattern big = testing::randomPattern(40, 3.0, 11);
-    testing::toSkeleton(big, input, true);
-    buildTree(input, tree);
-    ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled, &pad));
+    const BlockPattern big = testing::randomPattern(40, 3.0, 11), small = testing::randomPattern(25, 2.0, 12);
+    ASSERT_TRUE(analyse(big, input, tree, filled, true, &pad));
     expectFilledMatches(big, filled);
     ASSERT_NE(filled.blockWords, nullptr);
     for (unsigned int j = 0; j < 40; ++j) EXPECT_EQ(filled.blockWords[j], j);
 
     const unsigned int* rows = filled.rowIndices;
-    const BlockPattern small = testing::randomPattern(25, 2.0, 12);
     testing::toSkeleton(small, input, true);
-    buildTree(input, tree);
+    ASSERT_TRUE(analyse(small, input, tree, filled, true, &pad));  // sizes input and tree for `small`
     const std::uint64_t before = kiv::ByteAllocator::allocationCount();
     ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled, &pad));
     EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
     EXPECT_EQ(filled.rowIndices, rows);
     expectFilledMatches(small, filled);
 
-    // Without block words in the input the output has none either.
-    testing::toSkeleton(small, input, false);
-    ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
+    ASSERT_TRUE(analyse(small, input, tree, filled));
     EXPECT_EQ(filled.blockWords, nullptr);
     expectFilledMatches(small, filled);
 }
@@ -163,14 +130,9 @@ TEST(AnalysisFilledSkeleton, ReusesStorageAndCarriesBlockWords) {
 TEST(AnalysisFilledSkeleton, TreeTooSmallLeavesOutputUnchanged) {
     EliminationTree tree;
     SkeletonMatrix input, filled;
-    const BlockPattern p = testing::randomPattern(10, 2.0, 3);
-    testing::toSkeleton(p, input);
-    buildTree(input, tree);
-    ASSERT_TRUE(Analysis::computeFilledSkeleton(input, tree, filled));
+    ASSERT_TRUE(analyse(testing::randomPattern(10, 2.0, 3), input, tree, filled));
     const SkeletonMatrix before = filled;
-
-    const BlockPattern bigger = testing::randomPattern(12, 2.0, 4);
-    testing::toSkeleton(bigger, input);
+    testing::toSkeleton(testing::randomPattern(12, 2.0, 4), input);
     tree.numNodes = 10;  // a tree of the old size
     EXPECT_FALSE(Analysis::computeFilledSkeleton(input, tree, filled));
     ASSERT_EQ(filled.n, before.n);

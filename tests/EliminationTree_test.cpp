@@ -66,24 +66,20 @@ TEST(EliminationTree, ComputeTreeMatchesDenseSymbolicElimination) {
                                                   : pat::randomPattern(n, density, seed);
         Vec active(n, 1);
         for (unsigned int x = 0; x < n && seed % 2 == 0; ++x) active[x] = rng() % 4 != 0;
-        // The reference sees the pattern without the couplings of inactive nodes.
+        // The skeleton form, where some seeds add entries below the diagonal that must not be read; the
+        // reference sees the pattern without the couplings of inactive nodes.
+        std::vector<Vec> lists(n);
         pat::BlockPattern reduced(n);
-        for (unsigned int i = 0; i < n; ++i)
-            for (unsigned int j = 0; j < i; ++j)
-                if (p(i, j) && active[i] && active[j]) reduced.couple(i, j);
-        const Vec expected = pat::eliminationParent(pat::symbolicFactor(reduced));
-
-        SkeletonMatrix S;
-        pat::toSkeleton(p, S);
-        if (seed % 5 == 0) {
-            // Entries below the diagonal, stored after it, must not be read.
-            std::vector<Vec> lists(n);
-            for (unsigned int j = 0; j < n; ++j) {
-                lists[j].assign(S.rowIndices + S.colPointers[j], S.rowIndices + S.colPointers[j + 1]);
-                for (unsigned int i = j + 1; i < n; i += 1 + rng() % 3) lists[j].push_back(i);
+        for (unsigned int j = 0; j < n; ++j) {
+            for (unsigned int i = 0; i <= j; ++i) {
+                if (p(i, j)) lists[j].push_back(i);
+                if (p(i, j) && i < j && active[i] && active[j]) reduced.couple(i, j);
             }
-            fillSkeleton(S, lists);
+            for (unsigned int i = j + 1; i < n && seed % 5 == 0; i += 1 + rng() % 3) lists[j].push_back(i);
         }
+        const Vec expected = pat::eliminationParent(pat::symbolicFactor(reduced));
+        SkeletonMatrix S;
+        fillSkeleton(S, lists);
         t.numNodes = n;
         TreeUpdate::computeTree(&t, S, active.data());
         ASSERT_EQ(parents(t), expected);
@@ -187,7 +183,7 @@ std::string printOf(EliminationTree& t) {
 
 }  // namespace
 
-TEST(TreeUpdate, FindFirstBlockReadsOnlyLogicalValues) {
+TEST(TreeUpdate, FindFirstBlockTreeOfFactorAndValidate) {
     SmallFactor f;
     ASSERT_EQ(f.L.blockStrides[0], 4u);
     // Stored blocks of exact zeros (and -0.0) make no parent; nor does anything in the diagonal entry.
@@ -206,22 +202,20 @@ TEST(TreeUpdate, FindFirstBlockReadsOnlyLogicalValues) {
     // A NaN in the earlier tile (0, 1) takes precedence.
     f.tile[0][1][1 * 4 + 2] = std::numeric_limits<double>::quiet_NaN();
     EXPECT_EQ(TreeUpdate::findFirstBlock(f.L, f.layout, 0), 1u);
-}
 
-TEST(TreeUpdate, ComputeTreeFromFactorAndValidate) {
-    SmallFactor f;
-    f.tile[0][3][0] = 2.0;   // 0 -> 3
-    f.tile[1][2][1] = -1.0;  // 1 -> 2
-    f.tile[2][3][2] = 0.5;   // 2 -> 3 (column 1 of a 1-row tile of stride 2)
+    // The tree of a factor: each block's first non-zero block; only the parents are written.
+    SmallFactor g;
+    g.tile[0][3][0] = 2.0;   // 0 -> 3
+    g.tile[1][2][1] = -1.0;  // 1 -> 2
+    g.tile[2][3][2] = 0.5;   // 2 -> 3 (column 1 of a 1-row tile of stride 2)
     EliminationTree t;
     sized(t, 4);
-    TreeUpdate::computeTree(&t, f.L, f.layout);
+    TreeUpdate::computeTree(&t, g.L, g.layout);
     EXPECT_EQ(parents(t), (Vec{3, 2, 3, 3}));
-    EXPECT_EQ(t.firstChild[3], kNone);  // only the parents are written
-
-    auto validate = [&t, &f](const char* message, bool valid) {
+    EXPECT_EQ(t.firstChild[3], kNone);
+    auto validate = [&t, &g](const char* message, bool valid) {
         ::testing::internal::CaptureStdout();
-        EXPECT_EQ(TreeUpdate::validate(&t, f.L, f.layout), valid);
+        EXPECT_EQ(TreeUpdate::validate(&t, g.L, g.layout), valid);
         EXPECT_EQ(::testing::internal::GetCapturedStdout(), message);
     };
     validate("", true);  // no child lists yet: nothing to contradict
@@ -244,22 +238,17 @@ TEST(TreeUpdate, ComputeTreeFromFactorAndValidate) {
 }
 
 TEST(EliminationTree, PrintAndAssignment) {
-    SkeletonMatrix S;
-    fillSkeleton(S, {{0}, {1}, {0, 1, 2}, {3}});
-    const Vec active(4, 1);
     EliminationTree src;
     sized(src, 4);
-    TreeUpdate::computeTree(&src, S, active.data());
+    src.parent[0] = src.parent[1] = src.colParent[1] = 2;
     src.computeTreeStructure();
     src.computePostOrder();
-    src.fillIns.push_back(1);
-    src.fillIns.push_back(2);
-    src.auxList.push_back(42);
+    src.fillIns.push_back(1), src.fillIns.push_back(2), src.auxList.push_back(42);
     src.marks.mark(3);
     const std::string printed = printOf(src);
     EXPECT_EQ(
         printed,
-        "Sets (4):\nNode\tParent\tCol.Prnt\tPostOrder\n0\t2\t2\t1\n1\t2\t2\t0\n2\t2\t2\t2\n3\t3\t3\t3\nFill "
+        "Sets (4):\nNode\tParent\tCol.Prnt\tPostOrder\n0\t2\t0\t1\n1\t2\t2\t0\n2\t2\t2\t2\n3\t3\t3\t3\nFill "
         "ins: 2\n");
 
     EliminationTree dst;  // too small: grows through releaseMemory and allocateMemory

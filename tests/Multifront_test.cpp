@@ -505,9 +505,9 @@ TEST(MultifrontSplit, WideTreesAreSharedAndHeavyTopsGoToOneWaitingThread) {
 
     // A root has no update list: as a source it adds nothing.
     tamber.factorMF(data);
-    const std::vector<double> before(data.multifront.frontStore.begin(), data.multifront.frontStore.end());
+    const std::vector<double> before = snapshot(data);
     data.multifront.addUpdateToNode(data.skeleton, data.factor, 99, 99);
-    EXPECT_TRUE(std::equal(before.begin(), before.end(), data.multifront.frontStore.begin()));
+    EXPECT_TRUE(snapshot(data) == before);
 }
 
 // ---------------------------------------------------------------------------------------------------------
