@@ -11,7 +11,8 @@
 //
 // Usage: MultifrontBench [runs (default 9)] [largest block count (default 50000)] [scene name ...]
 // Times are medians over `runs` factorizations (after one warm-up that also prepares the front manager), in
-// milliseconds; speedups are serial time / multifrontal time. "allocs" counts the core allocator's
+// milliseconds, the variants timed in turn within each repetition; speedups are serial time / multifrontal
+// time. "allocs" counts the core allocator's
 // allocations plus calls of the global operator new during the timed multifrontal factorizations of all
 // thread counts (the warm-ups excluded): it must be 0.
 #include <kiv/ByteAllocator.h>
@@ -168,9 +169,9 @@ double factorDifference(const TamberData<double>& a, const TamberData<double>& b
     return worst;
 }
 
-Result run(SceneKind kind, unsigned long blocks, int runs) {
+// The problem of a scene of about `blocks` blocks, loaded in its order into `data`.
+void loadScene(SceneKind kind, unsigned long blocks, BlockProblem& problem, TamberData<double>& data) {
     std::unique_ptr<Scene> scene = makeScene(kind, sizeForBlockCount(kind, blocks));
-    BlockProblem problem;
     scene->build(problem);
     Permutation order;
     if (kind == SceneKind::cloth) {
@@ -178,97 +179,105 @@ Result run(SceneKind kind, unsigned long blocks, int runs) {
     } else {
         naturalSafeOrder(problem, order);
     }
-    TamberData<double> serial, multi;
-    loadIntoData(problem, order, serial);
-    loadIntoData(problem, order, multi);
-    multi.useMultifrontal = 1;
+    loadIntoData(problem, order, data);
+}
+
+// Serial and multifrontal factorizations timed in turn within each repetition (serial, 1, 2, 4, 8 threads,
+// each on its own data object), so that a change of the machine's background load hits every column alike.
+Result run(SceneKind kind, unsigned long blocks, int runs) {
+    BlockProblem problem;
+    TamberData<double> serial, multi[4];
+    loadScene(kind, blocks, problem, serial);
+    Tamber tamber;
+    tamber.estimateWork(serial, nullptr);
+    tamber.factorSerial(serial);  // warm-up
+    for (int t = 0; t < 4; ++t) {
+        loadScene(kind, blocks, problem, multi[t]);
+        multi[t].numThreads = kThreads[t];
+        tamber.factorMF(multi[t]);  // warm-up: prepares the front manager
+    }
 
     Result res{};
-    res.scene = scene->name();
+    res.scene = kind == SceneKind::chain ? "chain" : kind == SceneKind::ragdolls ? "ragdolls" : "cloth";
     res.blocks = serial.skeleton.n;
     res.N = problem.scalarSize();
     res.entries = serial.skeleton.numEntries();
 
-    Tamber tamber;
-    tamber.estimateWork(serial, nullptr);
-    tamber.factorSerial(serial);  // warm-up
-    std::vector<double> times;
+    std::vector<double> times[5];
+    const std::uint64_t allocBefore = kiv::ByteAllocator::allocationCount();
+    g_newCalls.store(0);
     for (int r = 0; r < runs; ++r) {
-        const std::uint64_t start = kiv::Timer::ticks();
+        std::uint64_t start = kiv::Timer::ticks();
         tamber.factorSerial(serial);
-        times.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
-    }
-    res.serial = median(times);
-
-    unsigned long allocs = 0;
-    for (int t = 0; t < 4; ++t) {
-        multi.numThreads = kThreads[t];
-        tamber.factorMF(multi);  // warm-up: prepares the manager for this thread count
-        times.clear();
-        const std::uint64_t allocBefore = kiv::ByteAllocator::allocationCount();
-        g_newCalls.store(0);
+        times[0].push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
         g_counting.store(true);
-        for (int r = 0; r < runs; ++r) {
-            const std::uint64_t start = kiv::Timer::ticks();
-            tamber.factorMF(multi);
-            times.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
+        for (int t = 0; t < 4; ++t) {
+            start = kiv::Timer::ticks();
+            tamber.factorMF(multi[t]);
+            times[t + 1].push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
         }
         g_counting.store(false);
-        allocs += kiv::ByteAllocator::allocationCount() - allocBefore + g_newCalls.load();
-        res.mf[t] = median(times);
     }
-    res.allocs = allocs;
-    res.maxDiff = factorDifference(serial, multi);
+    // The serial factorization allocates nothing either once warm, so the count is the multifrontal one.
+    res.allocs = kiv::ByteAllocator::allocationCount() - allocBefore + g_newCalls.load();
+    res.serial = median(times[0]);
+    for (int t = 0; t < 4; ++t) {
+        res.mf[t] = median(times[t + 1]);
+        res.maxDiff = std::max(res.maxDiff, factorDifference(serial, multi[t]));
+    }
 
     // Full solve against unit solve (right-hand side e_k in the middle block; the unit solve touches only
     // that block's path to the root in the forward pass).
-    const unsigned long N = res.N;
-    std::vector<double> x(N);
-    const unsigned int mid = static_cast<unsigned int>(serial.skeleton.n / 2);
-    const unsigned int at = serial.factor.blockOffsets[mid];
-    times.clear();
-    std::vector<double> unitTimes;
+    std::vector<double> x(res.N);
+    const unsigned int at = serial.factor.blockOffsets[serial.skeleton.n / 2];
+    std::vector<double> full, unit;
     for (int r = 0; r < runs; ++r) {
         std::fill(x.begin(), x.end(), 0.0);
         x[at] = 1.0;
         std::uint64_t start = kiv::Timer::ticks();
         tamber.solve(serial, x.data());
-        times.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
+        full.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
         std::fill(x.begin(), x.end(), 0.0);
         x[at] = 1.0;
         start = kiv::Timer::ticks();
         tamber.unitSolve(serial, x.data(), -1);
-        unitTimes.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
+        unit.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
     }
-    res.fullSolve = median(times);
-    res.unitSolve = median(unitTimes);
+    res.fullSolve = median(full);
+    res.unitSolve = median(unit);
     return res;
 }
 
-// Median multifrontal time with a forced wait mode.
-double timeWaitMode(SceneKind kind, unsigned long blocks, int runs, unsigned int threads, MfWaitMode mode) {
-    std::unique_ptr<Scene> scene = makeScene(kind, sizeForBlockCount(kind, blocks));
+// The 1-minute load average of the machine (other programs compete for the processors).
+double loadAverage() {
+    double load = -1.0;
+    if (FILE* f = std::fopen("/proc/loadavg", "r")) {
+        if (std::fscanf(f, "%lf", &load) != 1) load = -1.0;
+        std::fclose(f);
+    }
+    return load;
+}
+
+// Median multifrontal times with 2 and 8 threads in spin and in condition mode, timed in turn.
+void timeWaitModes(SceneKind kind, unsigned long blocks, int runs, double* medians) {
     BlockProblem problem;
-    scene->build(problem);
-    Permutation order;
-    if (kind == SceneKind::cloth) {
-        ClothOrder(problem).build(order);
-    } else {
-        naturalSafeOrder(problem, order);
-    }
-    TamberData<double> data;
-    loadIntoData(problem, order, data);
-    data.numThreads = threads;
-    data.multifront.waitMode = mode;
+    TamberData<double> data[4];
     Tamber tamber;
-    tamber.factorMF(data);
-    std::vector<double> times;
-    for (int r = 0; r < runs; ++r) {
-        const std::uint64_t start = kiv::Timer::ticks();
-        tamber.factorMF(data);
-        times.push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
+    for (int k = 0; k < 4; ++k) {
+        loadScene(kind, blocks, problem, data[k]);
+        data[k].numThreads = k < 2 ? 2 : 8;
+        data[k].multifront.waitMode = k % 2 ? MfWaitMode::condition : MfWaitMode::spin;
+        tamber.factorMF(data[k]);
     }
-    return median(times);
+    std::vector<double> times[4];
+    for (int r = 0; r < runs; ++r) {
+        for (int k = 0; k < 4; ++k) {
+            const std::uint64_t start = kiv::Timer::ticks();
+            tamber.factorMF(data[k]);
+            times[k].push_back(kiv::Timer::seconds(start, kiv::Timer::ticks()));
+        }
+    }
+    for (int k = 0; k < 4; ++k) medians[k] = median(times[k]);
 }
 
 }  // namespace
@@ -284,11 +293,14 @@ int main(int argc, char** argv) {
     }
     if (kinds.empty()) kinds = {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth};
 
-    std::printf("Multifrontal factorization, double, %d runs per figure (medians), %u processors\n", runs,
-                std::thread::hardware_concurrency());
-    std::printf("%-9s %7s %8s %9s | %9s | %9s %9s %9s %9s | %6s %6s %6s %6s | %6s %9s | %9s %9s\n", "scene",
-                "blocks", "N", "entries", "serial ms", "mf1 ms", "mf2 ms", "mf4 ms", "mf8 ms", "x1", "x2",
-                "x4", "x8", "allocs", "max diff", "solve ms", "unit ms");
+    std::printf(
+        "Multifrontal factorization, double, %d runs per figure (medians), %u processors, load "
+        "average %.2f\n(load: the machine's 1-minute load average after each row; figures taken while "
+        "other programs ran are not comparable)\n",
+        runs, std::thread::hardware_concurrency(), loadAverage());
+    std::printf("%-9s %7s %8s %9s | %9s | %9s %9s %9s %9s | %6s %6s %6s %6s | %6s %9s | %9s %9s | %5s\n",
+                "scene", "blocks", "N", "entries", "serial ms", "mf1 ms", "mf2 ms", "mf4 ms", "mf8 ms", "x1",
+                "x2", "x4", "x8", "allocs", "max diff", "solve ms", "unit ms", "load");
     std::vector<Result> results;
     for (SceneKind kind : kinds) {
         for (unsigned long blocks : {1000ul, 10000ul, 50000ul}) {
@@ -297,11 +309,10 @@ int main(int argc, char** argv) {
             results.push_back(r);
             std::printf(
                 "%-9s %7lu %8lu %9lu | %9.3f | %9.3f %9.3f %9.3f %9.3f | %6.2f %6.2f %6.2f %6.2f | %6lu "
-                "%9.2e | "
-                "%9.4f %9.4f\n",
+                "%9.2e | %9.4f %9.4f | %5.2f\n",
                 r.scene, r.blocks, r.N, r.entries, 1e3 * r.serial, 1e3 * r.mf[0], 1e3 * r.mf[1],
                 1e3 * r.mf[2], 1e3 * r.mf[3], r.serial / r.mf[0], r.serial / r.mf[1], r.serial / r.mf[2],
-                r.serial / r.mf[3], r.allocs, r.maxDiff, 1e3 * r.fullSolve, 1e3 * r.unitSolve);
+                r.serial / r.mf[3], r.allocs, r.maxDiff, 1e3 * r.fullSolve, 1e3 * r.unitSolve, loadAverage());
             std::fflush(stdout);
         }
     }
@@ -313,11 +324,7 @@ int main(int argc, char** argv) {
         if (kind == SceneKind::chain) continue;
         const unsigned long blocks = std::min(largest, 50000ul);
         double t[4];
-        int k = 0;
-        for (unsigned int threads : {2u, 8u}) {
-            for (MfWaitMode mode : {MfWaitMode::spin, MfWaitMode::condition})
-                t[k++] = timeWaitMode(kind, blocks, runs, threads, mode);
-        }
+        timeWaitModes(kind, blocks, runs, t);
         std::printf("%-9s %7lu | %9.3f %9.3f | %9.3f %9.3f\n",
                     kind == SceneKind::cloth ? "cloth" : "ragdolls", blocks, 1e3 * t[0], 1e3 * t[1],
                     1e3 * t[2], 1e3 * t[3]);

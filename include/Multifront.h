@@ -182,7 +182,7 @@ struct MfUpdateEntry {
 template <typename T>
 struct MfNode {
     // F(r, j) for the entries of column j in pattern order, diagonal first: s_r rows of p_j elements each
-    // (row stride p_j, p_r·p_j reserved).
+    // (row stride p_j, p_r·p_j reserved). They are the tiles of L(r, j), set when the owner assembles j.
     T** frontBlocks;
     // The update list: one entry per pair r ≥ s of j's off-diagonal rows r_1 < … < r_m, ordered by s, then
     // r (m·(m+1)/2 entries); null unless j's parent is owned by another thread.

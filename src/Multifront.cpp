@@ -613,7 +613,7 @@ void Worker<T>::process(unsigned int j) {
             while (reached != s) {
                 const unsigned int next = nodes[reached].parent;
                 if (nodes[next].owner != t) {
-                    M.front(reached);  // zeroes its update list on first use
+                    M.front(reached);  // assembles it, zeroing its update list, on first use
                     B = nodes[reached].updates;
                     break;
                 }

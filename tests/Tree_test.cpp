@@ -87,7 +87,7 @@ struct SafeReference {
     const Graph& g;
     unsigned int firstConstraint;
     Vec post = Vec(t.numNodes, kNone);
-    std::vector<unsigned short> tag;
+    std::vector<unsigned short> tag = {};
     unsigned int postponed = 0, retried = 0;  // how often steps 4 (false) and 2 ran: coverage of the cases
 
     void tagNeighbours(unsigned int v) {
@@ -126,31 +126,7 @@ struct SafeReference {
 
 }  // namespace
 
-// Child lists and roots ascending; every root listed twice (as after a search and computeTreeStructure)
-// changes nothing; the post order numbers siblings in reverse list order and leaves no mark behind.
-TEST(Tree, StructureAndPostOrderOnRandomForestsAndPrint) {
-    std::mt19937 rng(11);
-    for (int round = 0; round < 100; ++round) {
-        SCOPED_TRACE(round);
-        const unsigned int n = 1 + rng() % 60;
-        const Vec par = randomForest(n, rng);
-        Tree t;
-        buildTree(t, par);
-        Vec expectRoots;
-        for (unsigned int p = 0; p < n; ++p) {
-            Vec kids;
-            for (unsigned int c = 0; c < n; ++c)
-                if (par[c] == p && c != p) kids.push_back(c);
-            ASSERT_EQ(childList(t, p), kids);
-            if (par[p] == p) expectRoots.push_back(p);
-        }
-        ASSERT_EQ(rootList(t), expectRoots);
-        for (unsigned int r : expectRoots) t.roots.push_back(r);
-        t.computePostOrder();
-        expectPostOrder(t, true);
-        for (unsigned int i = 0; i < t.marks.markCapacity; ++i) ASSERT_EQ(t.marks.flags[i], 0) << i;
-        EXPECT_EQ(t.marks.count, 0u);
-    }
+TEST(Tree, PrintFormat) {
     Tree t;
     buildTree(t, {2, 2, 2});
     t.computePostOrder();
@@ -202,7 +178,8 @@ TEST(Graph, BreadthFirstSearchDiscoversConstraintsAtLastButOneArrival) {
         {"degree 2: discovered at the first arrival", {{0}, {1}, {0, 1, 2}}, 2, 0, false, {0, 2, 0}, {0}},
         {"degree 1: a root of its own", {{0}, {0, 1}}, 1, 0, false, {0, 1}, {0, 1}},
         {"isolated bodies", {{0}, {1}, {2}, {3}, {4}}, 5, 2, false, {0, 1, 2, 3, 4}, {2, 0, 1, 3, 4}},
-        {"two components", {{0}, {1}, {2}, {0, 1, 3}, {2, 3, 4}, {5}}, 3, 1, false, {0, 1, 4, 0, 3, 5}, {1, 0, 5}},
+        {"two components", {{0}, {1}, {2}, {0, 1, 3}, {2, 3, 4}, {5}}, 3, 1, false, {0, 1, 4, 0, 3, 5},
+         {1, 0, 5}},
     };
     // clang-format on
     for (const Case& c : cases) {
@@ -231,9 +208,10 @@ TEST(Graph, BreadthFirstSearchDiscoversConstraintsAtLastButOneArrival) {
 }
 
 // Hand cases of the postponement rules, then random constraint graphs and random forests (childless roots
-// are bodies, the one shape the walk may not be given), some with every root listed twice: the numbers and
-// the final tags equal those of the recursive definition; with bodies only it is a plain post order.
-TEST(Tree, SafePostOrderMatchesRecursiveDefinition) {
+// are bodies, the one shape the walk may not be given), some with every root listed twice as a search and
+// computeTreeStructure leave them: the numbers and the final tags equal those of the recursive definition;
+// with bodies only it is a plain post order.
+TEST(Tree, PostOrdersMatchRecursiveDefinitions) {
     struct Case {
         const char* what;
         std::vector<Vec> lists;
@@ -242,22 +220,18 @@ TEST(Tree, SafePostOrderMatchesRecursiveDefinition) {
     };
     // clang-format off
     std::vector<Case> cases = {
-        {"unsafe leaf 1, only child of body 0: the parent first, the leaf right after it",
-         {{0}, {1}}, 1, {0, 0}, {0, 1}},
-        {"unsafe leaf 2 (coupled to 1) with a safe sibling 0: postponed until its parent 1 is numbered",
+        {"unsafe only child 1 of body 0: the parent first, the leaf next", {{0}, {1}}, 1, {0, 0}, {0, 1}},
+        {"unsafe leaf 2 (coupled to 1), safe sibling 0: waits for its parent 1",
          {{0}, {1}, {1, 2}}, 2, {1, 1, 1}, {0, 1, 2}},
-        {"constraint 2 coupled to body 0, numbered before it: safe in its turn",
-         {{0}, {1}, {0, 2}}, 2, {1, 1, 1}, {0, 2, 1}},
+        {"constraint 2 coupled to body 0, numbered first: safe", {{0}, {1}, {0, 2}}, 2, {1, 1, 1}, {0, 2, 1}},
         {"numbering 1 makes its child 4 safe; 3, coupled to the later root 2 only, stays unnumbered",
          {{0}, {1}, {2}, {2, 3}, {1, 4}}, 3, {1, 1, 2, 1, 1}, {0, 1, 3, kNone, 2}},
         {"no early stop: 3 (made safe by root 0) is numbered before its parent 1, the postponed 2 after it",
          {{0}, {1}, {1, 2}, {0, 3}}, 2, {0, 1, 1, 1}, {0, 2, 3, 1}},
         {"numbering body 0 ahead of its only child 2 makes 0's other neighbour 3 safe",
          {{0}, {1}, {0, 2}, {0, 3}}, 2, {1, 1, 0, 1}, {0, 3, 1, 2}},
-        {"unsafe root 1 with one child: numbered twice, keeps the second number",
-         {{0}, {1}}, 1, {1, 1}, {0, 2}},
-        {"unsafe root 2 with two children stays unnumbered",
-         {{0}, {1}, {2}}, 2, {2, 2, 2}, {0, 1, kNone}},
+        {"unsafe root 1 with one child: numbered twice, keeps the second", {{0}, {1}}, 1, {1, 1}, {0, 2}},
+        {"unsafe root 2 with two children stays unnumbered", {{0}, {1}, {2}}, 2, {2, 2, 2}, {0, 1, kNone}},
     };
     // clang-format on
     std::mt19937 rng(77);
@@ -287,19 +261,34 @@ TEST(Tree, SafePostOrderMatchesRecursiveDefinition) {
         g.rebuild(S, c.firstConstraint);
         Tree t;
         buildTree(t, c.parents);
-        if (k % 2 == 1) {
-            const Vec once = rootList(t);
-            t.roots.insert(t.roots.end(), once.begin(), once.end());
-        }
+        for (unsigned int r : !c.what && k % 2 ? rootList(t) : Vec()) t.roots.push_back(r);
         SafeReference ref{t, g, c.firstConstraint};
         ref.run();
         postponed += ref.postponed, retried += ref.retried;
         unnumbered += static_cast<unsigned int>(std::count(ref.post.begin(), ref.post.end(), kNone));
         t.computeSafePostOrder(g);
         ASSERT_EQ(postOrders(t), c.what ? c.expected : ref.post);
+        ASSERT_EQ(ref.post, c.what ? c.expected : ref.post) << "the reference";
         for (unsigned int v = 0; v < t.numNodes; ++v)
             ASSERT_EQ(g.nodeInfo[v].tag, ref.tag[v]) << "tag of " << v;
         if (c.firstConstraint == t.numNodes) expectPostOrder(t, false);
+
+        // The plain post order of the same forest: siblings in reverse list order, no mark left behind; the
+        // lists and roots are ascending.
+        t.computePostOrder();
+        expectPostOrder(t, true);
+        for (unsigned int i = 0; i < t.marks.markCapacity; ++i) ASSERT_EQ(t.marks.flags[i], 0) << i;
+        EXPECT_EQ(t.marks.count, 0u);
+        Vec roots;
+        for (unsigned int p = 0; p < t.numNodes; ++p) {
+            Vec kids;
+            for (unsigned int x = 0; x < t.numNodes; ++x)
+                if (c.parents[x] == p && x != p) kids.push_back(x);
+            ASSERT_EQ(childList(t, p), kids);
+            if (c.parents[p] == p) roots.push_back(p);
+        }
+        for (unsigned int r : !c.what && k % 2 ? roots : Vec()) roots.push_back(r);
+        ASSERT_EQ(rootList(t), roots);
     }
     EXPECT_TRUE(postponed > 0 && retried > 0 && unnumbered > 0);
 }
