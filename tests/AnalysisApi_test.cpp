@@ -646,8 +646,9 @@ TEST(AnalysisApi, RealKktMatrixFactorsWithTheRightInertia) {
     }
     while (mtx.peek() == '%') mtx.ignore(1 << 30, '\n');
     unsigned int n = 0, i = 0, j = 0;
+    unsigned long declared = 0;
     double v = 0.0, norm = 0.0;
-    mtx >> n >> n >> v;
+    mtx >> n >> n >> declared;
     // (column, row <= column) of the upper form, with the zero diagonals that the file omits.
     std::map<std::pair<unsigned int, unsigned int>, double> entries;
     while (mtx >> i >> j >> v) entries[{i - 1, j - 1}] = v, norm = std::max(norm, std::fabs(v));
@@ -656,8 +657,12 @@ TEST(AnalysisApi, RealKktMatrixFactorsWithTheRightInertia) {
     for (const auto& e : entries) {
         p.valuePointers.push_back(p.values.size());
         p.values.push_back(e.second);
-        if (e.first.first != e.first.second) rows.push_back(e.first.second);
-        if (e.first.first == e.first.second) p.addColumn(1, rows), rows.clear();
+        if (e.first.first != e.first.second) {
+            rows.push_back(e.first.second);
+        } else {  // the diagonal closes the column
+            p.addColumn(1, rows);
+            rows.clear();
+        }
     }
     ASSERT_EQ(p.sizes.size(), 4873u);
     Analyzer analyzer;

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <memory>
 #include <numeric>
 #include <random>
 #include <string>
@@ -204,10 +205,10 @@ TEST_P(SceneTest, LoadedMatrixEqualsThePermutedDenseMatrix) {
 }
 
 // Step after step (the box wall with all its contacts, so that the structure stays): the build keeps its
-// structure while the values move; building, refreshing, factoring and solving in float allocate nothing and
-// solve the dense system, and so does the refreshed double system; ordering and loading again allocate only
-// what the tree's post order does; refreshed values equal a fresh load bit for bit.
-TEST_P(SceneTest, StepsRefreshFactorAndSolveWithoutAllocating) {
+// structure while the values move; building, refreshing, factoring and solving in float allocate nothing,
+// and the refreshed values solve the dense system of the step in float and in double; ordering and loading
+// again allocate only what the tree's post order does.
+TEST_P(SceneTest, RefreshedStepsSolveAndAllocateNothing) {
     const SceneCase c = GetParam();
     auto scene = makeScene(c.kind, c.size);
     if (c.kind == SceneKind::boxWall) static_cast<BoxWall&>(*scene).includeInactive = true;
@@ -254,18 +255,6 @@ TEST_P(SceneTest, StepsRefreshFactorAndSolveWithoutAllocating) {
         naturalSafeOrder(p, order);
         ASSERT_TRUE(loadIntoData(p, order, data));
         EXPECT_EQ(kiv::ByteAllocator::allocationCount() - before, postOrderAllocations) << "order and load";
-        TamberData<float> fresh;
-        ASSERT_TRUE(loadIntoData(p, order, fresh));
-        ASSERT_TRUE(refreshValues(p, data));
-        const SparseMatrix<float>& a = data.matrix;
-        const SparseMatrix<float>& f = fresh.matrix;
-        ASSERT_EQ(a.numBlocks, f.numBlocks);
-        for (unsigned long col = 0; col < a.numBlockCols; ++col)
-            for (unsigned int k = a.colPointers[col]; k < a.colPointers[col + 1]; ++k) {
-                ASSERT_EQ(a.rowIndices[k], f.rowIndices[k]);
-                const std::size_t count = std::size_t{a.blockStrides[a.rowIndices[k]]} * a.blockStrides[col];
-                ASSERT_EQ(0, std::memcmp(a.blockPointers[k], f.blockPointers[k], count * sizeof(float))) << k;
-            }
     }
 }
 
@@ -282,47 +271,40 @@ TEST(SceneKinematics, ConstraintRowsAreTheDerivativesOfTheConstraints) {
     for (const SceneCase& c : kCases) {
         if (c.kind == SceneKind::boxWall) continue;
         SCOPED_TRACE(c.label);
-        auto now = makeScene(c.kind, c.size), before = makeScene(c.kind, c.size),
-             after = makeScene(c.kind, c.size);
-        now->setTime(t);
-        before->setTime(t - h);
-        after->setTime(t + h);
+        std::unique_ptr<Scene> at[3];  // at t − h, t, t + h
+        for (int k = 0; k < 3; ++k) (at[k] = makeScene(c.kind, c.size))->setTime(t + (k - 1) * h);
         BlockProblem p;
-        now->build(p);
+        at[1]->build(p);
         const kt::DenseSymmetric A = denseOf(p);
         const unsigned int cols = p.blockOffsets[p.firstConstraint];
         std::vector<double> u(cols);
-        double x0[3], x1[3], x2[3], R0[9], R1[9], R2[9];
-        for (unsigned int b = 0; b < now->numBodies(); ++b) {
-            now->bodyPose(b, x0, R0);
-            before->bodyPose(b, x1, R1);
-            after->bodyPose(b, x2, R2);
+        for (unsigned int b = 0; b < at[1]->numBodies(); ++b) {
+            double x[3][3], R[3][9], W[9] = {};
+            for (int k = 0; k < 3; ++k) at[k]->bodyPose(b, x[k], R[k]);
             double* ub = &u[p.blockOffsets[b]];
-            for (int k = 0; k < 3; ++k) ub[k] = (x2[k] - x1[k]) / (2 * h);
-            if (now->bodySize(b) == 6) {  // [ω]× = Ṙ·Rᵀ
-                double W[9] = {};
-                for (int r = 0; r < 3; ++r)
-                    for (int q = 0; q < 3; ++q)
-                        for (int k = 0; k < 3; ++k)
-                            W[3 * r + q] += (R2[3 * r + k] - R1[3 * r + k]) / (2 * h) * R0[3 * q + k];
-                ub[3] = 0.5 * (W[7] - W[5]);
-                ub[4] = 0.5 * (W[2] - W[6]);
-                ub[5] = 0.5 * (W[3] - W[1]);
-            }
+            for (int k = 0; k < 3; ++k) ub[k] = (x[2][k] - x[0][k]) / (2 * h);
+            if (at[1]->bodySize(b) == 3) continue;
+            for (int r = 0; r < 3; ++r)  // [ω]× = Ṙ·Rᵀ
+                for (int q = 0; q < 3; ++q)
+                    for (int k = 0; k < 3; ++k)
+                        W[3 * r + q] += (R[2][3 * r + k] - R[0][3 * r + k]) / (2 * h) * R[1][3 * q + k];
+            ub[3] = 0.5 * (W[7] - W[5]);
+            ub[4] = 0.5 * (W[2] - W[6]);
+            ub[5] = 0.5 * (W[3] - W[1]);
         }
         const double scale = kt::normInf(u.data(), cols);
         ASSERT_GT(scale, 1e-3) << "the bodies must move";
         for (unsigned int r = 0; cols + r < A.n; ++r) {
             double expected = 0;
             if (c.kind == SceneKind::cloth) {
-                const Cloth& cloth = static_cast<const Cloth&>(*now);
+                const Cloth& cloth = static_cast<const Cloth&>(*at[1]);
                 auto distance = [&](const Scene& s) {
                     double xa[3], xb[3], R[9];
                     s.bodyPose(cloth.constraintA(r), xa, R);
                     s.bodyPose(cloth.constraintB(r), xb, R);
                     return std::hypot(xa[0] - xb[0], xa[1] - xb[1], xa[2] - xb[2]);
                 };
-                expected = (distance(*after) - distance(*before)) / (2 * h);
+                expected = (distance(*at[2]) - distance(*at[0])) / (2 * h);
             }
             ASSERT_NEAR(std::inner_product(u.begin(), u.end(), &A.a[(cols + r) * A.n], 0.0), expected,
                         1e-6 * scale)
