@@ -13,6 +13,10 @@
 // nodes near the roots (the "top") to one thread that waits for the subtrees of the others. A node whose
 // parent belongs to another thread keeps its update matrix in an update list and publishes it through its
 // WaitBlock; every other node subtracts its updates straight into its ancestors' fronts.
+//
+// Every thread's sequence of operations is fixed by the split, and data passes between threads only through
+// update lists that are complete before they are read, so a factorization gives the same bits from run to
+// run for a fixed thread count (on a given machine: the split counts the processors).
 #ifndef KIVTAMBER_MULTIFRONT_H
 #define KIVTAMBER_MULTIFRONT_H
 
@@ -218,8 +222,8 @@ enum class MfWaitMode : unsigned int {
 };
 
 // The workspace of the multifrontal factorization of one TamberData<T>: node records over the column form of
-// the filled pattern, the two element stores (fronts and update lists), the wait blocks and the split of the
-// tree among the threads.
+// the filled pattern, the element store of the update lists (the fronts live in the tiles of L), the wait
+// blocks and the split of the tree among the threads.
 //
 // Prepared for one (filled pattern, block sizes, thread count): prepare() builds everything;
 // isPreparedFor() tells whether a prepared state still fits. Tamber::factorMF checks and prepares by itself,
@@ -267,11 +271,13 @@ public:
     unsigned long numWaitBlocks = 0;
     unsigned long waitBlockCapacity = 0;
 
-    // Per-thread work arrays for the next factorization (scratch-pad slot t): nb marks and a stack of nb+1
-    // node indices.
+    // Per-thread work arrays for the next factorization (scratch-pad slot t): nb marks, and a stack of nb+1
+    // node indices followed by maxColumn cursors.
     kiv::VectorPOD<unsigned char*> threadMarks;
     kiv::VectorPOD<int*> threadStacks;
 
+    // Length of the longest column of the pattern.
+    unsigned int maxColumn = 0;
     // Value capacity of L and LD (64 + Σ over the pattern of p_i·p_j) and the scalar dimension N.
     unsigned long factorCapacity = 0;
     unsigned long scalarSize = 0;
@@ -330,11 +336,13 @@ public:
     //     joins the top, its children become subtrees that may hand their updates to another thread) as
     //     long as that can lower the estimated time max(largest subtree, Σ subtrees / P) + top work + hand-
     //     over costs, P being the threads that can run at once (at most the processors); the best cut
-    //     sequence is kept. The subtrees then go to the threads by decreasing work, each to the least loaded
-    //     thread (ties: lowest index), and the top to the least loaded thread. One thread cuts nothing;
-    //  4. the owners, the foreign-children flags, the (root, thread) pairs, the fronts over the front store,
-    //     and, for every node whose parent has another owner, its update list over the update store and a
-    //     wait block in the mode of `waitMode`.
+    //     sequence is kept. The subtrees then go to the threads: when each is below 1/8 of an even share,
+    //     in index order in contiguous runs of about equal work (the threads' data then lie apart in
+    //     memory); otherwise by decreasing work, each to the least loaded thread (ties: lowest index). The
+    //     top goes to the least loaded thread. One thread cuts nothing;
+    //  4. the owners, the foreign-children flags, the (root, thread) pairs and, for every node whose parent
+    //     has another owner, its update list over the update store and a wait block in the mode of
+    //     `waitMode`.
     // Allocates only when the structure outgrows what the manager held before.
     void prepare(const SkeletonMatrix& pattern, const unsigned int* sizes, unsigned int numThreads);
 

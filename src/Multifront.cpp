@@ -313,20 +313,40 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         }
     }
 
-    // The remaining subtrees (in `order`) go to the threads by decreasing work, each to the least loaded one.
-    std::sort(order.begin(), order.end(), [sub](unsigned int a, unsigned int b) {
-        return sub[a] > sub[b] || (sub[a] == sub[b] && a < b);
-    });
+    // The remaining subtrees (in `order`) go to the threads. Many small ones (a forest of small trees): in
+    // index order, in contiguous runs of about equal work, so that the threads' data lie apart in memory and
+    // they do not write to the same cache lines. Otherwise by decreasing work, each to the least loaded
+    // thread. Either way no thread gets more than an even share plus the largest subtree.
     threadLoads.resize(owners);
     double* load = threadLoads.data();
     for (unsigned int t = 0; t < owners; ++t) load[t] = 0.0;
+    double sum = 0.0, largest = 0.0;
     for (unsigned int x : order) {
-        unsigned int least = 0;
-        for (unsigned int t = 1; t < owners; ++t) {
-            if (load[t] < load[least]) least = t;
+        sum += sub[x];
+        largest = std::max(largest, sub[x]);
+    }
+    if (largest * 8.0 * owners <= sum) {
+        std::sort(order.begin(), order.end());
+        double before = 0.0;
+        for (unsigned int x : order) {
+            const double middle = (before + 0.5 * sub[x]) / sum * owners;  // where x's work sits
+            const unsigned int t = middle < owners ? static_cast<unsigned int>(middle) : owners - 1;
+            before += sub[x];
+            load[t] += sub[x];
+            nodes[x].owner = static_cast<unsigned char>(t);
         }
-        load[least] += sub[x];
-        nodes[x].owner = static_cast<unsigned char>(least);
+    } else {
+        std::sort(order.begin(), order.end(), [sub](unsigned int a, unsigned int b) {
+            return sub[a] > sub[b] || (sub[a] == sub[b] && a < b);
+        });
+        for (unsigned int x : order) {
+            unsigned int least = 0;
+            for (unsigned int t = 1; t < owners; ++t) {
+                if (load[t] < load[least]) least = t;
+            }
+            load[least] += sub[x];
+            nodes[x].owner = static_cast<unsigned char>(least);
+        }
     }
     topOwner = 0;
     maxThreadWork = 0.0;
@@ -412,6 +432,8 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     // Value capacity of L and LD, scalar dimension.
     factorCapacity = 64;
     scalarSize = 0;
+    maxColumn = 0;
+    for (unsigned int j = 0; j < n; ++j) maxColumn = std::max(maxColumn, colPointers[j + 1] - colPointers[j]);
     for (unsigned int i = 0; i < n; ++i) {
         const unsigned long p_i = factorCommon::padded<T>(sizes[i]);
         for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
@@ -530,6 +552,7 @@ struct Worker {
     const unsigned int* sizes;
     const unsigned int* offsets;
     T* d;
+    unsigned int* cursors;  // [maxColumn] work array of the update step
     unsigned char t;
 
     void process(unsigned int j);
@@ -601,44 +624,50 @@ void Worker<T>::process(unsigned int j) {
 
     // 4. Update: −L(r, j)·D_j·L(s, j)ᵀ for r ≥ s, into the front of s while the path from j to s stays in
     // this thread, otherwise into the update list of the boundary node (the last of this thread on the path).
-    unsigned int reached = j;
-    const MfUpdateEntry<T>* B = nullptr;
-    unsigned long q = 0;
+    // The rows s = r_1 … r_direct reached along this thread's path are a prefix.
+    unsigned int reached = j, direct = 0;
     for (unsigned int a = 1; a <= m; ++a) {
-        const unsigned int s = rows[a];
-        const unsigned int s_s = sizes[s], p_s = fc::padded<T>(s_s);
-        const T* const Lsj = F[a];
-        const T* const LDsj = LD.blockPointers[blocks[a]];
-        if (!B) {
-            while (reached != s) {
-                const unsigned int next = nodes[reached].parent;
-                if (nodes[next].owner != t) {
-                    M.front(reached);  // assembles it, zeroing its update list, on first use
-                    B = nodes[reached].updates;
-                    break;
-                }
-                reached = next;
+        while (reached != rows[a] && nodes[nodes[reached].parent].owner == t) reached = nodes[reached].parent;
+        if (reached != rows[a]) break;
+        direct = a;
+        M.front(rows[a]);  // assembled before the first update
+        cursors[a] = 0;
+    }
+    // Straight into the fronts, row by row: the tiles F_s(r, s) of one row r lie together in row r of L.
+    // Every tile receives exactly one product from j, so the order of the loops does not change any result.
+    for (unsigned int c = 1; c <= m; ++c) {
+        const unsigned int r = rows[c], s_r = sizes[r];
+        const T* const LDrj = LD.blockPointers[blocks[c]];
+        const unsigned int last = c < direct ? c : direct;
+        for (unsigned int a = 1; a <= last; ++a) {
+            const unsigned int s = rows[a], s_s = sizes[s], p_s = fc::padded<T>(s_s);
+            const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
+            unsigned int pos = cursors[a];
+            while (sRows[pos] != r) ++pos;  // forward scan: r ascends
+            cursors[a] = pos;
+            T* const C = nodes[s].frontBlocks[pos];
+            if (a == c) {
+                subtractProduct(F[a], LD.blockPointers[blocks[a]], p_j, C, p_s, s_s, s_s, s_j);  // −L·LDᵀ
+            } else {
+                subtractProduct(LDrj, F[a], p_j, C, p_s, s_r, s_s, s_j);  // F_s(r, s) −= LD(r, j)·L(s, j)ᵀ
             }
         }
-        if (!B) {
-            const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
-            T* const* Fs = M.front(s);
-            subtractProduct(Lsj, LDsj, p_j, Fs[0], p_s, s_s, s_s, s_j);  // F_s(s, s) −= L(s, j)·LD(s, j)ᵀ
-            unsigned int pos = 1;
-            for (unsigned int c = a + 1; c <= m; ++c) {
-                const unsigned int r = rows[c];
-                while (sRows[pos] != r) ++pos;
-                // F_s(r, s) −= LD(r, j)·L(s, j)ᵀ
-                subtractProduct(LD.blockPointers[blocks[c]], Lsj, p_j, Fs[pos], p_s, sizes[r], s_s, s_j);
-            }
-        } else {
+    }
+    // The rest into the boundary node's update list, entry (r, s) found by a search that continues from the
+    // previous match (the list is ordered by s, then r).
+    if (direct < m) {
+        M.front(reached);  // zeroes its update list on first use
+        const MfUpdateEntry<T>* B = nodes[reached].updates;
+        unsigned long q = 0;
+        for (unsigned int a = direct + 1; a <= m; ++a) {
+            const unsigned int s = rows[a], s_s = sizes[s], p_s = fc::padded<T>(s_s);
             for (unsigned int c = a; c <= m; ++c) {
                 const unsigned int r = rows[c];
-                while (B[q].row != r || B[q].col != s) ++q;  // continues from the previous match
+                while (B[q].row != r || B[q].col != s) ++q;
                 if (c == a) {
-                    subtractProduct(Lsj, LDsj, p_j, B[q].block, p_s, s_s, s_s, s_j);
+                    subtractProduct(F[a], LD.blockPointers[blocks[a]], p_j, B[q].block, p_s, s_s, s_s, s_j);
                 } else {
-                    subtractProduct(LD.blockPointers[blocks[c]], Lsj, p_j, B[q].block, p_s, sizes[r], s_s,
+                    subtractProduct(LD.blockPointers[blocks[c]], F[a], p_j, B[q].block, p_s, sizes[r], s_s,
                                     s_j);
                 }
             }
@@ -764,7 +793,7 @@ void Tamber::factorMF(TamberData<T>& data) {
         M.threadStacks.resize(M.numOwners);
         for (unsigned int t = 0; t < M.numOwners; ++t) {
             M.threadMarks[t] = data.scratchPad.getUCharArray(t, nb);
-            M.threadStacks[t] = data.scratchPad.getIntArray(t, nb + 1);
+            M.threadStacks[t] = data.scratchPad.getIntArray(t, nb + 1 + M.maxColumn);
         }
 
         // The task lives on this frame for the length of the call, so that a factorization allocates
@@ -822,6 +851,7 @@ void MfWrapper<T>::doThreadedFactor() {
                                 D.factor.blockSizes,
                                 D.factor.blockOffsets,
                                 D.diagonal.data,
+                                reinterpret_cast<unsigned int*>(stack + numBlocks + 1),
                                 static_cast<unsigned char>(t)};
     const MfNode<T>* const nodes = M.nodes.data();
     const unsigned int* const firstChild = M.firstChild.data();
