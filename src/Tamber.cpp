@@ -41,6 +41,61 @@ using factorCommon::solveUnitDiagonal;
     kiv::abort(message);
 }
 
+// Lays out X (sized for the pattern) with one tile per entry of the filled pattern S in pattern order, as
+// acquireBlock would (block index = entry index, flags 0, tiles back to back at their padded sizes), without
+// clearing the values. The factorization writes every element of every tile except the padding rows of
+// tiles whose block row has an odd size (double); those are zero whenever X last held this very layout,
+// because nothing writes them. Otherwise the used value range is zeroed here, once.
+template <typename T>
+void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes) {
+    const unsigned long nb = S.n;
+    const unsigned int* rowStart = S.colPointers;
+    const unsigned int* cols = S.rowIndices;
+    if (X.colPointers == nullptr) {  // nb = 0 on a matrix that never held a layout
+        X.numBlocks = 0;
+        return;
+    }
+    bool same = X.numBlocks == S.numEntries();
+    unsigned long k = 0, at = 0;
+    unsigned int offset = 0;
+    for (unsigned int i = 0; i < nb; ++i) {
+        const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
+        same = same && X.colPointers[i] == k && X.blockSizes[i] == s_i;
+        X.colPointers[i] = static_cast<unsigned int>(k);
+        X.blockSizes[i] = s_i;
+        X.blockStrides[i] = p_i;
+        X.blockOffsets[i] = offset;
+        offset += s_i;
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e, ++k) {
+            if (k >= X.blockCapacity) outOfBlocks(k, X.blockCapacity);
+            const unsigned int j = cols[e];
+            same = same && X.rowIndices[k] == j && X.blockPointers[k] == X.values + at;
+            X.rowIndices[k] = j;
+            X.blockFlags[k] = 0;
+            X.blockPointers[k] = X.values + at;
+            at += static_cast<unsigned long>(p_i) * Layout<T>::padded(sizes[j]);
+        }
+    }
+    X.colPointers[nb] = static_cast<unsigned int>(k);
+    X.blockSizes[nb] = offset;
+    X.numBlocks = k;
+    X.numBlockCols = nb;
+    if (k < X.blockCapacity) X.blockPointers[k] = X.values + at;
+    if (!same && at > 0) std::memset(static_cast<void*>(X.values), 0, at * sizeof(T));
+}
+
+// X ← the input block (i, j) of A when row i's next input entry (at position a, before aEnd) is column j,
+// stepping past it; X ← 0 for a fill block. count = s_i·p_j elements.
+template <typename T>
+void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, unsigned int j, T* X,
+               unsigned long count) {
+    if (a < aEnd && A.rowIndices[a] == j) {
+        std::memcpy(static_cast<void*>(X), A.blockPointers[a++], count * sizeof(T));
+    } else {
+        std::memset(static_cast<void*>(X), 0, count * sizeof(T));
+    }
+}
+
 // The pieces of a factorization that every block step needs.
 template <typename T>
 struct SerialFactor {
@@ -52,23 +107,22 @@ struct SerialFactor {
     SparseMatrix<T>& L;
     SparseMatrix<T>& LD;
     T* d;  // the pivots
-    T* P;  // s² elements: a freshly scaled block
 
     unsigned int padded(unsigned int b) const { return Layout<T>::padded(sizes[b]); }
 
-    // LD(i, k) = L(i, k)·D_k for the pattern entry e = (i, k): computed through P on first use and flagged,
-    // returned as stored afterwards. Padding columns of the result are zero.
+    // LD(i, k) = L(i, k)·D_k for the pattern entry e = (i, k): computed straight into LD on first use and
+    // flagged, returned as stored afterwards. Padding columns of the result are zero.
     const T* scaled(unsigned int e, unsigned int i, unsigned int k) {
         if (LD.blockFlags[e] == 0) {
             const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
             const T* Lik = L.blockPointers[e];
             const T* dk = d + offsets[k];
+            T* const LDik = LD.blockPointers[e];
             for (unsigned int r = 0; r < s_i; ++r) {
                 const unsigned long row = static_cast<unsigned long>(r) * p_k;
-                for (unsigned int c = 0; c < s_k; ++c) P[row + c] = Lik[row + c] * dk[c];  // l_rc·d_c
-                for (unsigned int c = s_k; c < p_k; ++c) P[row + c] = T(0);
+                for (unsigned int c = 0; c < s_k; ++c) LDik[row + c] = Lik[row + c] * dk[c];  // l_rc·d_c
+                for (unsigned int c = s_k; c < p_k; ++c) LDik[row + c] = T(0);
             }
-            std::memcpy(LD.blockPointers[e], P, static_cast<unsigned long>(s_i) * p_k * sizeof(T));
             LD.blockFlags[e] = 1;
         }
         return LD.blockPointers[e];
@@ -178,7 +232,8 @@ void Tamber::factorSerial(TamberData<T>& data) {
     const unsigned int* cols = S.rowIndices;
     const unsigned int* sizes = A.blockSizes;
 
-    // Scratch P and W, s² elements each (s the largest padded block size), from slot 0, zeroed.
+    // Scratch from slot 0, zeroed: 2·s² elements (s the largest padded block size); the first s hold the
+    // reciprocal pivots of the block column being solved. (Every block is worked on in its own tile.)
     unsigned long s = 0;
     for (unsigned long b = 0; b < nb; ++b) {
         if (Layout<T>::padded(sizes[b]) > s) s = Layout<T>::padded(sizes[b]);
@@ -187,7 +242,6 @@ void Tamber::factorSerial(TamberData<T>& data) {
     T* const scratch = Layout<T>::scratch(data.scratchPad, scratchCount);
     std::memset(static_cast<void*>(scratch), 0, scratchCount * sizeof(T));
     T* const P = scratch;
-    T* const W = scratch + s * s;
 
     // Element capacity: every pattern block at its padded size on both sides.
     unsigned long capacity = 64;
@@ -197,27 +251,10 @@ void Tamber::factorSerial(TamberData<T>& data) {
                 static_cast<unsigned long>(Layout<T>::padded(sizes[i])) * Layout<T>::padded(sizes[cols[e]]);
         }
     }
-    L.clear();
-    LD.clear();
     L.setSize(nb, nb, numEntries, capacity);
     LD.setSize(nb, nb, numEntries, capacity);
-
-    // Structure of L and LD in pattern order (block index = pattern entry); the input blocks are copied into
-    // L, fill blocks stay zero.
-    for (unsigned int i = 0; i < nb; ++i) {
-        unsigned int a = A.colPointers[i];
-        const unsigned int aEnd = A.colPointers[i + 1];
-        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
-            const unsigned int j = cols[e];
-            T* const Lij = L.acquireBlock(i, j, sizes[i], sizes[j]);
-            LD.acquireBlock(i, j, sizes[i], sizes[j]);
-            if (a < aEnd && A.rowIndices[a] == j) {
-                std::memcpy(static_cast<void*>(Lij), A.blockPointers[a],
-                            static_cast<unsigned long>(sizes[i]) * Layout<T>::padded(sizes[j]) * sizeof(T));
-                ++a;
-            }
-        }
-    }
+    layoutFactor(L, S, sizes);
+    layoutFactor(LD, S, sizes);
 
     unsigned long N = 0;
     for (unsigned long b = 0; b < nb; ++b) N += sizes[b];
@@ -228,19 +265,21 @@ void Tamber::factorSerial(TamberData<T>& data) {
     const double setupTime = static_cast<double>(now - start) * kiv::Timer::clockSpeed();
     const std::uint64_t numericStart = now;
 
-    SerialFactor<T> f{rowStart, cols, sizes, L.blockOffsets, L, LD, d, P};
+    SerialFactor<T> f{rowStart, cols, sizes, L.blockOffsets, L, LD, d};
     const unsigned int* offsets = L.blockOffsets;
 
     for (unsigned int i = 0; i < nb; ++i) {
         const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
         const unsigned int iBegin = rowStart[i], iDiag = rowStart[i + 1] - 1;
+        unsigned int a = A.colPointers[i];  // the input blocks of row i, in step with the pattern
+        const unsigned int aEnd = A.colPointers[i + 1];
 
         // Off-diagonal blocks: L(i, j) = (A(i, j) − Σ_{k<j} L(i, k)·D_k·L(j, k)ᵀ)·L_jjᵀ⁻¹·D_j⁻¹.
         for (unsigned int e = iBegin; e < iDiag; ++e) {
             const unsigned int j = cols[e];
             const unsigned int s_j = sizes[j], p_j = Layout<T>::padded(s_j);
             T* const Lij = L.blockPointers[e];
-            std::memcpy(static_cast<void*>(W), Lij, static_cast<unsigned long>(s_i) * p_j * sizeof(T));
+            loadInput(A, a, aEnd, j, Lij, static_cast<unsigned long>(s_i) * p_j);  // worked on in place
 
             unsigned int p = iBegin, q = rowStart[j];
             const unsigned int jDiag = rowStart[j + 1] - 1;
@@ -253,24 +292,24 @@ void Tamber::factorSerial(TamberData<T>& data) {
                 } else {
                     const unsigned int s_k = sizes[kp], p_k = Layout<T>::padded(s_k);
                     const T* LDik = f.scaled(p, i, kp);
-                    // W -= LD(i, k)·L(j, k)ᵀ
+                    // L(i, j) -= LD(i, k)·L(j, k)ᵀ
                     tamber_MM_CM_ABt(LDik, static_cast<int>(p_k), L.blockPointers[q], static_cast<int>(p_k),
-                                     W, static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
+                                     Lij, static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
                                      static_cast<int>(s_k));
                     ++p;
                     ++q;
                 }
             }
 
-            solveUnitDiagonal(L.blockPointers[jDiag], p_j, W, s_i, s_j);  // W ← W·L_jj⁻ᵀ
+            solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
 
             const T* dj = d + offsets[j];
-            for (unsigned int c = 0; c < s_j; ++c) {
-                const T q_c = T(1) / dj[c];
-                for (unsigned int r = 0; r < s_i; ++r) {
-                    const unsigned long at = static_cast<unsigned long>(r) * p_j + c;
-                    Lij[at] = W[at] * q_c;  // l_rc = w_rc / d_c
-                }
+            T* const recip = P;  // free between the updates: the reciprocal pivots of block j
+            for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
+            for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);  // padding columns stay zero
+            for (unsigned int r = 0; r < s_i; ++r) {
+                const unsigned long row = static_cast<unsigned long>(r) * p_j;
+                for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
             }
         }
 
@@ -278,20 +317,19 @@ void Tamber::factorSerial(TamberData<T>& data) {
         T* const Lii = L.blockPointers[iDiag];
         T* const di = d + offsets[i];
         __builtin_prefetch(di, 1);
-        std::memcpy(static_cast<void*>(W), Lii, static_cast<unsigned long>(s_i) * p_i * sizeof(T));
+        loadInput(A, a, aEnd, i, Lii, static_cast<unsigned long>(s_i) * p_i);
         for (unsigned int e = iBegin; e < iDiag; ++e) {
             const unsigned int k = cols[e];
             const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
             const T* LDik = f.scaled(e, i, k);
-            // W -= L(i, k)·LD(i, k)ᵀ over the whole square
-            tamber_MM_CM_ABt(L.blockPointers[e], static_cast<int>(p_k), LDik, static_cast<int>(p_k), W,
+            // L_ii -= L(i, k)·LD(i, k)ᵀ over the whole square
+            tamber_MM_CM_ABt(L.blockPointers[e], static_cast<int>(p_k), LDik, static_cast<int>(p_k), Lii,
                              static_cast<int>(p_i), static_cast<int>(s_i), static_cast<int>(s_i),
                              static_cast<int>(s_k));
         }
 
-        // Dense W = L_ii·D_i·L_iiᵀ without pivoting, row by row; strict upper triangle zeroed.
-        factorCommon::factorDiagonalBlock(W, p_i, s_i, di);
-        std::memcpy(static_cast<void*>(Lii), W, static_cast<unsigned long>(s_i) * p_i * sizeof(T));
+        // Dense L_ii·D_i·L_iiᵀ in place without pivoting, row by row; strict upper triangle zeroed.
+        factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di);
     }
 
     // Every diagonal LD block: L_ii·D_i.
