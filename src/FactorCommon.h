@@ -29,9 +29,29 @@ inline void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsi
     tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
                  static_cast<int>(s_j));
 }
-// double: the same loops inline (the unit diagonal is not read).
-inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i,
-                              unsigned int s_j) {
+// double: the same loops inline (the unit diagonal is not read). S > 0 fixes s_j at compile time, so that the
+// loops over c and t unroll into straight code; the arithmetic and its order are the same for every S.
+template <int S>
+inline void solveUnitDiagonalFixed(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i,
+                                   unsigned int s_jDynamic) {
+    if (S > 0) {
+        // The row is worked on in registers: storing single elements and loading them back in pairs would
+        // stall on store forwarding.
+        for (unsigned int r = 0; r < s_i; ++r) {
+            double* w = W + static_cast<unsigned long>(r) * p_j;
+            double v[S > 0 ? S : 1];
+            for (int c = 0; c < S; ++c) v[c] = w[c];
+            for (int c = 1; c < S; ++c) {
+                const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+                double sum = 0.0;
+                for (int t = 0; t < c; ++t) sum += l[t] * v[t];
+                v[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
+            }
+            for (int c = 1; c < S; ++c) w[c] = v[c];
+        }
+        return;
+    }
+    const unsigned int s_j = s_jDynamic;
     for (unsigned int r = 0; r < s_i; ++r) {
         double* w = W + static_cast<unsigned long>(r) * p_j;
         for (unsigned int c = 1; c < s_j; ++c) {
@@ -42,14 +62,67 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
         }
     }
 }
+inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i,
+                              unsigned int s_j) {
+    switch (s_j) {
+        case 1:
+            return;  // nothing below the unit diagonal
+        case 2:
+            return solveUnitDiagonalFixed<2>(Ljj, p_j, W, s_i, s_j);
+        case 3:
+            return solveUnitDiagonalFixed<3>(Ljj, p_j, W, s_i, s_j);
+        case 4:
+            return solveUnitDiagonalFixed<4>(Ljj, p_j, W, s_i, s_j);
+        case 5:
+            return solveUnitDiagonalFixed<5>(Ljj, p_j, W, s_i, s_j);
+        case 6:
+            return solveUnitDiagonalFixed<6>(Ljj, p_j, W, s_i, s_j);
+        default:
+            return solveUnitDiagonalFixed<0>(Ljj, p_j, W, s_i, s_j);
+    }
+}
 
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries
 // l_rc = w_rc / d_c (c < r) with the running updates of the next entry of the row, then
 // d_r -= Σ_{t<r} d_t·l_rt². Divides by d itself: a zero pivot gives non-finite values.
-template <typename T>
-inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
+// S > 0 fixes s at compile time (straight code for the small blocks of the scenes); same arithmetic for every
+// S.
+template <typename T, int S>
+inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d) {
+    if (S > 0) {
+        // Rows and pivots in registers (see solveUnitDiagonalFixed); the same operations in the same order.
+        T l[S > 0 ? S : 1][S > 0 ? S : 1];
+        T dd[S > 0 ? S : 1];
+        for (int r = 0; r < S; ++r) {
+            const T* const w = W + static_cast<unsigned long>(r) * p;
+            for (int c = 0; c <= r; ++c) l[r][c] = w[c];
+            dd[r] = w[r];
+        }
+        for (int r = 1; r < S; ++r) {
+            for (int c = 0; c < r; ++c) {
+                l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
+                if (c + 1 < r) {
+                    T sum = T(0);
+                    for (int t = 0; t <= c; ++t) sum += l[r][t] * dd[t] * l[c + 1][t];
+                    l[r][c + 1] -= sum;  // w_r,c+1 -= Σ_{t≤c} l_rt·d_t·l_c+1,t
+                }
+            }
+            T sum = T(0);
+            for (int t = 0; t < r; ++t) sum += dd[t] * l[r][t] * l[r][t];
+            dd[r] -= sum;  // d_r -= Σ_{t<r} d_t·l_rt²
+        }
+        for (int r = 0; r < S; ++r) {
+            T* const w = W + static_cast<unsigned long>(r) * p;
+            for (int c = 0; c < r; ++c) w[c] = l[r][c];
+            w[r] = T(1);
+            for (int c = r + 1; c < S; ++c) w[c] = T(0);
+            d[r] = dd[r];
+        }
+        return;
+    }
+    const unsigned int s = sDynamic;
     for (unsigned int r = 0; r < s; ++r) {
         T* const w = W + static_cast<unsigned long>(r) * p;
         d[r] = w[r];
@@ -73,6 +146,25 @@ inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
     for (unsigned int r = 0; r < s; ++r) {
         T* const w = W + static_cast<unsigned long>(r) * p;
         for (unsigned int c = r + 1; c < s; ++c) w[c] = T(0);
+    }
+}
+template <typename T>
+inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
+    switch (s) {
+        case 1:
+            return factorDiagonalBlockFixed<T, 1>(W, p, s, d);
+        case 2:
+            return factorDiagonalBlockFixed<T, 2>(W, p, s, d);
+        case 3:
+            return factorDiagonalBlockFixed<T, 3>(W, p, s, d);
+        case 4:
+            return factorDiagonalBlockFixed<T, 4>(W, p, s, d);
+        case 5:
+            return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
+        case 6:
+            return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
+        default:
+            return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
     }
 }
 

@@ -96,6 +96,20 @@ void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, uns
     }
 }
 
+// Y = X·diag(d) for an s_i × s_k block (row stride p_k), padding columns of Y zero. S > 0 fixes s_k at
+// compile time; the arithmetic is the same for every S.
+template <typename T, int S>
+inline void scaleColumns(const T* X, const T* d, T* Y, unsigned int s_i, unsigned int s_kDynamic,
+                         unsigned int p_k) {
+    const unsigned int s_k = S > 0 ? static_cast<unsigned int>(S) : s_kDynamic;
+    const unsigned int p = S > 0 ? Layout<T>::padded(static_cast<unsigned int>(S)) : p_k;
+    for (unsigned int r = 0; r < s_i; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
+        for (unsigned int c = s_k; c < p; ++c) Y[row + c] = T(0);
+    }
+}
+
 // The pieces of a factorization that every block step needs.
 template <typename T>
 struct SerialFactor {
@@ -117,11 +131,25 @@ struct SerialFactor {
             const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
             const T* Lik = L.blockPointers[e];
             const T* dk = d + offsets[k];
-            T* const LDik = LD.blockPointers[e];
-            for (unsigned int r = 0; r < s_i; ++r) {
-                const unsigned long row = static_cast<unsigned long>(r) * p_k;
-                for (unsigned int c = 0; c < s_k; ++c) LDik[row + c] = Lik[row + c] * dk[c];  // l_rc·d_c
-                for (unsigned int c = s_k; c < p_k; ++c) LDik[row + c] = T(0);
+            switch (s_k) {
+                case 1:
+                    scaleColumns<T, 1>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
+                    break;
+                case 2:
+                    scaleColumns<T, 2>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
+                    break;
+                case 3:
+                    scaleColumns<T, 3>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
+                    break;
+                case 4:
+                    scaleColumns<T, 4>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
+                    break;
+                case 6:
+                    scaleColumns<T, 6>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
+                    break;
+                default:
+                    scaleColumns<T, 0>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
+                    break;
             }
             LD.blockFlags[e] = 1;
         }
