@@ -15,6 +15,12 @@
 namespace kivTamber {
 namespace {
 
+// x / u, skipping the division when u is exactly 1 (the unit diagonal of the factor's tiles): x / 1 is x
+// bit for bit, and the division would sit in the dependency chain of every row.
+inline double divideByDiagonal(double x, double u) {
+    return u == 1.0 ? x : x / u;
+}
+
 // Sum of the two lanes: even part + odd part.
 inline double laneSum(__m128d v) {
     return _mm_cvtsd_f64(_mm_add_sd(v, _mm_unpackhi_pd(v, v)));
@@ -38,8 +44,10 @@ inline void forwardOffDiagonalPaired(const double* B, unsigned int ld, const dou
             a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));  // B(q, r)·x_i(q)
             a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));  // B(q, r+1)·x_i(q)
         }
-        xj[r] -= laneSum(a0);
-        xj[r + 1] -= laneSum(a1);
+        // One store of the pair: the next column loads it as a pair, which two single stores would stall.
+        const double x0 = xj[r] - laneSum(a0);
+        const double x1 = xj[r + 1] - laneSum(a1);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
     }
 }
 
@@ -56,8 +64,9 @@ inline void forwardDiagonalPaired(const double* U, unsigned int ld, double* xj, 
             a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(u0 + q), v));
             a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(u1 + q), v));
         }
-        xj[r] -= laneSum(a0);
-        xj[r + 1] -= laneSum(a1) + u1[r] * xj[r];
+        const double x0 = xj[r] - laneSum(a0);
+        const double x1 = xj[r + 1] - (laneSum(a1) + u1[r] * x0);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));  // as a pair (see forwardOffDiagonalPaired)
     }
 }
 
@@ -69,7 +78,7 @@ inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj,
     if (sj & 1u) {
         r = sj - 1;
         const double* u0 = U + static_cast<unsigned long>(r) * ld;
-        xj[r] /= u0[r];
+        xj[r] = divideByDiagonal(xj[r], u0[r]);
         const __m128d s0 = _mm_set1_pd(xj[r]);
         for (unsigned int q = 0; q < r; q += 2)
             _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), _mm_mul_pd(_mm_loadu_pd(u0 + q), s0)));
@@ -78,11 +87,11 @@ inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj,
         r -= 2;
         const double* u0 = U + static_cast<unsigned long>(r) * ld;
         const double* u1 = u0 + ld;
-        xj[r + 1] /= u1[r + 1];
-        xj[r] -= u1[r] * xj[r + 1];
-        xj[r] /= u0[r];
-        const __m128d s0 = _mm_set1_pd(xj[r]);
-        const __m128d s1 = _mm_set1_pd(xj[r + 1]);
+        const double x1 = divideByDiagonal(xj[r + 1], u1[r + 1]);
+        const double x0 = divideByDiagonal(xj[r] - u1[r] * x1, u0[r]);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+        const __m128d s0 = _mm_set1_pd(x0);
+        const __m128d s1 = _mm_set1_pd(x1);
         for (unsigned int q = 0; q < r; q += 2) {
             const __m128d t =
                 _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(u0 + q), s0), _mm_mul_pd(_mm_loadu_pd(u1 + q), s1));
@@ -145,7 +154,7 @@ void backwardColumnScalar(const SparseMatrix<double>& U, double* x, unsigned int
     const unsigned int ldj = U.blockStrides[j];
     for (unsigned int r = sj; r-- > 0;) {
         const double* u = D + static_cast<unsigned long>(r) * ldj;
-        xj[r] /= u[r];
+        xj[r] = divideByDiagonal(xj[r], u[r]);
         for (unsigned int q = 0; q < r; ++q) xj[q] -= u[q] * xj[r];  // x_j(q) −= U(q, r)·x_j(r)
     }
     for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
