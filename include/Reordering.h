@@ -72,6 +72,25 @@ void modifyPermutation(const SkeletonMatrix& S, unsigned long firstConstraint, P
 bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& tree,
                   unsigned long firstConstraint, Permutation& P, ScratchPad& pad);
 
+// An order whose elimination tree is shallow, for systems whose bodies form a forest (chains, ragdolls, trees
+// of jointed bodies), at the price of a little fill. Switching equations on and off in a factor costs work
+// along the tree path from the equation to its root, which in the fill-free order of a chain is half the
+// chain on average; here it is O(log n) blocks.
+//
+// The body graph joins two bodies when a constraint couples them. When it is a forest, each of its trees is
+// ordered by centroid decomposition: a centroid (a body whose removal leaves parts of at most half the size)
+// is placed after the orders of the parts it leaves, recursively. Every constraint follows directly after
+// the last of its bodies in that order (constraints with the same last body in increasing index), so the
+// order satisfies the safe-order rule S.
+//
+// Pattern in list form for n blocks, bodies 0 .. firstConstraint−1 and constraints firstConstraint .. n−1
+// (colPointers: n + 1 entries; rowIndices: the lists; every constraint couples to at least one body).
+// forward: out, n entries: forward[k] = the block placed k-th. Returns false, leaving forward unspecified,
+// when the body graph is not a forest (a constraint coupling three or more bodies, or a cycle of bodies).
+// Allocates its own work memory (O(n + entries)); O((n + entries)·log n) time.
+bool centroidOrder(unsigned int n, unsigned int firstConstraint, const unsigned int* colPointers,
+                   const unsigned int* rowIndices, unsigned int* forward);
+
 // Memory functions handed to symamd: calloc-like (count, element size) and free-like. By default the C
 // library's calloc and free. This is a test seam: a test installs an allocator that fails in order to reach
 // the failure path of computeSymamdPermutation through symamd's own result. Passing null for either

@@ -4,9 +4,12 @@
 #include <kiv/ByteAllocator.h>
 #include <kiv/VectorPOD.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
+#include <vector>
 
 #include "TreeUpdate.h"
 
@@ -256,6 +259,187 @@ bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& t
     }
     P.setIdentity();
     return false;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Centroid order of a body forest
+// ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Centroid decomposition of a forest given as adjacency lists (start/adjacent), appending the vertices to
+// `order` parts first, centroid last. Iterative over an explicit stack of component roots, so that deep
+// forests cannot overflow the call stack; `removed` marks vertices already placed.
+class CentroidDecomposition {
+public:
+    CentroidDecomposition(unsigned int n, const std::vector<unsigned int>& start,
+                          const std::vector<unsigned int>& adjacent)
+        : start_(start), adjacent_(adjacent), removed_(n, 0), parent_(n), size_(n), stamp_(n, 0) {}
+
+    void run(std::vector<unsigned int>& order) {
+        const unsigned int n = static_cast<unsigned int>(removed_.size());
+        // Frame: a component root, and whether its centroid's parts have been pushed (then it is emitted).
+        struct Frame {
+            unsigned int root;
+            unsigned int centroid;
+        };
+        std::vector<Frame> stack;
+        for (unsigned int v = 0; v < n; ++v) {
+            if (removed_[v]) continue;  // placed with an earlier component
+            stack.push_back({v, noVertex});
+            while (!stack.empty()) {
+                Frame& top = stack.back();
+                if (top.centroid != noVertex) {  // its parts are placed: the centroid follows them
+                    order.push_back(top.centroid);
+                    stack.pop_back();
+                    continue;
+                }
+                const unsigned int c = centroidOf(top.root);
+                top.centroid = c;
+                removed_[c] = 1;
+                // Parts in decreasing neighbour order on the stack, so that they are placed in increasing
+                // order.
+                for (unsigned int e = start_[c + 1]; e-- > start_[c];) {
+                    const unsigned int w = adjacent_[e];
+                    if (!removed_[w]) stack.push_back({w, noVertex});
+                }
+            }
+        }
+    }
+
+private:
+    static constexpr unsigned int noVertex = ~0u;
+
+    // Breadth-first search of root's component among the vertices not removed, subtree sizes from the
+    // back of the queue, then the vertex whose largest part (a child subtree or everything above it) is
+    // smallest; the first such vertex in search order.
+    unsigned int centroidOf(unsigned int root) {
+        ++generation_;
+        queue_.clear();
+        queue_.push_back(root);
+        parent_[root] = noVertex;
+        stamp_[root] = generation_;
+        for (std::size_t h = 0; h < queue_.size(); ++h) {
+            const unsigned int v = queue_[h];
+            for (unsigned int e = start_[v]; e < start_[v + 1]; ++e) {
+                const unsigned int w = adjacent_[e];
+                if (removed_[w] || stamp_[w] == generation_) continue;
+                stamp_[w] = generation_;
+                parent_[w] = v;
+                queue_.push_back(w);
+            }
+        }
+        const unsigned int total = static_cast<unsigned int>(queue_.size());
+        for (unsigned int v : queue_) size_[v] = 1;
+        for (std::size_t h = queue_.size(); h-- > 1;) {
+            const unsigned int v = queue_[h];
+            size_[parent_[v]] += size_[v];
+        }
+        unsigned int best = root, bestPart = total;
+        for (std::size_t h = 0; h < queue_.size(); ++h) {
+            const unsigned int v = queue_[h];
+            unsigned int part = total - size_[v];  // everything outside v's subtree
+            for (unsigned int e = start_[v]; e < start_[v + 1]; ++e) {
+                const unsigned int w = adjacent_[e];
+                if (!removed_[w] && parent_[w] == v && stamp_[w] == generation_ && w != root)
+                    part = std::max(part, size_[w]);
+            }
+            if (part < bestPart) {
+                bestPart = part;
+                best = v;
+            }
+        }
+        return best;
+    }
+
+    const std::vector<unsigned int>& start_;
+    const std::vector<unsigned int>& adjacent_;
+    std::vector<unsigned char> removed_;
+    std::vector<unsigned int> parent_, size_, stamp_, queue_;
+    unsigned int generation_ = 0;
+};
+
+// Union-find root with path halving.
+unsigned int findSet(std::vector<unsigned int>& up, unsigned int v) {
+    while (up[v] != v) {
+        up[v] = up[up[v]];
+        v = up[v];
+    }
+    return v;
+}
+
+}  // namespace
+
+bool centroidOrder(unsigned int n, unsigned int firstConstraint, const unsigned int* colPointers,
+                   const unsigned int* rowIndices, unsigned int* forward) {
+    const unsigned int numBodies = firstConstraint;
+    if (n == 0) return true;
+    if (numBodies == 0) return false;
+    // Body edges from the constraints, each pair once; a cycle (or a constraint on three bodies) fails.
+    std::vector<std::pair<unsigned int, unsigned int>> edges;
+    std::vector<unsigned int> up(numBodies);
+    for (unsigned int v = 0; v < numBodies; ++v) up[v] = v;
+    for (unsigned int c = firstConstraint; c < n; ++c) {
+        unsigned int bodies[2], count = 0;
+        for (unsigned int e = colPointers[c]; e < colPointers[c + 1]; ++e) {
+            const unsigned int b = rowIndices[e];
+            if (b >= numBodies) continue;
+            if (count == 2) return false;
+            bodies[count++] = b;
+        }
+        if (count < 2 || bodies[0] == bodies[1]) continue;
+        edges.emplace_back(std::min(bodies[0], bodies[1]), std::max(bodies[0], bodies[1]));
+    }
+    std::sort(edges.begin(), edges.end());
+    edges.erase(std::unique(edges.begin(), edges.end()), edges.end());
+    for (const auto& edge : edges) {
+        const unsigned int a = findSet(up, edge.first), b = findSet(up, edge.second);
+        if (a == b) return false;
+        up[a] = b;
+    }
+
+    std::vector<unsigned int> start(numBodies + 1, 0), adjacent(2 * edges.size());
+    for (const auto& edge : edges) {
+        ++start[edge.first + 1];
+        ++start[edge.second + 1];
+    }
+    for (unsigned int v = 0; v < numBodies; ++v) start[v + 1] += start[v];
+    std::vector<unsigned int> fillAt(start.begin(), start.end() - 1);
+    for (const auto& edge : edges) {  // ascending pairs: every list ends up ascending
+        adjacent[fillAt[edge.first]++] = edge.second;
+        adjacent[fillAt[edge.second]++] = edge.first;
+    }
+    for (unsigned int v = 0; v < numBodies; ++v)
+        std::sort(adjacent.begin() + start[v], adjacent.begin() + start[v + 1]);
+
+    std::vector<unsigned int> bodyOrder;
+    bodyOrder.reserve(numBodies);
+    CentroidDecomposition(numBodies, start, adjacent).run(bodyOrder);
+
+    // Constraints after the last of their bodies, in increasing index.
+    std::vector<unsigned int> position(numBodies);
+    for (unsigned int k = 0; k < numBodies; ++k) position[bodyOrder[k]] = k;
+    std::vector<unsigned int> head(numBodies + 1, 0), list(n - firstConstraint);
+    for (unsigned int c = firstConstraint; c < n; ++c) {
+        unsigned int last = 0;
+        for (unsigned int e = colPointers[c]; e < colPointers[c + 1]; ++e)
+            if (rowIndices[e] < numBodies) last = std::max(last, position[rowIndices[e]]);
+        ++head[last + 1];
+    }
+    for (unsigned int k = 0; k < numBodies; ++k) head[k + 1] += head[k];
+    for (unsigned int c = firstConstraint; c < n; ++c) {
+        unsigned int last = 0;
+        for (unsigned int e = colPointers[c]; e < colPointers[c + 1]; ++e)
+            if (rowIndices[e] < numBodies) last = std::max(last, position[rowIndices[e]]);
+        list[head[last]++] = c;
+    }
+    unsigned int k = 0, next = 0;
+    for (unsigned int b = 0; b < numBodies; ++b) {
+        forward[k++] = bodyOrder[b];
+        const unsigned int end = head[b];  // after the fill pass head[b] is the end of b's list
+        while (next < end) forward[k++] = list[next++];
+    }
+    return true;
 }
 
 }  // namespace Reordering

@@ -2,12 +2,14 @@
 // natural order on grids, array reuse, the failure path through a failing allocator), the constraint
 // adjustment modifyPermutation on hand-checked and random cases, the disabled orderings, and the zero-leaf
 // swap (hand-checked success and failure cases, and on random saddle patterns: the permuted pattern against a
-// dense permutation, the tree against dense symbolic elimination, and the repaired order's invariants).
+// dense permutation, the tree against dense symbolic elimination, and the repaired order's invariants), and the
+// centroid order of body forests (safe, shallow, refuses other body graphs).
 #include "Reordering.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <cstdlib>
 #include <numeric>
@@ -15,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "Analysis.h"
+#include "Tamber.h"
 #include "testing/Patterns.h"
 
 using namespace kivTamber;
@@ -316,3 +320,135 @@ TEST(ReorderingZeroLeafSwap, RandomPatternsAgainstDenseReferences) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// Centroid order
+// ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// A problem in list form: bodies 0 .. numBodies−1 (size 6), constraints after them (size 3), each
+// constraint's list its bodies (ascending) then itself.
+struct ListProblem {
+    unsigned int numBodies = 0;
+    std::vector<Blocks> constraints;  // bodies of each constraint
+    Blocks colPointers, rowIndices, sizes;
+
+    void build() {
+        colPointers.assign(1, 0);
+        rowIndices.clear();
+        const unsigned int n = numBodies + static_cast<unsigned int>(constraints.size());
+        for (unsigned int b = 0; b < numBodies; ++b)
+            rowIndices.push_back(b), colPointers.push_back(rowIndices.size());
+        for (std::size_t c = 0; c < constraints.size(); ++c) {
+            Blocks bodies = constraints[c];
+            std::sort(bodies.begin(), bodies.end());
+            bodies.erase(std::unique(bodies.begin(), bodies.end()), bodies.end());
+            for (unsigned int b : bodies) rowIndices.push_back(b);
+            rowIndices.push_back(numBodies + static_cast<unsigned int>(c));
+            colPointers.push_back(rowIndices.size());
+        }
+        sizes.assign(n, 3);
+        std::fill(sizes.begin(), sizes.begin() + numBodies, 6u);
+    }
+    unsigned int n() const { return numBodies + static_cast<unsigned int>(constraints.size()); }
+    Analysis::Problem problem() const {
+        return Analysis::Problem{n(), numBodies, colPointers.data(), rowIndices.data(), sizes.data()};
+    }
+};
+
+// Longest path from a block to its root in the elimination tree of the analysed order.
+unsigned int treeHeight(const TamberData<double>& data) {
+    const unsigned int n = data.etree.numNodes;
+    std::vector<unsigned int> depth(n, 0);
+    unsigned int height = 0;
+    for (unsigned int v = n; v-- > 0;) {  // parents come after their children
+        const unsigned int p = data.etree.parent[v];
+        depth[v] = p == v ? 1 : depth[p] + 1;
+        height = std::max(height, depth[v]);
+    }
+    return height;
+}
+
+}  // namespace
+
+TEST(ReorderingCentroid, ShallowSafeOrdersOfBodyForests) {
+    std::mt19937 random(11);
+    for (int round = 0; round < 40; ++round) {
+        SCOPED_TRACE("round " + std::to_string(round));
+        ListProblem lp;
+        lp.numBodies = 1 + random() % 400;
+        // A random forest: body b > 0 joins an earlier body (a chain for the first rounds), sometimes by two
+        // constraints, sometimes not at all; one-body constraints anchor bodies to the world.
+        for (unsigned int b = 1; b < lp.numBodies; ++b) {
+            if (random() % 10 == 0) continue;
+            const unsigned int other = round < 5 ? b - 1 : random() % b;
+            lp.constraints.push_back({other, b});
+            if (random() % 5 == 0) lp.constraints.push_back({b, other});
+        }
+        for (unsigned int b = 0; b < lp.numBodies; ++b)
+            if (random() % 7 == 0) lp.constraints.push_back({b});
+        lp.build();
+        const Analysis::Problem problem = lp.problem();
+        ASSERT_TRUE(Analysis::checkProblem(problem));
+
+        Blocks forward(lp.n());
+        ASSERT_TRUE(Reordering::centroidOrder(lp.n(), lp.numBodies, lp.colPointers.data(),
+                                              lp.rowIndices.data(), forward.data()));
+        ASSERT_TRUE(isPermutation(forward));
+        std::string message;
+        EXPECT_TRUE(Analysis::checkOrder(problem, forward.data(), &message, false)) << message;
+
+        // Every constraint directly after its last body or after constraints that are.
+        std::vector<unsigned int> position(lp.n());
+        for (unsigned int k = 0; k < lp.n(); ++k) position[forward[k]] = k;
+        for (unsigned int c = lp.numBodies; c < lp.n(); ++c) {
+            unsigned int last = 0;
+            for (unsigned int e = lp.colPointers[c]; e + 1 < lp.colPointers[c + 1]; ++e)
+                last = std::max(last, position[lp.rowIndices[e]]);
+            for (unsigned int k = last + 1; k < position[c]; ++k) EXPECT_GE(forward[k], lp.numBodies);
+        }
+
+        // Shallow: a centroid halves its part, and every level adds a body and the constraints after it (at
+        // most the largest number of constraints on one body).
+        Analysis::Options options;
+        options.ordering = Analysis::Ordering::user;
+        options.userOrder = forward.data();
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        const Analysis::Report report = analyzer.analyze(problem, options, data);
+        ASSERT_TRUE(report.ok) << report.message;
+        const double levels = std::floor(std::log2(static_cast<double>(lp.numBodies))) + 1;
+        std::vector<unsigned int> perBody(lp.numBodies, 0);
+        for (const Blocks& bodies : lp.constraints)
+            for (unsigned int b : bodies) ++perBody[b];
+        const double perLevel = 1 + *std::max_element(perBody.begin(), perBody.end());
+        EXPECT_LE(treeHeight(data), perLevel * levels + 1);
+    }
+}
+
+TEST(ReorderingCentroid, RefusesBodyGraphsThatAreNotForests) {
+    ListProblem cycle;
+    cycle.numBodies = 3;
+    cycle.constraints = {{0, 1}, {1, 2}, {0, 2}};
+    cycle.build();
+    Blocks forward(cycle.n());
+    EXPECT_FALSE(Reordering::centroidOrder(cycle.n(), 3, cycle.colPointers.data(), cycle.rowIndices.data(),
+                                           forward.data()));
+    ListProblem threeBodies;
+    threeBodies.numBodies = 3;
+    threeBodies.constraints = {{0, 1, 2}};
+    threeBodies.build();
+    forward.assign(threeBodies.n(), 0);
+    EXPECT_FALSE(Reordering::centroidOrder(threeBodies.n(), 3, threeBodies.colPointers.data(),
+                                           threeBodies.rowIndices.data(), forward.data()));
+    // A chain of 7 bodies: the middle body last among the bodies, each half centred the same way.
+    ListProblem chain;
+    chain.numBodies = 7;
+    for (unsigned int b = 1; b < 7; ++b) chain.constraints.push_back({b - 1, b});
+    chain.build();
+    forward.assign(chain.n(), 0);
+    ASSERT_TRUE(Reordering::centroidOrder(chain.n(), 7, chain.colPointers.data(), chain.rowIndices.data(),
+                                          forward.data()));
+    EXPECT_EQ(forward, (Blocks{0, 2, 1, 7, 8, 4, 6, 5, 11, 12, 3, 9, 10}));
+}
