@@ -2,6 +2,8 @@
 #ifndef KIVTAMBER_SRC_FACTORCOMMON_H
 #define KIVTAMBER_SRC_FACTORCOMMON_H
 
+#include <emmintrin.h>
+
 #include "Kernels.h"
 
 namespace kivTamber {
@@ -35,9 +37,27 @@ template <int S>
 inline void solveUnitDiagonalFixed(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i,
                                    unsigned int s_jDynamic) {
     if (S > 0) {
-        // The row is worked on in registers: storing single elements and loading them back in pairs would
-        // stall on store forwarding.
-        for (unsigned int r = 0; r < s_i; ++r) {
+        // Two rows at a time, one per lane: their recurrences are independent and overlap. Rows are worked
+        // on in registers: storing single elements and loading them back in pairs would stall on store
+        // forwarding.
+        unsigned int r = 0;
+        for (; r + 1 < s_i; r += 2) {
+            double* w0 = W + static_cast<unsigned long>(r) * p_j;
+            double* w1 = w0 + p_j;
+            __m128d v[S > 0 ? S : 1];
+            for (int c = 0; c < S; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+            for (int c = 1; c < S; ++c) {
+                const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+                __m128d sum = _mm_setzero_pd();
+                for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
+                v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t, in both rows
+            }
+            for (int c = 1; c < S; ++c) {
+                _mm_storel_pd(w0 + c, v[c]);
+                _mm_storeh_pd(w1 + c, v[c]);
+            }
+        }
+        for (; r < s_i; ++r) {
             double* w = W + static_cast<unsigned long>(r) * p_j;
             double v[S > 0 ? S : 1];
             for (int c = 0; c < S; ++c) v[c] = w[c];
