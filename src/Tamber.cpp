@@ -99,10 +99,20 @@ void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, uns
 // Y = X·diag(d) for an s_i × s_k block (row stride p_k), padding columns of Y zero. S > 0 fixes s_k at
 // compile time; the arithmetic is the same for every S.
 template <typename T, int S>
-inline void scaleColumns(const T* X, const T* d, T* Y, unsigned int s_i, unsigned int s_kDynamic,
-                         unsigned int p_k) {
-    const unsigned int s_k = S > 0 ? static_cast<unsigned int>(S) : s_kDynamic;
-    const unsigned int p = S > 0 ? Layout<T>::padded(static_cast<unsigned int>(S)) : p_k;
+inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __restrict Y, unsigned int s_i,
+                         unsigned int s_kDynamic, unsigned int p_k) {
+    if (S > 0) {  // whole padded rows against the pivots with zero padding: X's padding is zero, so is Y's
+        constexpr unsigned int p = S <= 0 ? 1 : S % 2 == 0 || sizeof(T) == sizeof(float) ? S : S + 1;
+        T dd[p];
+        for (unsigned int c = 0; c < p; ++c) dd[c] = c < static_cast<unsigned int>(S) ? d[c] : T(0);
+        for (unsigned int r = 0; r < s_i; ++r) {
+            const unsigned long row = static_cast<unsigned long>(r) * p;
+            for (unsigned int c = 0; c < p; ++c) Y[row + c] = X[row + c] * dd[c];  // l_rc·d_c
+        }
+        return;
+    }
+    const unsigned int s_k = s_kDynamic;
+    const unsigned int p = p_k;
     for (unsigned int r = 0; r < s_i; ++r) {
         const unsigned long row = static_cast<unsigned long>(r) * p;
         for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
