@@ -134,6 +134,26 @@ struct Options {
     double nestedDissectionThreshold = 5e7;
     // For Ordering::user: [n] forward[k] = the user block placed k-th.
     const unsigned int* userOrder = nullptr;
+
+    // Block merging (supernodal amalgamation). After the order and its filled pattern are known, runs of
+    // consecutive blocks k, k+1, ... of the order in which each block's elimination-tree parent is the next
+    // block are joined into one block (a group) of data, whose diagonal tile is dense. The scalar
+    // elimination order is unchanged, so the unpivoted L·D·Lᵀ of a group's diagonal tile eliminates the same
+    // pivots in the same order as the separate blocks did (a zero constraint diagonal inside a group is
+    // fine); only rounding differs. Fewer, larger blocks cut the per-block overhead of factorization and
+    // solves on patterns of tiny blocks. The next block joins the group when all of these hold:
+    //  - it is the elimination-tree parent of the group's last block;
+    //  - the group stays within maxMergedSize scalar rows (a larger single block stays alone);
+    //  - the group adds no explicit zero to L, or it stays within mergeTinySize scalar rows, or its explicit
+    //    zeros stay within mergeRelaxation times its scalars of L. Both count its own columns (dense
+    //    diagonal tile, the structure of its last block below) and, in its rows, the full tiles of the
+    //    earlier groups whose columns reach one of its blocks (Report::explicitZeros adds them up).
+    // The defaults were the fastest factorization of the chain, ragdoll, cloth and box-wall scenes at 10,000
+    // blocks among the settings tried (chain and ragdolls then merge nothing).
+    bool mergeBlocks = false;
+    unsigned int maxMergedSize = 48;
+    double mergeRelaxation = 0.2;
+    unsigned int mergeTinySize = 4;
 };
 
 // Size of the factor of an order, counted by block-level symbolic factorization with dense blocks. With
@@ -164,8 +184,14 @@ struct Report {
     bool usedNestedDissection = false;
     // An ordering library failed (out of memory) and the remainder was taken in the user's numbering.
     bool orderingFallback = false;
-    // The factor of the chosen order.
+    // The factor of data: with merging the cost of the merged pattern, explicit zeros included.
     FactorCost cost;
+    // Blocks of data: the groups with merging, otherwise the number of blocks of the problem.
+    unsigned long mergedBlocks = 0;
+    // The factor of the chosen order on the problem's own blocks (equals `cost` without merging).
+    FactorCost unmergedCost;
+    // Scalars of L that merging adds as explicit zeros (cost.scalarEntries − unmergedCost.scalarEntries).
+    unsigned long explicitZeros = 0;
     // Seconds spent in the phases: input checks and the block graph, ordering, symbolic factorization
     // (permuted pattern, tree, filled pattern) and the layout of data.matrix and of the assembly map.
     double checkSeconds = 0.0;
@@ -224,12 +250,18 @@ public:
     Analyzer& operator=(const Analyzer&) = delete;
 
     // Checks the problem, orders it (options), and on success leaves in `data`:
-    //  - permutation: forward[k] = the user block placed k-th, inverse[forward[k]] = k, size n;
+    //  - permutation: forward[k] = the user block placed k-th, inverse[forward[k]] = k, size n; with
+    //    Options::mergeBlocks the blocks of data are the groups, numbered in elimination order, and the
+    //    permutation is the identity of their number (use factorPosition and userPosition to move between
+    //    user blocks and data's blocks; permuteVector and unpermuteVector work the same in both modes, since
+    //    the scalar order is the same);
     //  - etree: the elimination tree of the permuted pattern, with child lists, roots and post order;
     //  - skeleton: the filled pattern of L in that order (per block row the ascending columns, diagonal last,
     //    fillFlags = 1 on fill-ins);
     //  - matrix: cleared, sized and laid out in upper form on the permuted pattern of A (block column k holds
     //    the blocks (i, k), i <= k ascending, diagonal last) with the permuted block sizes and zero values;
+    //    with merging on the pattern of A on the groups, and the assembly writes a user entry whose two
+    //    blocks share a group in full symmetry into the group's diagonal tile (both it and its transpose);
     //  - isFactored = 0.
     // On failure (report.ok false, report.message set) neither `data` nor this analyzer's assembly map has
     // changed. Everything is computed in the analyzer's own storage and then swapped in; a std::bad_alloc
@@ -244,18 +276,33 @@ public:
 
     // Number of blocks, scalar dimension and pattern entries of the analysed problem.
     unsigned int numBlocks() const;
+    // Number of blocks of data (the groups with merging, otherwise numBlocks()).
+    unsigned int numFactorBlocks() const;
     unsigned int scalarSize() const;
     unsigned long numEntries() const;
 
     // Index of entry (i, j), i <= j, in the analysed pattern, or noEntry. O(log of the list length).
     unsigned long findEntry(unsigned int i, unsigned int j) const;
 
-    // The order: [n] forward[k] = the user block placed k-th (a copy of data.permutation.forward).
+    // The order: [n] forward[k] = the user block placed k-th (a copy of data.permutation.forward without
+    // merging; with merging the order of the user blocks inside the groups).
     const unsigned int* order() const;
+
+    // Scalar `local` of user block `userBlock` → block of data and scalar inside it (without merging block =
+    // data.permutation.inverse[userBlock] and localInBlock = local). False, outputs unchanged, when
+    // userBlock or local is out of range.
+    bool factorPosition(unsigned int userBlock, unsigned int local, unsigned int& block,
+                        unsigned int& localInBlock) const;
+
+    // The inverse: scalar `localInBlock` of data's block `block` → user block and scalar inside it. False,
+    // outputs unchanged, when block or localInBlock is out of range. O(log of the group's length).
+    bool userPosition(unsigned int block, unsigned int localInBlock, unsigned int& userBlock,
+                      unsigned int& local) const;
 
     // Writes block A(i, j) of entry e = (i, j), given as s_i × s_j values row-major (row stride s_j; a
     // diagonal block in full), into its place in data.matrix, transposed when the permutation moved it
-    // across the diagonal; clears data.isFactored.
+    // across the diagonal, and also transposed when both blocks share a group (merging); clears
+    // data.isFactored. The destinations were computed by analyze: one tight copy loop per entry.
     template <typename T, typename V>
     void setBlock(TamberData<T>& data, unsigned long entry, const V* values) const;
 

@@ -68,7 +68,10 @@ void walkRowSubtree(const SkeletonMatrix& S, const unsigned int* parent, unsigne
 }
 
 constexpr unsigned int kNone = 0xFFFFFFFFu;
-constexpr unsigned int kTransposed = 0x80000000u;  // tag of an assembly entry stored transposed
+
+// How a user entry A(i, j) lands in its tile: as it is, transposed (its blocks' order swapped), or both (the
+// two blocks share a merged group: the sub-block and its mirror image in the group's diagonal tile).
+enum : unsigned char { kAsIs = 0, kTransposed = 1, kBoth = 2 };
 
 std::string format(const char* fmt, ...) {
     char buffer[512];
@@ -699,6 +702,18 @@ FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes) {
 
 namespace {
 
+// Where setBlock writes entry A(i, j) (s_i × s_j, row-major v): element (a, b) goes to
+// values[first + b·ld + a] (kAsIs) or values[first + a·ld + b] (kTransposed); kBoth writes the first and
+// also values[mirror + a·ld + b]. Offsets count elements of data.matrix.values.
+struct Destination {
+    unsigned long first;
+    unsigned long mirror;
+    unsigned int ld;
+    unsigned int rows;
+    unsigned int cols;
+    unsigned int mode;
+};
+
 // What the assembly functions need, for one analysed structure.
 struct Assembly {
     unsigned int n = 0;
@@ -711,12 +726,27 @@ struct Assembly {
     kiv::VectorPOD<unsigned int> colPointers;      // [n + 1] the user's pattern
     kiv::VectorPOD<unsigned int> rowIndices;       // [entries]
     kiv::VectorPOD<unsigned int> entryColumn;      // [entries] the block j of entry (i, j)
-    kiv::VectorPOD<unsigned int> entryBlock;       // [entries] block index in data.matrix | kTransposed
+    kiv::VectorPOD<unsigned int> entryBlock;       // [entries] block index in data.matrix
+    kiv::VectorPOD<unsigned char> entryMode;       // [entries] kAsIs, kTransposed or kBoth
+    // The blocks of data: groups of consecutive positions of the order (one position each without merging).
+    unsigned int groups = 0;
+    kiv::VectorPOD<unsigned int> inverse;       // [n] position of each user block
+    kiv::VectorPOD<unsigned int> groupStart;    // [groups + 1] first position of each group
+    kiv::VectorPOD<unsigned int> factorBlock;   // [n] data block of each user block
+    kiv::VectorPOD<unsigned int> factorOffset;  // [n] scalar offset of each user block inside it
+    kiv::VectorPOD<Destination> destinations;   // [entries] where setBlock writes, for the analysed T
 
     void swap(Assembly& o) noexcept {
         std::swap(n, o.n);
         std::swap(N, o.N);
         std::swap(entries, o.entries);
+        std::swap(groups, o.groups);
+        inverse.swap(o.inverse);
+        groupStart.swap(o.groupStart);
+        factorBlock.swap(o.factorBlock);
+        factorOffset.swap(o.factorOffset);
+        destinations.swap(o.destinations);
+        entryMode.swap(o.entryMode);
         forward.swap(o.forward);
         sizes.swap(o.sizes);
         userOffsets.swap(o.userOffsets);
@@ -748,6 +778,14 @@ struct Analyzer::Impl {
     EliminationTree tree;
     Permutation perm;
     ScratchPad pad;
+    // Merging: the groups of the order, and the pattern, tree and filled pattern on them.
+    bool merged = false;
+    kiv::VectorPOD<unsigned int> groupOf, offsetInGroup, groupStart, mergedEntry, dataSizes;
+    kiv::VectorPOD<double> below;
+    SkeletonMatrix mergedPermuted;
+    SkeletonMatrix mergedFilled;
+    EliminationTree mergedTree;
+    Permutation groupPerm;
 
     // The non-template part of analyze: everything into the analyzer's own storage.
     bool prepare(const Problem& problem, const Options& options, Report& report);
@@ -755,6 +793,9 @@ struct Analyzer::Impl {
     bool nestedDissection(unsigned int placed, unsigned int remainingBodies);
     void orderSymamdSwap(const Problem& problem, Report& report, bool allowR);
     void buildSymbolic(const Problem& problem);
+    double findGroups(const Options& options, const unsigned int* sizes);
+    void buildMerged();
+    void finishAssembly();
 };
 
 Analyzer::Analyzer() : impl_(new Impl) {}
@@ -1092,8 +1133,6 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem) {
         for (unsigned int e = problem.colPointers[j]; e < problem.colPointers[j + 1]; ++e)
             a.entryColumn[e] = j;
     }
-    for (unsigned long k = 0; k < entries; ++k)
-        a.entryBlock[origin[k]] = static_cast<unsigned int>(k) | (swapped[k] ? kTransposed : 0u);
     a.userOffsets[0] = 0;
     a.permutedOffsets[0] = 0;
     for (unsigned int k = 0; k < n; ++k) {
@@ -1121,6 +1160,216 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem) {
     for (unsigned int k = 0; k < n; ++k) {
         perm.forward[k] = forward[k];
         perm.inverse[k] = inv[k];
+    }
+}
+
+// Groups of consecutive positions (Options::mergeBlocks); without merging every position is its own group.
+// sizes: [n] block size of each position. Reads tree.parent and the filled pattern; returns the explicit
+// zeros of L the merging adds.
+//
+// Scalars of L a group H adds beyond the separate blocks, with S = its scalar rows:
+//  - in its own columns: when each member's parent is the next member, the structure below the group is
+//    that of its last block k (the structure of a column minus its parent lies in the parent's), so the
+//    columns hold S·(S + 1)/2 + S·R_k scalars (R_x = scalar rows below block x in L) against
+//    Σ s_x·(s_x + 1)/2 + s_x·R_x; no zeros when the columns nest;
+//  - in its rows: every earlier group G whose columns reach a member gets the full tile (H, G), S_G·S
+//    scalars, against S_G·(the rows of the members it reaches).
+// Counted group by group, these add up to the difference of the merged and the unmerged factor's scalars.
+double Analyzer::Impl::findGroups(const Options& options, const unsigned int* sizes) {
+    const unsigned int n = tree.numNodes;
+    groupOf.resize(n);
+    offsetInGroup.resize(n);
+    groupStart.clear();
+    if (!options.mergeBlocks) {
+        for (unsigned int k = 0; k < n; ++k) {
+            groupOf[k] = k;
+            offsetInGroup[k] = 0;
+            groupStart.push_back(k);
+        }
+        groupStart.push_back(n);
+        return 0.0;
+    }
+    below.resize(n);
+    double* R = below.data();
+    for (unsigned int k = 0; k < n; ++k) R[k] = 0.0;
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e)
+            R[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below block j
+    }
+    grow(work4, n);
+    grow(work5, n);
+    unsigned int* groupSize = work4.data();  // S_G of the closed groups
+    unsigned int* touched = work5.data();    // the open group that reaches G's columns, by G
+    for (unsigned int g = 0; g < n; ++g) touched[g] = kNone;
+
+    // The open group H = positions start .. k-1: S, the scalars of its columns unmerged, T = Σ S_G over
+    // the earlier groups that reach it and Σ S_G·(its rows they reach).
+    double S = 0.0, ownCols = 0.0, T = 0.0, rowsReached = 0.0, zeros = 0.0, totalZeros = 0.0;
+    unsigned int g = 0, start = 0;
+    // Σ S_G over the closed groups in row k (before `limit`): all, and those H does not reach yet.
+    auto scanRow = [&](unsigned int k, unsigned int limit, double& all, double& fresh) {
+        all = fresh = 0.0;
+        unsigned int last = kNone;
+        for (unsigned int e = filled.colPointers[k]; e + 1 < filled.colPointers[k + 1]; ++e) {
+            const unsigned int x = filled.rowIndices[e];
+            if (x >= limit) break;
+            const unsigned int G = groupOf[x];
+            if (G == last) continue;  // a group's columns are consecutive in the ascending row
+            last = G;
+            all += groupSize[G];
+            if (touched[G] != g) fresh += groupSize[G];
+        }
+    };
+    auto markRow = [&](unsigned int k, unsigned int limit) {
+        for (unsigned int e = filled.colPointers[k]; e + 1 < filled.colPointers[k + 1]; ++e) {
+            const unsigned int x = filled.rowIndices[e];
+            if (x >= limit) break;
+            touched[groupOf[x]] = g;
+        }
+    };
+    for (unsigned int k = 0; k < n; ++k) {
+        const double s = sizes[k];
+        const double own = s * (s + 1.0) / 2.0 + s * R[k];
+        double all = 0.0, fresh = 0.0;
+        bool join = k > 0 && tree.parent[k - 1] == k && S + s <= static_cast<double>(options.maxMergedSize);
+        if (join) {
+            scanRow(k, start, all, fresh);
+            const double S2 = S + s, T2 = T + fresh, reached2 = rowsReached + s * all;
+            const double cols = S2 * (S2 + 1.0) / 2.0 + S2 * R[k];
+            const double z = (cols - ownCols - own) + (S2 * T2 - reached2);
+            join = z <= 0.0 || S2 <= static_cast<double>(options.mergeTinySize) ||
+                   z <= options.mergeRelaxation * (cols + S2 * T2);
+            if (join) {
+                S = S2;
+                ownCols += own;
+                T = T2;
+                rowsReached = reached2;
+                zeros = z;
+            }
+        }
+        if (!join) {
+            if (k > 0) {
+                groupSize[g] = static_cast<unsigned int>(S);
+                totalZeros += zeros;
+                ++g;
+            }
+            groupStart.push_back(k);
+            start = k;
+            scanRow(k, k, all, fresh);
+            S = s;
+            ownCols = own;
+            T = all;
+            rowsReached = s * all;
+            zeros = 0.0;
+        }
+        markRow(k, start);
+        groupOf[k] = g;
+        offsetInGroup[k] = static_cast<unsigned int>(S - s);
+    }
+    totalZeros += zeros;
+    groupStart.push_back(n);
+    return totalZeros;
+}
+
+// The pattern of A on the groups (mergedPermuted, list form; mergedEntry[k] = its entry holding entry k of
+// `permuted`), its elimination tree with child lists and post order, its filled pattern, the identity
+// permutation of the groups and the group sizes (dataSizes).
+void Analyzer::Impl::buildMerged() {
+    const unsigned int n = static_cast<unsigned int>(permuted.n);
+    const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
+    const unsigned long entries = permuted.numEntries();
+    mergedPermuted.resize(ng, entries, false);
+    grow(mergedEntry, entries);
+    grow(work4, ng);
+    grow(work5, ng);
+    unsigned int* stamp = work4.data();
+    unsigned int* slot = work5.data();
+    for (unsigned int h = 0; h < ng; ++h) stamp[h] = kNone;
+    unsigned int* mcp = mergedPermuted.colPointers;
+    unsigned int* mrows = mergedPermuted.rowIndices;
+    mcp[0] = 0;
+    unsigned int at = 0;
+    for (unsigned int G = 0; G < ng; ++G) {
+        const unsigned int begin = at;
+        for (unsigned int c = groupStart[G]; c < groupStart[G + 1]; ++c) {
+            for (unsigned int k = permuted.colPointers[c]; k < permuted.colPointers[c + 1]; ++k) {
+                const unsigned int h = groupOf[permuted.rowIndices[k]];
+                if (stamp[h] != G) {
+                    stamp[h] = G;
+                    mrows[at++] = h;
+                }
+            }
+        }
+        std::sort(mrows + begin, mrows + at);  // G itself, the largest, comes last
+        for (unsigned int q = begin; q < at; ++q) slot[mrows[q]] = q;
+        for (unsigned int c = groupStart[G]; c < groupStart[G + 1]; ++c) {
+            for (unsigned int k = permuted.colPointers[c]; k < permuted.colPointers[c + 1]; ++k)
+                mergedEntry[k] = slot[groupOf[permuted.rowIndices[k]]];
+        }
+        mcp[G + 1] = at;
+    }
+    if (at > 0) std::memset(mergedPermuted.fillFlags, 0, at);
+
+    const unsigned int capacity = ng == 0 ? 1 : ng;
+    if (mergedTree.parent == nullptr || mergedTree.capacity < capacity) {
+        if (mergedTree.parent) mergedTree.releaseMemory();
+        mergedTree.allocateMemory(capacity);
+    }
+    mergedTree.numNodes = ng;
+    grow(work1, ng);
+    for (unsigned int h = 0; h < ng; ++h) work1[h] = 1;
+    TreeUpdate::computeTree(&mergedTree, mergedPermuted, work1.data());
+    mergedTree.computeTreeStructure();
+    mergedTree.computePostOrder();
+    computeFilledSkeleton(mergedPermuted, mergedTree, mergedFilled, &pad);
+
+    groupPerm.reserve(capacity);
+    groupPerm.size = ng;
+    for (unsigned int h = 0; h < ng; ++h) {
+        groupPerm.forward[h] = h;
+        groupPerm.inverse[h] = h;
+    }
+    dataSizes.resize(ng);
+    for (unsigned int h = 0; h < ng; ++h) dataSizes[h] = 0;
+    for (unsigned int k = 0; k < n; ++k) dataSizes[groupOf[k]] += work3[k];
+}
+
+// The rest of the staged assembly map: groups, the data block of each user block and the tile and mode of
+// each user entry. Precondition: buildSymbolic, findGroups and (when merging) buildMerged ran; work2 holds
+// the user entry of each permuted entry and permuted.fillFlags whether it was swapped.
+void Analyzer::Impl::finishAssembly() {
+    Assembly& a = staged;
+    const unsigned int n = a.n;
+    const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
+    a.groups = ng;
+    a.groupStart.resize(ng + 1);
+    std::memcpy(a.groupStart.data(), groupStart.data(), (ng + 1ul) * sizeof(unsigned int));
+    a.inverse.resize(n);
+    a.factorBlock.resize(n);
+    a.factorOffset.resize(n);
+    for (unsigned int k = 0; k < n; ++k) {
+        const unsigned int b = a.forward[k];
+        a.inverse[b] = k;
+        a.factorBlock[b] = groupOf[k];
+        a.factorOffset[b] = offsetInGroup[k];
+    }
+    a.entryMode.resize(a.entries);
+    const unsigned int* origin = work2.data();
+    const unsigned char* swapped = permuted.fillFlags;
+    for (unsigned int c = 0; c < n; ++c) {
+        for (unsigned int k = permuted.colPointers[c]; k < permuted.colPointers[c + 1]; ++k) {
+            const unsigned int r = permuted.rowIndices[k];
+            const unsigned int e = origin[k];
+            a.entryBlock[e] = merged ? mergedEntry[k] : k;
+            if (groupOf[r] == groupOf[c])
+                a.entryMode[e] = r == c ? kAsIs : kBoth;
+            else
+                a.entryMode[e] = swapped[k] ? kTransposed : kAsIs;
+        }
+    }
+    if (!merged) {
+        dataSizes.resize(n);
+        if (n > 0) std::memcpy(dataSizes.data(), work3.data(), n * sizeof(unsigned int));
     }
 }
 
@@ -1174,7 +1423,13 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
     buildSymbolic(problem);
     grow(work3, n);
     for (unsigned int k2 = 0; k2 < n; ++k2) work3[k2] = problem.blockSizes[order[k2]];
-    report.cost = factorCost(filled, work3.data());
+    report.unmergedCost = factorCost(filled, work3.data());
+    report.explicitZeros = static_cast<unsigned long>(findGroups(options, work3.data()));
+    merged = options.mergeBlocks;
+    if (merged) buildMerged();
+    finishAssembly();
+    report.mergedBlocks = staged.groups;
+    report.cost = merged ? factorCost(mergedFilled, dataSizes.data()) : report.unmergedCost;
     report.symbolicSeconds = secondsSince(t);
     return true;
 }
@@ -1186,30 +1441,48 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     if (!w.prepare(problem, options, report)) return report;
 
     const std::uint64_t t = kiv::Timer::ticks();
-    swapPermutation(data.permutation, w.perm);
-    swapSkeleton(data.skeleton, w.filled);
-    swapTree(data.etree, w.tree);
+    swapPermutation(data.permutation, w.merged ? w.groupPerm : w.perm);
+    swapSkeleton(data.skeleton, w.merged ? w.mergedFilled : w.filled);
+    swapTree(data.etree, w.merged ? w.mergedTree : w.tree);
     data.isFactored = 0;
 
-    // data.matrix in upper form on the permuted pattern.
-    const unsigned int n = problem.numBlocks;
-    const SkeletonMatrix& S = w.permuted;
-    const unsigned int* forward = data.permutation.forward;
-    const unsigned long entries = S.numEntries();
+    // data.matrix in upper form on the pattern of A in data's blocks.
+    const SkeletonMatrix& S = w.merged ? w.mergedPermuted : w.permuted;
+    const unsigned int nb = static_cast<unsigned int>(S.n);
+    const unsigned int* sizes = w.dataSizes.data();
+    const unsigned long blocks = S.numEntries();
     unsigned long values = 0;
-    for (unsigned int c = 0; c < n; ++c) {
-        const unsigned long pc = strideOf<T>(problem.blockSizes[forward[c]]);
+    for (unsigned int c = 0; c < nb; ++c) {
+        const unsigned long pc = strideOf<T>(sizes[c]);
         for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e)
-            values += pc * strideOf<T>(problem.blockSizes[forward[S.rowIndices[e]]]);
+            values += pc * strideOf<T>(sizes[S.rowIndices[e]]);
     }
     data.matrix.clear();
-    data.matrix.setSize(n, n, entries, values);
-    for (unsigned int c = 0; c < n; ++c) {
-        const unsigned int sc = problem.blockSizes[forward[c]];
+    data.matrix.setSize(nb, nb, blocks, values);
+    for (unsigned int c = 0; c < nb; ++c) {
         for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e) {
             const unsigned int r = S.rowIndices[e];
-            data.matrix.acquireBlock(c, r, sc, problem.blockSizes[forward[r]]);
+            data.matrix.acquireBlock(c, r, sizes[c], sizes[r]);
         }
+    }
+
+    // Where setBlock writes each entry.
+    Assembly& a = w.staged;
+    const SparseMatrix<T>& A = data.matrix;
+    a.destinations.resize(a.entries);
+    for (unsigned long e = 0; e < a.entries; ++e) {
+        const unsigned int i = a.rowIndices[e], j = a.entryColumn[e];
+        const unsigned int k = a.entryBlock[e];
+        const unsigned long ld = A.blockStrides[A.rowIndices[k]];
+        const unsigned long base = static_cast<unsigned long>(A.blockPointers[k] - A.values);
+        const unsigned long oi = a.factorOffset[i], oj = a.factorOffset[j];
+        Destination& d = a.destinations[e];
+        d.mode = a.entryMode[e];
+        d.ld = static_cast<unsigned int>(ld);
+        d.rows = a.sizes[i];
+        d.cols = a.sizes[j];
+        d.first = d.mode == kTransposed ? base + oi * ld + oj : base + oj * ld + oi;
+        d.mirror = base + oi * ld + oj;
     }
     w.committed.swap(w.staged);
     report.layoutSeconds = secondsSince(t);
@@ -1229,6 +1502,35 @@ unsigned long Analyzer::numEntries() const {
     return impl_->committed.entries;
 }
 
+unsigned int Analyzer::numFactorBlocks() const {
+    return impl_->committed.groups;
+}
+
+bool Analyzer::factorPosition(unsigned int userBlock, unsigned int local, unsigned int& block,
+                              unsigned int& localInBlock) const {
+    const Assembly& a = impl_->committed;
+    if (userBlock >= a.n || local >= a.sizes[userBlock]) return false;
+    block = a.factorBlock[userBlock];
+    localInBlock = a.factorOffset[userBlock] + local;
+    return true;
+}
+
+bool Analyzer::userPosition(unsigned int block, unsigned int localInBlock, unsigned int& userBlock,
+                            unsigned int& local) const {
+    const Assembly& a = impl_->committed;
+    if (block >= a.groups) return false;
+    // Scalar offsets of the group's positions ascend: the last position starting at or before localInBlock.
+    const unsigned int first = a.groupStart[block], last = a.groupStart[block + 1];
+    const unsigned int* offsets = a.permutedOffsets.data();
+    const unsigned int target = offsets[first] + localInBlock;
+    if (localInBlock >= offsets[last] - offsets[first]) return false;
+    const unsigned int k =
+        static_cast<unsigned int>(std::upper_bound(offsets + first, offsets + last, target) - offsets - 1);
+    userBlock = a.forward[k];
+    local = target - offsets[k];
+    return true;
+}
+
 const unsigned int* Analyzer::order() const {
     return impl_->committed.forward.data();
 }
@@ -1242,32 +1544,40 @@ unsigned long Analyzer::findEntry(unsigned int i, unsigned int j) const {
     return it != end && *it == i ? static_cast<unsigned long>(it - a.rowIndices.data()) : noEntry;
 }
 
+namespace {
+
+// One entry into data.matrix.values (see Destination): v holds d.rows × d.cols values, row-major.
+template <typename T, typename V>
+inline void writeEntry(T* values, const Destination& d, const V* v) {
+    const unsigned long ld = d.ld, rows = d.rows, cols = d.cols;
+    if (d.mode != kTransposed) {
+        T* tile = values + d.first;
+        for (unsigned long b = 0; b < cols; ++b, tile += ld) {
+            for (unsigned long a = 0; a < rows; ++a)
+                tile[a] = static_cast<T>(v[a * cols + b]);  // (a, b) = A_ab
+        }
+        if (d.mode == kAsIs) return;
+    }
+    T* tile = values + (d.mode == kTransposed ? d.first : d.mirror);
+    for (unsigned long a = 0; a < rows; ++a, v += cols, tile += ld) {
+        for (unsigned long b = 0; b < cols; ++b) tile[b] = static_cast<T>(v[b]);  // (b, a) = A_ab
+    }
+}
+
+}  // namespace
+
 template <typename T, typename V>
 void Analyzer::setBlock(TamberData<T>& data, unsigned long entry, const V* values) const {
-    const Assembly& a = impl_->committed;
-    const unsigned int tag = a.entryBlock[entry];
-    const unsigned int k = tag & ~kTransposed;
-    const unsigned long si = a.sizes[a.rowIndices[entry]];
-    const unsigned long sj = a.sizes[a.entryColumn[entry]];
-    SparseMatrix<T>& A = data.matrix;
-    T* tile = A.blockPointers[k];
-    const unsigned long ld = A.blockStrides[A.rowIndices[k]];
-    if ((tag & kTransposed) == 0) {  // tile (r, c) = A(i, j)[r][c]
-        for (unsigned long c = 0; c < sj; ++c) {
-            for (unsigned long r = 0; r < si; ++r) tile[c * ld + r] = static_cast<T>(values[r * sj + c]);
-        }
-    } else {  // the tile holds A(j, i) = A(i, j)ᵀ: tile (r, c) = A(i, j)[c][r]
-        for (unsigned long c = 0; c < si; ++c) {
-            for (unsigned long r = 0; r < sj; ++r) tile[c * ld + r] = static_cast<T>(values[c * sj + r]);
-        }
-    }
+    writeEntry(data.matrix.values, impl_->committed.destinations[entry], values);
     data.isFactored = 0;
 }
 
 template <typename T, typename V>
 void Analyzer::setBlocks(TamberData<T>& data, const V* values, const unsigned long* valuePointers) const {
-    const unsigned long entries = impl_->committed.entries;
-    for (unsigned long e = 0; e < entries; ++e) setBlock(data, e, values + valuePointers[e]);
+    const Assembly& a = impl_->committed;
+    const Destination* d = a.destinations.data();
+    T* const target = data.matrix.values;
+    for (unsigned long e = 0; e < a.entries; ++e) writeEntry(target, d[e], values + valuePointers[e]);
     data.isFactored = 0;
 }
 
