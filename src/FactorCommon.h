@@ -71,8 +71,31 @@ inline void solveUnitDiagonalFixed(const double* Ljj, unsigned int p_j, double* 
         }
         return;
     }
+    // Larger blocks: four rows at a time in two SSE registers, so that four independent sums are in flight.
     const unsigned int s_j = s_jDynamic;
-    for (unsigned int r = 0; r < s_i; ++r) {
+    unsigned int r = 0;
+    for (; r + 3 < s_i; r += 4) {
+        double* w0 = W + static_cast<unsigned long>(r) * p_j;
+        double* w1 = w0 + p_j;
+        double* w2 = w1 + p_j;
+        double* w3 = w2 + p_j;
+        for (unsigned int c = 1; c < s_j; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+            __m128d sum01 = _mm_setzero_pd(), sum23 = _mm_setzero_pd();
+            for (unsigned int t = 0; t < c; ++t) {
+                const __m128d lt = _mm_set1_pd(l[t]);
+                sum01 = _mm_add_pd(sum01, _mm_mul_pd(lt, _mm_set_pd(w1[t], w0[t])));
+                sum23 = _mm_add_pd(sum23, _mm_mul_pd(lt, _mm_set_pd(w3[t], w2[t])));
+            }
+            const __m128d v01 = _mm_sub_pd(_mm_set_pd(w1[c], w0[c]), sum01);
+            const __m128d v23 = _mm_sub_pd(_mm_set_pd(w3[c], w2[c]), sum23);
+            _mm_storel_pd(w0 + c, v01);
+            _mm_storeh_pd(w1 + c, v01);
+            _mm_storel_pd(w2 + c, v23);
+            _mm_storeh_pd(w3 + c, v23);
+        }
+    }
+    for (; r < s_i; ++r) {
         double* w = W + static_cast<unsigned long>(r) * p_j;
         for (unsigned int c = 1; c < s_j; ++c) {
             const double* l = Ljj + static_cast<unsigned long>(c) * p_j;

@@ -34,6 +34,9 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count) {
 
 using factorCommon::solveUnitDiagonal;
 
+// Scratch-pad int slot of the serial factorization's row map.
+constexpr unsigned long serialMapSlot = 0x100010;
+
 // Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
 [[noreturn]] void outOfBlocks(unsigned long used, unsigned long capacity) {
     char message[96];
@@ -304,6 +307,13 @@ void Tamber::factorSerial(TamberData<T>& data) {
     const std::uint64_t numericStart = now;
 
     SerialFactor<T> f{rowStart, cols, sizes, L.blockOffsets, L, LD, d};
+
+    // Map of the row being factored: rowOf[k] = i when row i holds a finished entry in column k, at pattern
+    // entry entryOf[k]. Rows start with an empty map by their own number, so the map is never cleared.
+    unsigned int* const rowOf =
+        reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(serialMapSlot, 2 * nb));
+    unsigned int* const entryOf = rowOf + nb;
+    for (unsigned long k = 0; k < nb; ++k) rowOf[k] = ~0u;
     const unsigned int* offsets = L.blockOffsets;
 
     for (unsigned int i = 0; i < nb; ++i) {
@@ -319,25 +329,23 @@ void Tamber::factorSerial(TamberData<T>& data) {
             T* const Lij = L.blockPointers[e];
             loadInput(A, a, aEnd, j, Lij, static_cast<unsigned long>(s_i) * p_j);  // worked on in place
 
-            unsigned int p = iBegin, q = rowStart[j];
+            // The columns k < j common to rows i and j, ascending: row j's entries looked up in row i's map
+            // (the same pairs, in the same order, as merging the two lists).
             const unsigned int jDiag = rowStart[j + 1] - 1;
-            while (p < e && q < jDiag) {
-                const unsigned int kp = cols[p], kq = cols[q];
-                if (kp < kq) {
-                    ++p;
-                } else if (kq < kp) {
-                    ++q;
-                } else {
-                    const unsigned int s_k = sizes[kp], p_k = Layout<T>::padded(s_k);
-                    const T* LDik = f.scaled(p, i, kp);
-                    // L(i, j) -= LD(i, k)·L(j, k)ᵀ
-                    tamber_MM_CM_ABt(LDik, static_cast<int>(p_k), L.blockPointers[q], static_cast<int>(p_k),
-                                     Lij, static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
-                                     static_cast<int>(s_k));
-                    ++p;
-                    ++q;
-                }
+            for (unsigned int q = rowStart[j]; q < jDiag; ++q) {
+                const unsigned int k = cols[q];
+                if (rowOf[k] != i) continue;
+                const unsigned int p = entryOf[k];
+                const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
+                const T* LDik = f.scaled(p, i, k);
+                // L(i, j) -= LD(i, k)·L(j, k)ᵀ
+                tamber_MM_CM_ABt(LDik, static_cast<int>(p_k), L.blockPointers[q], static_cast<int>(p_k), Lij,
+                                 static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
+                                 static_cast<int>(s_k));
             }
+            // Row i's entry (i, j) joins the map once done: later entries of row i see it as a common column.
+            rowOf[j] = i;
+            entryOf[j] = e;
 
             solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
 

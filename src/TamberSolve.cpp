@@ -34,7 +34,25 @@ inline double laneSum(__m128d v) {
 // x_j ← x_j − Bᵀ·x_i for an s_i × s_j tile B (leading dimension ld), two r and two q at a time.
 inline void forwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xi, unsigned int si,
                                      double* xj, unsigned int sj) {
-    for (unsigned int r = 0; r < sj; r += 2) {
+    unsigned int r = 0;
+    // Two pairs of r at a time: four independent sums in flight (the same sums as pair by pair).
+    for (; r + 2 < sj; r += 4) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        const double* b2 = b1 + ld;
+        const double* b3 = b2 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd(), a2 = _mm_setzero_pd(), a3 = _mm_setzero_pd();
+        for (unsigned int q = 0; q < si; q += 2) {
+            const __m128d v = _mm_loadu_pd(xi + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));
+            a2 = _mm_add_pd(a2, _mm_mul_pd(_mm_loadu_pd(b2 + q), v));
+            a3 = _mm_add_pd(a3, _mm_mul_pd(_mm_loadu_pd(b3 + q), v));
+        }
+        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
+        _mm_storeu_pd(xj + r + 2, _mm_set_pd(xj[r + 3] - laneSum(a3), xj[r + 2] - laneSum(a2)));
+    }
+    for (; r < sj; r += 2) {
         const double* b0 = B + static_cast<unsigned long>(r) * ld;
         const double* b1 = b0 + ld;
         __m128d a0 = _mm_setzero_pd();
@@ -104,7 +122,22 @@ inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj,
 // pairs of r are accumulated and subtracted once.
 inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xj, unsigned int sj,
                                       double* xi, unsigned int si) {
-    for (unsigned int q = 0; q < si; q += 2) {
+    unsigned int q = 0;
+    // Two pairs of q at a time: two independent sums in flight (the same sums as pair by pair).
+    for (; q + 2 < si; q += 4) {
+        __m128d acc0 = _mm_setzero_pd(), acc1 = _mm_setzero_pd();
+        for (unsigned int r = 0; r < sj; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            const __m128d x0 = _mm_set1_pd(xj[r]), x1 = _mm_set1_pd(xj[r + 1]);
+            acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_loadu_pd(b0), x0));
+            acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_loadu_pd(b0 + 2), x0));
+            acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x1));
+            acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_loadu_pd(b0 + ld + 2), x1));
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc0));
+        _mm_storeu_pd(xi + q + 2, _mm_sub_pd(_mm_loadu_pd(xi + q + 2), acc1));
+    }
+    for (; q < si; q += 2) {
         __m128d acc = _mm_setzero_pd();
         for (unsigned int r = 0; r < sj; r += 2) {
             const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
