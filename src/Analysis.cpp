@@ -1392,6 +1392,14 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
         case Ordering::symamdSwap:
             orderSymamdSwap(problem, report, allowR);
             break;
+        case Ordering::centroid:
+            order.resize(n);
+            if (!Reordering::centroidOrder(n, problem.firstConstraint, problem.colPointers,
+                                           problem.rowIndices, order.data())) {
+                report.centroidFallback = true;
+                orderStandard(problem, options, report);
+            }
+            break;
         case Ordering::natural:
             order.resize(n);
             for (unsigned int k = 0; k < n; ++k) order[k] = k;

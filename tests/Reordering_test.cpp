@@ -2,8 +2,8 @@
 // natural order on grids, array reuse, the failure path through a failing allocator), the constraint
 // adjustment modifyPermutation on hand-checked and random cases, the disabled orderings, and the zero-leaf
 // swap (hand-checked success and failure cases, and on random saddle patterns: the permuted pattern against a
-// dense permutation, the tree against dense symbolic elimination, and the repaired order's invariants), and the
-// centroid order of body forests (safe, shallow, refuses other body graphs).
+// dense permutation, the tree against dense symbolic elimination, and the repaired order's invariants), and
+// the centroid order of body forests (safe, shallow, refuses other body graphs).
 #include "Reordering.h"
 
 #include <gtest/gtest.h>
@@ -412,12 +412,13 @@ TEST(ReorderingCentroid, ShallowSafeOrdersOfBodyForests) {
         // Shallow: a centroid halves its part, and every level adds a body and the constraints after it (at
         // most the largest number of constraints on one body).
         Analysis::Options options;
-        options.ordering = Analysis::Ordering::user;
-        options.userOrder = forward.data();
+        options.ordering = Analysis::Ordering::centroid;
         Analysis::Analyzer analyzer;
         TamberData<double> data;
         const Analysis::Report report = analyzer.analyze(problem, options, data);
         ASSERT_TRUE(report.ok) << report.message;
+        EXPECT_FALSE(report.centroidFallback);
+        EXPECT_EQ(Blocks(analyzer.order(), analyzer.order() + lp.n()), forward);
         const double levels = std::floor(std::log2(static_cast<double>(lp.numBodies))) + 1;
         std::vector<unsigned int> perBody(lp.numBodies, 0);
         for (const Blocks& bodies : lp.constraints)
@@ -435,6 +436,12 @@ TEST(ReorderingCentroid, RefusesBodyGraphsThatAreNotForests) {
     Blocks forward(cycle.n());
     EXPECT_FALSE(Reordering::centroidOrder(cycle.n(), 3, cycle.colPointers.data(), cycle.rowIndices.data(),
                                            forward.data()));
+    Analysis::Options options;
+    options.ordering = Analysis::Ordering::centroid;
+    Analysis::Analyzer analyzer;
+    TamberData<double> data;
+    const Analysis::Report report = analyzer.analyze(cycle.problem(), options, data);
+    EXPECT_TRUE(report.ok && report.centroidFallback) << report.message;
     ListProblem threeBodies;
     threeBodies.numBodies = 3;
     threeBodies.constraints = {{0, 1, 2}};

@@ -36,7 +36,6 @@
 
 #include "Analysis.h"
 #include "RankMod.h"
-#include "Reordering.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
 #include "bench/Peers.h"
@@ -346,16 +345,10 @@ private:
     // switching in the centroid order, whose shallow tree keeps the switching work to O(log n) blocks per
     // equation (at the price of some fill). Leaves analyzer_ and data_ analysed in that order.
     void runCentroid(std::vector<Row>& rows, const Analysis::Problem& problem) {
-        std::vector<unsigned int> forward(problem_.numBlocks);
-        if (!Reordering::centroidOrder(problem_.numBlocks, problem_.firstConstraint,
-                                       problem_.colPointers.data(), problem_.rowIndices.data(),
-                                       forward.data()))
-            return;
         Row row = newRow("kivTamber serial, centroid order", "ours centroid", "centroid");
         row.ours = true;
         Analysis::Options options = ourOptions();
-        options.ordering = Analysis::Ordering::user;
-        options.userOrder = forward.data();
+        options.ordering = Analysis::Ordering::centroid;
         Analysis::Report report;
         std::vector<double> times;
         repeat(settings_, [&] {
@@ -371,6 +364,7 @@ private:
                          report.message.c_str());
             return;
         }
+        if (report.centroidFallback) return;  // the bodies do not form a forest
         row.analyze = median(times);
         row.entries = static_cast<double>(report.cost.scalarEntries);
         times.clear();
@@ -1087,7 +1081,8 @@ int main(int argc, char** argv) {
         "the explicit zeros of merged blocks; "
         "\"own AMD, −1e-8\" is the peer's AMD on a copy with −1e-8 on the constraint diagonal; the SPD twin "
         "(off-diagonals of A, diagonal 1 + row sum) is for CHOLMOD's supernodal L·Lᵀ, which cannot factor a "
-        "saddle-point matrix. \"centroid\" (scenes whose bodies form a forest) is Reordering::centroidOrder, "
+        "saddle-point matrix. \"centroid\" (scenes whose bodies form a forest) is "
+        "Analysis::Ordering::centroid, "
         "a shallow order for equation switching; the summary's RankMod cell takes the faster of the two "
         "orders and says so. Our factor time includes the assembly of the values into the factor's order "
         "(column assembly); the multifrontal rows' analyze column is their one-time preparation; our solve "
