@@ -143,18 +143,23 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
             for (int c = 0; c <= r; ++c) l[r][c] = w[c];
             dd[r] = w[r];
         }
-        for (int r = 1; r < S; ++r) {
-            for (int c = 0; c < r; ++c) {
-                l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
-                if (c + 1 < r) {
-                    T sum = T(0);
-                    for (int t = 0; t <= c; ++t) sum += l[r][t] * dd[t] * l[c + 1][t];
-                    l[r][c + 1] -= sum;  // w_r,c+1 -= Σ_{t≤c} l_rt·d_t·l_c+1,t
-                }
+        // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
+        // divisions of one column are independent of each other and overlap, instead of forming one chain
+        // per row.
+        for (int c = 0; c < S; ++c) {
+            if (c > 0) {
+                T sum = T(0);
+                for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
+                dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
             }
-            T sum = T(0);
-            for (int t = 0; t < r; ++t) sum += dd[t] * l[r][t] * l[r][t];
-            dd[r] -= sum;  // d_r -= Σ_{t<r} d_t·l_rt²
+            for (int r = c + 1; r < S; ++r) {
+                if (c > 0) {
+                    T sum = T(0);
+                    for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
+                    l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+                }
+                l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
+            }
         }
         for (int r = 0; r < S; ++r) {
             T* const w = W + static_cast<unsigned long>(r) * p;
@@ -171,20 +176,23 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
         d[r] = w[r];
         w[r] = T(1);
     }
-    for (unsigned int r = 1; r < s; ++r) {
-        T* const w = W + static_cast<unsigned long>(r) * p;
-        for (unsigned int c = 0; c < r; ++c) {
-            w[c] = w[c] / d[c];  // l_rc = w_rc / d_c
-            if (c + 1 < r) {
-                const T* const wNext = W + static_cast<unsigned long>(c + 1) * p;
-                T sum = T(0);
-                for (unsigned int t = 0; t <= c; ++t) sum += w[t] * d[t] * wNext[t];
-                w[c + 1] -= sum;  // w_r,c+1 -= Σ_{t≤c} l_rt·d_t·l_c+1,t
-            }
+    // Column by column, as in the fixed sizes above (the same operations per entry as row by row).
+    for (unsigned int c = 0; c < s; ++c) {
+        const T* const wc = W + static_cast<unsigned long>(c) * p;
+        if (c > 0) {
+            T sum = T(0);
+            for (unsigned int t = 0; t < c; ++t) sum += d[t] * wc[t] * wc[t];
+            d[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
         }
-        T sum = T(0);
-        for (unsigned int t = 0; t < r; ++t) sum += d[t] * w[t] * w[t];
-        d[r] -= sum;  // d_r -= Σ_{t<r} d_t·l_rt²
+        for (unsigned int r = c + 1; r < s; ++r) {
+            T* const w = W + static_cast<unsigned long>(r) * p;
+            if (c > 0) {
+                T sum = T(0);
+                for (unsigned int t = 0; t < c; ++t) sum += w[t] * d[t] * wc[t];
+                w[c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+            }
+            w[c] = w[c] / d[c];  // l_rc = w_rc / d_c
+        }
     }
     for (unsigned int r = 0; r < s; ++r) {
         T* const w = W + static_cast<unsigned long>(r) * p;
