@@ -1,5 +1,6 @@
 #include "Tamber.h"
 
+#include <emmintrin.h>
 #include <kiv/Abort.h>
 #include <kiv/Timer.h>
 
@@ -92,8 +93,17 @@ void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
 template <typename T>
 void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, unsigned int j, T* X,
                unsigned long count) {
+    // Tiles are 16-byte aligned and, for double, of even length: whole 16-byte moves, inline (the library
+    // call costs more than the copy for the small tiles of physics systems).
     if (a < aEnd && A.rowIndices[a] == j) {
-        std::memcpy(static_cast<void*>(X), A.blockPointers[a++], count * sizeof(T));
+        const T* const from = A.blockPointers[a++];
+        if (sizeof(T) == sizeof(double)) {
+            const double* f = reinterpret_cast<const double*>(from);
+            double* t = reinterpret_cast<double*>(X);
+            for (unsigned long q = 0; q < count; q += 2) _mm_store_pd(t + q, _mm_load_pd(f + q));
+        } else {
+            std::memcpy(static_cast<void*>(X), from, count * sizeof(T));
+        }
     } else {
         std::memset(static_cast<void*>(X), 0, count * sizeof(T));
     }
@@ -121,6 +131,91 @@ inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __rest
         for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
         for (unsigned int c = s_k; c < p; ++c) Y[row + c] = T(0);
     }
+}
+
+// The end of an off-diagonal block L(i, j) of a small double block column j, in one pass with the rows in
+// registers: W ← W·L_jj⁻ᵀ (solveUnitDiagonal), L(i, j) = W·diag(recip) and LD(i, j) = L(i, j)·D_j
+// (scaleColumns), the same operations as those routines, two rows at a time; stores are whole pairs of
+// columns, so that the next reads of the tiles do not stall on store forwarding.
+// W: the s_i × S tile of L(i, j) (row stride P), Ljj its unit lower diagonal block, LDij the tile of LD(i,
+// j), recip: P reciprocal pivots (padding 0), dj: the S pivots.
+template <int S>
+void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned int s_i, const double* recip,
+                           const double* dj) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    alignas(16) double dd[P];
+    for (unsigned int c = 0; c < P; ++c) dd[c] = c < static_cast<unsigned int>(S) ? dj[c] : 0.0;
+    unsigned int r = 0;
+    for (; r + 1 < s_i; r += 2) {
+        double* w0 = W + static_cast<unsigned long>(r) * P;
+        double* w1 = w0 + P;
+        __m128d v[P];
+        for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+        for (int c = 1; c < S; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * P;
+            __m128d sum = _mm_setzero_pd();
+            for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
+            v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
+        }
+        double* ld0 = LDij + static_cast<unsigned long>(r) * P;
+        double* ld1 = ld0 + P;
+        for (unsigned int c = 0; c < P; c += 2) {
+            const __m128d q = _mm_loadu_pd(recip + c), dc = _mm_load_pd(dd + c);
+            const __m128d x0 = _mm_mul_pd(_mm_unpacklo_pd(v[c], v[c + 1]), q);  // l_rc = w_rc / d_c
+            const __m128d x1 = _mm_mul_pd(_mm_unpackhi_pd(v[c], v[c + 1]), q);
+            _mm_store_pd(w0 + c, x0);
+            _mm_store_pd(w1 + c, x1);
+            _mm_store_pd(ld0 + c, _mm_mul_pd(x0, dc));  // l_rc·d_c
+            _mm_store_pd(ld1 + c, _mm_mul_pd(x1, dc));
+        }
+    }
+    if (r < s_i) {
+        double* w = W + static_cast<unsigned long>(r) * P;
+        double v[P];
+        for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
+        for (int c = 1; c < S; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * P;
+            double sum = 0.0;
+            for (int t = 0; t < c; ++t) sum += l[t] * v[t];
+            v[c] -= sum;
+        }
+        double* ld = LDij + static_cast<unsigned long>(r) * P;
+        for (unsigned int c = 0; c < P; ++c) {
+            w[c] = v[c] * recip[c];
+            ld[c] = w[c] * dd[c];
+        }
+    }
+}
+
+// finishSmallBlockFixed for block sizes 1 to 6 of double; false (nothing done) otherwise.
+inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
+                             const double* recip, const double* dj) {
+    switch (s_j) {
+        case 1:
+            finishSmallBlockFixed<1>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 2:
+            finishSmallBlockFixed<2>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 3:
+            finishSmallBlockFixed<3>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 4:
+            finishSmallBlockFixed<4>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 5:
+            finishSmallBlockFixed<5>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 6:
+            finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        default:
+            return false;
+    }
+}
+inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigned int, const float*,
+                             const float*) {
+    return false;  // float keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal)
 }
 
 // The pieces of a factorization that every block step needs.
@@ -347,12 +442,15 @@ void Tamber::factorSerial(TamberData<T>& data) {
             rowOf[j] = i;
             entryOf[j] = e;
 
-            solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
-
             const T* dj = d + offsets[j];
             T* const recip = P;  // free between the updates: the reciprocal pivots of block j
             for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
             for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);  // padding columns stay zero
+            if (finishSmallBlock(L.blockPointers[jDiag], Lij, LD.blockPointers[e], s_i, s_j, recip, dj)) {
+                LD.blockFlags[e] = 1;  // LD(i, j) written with L(i, j)
+                continue;
+            }
+            solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
             for (unsigned int r = 0; r < s_i; ++r) {
                 const unsigned long row = static_cast<unsigned long>(r) * p_j;
                 for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
@@ -376,10 +474,11 @@ void Tamber::factorSerial(TamberData<T>& data) {
 
         // Dense L_ii·D_i·L_iiᵀ in place without pivoting, row by row; strict upper triangle zeroed.
         factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di);
-    }
 
-    // Every diagonal LD block: L_ii·D_i.
-    for (unsigned int i = 0; i < nb; ++i) f.scaled(rowStart[i + 1] - 1, i, i);
+        // LD(i, i) = L_ii·D_i while the block is at hand (both are final here): every diagonal LD block is
+        // valid after the factorization.
+        f.scaled(iDiag, i, i);
+    }
 
     data.isFactored = 1;
     now = kiv::Timer::ticks();
