@@ -1167,11 +1167,29 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem) {
 // sizes: [n] block size of each position. Reads tree.parent and the filled pattern; returns the explicit
 // zeros of L the merging adds.
 //
-// Scalars of L a group H adds beyond the separate blocks, with S = its scalar rows:
-//  - in its own columns: when each member's parent is the next member, the structure below the group is
-//    that of its last block k (the structure of a column minus its parent lies in the parent's), so the
-//    columns hold S·(S + 1)/2 + S·R_k scalars (R_x = scalar rows below block x in L) against
-//    Σ s_x·(s_x + 1)/2 + s_x·R_x; no zeros when the columns nest;
+// The factorization time is modelled as (block operations)·w + flops, w = Options::mergeOperationFlops,
+// with block operations = Σ over block columns of c·(c + 1)/2 (c its off-diagonal blocks: one solve per
+// block and one product per pair) and flops = Σ over scalar columns of c·(c + 2) (c its scalars below the
+// diagonal). The positions are scanned in order and block k joins the open group H (positions start .. k-1,
+// S scalars) when the join lowers the modelled time, counted on the groups closed so far and, for the
+// blocks after k, on the groups of the previous pass (the first pass counts the blocks themselves and
+// lowers a group's count as tiles unite; blocks counted unmerged overrate every join, so that pass merges
+// too much, the second too little, and the third, kept, lies between):
+//  - H's columns: S + s columns above the R_k scalar rows below block k replace S columns above R_{k-1}
+//    and s columns above R_k (R_x = scalar rows below x in L; the structure of a column minus its parent
+//    lies in the parent's, so the structure below a chain is that of its last block), and block column k
+//    disappears: c_{k-1}·(c_{k-1} + 1)/2 operations fewer;
+//  - an earlier group G whose columns reach both H and k: its tiles (H, G) and (k, G) become one, so its
+//    column loses a block (c_G operations fewer) and no scalar;
+//  - an earlier group G that reaches k only gets S more rows, one that reaches H only s more: each of its
+//    S_G columns, c scalars below the diagonal, costs (c + d)·(c + d + 2) − c·(c + 2) = d·(2c + d + 2)
+//    more flops for d rows more.
+// Per group G the rows below it are kept as base[G] + (the size of the group its columns reached last),
+// base[G] = R of its last block − the rows of reached blocks + the sizes of the closed groups reached, so
+// the groups reaching H but not k are counted through sums over all groups reaching H.
+//
+// Scalars of L a group H adds beyond the separate blocks:
+//  - in its own columns: S·(S + 1)/2 + S·R_k against Σ s_x·(s_x + 1)/2 + s_x·R_x over its blocks;
 //  - in its rows: every earlier group G whose columns reach a member gets the full tile (H, G), S_G·S
 //    scalars, against S_G·(the rows of the members it reaches).
 // Counted group by group, these add up to the difference of the merged and the unmerged factor's scalars.
@@ -1189,26 +1207,42 @@ double Analyzer::Impl::findGroups(const Options& options, const unsigned int* si
         groupStart.push_back(n);
         return 0.0;
     }
-    below.resize(n);
-    double* R = below.data();
-    for (unsigned int k = 0; k < n; ++k) R[k] = 0.0;
+    below.resize(4ul * n);
+    double* R = below.data();  // scalar rows below each position
+    double* C = R + n;         // blocks below each position (in groups of the previous pass, if any)
+    double* Cg = C + n;        // by group: blocks below it
+    double* base = Cg + n;     // by group: rows below it without the group it reached last
+    for (unsigned long k = 0; k < 2ul * n; ++k) R[k] = 0.0;
     for (unsigned int i = 0; i < n; ++i) {
-        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e)
+        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e) {
             R[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below block j
+            C[filled.rowIndices[e]] += 1.0;
+        }
     }
     grow(work4, n);
     grow(work5, n);
     unsigned int* groupSize = work4.data();  // S_G of the closed groups
-    unsigned int* touched = work5.data();    // the open group that reaches G's columns, by G
-    for (unsigned int g = 0; g < n; ++g) touched[g] = kNone;
+    unsigned int* touched = work5.data();    // the last group that reached G's columns, by G
+    const double w = options.mergeOperationFlops;
+    // Σ_{m < M} m·(m + 2): the flops of M dense columns above no further rows.
+    auto Q = [](double M) { return (M - 1.0) * M * (2.0 * M - 1.0) / 6.0 + (M - 1.0) * M; };
+    auto columnFlops = [&](double cols, double rows) { return Q(rows + cols) - Q(rows); };
 
-    // The open group H = positions start .. k-1: S, the scalars of its columns unmerged, T = Σ S_G over
-    // the earlier groups that reach it and Σ S_G·(its rows they reach).
-    double S = 0.0, ownCols = 0.0, T = 0.0, rowsReached = 0.0, zeros = 0.0, totalZeros = 0.0;
+    // The open group H = positions start .. k-1 (group g): S, the scalars of its columns unmerged, T = Σ S_G
+    // over the earlier groups that reach it, Σ S_G·(its rows they reach), and P = Σ over those groups of
+    // S_G·(S_G − 1)/2 + S_G·base[G] (their columns hold P + S·T scalars below the diagonal).
+    double S = 0.0, ownCols = 0.0, T = 0.0, rowsReached = 0.0, P = 0.0, zeros = 0.0, totalZeros = 0.0;
     unsigned int g = 0, start = 0;
-    // Σ S_G over the closed groups in row k (before `limit`): all, and those H does not reach yet.
-    auto scanRow = [&](unsigned int k, unsigned int limit, double& all, double& fresh) {
-        all = fresh = 0.0;
+    bool firstPass = true;
+    // Over the closed groups in row k (before `limit`): the rows below each as they are now, its tiles
+    // reached by H and k (set B) or by k only (set F).
+    struct RowSums {
+        double all = 0.0, fresh = 0.0;          // Σ S_G over B ∪ F and over F
+        double scalarsB = 0.0, scalarsF = 0.0;  // Σ over B and F of the scalars below G's columns
+        double blocksB = 0.0;                   // Σ over B of the blocks below G
+    };
+    auto scanRow = [&](unsigned int k, unsigned int limit, RowSums& r) {
+        r = RowSums();
         unsigned int last = kNone;
         for (unsigned int e = filled.colPointers[k]; e + 1 < filled.colPointers[k + 1]; ++e) {
             const unsigned int x = filled.rowIndices[e];
@@ -1216,55 +1250,110 @@ double Analyzer::Impl::findGroups(const Options& options, const unsigned int* si
             const unsigned int G = groupOf[x];
             if (G == last) continue;  // a group's columns are consecutive in the ascending row
             last = G;
-            all += groupSize[G];
-            if (touched[G] != g) fresh += groupSize[G];
+            const double SG = groupSize[G];
+            r.all += SG;
+            if (touched[G] == g) {
+                r.scalarsB += SG * (SG - 1.0) / 2.0 + SG * (base[G] + S);
+                r.blocksB += Cg[G];
+            } else {
+                const double rows = base[G] + (touched[G] == kNone ? 0.0 : groupSize[touched[G]]);
+                r.fresh += SG;
+                r.scalarsF += SG * (SG - 1.0) / 2.0 + SG * rows;
+            }
         }
     };
-    auto markRow = [&](unsigned int k, unsigned int limit) {
+    // Block k becomes a member of group g: the closed groups in row k reach it.
+    auto markRow = [&](unsigned int k, unsigned int limit, double s) {
+        unsigned int last = kNone;
         for (unsigned int e = filled.colPointers[k]; e + 1 < filled.colPointers[k + 1]; ++e) {
             const unsigned int x = filled.rowIndices[e];
             if (x >= limit) break;
-            touched[groupOf[x]] = g;
+            const unsigned int G = groupOf[x];
+            if (G == last) continue;
+            last = G;
+            const double SG = groupSize[G];
+            if (touched[G] == g) {
+                if (firstPass) Cg[G] -= 1.0;
+                base[G] -= s;
+                P -= SG * s;
+            } else {
+                if (touched[G] != kNone) base[G] += groupSize[touched[G]];
+                touched[G] = g;
+                base[G] -= s;
+                P += SG * (SG - 1.0) / 2.0 + SG * base[G];
+            }
         }
     };
-    for (unsigned int k = 0; k < n; ++k) {
-        const double s = sizes[k];
-        const double own = s * (s + 1.0) / 2.0 + s * R[k];
-        double all = 0.0, fresh = 0.0;
-        bool join = k > 0 && tree.parent[k - 1] == k && S + s <= static_cast<double>(options.maxMergedSize);
-        if (join) {
-            scanRow(k, start, all, fresh);
-            const double S2 = S + s, T2 = T + fresh, reached2 = rowsReached + s * all;
-            const double cols = S2 * (S2 + 1.0) / 2.0 + S2 * R[k];
-            const double z = (cols - ownCols - own) + (S2 * T2 - reached2);
-            join = z <= 0.0 || S2 <= static_cast<double>(options.mergeTinySize) ||
-                   z <= options.mergeRelaxation * (cols + S2 * T2);
+    for (int pass = 0; pass < 3; ++pass) {
+        firstPass = pass == 0;
+        if (!firstPass) {
+            // Blocks below each position counted in the groups of the previous pass.
+            for (unsigned int k = 0; k < n; ++k) {
+                C[k] = 0.0;
+                touched[k] = kNone;
+            }
+            for (unsigned int i = 0; i < n; ++i) {
+                for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e) {
+                    const unsigned int j = filled.rowIndices[e];
+                    if (touched[j] != groupOf[i] && groupOf[j] != groupOf[i]) {
+                        touched[j] = groupOf[i];
+                        C[j] += 1.0;
+                    }
+                }
+            }
+        }
+        for (unsigned int G = 0; G < n; ++G) touched[G] = kNone;
+        groupStart.clear();
+        S = ownCols = T = rowsReached = P = zeros = totalZeros = 0.0;
+        g = start = 0;
+        for (unsigned int k = 0; k < n; ++k) {
+            const double s = sizes[k];
+            const double own = s * (s + 1.0) / 2.0 + s * R[k];
+            RowSums r;
+            bool join =
+                k > 0 && tree.parent[k - 1] == k && S + s <= static_cast<double>(options.maxMergedSize);
             if (join) {
-                S = S2;
-                ownCols += own;
-                T = T2;
-                rowsReached = reached2;
-                zeros = z;
+                scanRow(k, start, r);
+                const double S2 = S + s, T2 = T + r.fresh, reached2 = rowsReached + s * r.all;
+                const double cols = S2 * (S2 + 1.0) / 2.0 + S2 * R[k];
+                const double cH = std::max(C[k - 1], 1.0);
+                const double opsSaved = cH * (cH + 1.0) / 2.0 + r.blocksB;
+                const double onlyH = T - (r.all - r.fresh), scalarsOnlyH = P + S * T - r.scalarsB;
+                const double flopsAdded = columnFlops(S2, R[k]) - columnFlops(S, R[k - 1]) -
+                                          columnFlops(s, R[k]) +
+                                          S * (2.0 * r.scalarsF + r.fresh * (S + 2.0)) +
+                                          s * (2.0 * scalarsOnlyH + onlyH * (s + 2.0));
+                join = flopsAdded <= w * opsSaved;
+                if (join) {
+                    S = S2;
+                    ownCols += own;
+                    T = T2;
+                    rowsReached = reached2;
+                    zeros = (cols - ownCols) + (S2 * T2 - reached2);
+                }
             }
-        }
-        if (!join) {
-            if (k > 0) {
-                groupSize[g] = static_cast<unsigned int>(S);
-                totalZeros += zeros;
-                ++g;
+            if (!join) {
+                if (k > 0) {
+                    groupSize[g] = static_cast<unsigned int>(S);
+                    base[g] = R[k - 1];
+                    Cg[g] = C[k - 1];
+                    totalZeros += zeros;
+                    ++g;
+                }
+                groupStart.push_back(k);
+                start = k;
+                scanRow(k, k, r);
+                S = s;
+                ownCols = own;
+                T = r.all;
+                rowsReached = s * r.all;
+                P = 0.0;
+                zeros = 0.0;
             }
-            groupStart.push_back(k);
-            start = k;
-            scanRow(k, k, all, fresh);
-            S = s;
-            ownCols = own;
-            T = all;
-            rowsReached = s * all;
-            zeros = 0.0;
+            markRow(k, start, s);
+            groupOf[k] = g;
+            offsetInGroup[k] = static_cast<unsigned int>(S - s);
         }
-        markRow(k, start);
-        groupOf[k] = g;
-        offsetInGroup[k] = static_cast<unsigned int>(S - s);
     }
     totalZeros += zeros;
     groupStart.push_back(n);
