@@ -125,6 +125,60 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
     }
 }
 
+// C −= A·Bᵀ on the lower triangle of the square n × n block C (row stride ldc) and possibly some entries just
+// above it, for the update of a diagonal block: the entries on and below the diagonal get exactly the values
+// that tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k) gives them (the same special cases, the same
+// sums), while the strict upper triangle, which the dense factorization never reads and then zeroes, is
+// mostly left alone. A, B: n × k (row strides lda, ldb).
+inline void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n,
+                             int k) {
+    if (n <= 0 || k <= 0) return;
+    for (int i = 0; i < n; ++i) {  // the float kernel's loop, columns j <= i
+        const float* Ai = A + static_cast<long>(i) * lda;
+        float* Ci = C + static_cast<long>(i) * ldc;
+        for (int j = 0; j <= i; ++j) {
+            const float* Bj = B + static_cast<long>(j) * ldb;
+            float c = Ci[j];
+            for (int p = 0; p < k; ++p) c -= Ai[p] * Bj[p];  // c_ij -= a_ip b_jp
+            Ci[j] = c;
+        }
+    }
+}
+inline void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n,
+                             int k) {
+    if (n <= 0 || k <= 0) return;
+    if (n == 1 || k == 1) {  // the kernel's scalar shapes: whole square, nothing to save
+        tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k);
+        return;
+    }
+    // The kernel's 2×2 blocks with two-lane sums over p (lane 0 even p, lane 1 odd p), for the blocks
+    // (i, j) with j <= i.
+    for (int i = 0; i < n; i += 2) {
+        const double* A0 = A + static_cast<long>(i) * lda;
+        const double* A1 = A0 + lda;
+        double* C0 = C + static_cast<long>(i) * ldc;
+        double* C1 = C0 + ldc;
+        for (int j = 0; j <= i; j += 2) {
+            const double* B0 = B + static_cast<long>(j) * ldb;
+            const double* B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
+                    s11 = _mm_setzero_pd();
+            for (int p = 0; p < k; p += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + p), a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p), b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
+            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+            _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), r0));
+            _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), r1));
+        }
+    }
+}
+
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries

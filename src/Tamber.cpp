@@ -466,10 +466,11 @@ void Tamber::factorSerial(TamberData<T>& data) {
             const unsigned int k = cols[e];
             const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
             const T* LDik = f.scaled(e, i, k);
-            // L_ii -= L(i, k)·LD(i, k)ᵀ over the whole square
-            tamber_MM_CM_ABt(L.blockPointers[e], static_cast<int>(p_k), LDik, static_cast<int>(p_k), Lii,
-                             static_cast<int>(p_i), static_cast<int>(s_i), static_cast<int>(s_i),
-                             static_cast<int>(s_k));
+            // L_ii -= L(i, k)·LD(i, k)ᵀ on its lower triangle (the values the whole-square product gives
+            // there; the upper triangle is never read and ends up zero)
+            factorCommon::subtractABtLower(L.blockPointers[e], static_cast<int>(p_k), LDik,
+                                           static_cast<int>(p_k), Lii, static_cast<int>(p_i),
+                                           static_cast<int>(s_i), static_cast<int>(s_k));
         }
 
         // Dense L_ii·D_i·L_iiᵀ in place without pivoting, row by row; strict upper triangle zeroed.
