@@ -22,6 +22,15 @@ inline unsigned int padded(unsigned int s) {
     return padded(s, static_cast<const T*>(nullptr));
 }
 
+// to[0 .. count) = from[0 .. count) for tiles: 16-byte aligned and, for double, of even length; whole 16-byte
+// moves inline, since a library call costs more than the copy for the small tiles of physics systems.
+inline void copyTile(double* to, const double* from, unsigned long count) {
+    for (unsigned long q = 0; q < count; q += 2) _mm_store_pd(to + q, _mm_load_pd(from + q));
+}
+inline void copyTile(float* to, const float* from, unsigned long count) {
+    for (unsigned long q = 0; q < count; ++q) to[q] = from[q];
+}
+
 // W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
 // row by row, forward substitution with the strictly lower part.
 // float: tamber_SM_UD, which divides by the stored diagonal of L_jj; that diagonal is exactly 1, so the

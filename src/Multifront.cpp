@@ -461,7 +461,8 @@ void MultifrontManager<T>::assembleNode(unsigned int x) {
         const unsigned long bytes = factorCommon::padded<T>(preparedSizes[colRows[k]]) * p_x * sizeof(T);
         const unsigned int a = inputBlocks[e];
         if (a != noNode) {
-            std::memcpy(static_cast<void*>(F), inputTiles[a], bytes);  // p_r·p_x: the tile with its padding
+            factorCommon::copyTile(F, inputTiles[a],
+                                   bytes / sizeof(T));  // p_r·p_x: the tile with its padding
         } else {
             std::memset(static_cast<void*>(F), 0, bytes);
         }
@@ -611,9 +612,8 @@ void Worker<T>::process(unsigned int j) {
         __builtin_prefetch(line + 128, 1);
         __builtin_prefetch(line + 192, 1);
         fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
-        std::memcpy(
-            static_cast<void*>(LD.blockPointers[blocks[k]]), W,
-            static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j * sizeof(T));  // with its zero padding
+        fc::copyTile(LD.blockPointers[blocks[k]], W,
+                     static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j);  // with its zero padding
         LD.blockFlags[blocks[k]] = 1;
         for (unsigned int c = 0; c < s_j; ++c) {
             const T q = T(1) / dj[c];

@@ -93,17 +93,8 @@ void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
 template <typename T>
 void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, unsigned int j, T* X,
                unsigned long count) {
-    // Tiles are 16-byte aligned and, for double, of even length: whole 16-byte moves, inline (the library
-    // call costs more than the copy for the small tiles of physics systems).
     if (a < aEnd && A.rowIndices[a] == j) {
-        const T* const from = A.blockPointers[a++];
-        if (sizeof(T) == sizeof(double)) {
-            const double* f = reinterpret_cast<const double*>(from);
-            double* t = reinterpret_cast<double*>(X);
-            for (unsigned long q = 0; q < count; q += 2) _mm_store_pd(t + q, _mm_load_pd(f + q));
-        } else {
-            std::memcpy(static_cast<void*>(X), from, count * sizeof(T));
-        }
+        factorCommon::copyTile(X, A.blockPointers[a++], count);
     } else {
         std::memset(static_cast<void*>(X), 0, count * sizeof(T));
     }
