@@ -275,6 +275,8 @@ public:
     // node indices followed by maxColumn cursors.
     kiv::VectorPOD<unsigned char*> threadMarks;
     kiv::VectorPOD<int*> threadStacks;
+    // Per thread: the reciprocal pivots of the node being solved (largest padded block size), scratch pad.
+    kiv::VectorPOD<T*> threadReciprocals;
 
     // Length of the longest column of the pattern.
     unsigned int maxColumn = 0;

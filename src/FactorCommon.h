@@ -188,6 +188,31 @@ inline void subtractABtLower(const double* A, int lda, const double* B, int ldb,
     }
 }
 
+// Writes the unit lower block held in l (entries c < r of row r) to W (row stride p): the diagonal 1, the
+// strict upper triangle 0. For double, whole pairs of columns (the padding column of an odd S written 0, as
+// it already is), so that the next reads of the block, in pairs, do not stall on store forwarding.
+template <int S>
+inline void storeUnitLower(double* W, unsigned int p, const double (*l)[S > 0 ? S : 1]) {
+    constexpr int P = (S + 1) & ~1;
+    for (int r = 0; r < S; ++r) {
+        double* const w = W + static_cast<unsigned long>(r) * p;
+        for (int c = 0; c < P; c += 2) {
+            const double v0 = c < r ? l[r][c] : c == r ? 1.0 : 0.0;
+            const double v1 = c + 1 < r ? l[r][c + 1] : c + 1 == r ? 1.0 : 0.0;
+            _mm_store_pd(w + c, _mm_set_pd(v1, v0));
+        }
+    }
+}
+template <int S>
+inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S : 1]) {
+    for (int r = 0; r < S; ++r) {
+        float* const w = W + static_cast<unsigned long>(r) * p;
+        for (int c = 0; c < r; ++c) w[c] = l[r][c];
+        w[r] = 1.0f;
+        for (int c = r + 1; c < S; ++c) w[c] = 0.0f;
+    }
+}
+
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries
@@ -224,13 +249,8 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
                 l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
             }
         }
-        for (int r = 0; r < S; ++r) {
-            T* const w = W + static_cast<unsigned long>(r) * p;
-            for (int c = 0; c < r; ++c) w[c] = l[r][c];
-            w[r] = T(1);
-            for (int c = r + 1; c < S; ++c) w[c] = T(0);
-            d[r] = dd[r];
-        }
+        storeUnitLower<S>(W, p, l);
+        for (int r = 0; r < S; ++r) d[r] = dd[r];
         return;
     }
     const unsigned int s = sDynamic;

@@ -24,6 +24,16 @@ namespace kivTamber {
 namespace {
 
 constexpr unsigned int noNode = 0xFFFFFFFFu;
+// Scratch-pad slots of the per-thread reciprocal pivots (float or double arrays), one per thread from the
+// base.
+constexpr unsigned long reciprocalSlotBase = 0x100100;
+inline float* reciprocalSlot(ScratchPad& pad, unsigned long slot, unsigned long count, const float*) {
+    return pad.getFloatArray(slot, count);
+}
+inline double* reciprocalSlot(ScratchPad& pad, unsigned long slot, unsigned long count, const double*) {
+    return pad.getDoubleArray(slot, count);
+}
+
 // Node owners are 8-bit thread indices.
 constexpr unsigned int maxOwners = 256;
 // Estimated cost of handing a subtree's update from one thread to another (lock, wait, cache misses), in
@@ -542,6 +552,88 @@ namespace {
 
 namespace fc = factorCommon;
 
+// The end of an off-diagonal front block of a small double node j, in one pass with two rows in registers:
+// W ← W·L_jj⁻ᵀ (solveUnitDiagonal), LD(r, j) = W (with its zero padding, rows included) and L(r, j) =
+// W·diag(recip), the same operations as the separate steps; stores are whole pairs of columns, so that the
+// next reads of the tiles do not stall on store forwarding. W: the s_r × S front tile (row stride P), Ljj the
+// unit lower diagonal block, LDrj the LD tile (P·P' elements, P' = s_r rounded up to even), recip: P
+// reciprocal pivots (padding 0).
+template <int S>
+void finishFrontBlockFixed(const double* Ljj, double* W, double* LDrj, unsigned int s_r,
+                           const double* recip) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    unsigned int r = 0;
+    for (; r + 1 < s_r; r += 2) {
+        double* w0 = W + static_cast<unsigned long>(r) * P;
+        double* w1 = w0 + P;
+        __m128d v[P];
+        for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+        for (int c = 1; c < S; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * P;
+            __m128d sum = _mm_setzero_pd();
+            for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
+            v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
+        }
+        double* ld0 = LDrj + static_cast<unsigned long>(r) * P;
+        double* ld1 = ld0 + P;
+        for (unsigned int c = 0; c < P; c += 2) {
+            const __m128d x0 = _mm_unpacklo_pd(v[c], v[c + 1]), x1 = _mm_unpackhi_pd(v[c], v[c + 1]);
+            const __m128d q = _mm_loadu_pd(recip + c);
+            _mm_store_pd(ld0 + c, x0);
+            _mm_store_pd(ld1 + c, x1);
+            _mm_store_pd(w0 + c, _mm_mul_pd(x0, q));  // l = w / d_c
+            _mm_store_pd(w1 + c, _mm_mul_pd(x1, q));
+        }
+    }
+    if (r < s_r) {  // an odd last row, then the zero padding row of LD
+        double* w = W + static_cast<unsigned long>(r) * P;
+        double v[P];
+        for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
+        for (int c = 1; c < S; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * P;
+            double sum = 0.0;
+            for (int t = 0; t < c; ++t) sum += l[t] * v[t];
+            v[c] -= sum;
+        }
+        double* ld = LDrj + static_cast<unsigned long>(r) * P;
+        for (unsigned int c = 0; c < P; ++c) {
+            ld[c] = v[c];
+            w[c] = v[c] * recip[c];
+            ld[P + c] = 0.0;
+        }
+    }
+}
+
+// finishFrontBlockFixed for node sizes 1 to 6 of double; false (nothing done) otherwise.
+inline bool finishFrontBlock(const double* Ljj, double* W, double* LDrj, unsigned int s_r, unsigned int s_j,
+                             const double* recip) {
+    switch (s_j) {
+        case 1:
+            finishFrontBlockFixed<1>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 2:
+            finishFrontBlockFixed<2>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 3:
+            finishFrontBlockFixed<3>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 4:
+            finishFrontBlockFixed<4>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 5:
+            finishFrontBlockFixed<5>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 6:
+            finishFrontBlockFixed<6>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        default:
+            return false;
+    }
+}
+inline bool finishFrontBlock(const float*, float*, float*, unsigned int, unsigned int, const float*) {
+    return false;  // float keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal)
+}
+
 // What a worker needs to eliminate its nodes.
 template <typename T>
 struct Worker {
@@ -554,6 +646,7 @@ struct Worker {
     const unsigned int* offsets;
     T* d;
     unsigned int* cursors;  // [maxColumn] work array of the update step
+    T* reciprocals;         // [largest padded block size] the reciprocal pivots of the node being solved
     unsigned char t;
 
     void process(unsigned int j);
@@ -603,6 +696,10 @@ void Worker<T>::process(unsigned int j) {
     LD.blockFlags[blocks[0]] = 1;
 
     // 3. Off-diagonal blocks, in place in L(r, j): W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
+    // The reciprocal pivots once per node (padding 0): the same quotients for every block.
+    T* const recip = reciprocals;
+    for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
+    for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);
     for (unsigned int k = 1; k <= m; ++k) {
         T* const W = F[k];
         const unsigned int s_r = sizes[rows[k]];
@@ -611,12 +708,13 @@ void Worker<T>::process(unsigned int j) {
         __builtin_prefetch(line + 64, 1);
         __builtin_prefetch(line + 128, 1);
         __builtin_prefetch(line + 192, 1);
+        LD.blockFlags[blocks[k]] = 1;
+        if (finishFrontBlock(Ljj, W, LD.blockPointers[blocks[k]], s_r, s_j, recip)) continue;
         fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
         fc::copyTile(LD.blockPointers[blocks[k]], W,
                      static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j);  // with its zero padding
-        LD.blockFlags[blocks[k]] = 1;
         for (unsigned int c = 0; c < s_j; ++c) {
-            const T q = T(1) / dj[c];
+            const T q = recip[c];
             for (unsigned int r = 0; r < s_r; ++r)
                 W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
         }
@@ -791,9 +889,15 @@ void Tamber::factorMF(TamberData<T>& data) {
     if (nb > 0) {
         M.threadMarks.resize(M.numOwners);
         M.threadStacks.resize(M.numOwners);
+        M.threadReciprocals.resize(M.numOwners);
+        unsigned long largest = 2;
+        for (unsigned long j = 0; j < nb; ++j)
+            largest = std::max<unsigned long>(largest, factorCommon::padded<T>(sizes[j]));
         for (unsigned int t = 0; t < M.numOwners; ++t) {
             M.threadMarks[t] = data.scratchPad.getUCharArray(t, nb);
             M.threadStacks[t] = data.scratchPad.getIntArray(t, nb + 1 + M.maxColumn);
+            M.threadReciprocals[t] = reciprocalSlot(data.scratchPad, reciprocalSlotBase + t, largest,
+                                                    static_cast<const T*>(nullptr));
         }
 
         // The task lives on this frame for the length of the call, so that a factorization allocates
@@ -852,6 +956,7 @@ void MfWrapper<T>::doThreadedFactor() {
                                 D.factor.blockOffsets,
                                 D.diagonal.data,
                                 reinterpret_cast<unsigned int*>(stack + numBlocks + 1),
+                                M.threadReciprocals[t],
                                 static_cast<unsigned char>(t)};
     const MfNode<T>* const nodes = M.nodes.data();
     const unsigned int* const firstChild = M.firstChild.data();
