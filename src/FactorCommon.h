@@ -213,6 +213,33 @@ inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S 
     }
 }
 
+// Rows w0 and w1 of an s × S block (S ≤ 6 fixed, row stride P = S rounded up to even, zero padding), one per
+// lane: v[c] = (w0[c], w1[c]) for c < P, then v ← v·L_jj⁻ᵀ with the unit lower block L_jj (row stride P),
+// the sums of solveUnitDiagonal in the same order. The caller stores v, transposed back to rows in pairs.
+template <int S>
+inline void solveRowPair(const double* Ljj, const double* w0, const double* w1, __m128d* v) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+    for (int c = 1; c < S; ++c) {
+        const double* l = Ljj + static_cast<unsigned long>(c) * P;
+        __m128d sum = _mm_setzero_pd();
+        for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
+        v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
+    }
+}
+// The same for one row: v[c] = w[c], then v ← v·L_jj⁻ᵀ.
+template <int S>
+inline void solveRow(const double* Ljj, const double* w, double* v) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
+    for (int c = 1; c < S; ++c) {
+        const double* l = Ljj + static_cast<unsigned long>(c) * P;
+        double sum = 0.0;
+        for (int t = 0; t < c; ++t) sum += l[t] * v[t];
+        v[c] -= sum;
+    }
+}
+
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries

@@ -567,13 +567,7 @@ void finishFrontBlockFixed(const double* Ljj, double* W, double* LDrj, unsigned 
         double* w0 = W + static_cast<unsigned long>(r) * P;
         double* w1 = w0 + P;
         __m128d v[P];
-        for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
-        for (int c = 1; c < S; ++c) {
-            const double* l = Ljj + static_cast<unsigned long>(c) * P;
-            __m128d sum = _mm_setzero_pd();
-            for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
-            v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
-        }
+        factorCommon::solveRowPair<S>(Ljj, w0, w1, v);
         double* ld0 = LDrj + static_cast<unsigned long>(r) * P;
         double* ld1 = ld0 + P;
         for (unsigned int c = 0; c < P; c += 2) {
@@ -588,13 +582,7 @@ void finishFrontBlockFixed(const double* Ljj, double* W, double* LDrj, unsigned 
     if (r < s_r) {  // an odd last row, then the zero padding row of LD
         double* w = W + static_cast<unsigned long>(r) * P;
         double v[P];
-        for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
-        for (int c = 1; c < S; ++c) {
-            const double* l = Ljj + static_cast<unsigned long>(c) * P;
-            double sum = 0.0;
-            for (int t = 0; t < c; ++t) sum += l[t] * v[t];
-            v[c] -= sum;
-        }
+        factorCommon::solveRow<S>(Ljj, w, v);
         double* ld = LDrj + static_cast<unsigned long>(r) * P;
         for (unsigned int c = 0; c < P; ++c) {
             ld[c] = v[c];

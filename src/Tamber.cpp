@@ -141,13 +141,7 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
         double* w0 = W + static_cast<unsigned long>(r) * P;
         double* w1 = w0 + P;
         __m128d v[P];
-        for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
-        for (int c = 1; c < S; ++c) {
-            const double* l = Ljj + static_cast<unsigned long>(c) * P;
-            __m128d sum = _mm_setzero_pd();
-            for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
-            v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
-        }
+        factorCommon::solveRowPair<S>(Ljj, w0, w1, v);
         double* ld0 = LDij + static_cast<unsigned long>(r) * P;
         double* ld1 = ld0 + P;
         for (unsigned int c = 0; c < P; c += 2) {
@@ -163,13 +157,7 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
     if (r < s_i) {
         double* w = W + static_cast<unsigned long>(r) * P;
         double v[P];
-        for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
-        for (int c = 1; c < S; ++c) {
-            const double* l = Ljj + static_cast<unsigned long>(c) * P;
-            double sum = 0.0;
-            for (int t = 0; t < c; ++t) sum += l[t] * v[t];
-            v[c] -= sum;
-        }
+        factorCommon::solveRow<S>(Ljj, w, v);
         double* ld = LDij + static_cast<unsigned long>(r) * P;
         for (unsigned int c = 0; c < P; ++c) {
             w[c] = v[c] * recip[c];
