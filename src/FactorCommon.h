@@ -3,8 +3,14 @@
 #define KIVTAMBER_SRC_FACTORCOMMON_H
 
 #include <emmintrin.h>
+#include <kiv/Abort.h>
+
+#include <cstdio>
+#include <cstring>
 
 #include "Kernels.h"
+#include "SkeletonMatrix.h"
+#include "SparseTypes.h"
 
 namespace kivTamber {
 namespace factorCommon {
@@ -29,6 +35,58 @@ inline void copyTile(double* to, const double* from, unsigned long count) {
 }
 inline void copyTile(float* to, const float* from, unsigned long count) {
     for (unsigned long q = 0; q < count; ++q) to[q] = from[q];
+}
+
+// Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
+[[noreturn]] inline void outOfBlocks(unsigned long used, unsigned long capacity) {
+    char message[96];
+    std::snprintf(message, sizeof message, "Not enough memory, %lu %lu", used, capacity);
+    kiv::abort(message);
+}
+
+// Lays out X (sized for the pattern) with one tile per entry of the filled pattern S in pattern order, as
+// acquireBlock would (block index = entry index, flags 0, tiles back to back at their padded sizes), without
+// clearing the values. With zeroWhenChanged (the serial factorization, which writes every element of every
+// tile except the padding rows of tiles whose block row has an odd size, double): those rows are zero
+// whenever X last held this very layout, because nothing writes them; otherwise the used value range is
+// zeroed here, once. Without it (the multifrontal workers write every element) nothing is zeroed.
+template <typename T>
+void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
+                  bool zeroWhenChanged) {
+    const unsigned long nb = S.n;
+    const unsigned int* rowStart = S.colPointers;
+    const unsigned int* cols = S.rowIndices;
+    if (X.colPointers == nullptr) {  // nb = 0 on a matrix that never held a layout
+        X.numBlocks = 0;
+        return;
+    }
+    bool same = X.numBlocks == S.numEntries();
+    unsigned long k = 0, at = 0;
+    unsigned int offset = 0;
+    for (unsigned int i = 0; i < nb; ++i) {
+        const unsigned int s_i = sizes[i], p_i = padded<T>(s_i);
+        same = same && X.colPointers[i] == k && X.blockSizes[i] == s_i;
+        X.colPointers[i] = static_cast<unsigned int>(k);
+        X.blockSizes[i] = s_i;
+        X.blockStrides[i] = p_i;
+        X.blockOffsets[i] = offset;
+        offset += s_i;
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e, ++k) {
+            if (k >= X.blockCapacity) outOfBlocks(k, X.blockCapacity);
+            const unsigned int j = cols[e];
+            same = same && X.rowIndices[k] == j && X.blockPointers[k] == X.values + at;
+            X.rowIndices[k] = j;
+            X.blockFlags[k] = 0;
+            X.blockPointers[k] = X.values + at;
+            at += static_cast<unsigned long>(p_i) * padded<T>(sizes[j]);
+        }
+    }
+    X.colPointers[nb] = static_cast<unsigned int>(k);
+    X.blockSizes[nb] = offset;
+    X.numBlocks = k;
+    X.numBlockCols = nb;
+    if (k < X.blockCapacity) X.blockPointers[k] = X.values + at;
+    if (zeroWhenChanged && !same && at > 0) std::memset(static_cast<void*>(X.values), 0, at * sizeof(T));
 }
 
 // W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
@@ -138,55 +196,10 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
 // above it, for the update of a diagonal block: the entries on and below the diagonal get exactly the values
 // that tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k) gives them (the same special cases, the same
 // sums), while the strict upper triangle, which the dense factorization never reads and then zeroes, is
-// mostly left alone. A, B: n × k (row strides lda, ldb).
-inline void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n,
-                             int k) {
-    if (n <= 0 || k <= 0) return;
-    for (int i = 0; i < n; ++i) {  // the float kernel's loop, columns j <= i
-        const float* Ai = A + static_cast<long>(i) * lda;
-        float* Ci = C + static_cast<long>(i) * ldc;
-        for (int j = 0; j <= i; ++j) {
-            const float* Bj = B + static_cast<long>(j) * ldb;
-            float c = Ci[j];
-            for (int p = 0; p < k; ++p) c -= Ai[p] * Bj[p];  // c_ij -= a_ip b_jp
-            Ci[j] = c;
-        }
-    }
-}
-inline void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n,
-                             int k) {
-    if (n <= 0 || k <= 0) return;
-    if (n == 1 || k == 1) {  // the kernel's scalar shapes: whole square, nothing to save
-        tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k);
-        return;
-    }
-    // The kernel's 2×2 blocks with two-lane sums over p (lane 0 even p, lane 1 odd p), for the blocks
-    // (i, j) with j <= i.
-    for (int i = 0; i < n; i += 2) {
-        const double* A0 = A + static_cast<long>(i) * lda;
-        const double* A1 = A0 + lda;
-        double* C0 = C + static_cast<long>(i) * ldc;
-        double* C1 = C0 + ldc;
-        for (int j = 0; j <= i; j += 2) {
-            const double* B0 = B + static_cast<long>(j) * ldb;
-            const double* B1 = B0 + ldb;
-            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
-                    s11 = _mm_setzero_pd();
-            for (int p = 0; p < k; p += 2) {
-                const __m128d a0 = _mm_load_pd(A0 + p), a1 = _mm_load_pd(A1 + p);
-                const __m128d b0 = _mm_load_pd(B0 + p), b1 = _mm_load_pd(B1 + p);
-                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
-                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
-                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
-                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
-            }
-            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
-            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
-            _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), r0));
-            _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), r1));
-        }
-    }
-}
+// mostly left alone. A, B: n × k (row strides lda, ldb). The kernel's own loops, cut at the diagonal
+// (src/Kernels.cpp).
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k);
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k);
 
 // Writes the unit lower block held in l (entries c < r of row r) to W (row stride p): the diagonal 1, the
 // strict upper triangle 0. For double, whole pairs of columns (the padding column of an odd S written 0, as

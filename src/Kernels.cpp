@@ -4,6 +4,8 @@
 #include <emmintrin.h>
 #include <xmmintrin.h>
 
+#include "FactorCommon.h"
+
 namespace kivTamber {
 
 namespace {
@@ -33,14 +35,15 @@ void mmAtB(const T* __restrict A, int lda, const T* __restrict B, int ldb, T* __
     }
 }
 
-// C ∓= A·Bᵀ for float: sequential summation of the k terms into each C[i][j].
-template <int Sign>
+// C ∓= A·Bᵀ for float: sequential summation of the k terms into each C[i][j]. Lower: only j <= i (n = m).
+template <int Sign, bool Lower = false>
 void mmABtFloat(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int m, int k) {
     if (n <= 0 || m <= 0 || k <= 0) return;
     for (int i = 0; i < n; ++i) {
         const float* Ai = A + at(i, lda, 0);
         float* Ci = C + at(i, ldc, 0);
-        for (int j = 0; j < m; ++j) {
+        const int jEnd = Lower ? i + 1 : m;
+        for (int j = 0; j < jEnd; ++j) {
             const float* Bj = B + at(j, ldb, 0);
             float c = Ci[j];
             if (Sign < 0) {
@@ -55,7 +58,8 @@ void mmABtFloat(const float* A, int lda, const float* B, int ldb, float* C, int 
 
 // C ∓= A·Bᵀ for double, 2×2 register blocks of C with two-lane vectors over p (lane 0: even p, lane 1: odd
 // p). Aligned loads and stores throughout; n, m, k are rounded up to even (the caller provides zero padding).
-template <int Sign>
+// Lower (n = m): only the 2×2 blocks that reach the diagonal or lie below it.
+template <int Sign, bool Lower = false>
 void mmABtDoubleBlocked(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int m,
                         int k) {
     for (int i = 0; i < n; i += 2) {
@@ -63,7 +67,8 @@ void mmABtDoubleBlocked(const double* A, int lda, const double* B, int ldb, doub
         const double* A1 = A0 + lda;
         double* C0 = C + at(i, ldc, 0);
         double* C1 = C0 + ldc;
-        for (int j = 0; j < m; j += 2) {
+        const int jEnd = Lower ? i + 1 : m;
+        for (int j = 0; j < jEnd; j += 2) {
             _mm_prefetch(reinterpret_cast<const char*>(C0 + j), _MM_HINT_T0);
             _mm_prefetch(reinterpret_cast<const char*>(C1 + j), _MM_HINT_T0);
             const double* B0 = B + at(j, ldb, 0);
@@ -244,6 +249,23 @@ void tamber_MM_CP_ABt(const double* A, int lda, const double* B, int ldb, double
     if (n <= 0 || m <= 0 || k <= 0) return;
     mmABtDoubleBlocked<+1>(A, lda, B, ldb, C, ldc, n, m, k);
 }
+
+namespace factorCommon {
+
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k) {
+    mmABtFloat<-1, true>(A, lda, B, ldb, C, ldc, n, n, k);
+}
+
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k) {
+    if (n <= 0 || k <= 0) return;
+    if (n == 1 || k == 1) {  // the kernel's scalar shapes: whole square, nothing to save
+        tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k);
+        return;
+    }
+    mmABtDoubleBlocked<-1, true>(A, lda, B, ldb, C, ldc, n, n, k);
+}
+
+}  // namespace factorCommon
 
 // ------------------------------------------------------------------------------------------ MV with alpha
 

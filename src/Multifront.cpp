@@ -42,13 +42,6 @@ constexpr double handOverCost = 1500.0;
 // Estimated fixed cost of one block operation (call, loop set-up), in flops.
 constexpr double blockOpCost = 30.0;
 
-// Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
-[[noreturn]] void outOfBlocks(unsigned long used, unsigned long capacity) {
-    char message[96];
-    std::snprintf(message, sizeof message, "Not enough memory, %lu %lu", used, capacity);
-    kiv::abort(message);
-}
-
 // Processors of the machine, read once.
 unsigned int processorCount() {
     static const unsigned int count = std::thread::hardware_concurrency();
@@ -821,46 +814,22 @@ void Tamber::factorMF(TamberData<T>& data) {
         X->setSize(nb, nb, numEntries, M.factorCapacity);
     }
 
-    // Every block of L and LD in pattern order (block index = pattern entry, LD flags 0), inline, with the
-    // capacity check of SparseMatrix::acquireBlock; no values are copied: the input enters through the
-    // fronts. Note where each input block is.
+    // Every block of L and LD in pattern order (block index = pattern entry, LD flags 0), with the capacity
+    // check of SparseMatrix::acquireBlock; no values are copied: the input enters through the fronts. Note
+    // where each input block is.
+    factorCommon::layoutFactor(L, S, sizes, false);
+    factorCommon::layoutFactor(LD, S, sizes, false);
     M.inputBlocks.resize(numEntries);
-    unsigned int offset = 0;
-    unsigned long k = 0, at = 0;
     for (unsigned int i = 0; i < nb; ++i) {
-        const unsigned int s_i = sizes[i], p_i = factorCommon::padded<T>(s_i);
-        for (SparseMatrix<T>* X : {&L, &LD}) {
-            X->colPointers[i] = static_cast<unsigned int>(k);
-            X->blockSizes[i] = s_i;
-            X->blockStrides[i] = p_i;
-            X->blockOffsets[i] = offset;
-        }
-        offset += s_i;
         unsigned int a = A.colPointers[i];
         const unsigned int aEnd = A.colPointers[i + 1];
-        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e, ++k) {
-            const unsigned int j = cols[e];
-            if (k >= L.blockCapacity) outOfBlocks(k, L.blockCapacity);
-            if (k >= LD.blockCapacity) outOfBlocks(k, LD.blockCapacity);
-            L.rowIndices[k] = j;
-            LD.rowIndices[k] = j;
-            L.blockFlags[k] = 0;
-            LD.blockFlags[k] = 0;
-            L.blockPointers[k] = L.values + at;
-            LD.blockPointers[k] = LD.values + at;
-            at += static_cast<unsigned long>(p_i) * factorCommon::padded<T>(sizes[j]);
-            if (a < aEnd && A.rowIndices[a] == j) {
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+            if (a < aEnd && A.rowIndices[a] == cols[e]) {
                 M.inputBlocks[e] = a++;
             } else {
                 M.inputBlocks[e] = MultifrontManager<T>::noNode;
             }
         }
-    }
-    for (SparseMatrix<T>* X : {&L, &LD}) {
-        X->colPointers[nb] = static_cast<unsigned int>(k);
-        X->blockSizes[nb] = offset;
-        X->numBlocks = k;
-        if (k < X->blockCapacity) X->blockPointers[k] = X->values + at;
     }
 
     data.diagonal.resize(M.scalarSize);

@@ -33,60 +33,12 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count) {
     return pad.getDoubleArray(0, count);
 }
 
+using factorCommon::layoutFactor;
+using factorCommon::outOfBlocks;
 using factorCommon::solveUnitDiagonal;
 
 // Scratch-pad int slot of the serial factorization's row map.
 constexpr unsigned long serialMapSlot = 0x100010;
-
-// Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
-[[noreturn]] void outOfBlocks(unsigned long used, unsigned long capacity) {
-    char message[96];
-    std::snprintf(message, sizeof message, "Not enough memory, %lu %lu", used, capacity);
-    kiv::abort(message);
-}
-
-// Lays out X (sized for the pattern) with one tile per entry of the filled pattern S in pattern order, as
-// acquireBlock would (block index = entry index, flags 0, tiles back to back at their padded sizes), without
-// clearing the values. The factorization writes every element of every tile except the padding rows of
-// tiles whose block row has an odd size (double); those are zero whenever X last held this very layout,
-// because nothing writes them. Otherwise the used value range is zeroed here, once.
-template <typename T>
-void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes) {
-    const unsigned long nb = S.n;
-    const unsigned int* rowStart = S.colPointers;
-    const unsigned int* cols = S.rowIndices;
-    if (X.colPointers == nullptr) {  // nb = 0 on a matrix that never held a layout
-        X.numBlocks = 0;
-        return;
-    }
-    bool same = X.numBlocks == S.numEntries();
-    unsigned long k = 0, at = 0;
-    unsigned int offset = 0;
-    for (unsigned int i = 0; i < nb; ++i) {
-        const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
-        same = same && X.colPointers[i] == k && X.blockSizes[i] == s_i;
-        X.colPointers[i] = static_cast<unsigned int>(k);
-        X.blockSizes[i] = s_i;
-        X.blockStrides[i] = p_i;
-        X.blockOffsets[i] = offset;
-        offset += s_i;
-        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e, ++k) {
-            if (k >= X.blockCapacity) outOfBlocks(k, X.blockCapacity);
-            const unsigned int j = cols[e];
-            same = same && X.rowIndices[k] == j && X.blockPointers[k] == X.values + at;
-            X.rowIndices[k] = j;
-            X.blockFlags[k] = 0;
-            X.blockPointers[k] = X.values + at;
-            at += static_cast<unsigned long>(p_i) * Layout<T>::padded(sizes[j]);
-        }
-    }
-    X.colPointers[nb] = static_cast<unsigned int>(k);
-    X.blockSizes[nb] = offset;
-    X.numBlocks = k;
-    X.numBlockCols = nb;
-    if (k < X.blockCapacity) X.blockPointers[k] = X.values + at;
-    if (!same && at > 0) std::memset(static_cast<void*>(X.values), 0, at * sizeof(T));
-}
 
 // X ← the input block (i, j) of A when row i's next input entry (at position a, before aEnd) is column j,
 // stepping past it; X ← 0 for a fill block. count = s_i·p_j elements.
@@ -368,8 +320,8 @@ void Tamber::factorSerial(TamberData<T>& data) {
     }
     L.setSize(nb, nb, numEntries, capacity);
     LD.setSize(nb, nb, numEntries, capacity);
-    layoutFactor(L, S, sizes);
-    layoutFactor(LD, S, sizes);
+    layoutFactor(L, S, sizes, true);
+    layoutFactor(LD, S, sizes, true);
 
     unsigned long N = 0;
     for (unsigned long b = 0; b < nb; ++b) N += sizes[b];
