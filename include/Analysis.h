@@ -317,8 +317,19 @@ public:
     // diagonal block in full), into its place in data.matrix, transposed when the permutation moved it
     // across the diagonal, and also transposed when both blocks share a group (merging); clears
     // data.isFactored. The destinations were computed by analyze: one tight copy loop per entry.
+    // Returns false, writing nothing, when `entry` is not an entry of the pattern (noEntry included) or
+    // `values` is null. The values must hold entryRows(e) × entryCols(e) elements (not checkable here).
     template <typename T, typename V>
-    void setBlock(TamberData<T>& data, unsigned long entry, const V* values) const;
+    bool setBlock(TamberData<T>& data, unsigned long entry, const V* values) const;
+
+    // The same with the block given as its transpose A(j, i) = A(i, j)ᵀ, s_j × s_i row-major: the form in
+    // which a physics engine holds a Jacobian block J(c, b) of a constraint c on a body b < c.
+    template <typename T, typename V>
+    bool setBlockTransposed(TamberData<T>& data, unsigned long entry, const V* values) const;
+
+    // Rows s_i and columns s_j of entry e = (i, j); 0 when e is not an entry.
+    unsigned int entryRows(unsigned long entry) const;
+    unsigned int entryCols(unsigned long entry) const;
 
     // setBlock for every entry e, its values at values + valuePointers[e] (valuePointers: [numEntries()]).
     template <typename T, typename V>
@@ -339,13 +350,21 @@ private:
 
 extern template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);
 extern template Report Analyzer::analyze<double>(const Problem&, const Options&, TamberData<double>&);
-extern template void Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
-extern template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long,
+extern template bool Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
+extern template bool Analyzer::setBlockTransposed<float, float>(TamberData<float>&, unsigned long,
+                                                                const float*) const;
+extern template bool Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long,
                                                        const double*) const;
-extern template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long,
+extern template bool Analyzer::setBlockTransposed<float, double>(TamberData<float>&, unsigned long,
+                                                                 const double*) const;
+extern template bool Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long,
                                                        const float*) const;
-extern template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long,
+extern template bool Analyzer::setBlockTransposed<double, float>(TamberData<double>&, unsigned long,
+                                                                 const float*) const;
+extern template bool Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long,
                                                         const double*) const;
+extern template bool Analyzer::setBlockTransposed<double, double>(TamberData<double>&, unsigned long,
+                                                                  const double*) const;
 extern template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*,
                                                        const unsigned long*) const;
 extern template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*,

@@ -63,6 +63,21 @@ public:
     unsigned int numThreads = 1;
     // 1 once a factorization has finished; the solves factor first when it is 0. Only the caller clears it.
     unsigned char isFactored = 0;
+    // 1: a factorization stops right after the diagonal block that holds the first zero or non-finite pivot
+    // (the factor is then incomplete and isFactored stays 0); 0 (default): it runs to the end and the bad
+    // pivot spreads non-finite values, as an unpivoted factorization does.
+    unsigned char stopAtBadPivot = 0;
+    // The first zero or non-finite pivot met by the last factorization, in elimination order (scalar index
+    // into `diagonal`, its block of the factor and the index inside that block, the value widened to
+    // double); scalar = noPivot when every pivot was finite and non-zero. Set by every factorization.
+    struct BadPivot {
+        static constexpr unsigned long noPivot = ~0ul;
+        unsigned long scalar = noPivot;
+        unsigned int block = 0;
+        unsigned int local = 0;
+        double value = 0.0;
+    };
+    BadPivot badPivot;
 };
 
 // The driver: factorization, solves and their timers. Durations are in seconds (tick-counter differences

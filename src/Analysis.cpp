@@ -1643,30 +1643,46 @@ unsigned long Analyzer::findEntry(unsigned int i, unsigned int j) const {
 
 namespace {
 
-// One entry into data.matrix.values (see Destination): v holds d.rows × d.cols values, row-major.
+// One entry into data.matrix.values (see Destination): element (a, b) of A(i, j) (d.rows × d.cols) is
+// v[a·rs + b·cs]; rs = d.cols, cs = 1 for row-major A(i, j), rs = 1, cs = d.rows for row-major A(j, i).
 template <typename T, typename V>
-inline void writeEntry(T* values, const Destination& d, const V* v) {
+inline void writeEntry(T* values, const Destination& d, const V* v, unsigned long rs, unsigned long cs) {
     const unsigned long ld = d.ld, rows = d.rows, cols = d.cols;
     if (d.mode != kTransposed) {
         T* tile = values + d.first;
         for (unsigned long b = 0; b < cols; ++b, tile += ld) {
             for (unsigned long a = 0; a < rows; ++a)
-                tile[a] = static_cast<T>(v[a * cols + b]);  // (a, b) = A_ab
+                tile[a] = static_cast<T>(v[a * rs + b * cs]);  // (a, b) = A_ab
         }
         if (d.mode == kAsIs) return;
     }
     T* tile = values + (d.mode == kTransposed ? d.first : d.mirror);
-    for (unsigned long a = 0; a < rows; ++a, v += cols, tile += ld) {
-        for (unsigned long b = 0; b < cols; ++b) tile[b] = static_cast<T>(v[b]);  // (b, a) = A_ab
+    for (unsigned long a = 0; a < rows; ++a, tile += ld) {
+        for (unsigned long b = 0; b < cols; ++b)
+            tile[b] = static_cast<T>(v[a * rs + b * cs]);  // (b, a) = A_ab
     }
 }
 
 }  // namespace
 
 template <typename T, typename V>
-void Analyzer::setBlock(TamberData<T>& data, unsigned long entry, const V* values) const {
-    writeEntry(data.matrix.values, impl_->committed.destinations[entry], values);
+bool Analyzer::setBlock(TamberData<T>& data, unsigned long entry, const V* values) const {
+    const Assembly& a = impl_->committed;
+    if (entry >= a.entries || values == nullptr) return false;
+    const Destination& d = a.destinations[entry];
+    writeEntry(data.matrix.values, d, values, d.cols, 1);
     data.isFactored = 0;
+    return true;
+}
+
+template <typename T, typename V>
+bool Analyzer::setBlockTransposed(TamberData<T>& data, unsigned long entry, const V* values) const {
+    const Assembly& a = impl_->committed;
+    if (entry >= a.entries || values == nullptr) return false;
+    const Destination& d = a.destinations[entry];
+    writeEntry(data.matrix.values, d, values, 1, d.rows);
+    data.isFactored = 0;
+    return true;
 }
 
 template <typename T, typename V>
@@ -1674,8 +1690,19 @@ void Analyzer::setBlocks(TamberData<T>& data, const V* values, const unsigned lo
     const Assembly& a = impl_->committed;
     const Destination* d = a.destinations.data();
     T* const target = data.matrix.values;
-    for (unsigned long e = 0; e < a.entries; ++e) writeEntry(target, d[e], values + valuePointers[e]);
+    for (unsigned long e = 0; e < a.entries; ++e)
+        writeEntry(target, d[e], values + valuePointers[e], d[e].cols, 1);
     data.isFactored = 0;
+}
+
+unsigned int Analyzer::entryRows(unsigned long entry) const {
+    const Assembly& a = impl_->committed;
+    return entry < a.entries ? a.sizes[a.rowIndices[entry]] : 0;
+}
+
+unsigned int Analyzer::entryCols(unsigned long entry) const {
+    const Assembly& a = impl_->committed;
+    return entry < a.entries ? a.sizes[a.entryColumn[entry]] : 0;
 }
 
 template <typename T>
@@ -1698,10 +1725,18 @@ void Analyzer::unpermuteVector(const T* permuted, T* user) const {
 
 template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);
 template Report Analyzer::analyze<double>(const Problem&, const Options&, TamberData<double>&);
-template void Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
-template void Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long, const double*) const;
-template void Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long, const float*) const;
-template void Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long, const double*) const;
+template bool Analyzer::setBlock<float, float>(TamberData<float>&, unsigned long, const float*) const;
+template bool Analyzer::setBlockTransposed<float, float>(TamberData<float>&, unsigned long,
+                                                         const float*) const;
+template bool Analyzer::setBlock<float, double>(TamberData<float>&, unsigned long, const double*) const;
+template bool Analyzer::setBlockTransposed<float, double>(TamberData<float>&, unsigned long,
+                                                          const double*) const;
+template bool Analyzer::setBlock<double, float>(TamberData<double>&, unsigned long, const float*) const;
+template bool Analyzer::setBlockTransposed<double, float>(TamberData<double>&, unsigned long,
+                                                          const float*) const;
+template bool Analyzer::setBlock<double, double>(TamberData<double>&, unsigned long, const double*) const;
+template bool Analyzer::setBlockTransposed<double, double>(TamberData<double>&, unsigned long,
+                                                           const double*) const;
 template void Analyzer::setBlocks<float, float>(TamberData<float>&, const float*, const unsigned long*) const;
 template void Analyzer::setBlocks<float, double>(TamberData<float>&, const double*,
                                                  const unsigned long*) const;
