@@ -14,6 +14,7 @@
 
 #include "Analysis.h"
 #include "RankMod.h"
+#include "ScalarBlocks.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
 
@@ -156,7 +157,14 @@ struct Solver<T>::Impl {
     Impl() = default;
 
     // ---- structure ----
-    Status analyzeProblem(const Analysis::Problem& problem, unsigned int bodies);
+    Status analyzeProblem(const Analysis::Problem& problem, unsigned int bodies, bool peel = true);
+    void forgetStructure();
+
+    // A scalar matrix given to analyzeScalar: its block problem and the block values its scalars scatter to.
+    Analysis::ScalarProblem scalar;
+    bool scalarInput = false;
+    unsigned long scalarEntries = 0;  // colPointers[n] of the scalar matrix
+    std::vector<T> scalarBlockValues;
     void layoutSlots();
     Slot slotOf(unsigned int i, unsigned int j) const;
     Status writeSlot(const Slot& s, const T* values, const char* what, unsigned int id1, unsigned int id2);
@@ -196,9 +204,10 @@ struct Solver<T>::Impl {
 // ---------------------------------------------------------------------------------------------------------
 
 template <typename T>
-Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigned int bodies) {
+Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigned int bodies, bool peel) {
     const std::uint64_t start = kiv::Timer::ticks();
     Analysis::Options o;
+    o.peel = peel;
     o.mergeBlocks = options.mergeBlocks;
     switch (options.ordering) {
         case OrderingMethod::automatic:
@@ -921,6 +930,7 @@ Status Solver<T>::analyze(const SystemStructure& s) {
                               colPointers.data(), rowIndices.data(), sizes.data()};
     Status st = m.analyzeProblem(problem, static_cast<unsigned int>(nb));
     if (!st) return st;
+    m.scalarInput = false;
 
     // Where each item of the structure goes, and its place in the arrays of setValues.
     m.bodySlots.assign(nb, Slot());
@@ -977,16 +987,7 @@ Status Solver<T>::analyze(const Analysis::Problem& problem) {
     own.blockSizes = sizes.data();
     Status st = m.analyzeProblem(own, problem.firstConstraint);
     if (!st) return st;
-    m.bodySlots.clear();
-    m.jacobianSlots.clear();
-    m.couplingSlots.clear();
-    m.complianceSlots.clear();
-    m.jacobianValueOffsets.assign(1, 0);
-    m.couplingValueOffsets.assign(1, 0);
-    m.complianceValueOffsets.assign(1, 0);
-    m.compliantIndex.assign(n - problem.firstConstraint, ~0u);
-    m.bodyValues = m.jacobianValues = m.couplingValues = m.complianceValues = 0;
-    m.negated.clear();
+    m.forgetStructure();
     return Status();
 }
 
@@ -1222,14 +1223,95 @@ const PivotLocation& Solver<T>::badPivot() const {
 }
 
 template <typename T>
-Status Solver<T>::analyzeScalar(unsigned int, unsigned int, const unsigned int*, const unsigned int*,
-                                const unsigned int*, unsigned int) {
-    return fail(StatusCode::invalidArgument, "analyzeScalar is not available yet");
+void Solver<T>::Impl::forgetStructure() {
+    bodySlots.clear();
+    jacobianSlots.clear();
+    couplingSlots.clear();
+    complianceSlots.clear();
+    jacobianValueOffsets.assign(1, 0);
+    couplingValueOffsets.assign(1, 0);
+    complianceValueOffsets.assign(1, 0);
+    compliantIndex.assign(numConstraints, ~0u);
+    bodyValues = jacobianValues = couplingValues = complianceValues = 0;
+    negated.clear();
+    scalarInput = false;
 }
 
 template <typename T>
-Status Solver<T>::setScalarValues(const T*) {
-    return fail(StatusCode::invalidArgument, "setScalarValues is not available yet");
+Status Solver<T>::analyzeScalar(unsigned int n, unsigned int firstConstraintRow,
+                                const unsigned int* colPointers, const unsigned int* rowIndices,
+                                const unsigned int* blockSizes, unsigned int numBlocks) {
+    Impl& m = *impl_;
+    if (n == 0 || colPointers == nullptr || rowIndices == nullptr)
+        return fail(StatusCode::badStructure, "analyzeScalar: empty matrix or null arrays (n = %u)", n);
+    if (firstConstraintRow > n)
+        return fail(StatusCode::badStructure, "analyzeScalar: first constraint row %u is beyond the %u rows",
+                    firstConstraintRow, n);
+    std::string why;
+    Analysis::DetectedBlocks found;
+    std::vector<unsigned int> sizes;
+    unsigned int multiRowConstraints = 0;
+    std::string detected;
+    try {
+        if (blockSizes == nullptr) {
+            if (!Analysis::detectBlocks(n, firstConstraintRow, colPointers, rowIndices, found, &why))
+                return fail(StatusCode::badStructure, "%s", why.c_str());
+            sizes = found.blockSizes;
+            multiRowConstraints = found.multiRowConstraintBlocks;
+            char text[160];
+            std::snprintf(text, sizeof text,
+                          "; blocks detected: %u of up to %u rows (%u of more than one row)", found.numBlocks,
+                          found.largestBlock, found.multiRowBlocks);
+            detected = text;
+        } else {
+            if (numBlocks == 0)
+                return fail(StatusCode::badStructure, "analyzeScalar: block sizes given for 0 blocks");
+            sizes.assign(blockSizes, blockSizes + numBlocks);
+            unsigned long at = 0;
+            for (unsigned int b = 0; b < numBlocks; ++b) {
+                if (at >= firstConstraintRow && sizes[b] > 1) ++multiRowConstraints;
+                at += sizes[b];
+            }
+        }
+        Analysis::ScalarProblem sp;
+        if (!sp.build(n, firstConstraintRow, colPointers, rowIndices, static_cast<unsigned int>(sizes.size()),
+                      sizes.data(), &why))
+            return fail(StatusCode::badStructure, "%s", why.c_str());
+        // A block of constraint rows need not have a full-rank Jacobian block on each single body: every
+        // constraint then follows all its bodies.
+        Status st = m.analyzeProblem(sp.problem(), sp.firstConstraint(), multiRowConstraints == 0);
+        if (!st) return st;
+        m.forgetStructure();
+        m.scalar = std::move(sp);
+        m.scalarInput = true;
+        m.scalarEntries = colPointers[n];
+        m.scalarBlockValues.assign(m.scalar.numValues(), T(0));
+        m.report.ordering += detected;
+    } catch (const std::bad_alloc&) {
+        return fail(StatusCode::outOfMemory, "out of memory while analysing a scalar matrix of %u rows", n);
+    }
+    return Status();
+}
+
+template <typename T>
+Status Solver<T>::setScalarValues(const T* values) {
+    Impl& m = *impl_;
+    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setScalarValues before a successful analyze");
+    if (!m.scalarInput)
+        return fail(StatusCode::invalidArgument, "setScalarValues needs a structure from analyzeScalar");
+    if (values == nullptr) return fail(StatusCode::invalidArgument, "setScalarValues: values are null");
+    const unsigned long count = m.scalarEntries;
+    if (m.options.checkValues)
+        for (unsigned long k = 0; k < count; ++k)
+            if (!std::isfinite(values[k]))
+                return fail(StatusCode::nonFiniteValue, "setScalarValues: value %lu is %g", k,
+                            static_cast<double>(values[k]));
+    // Two copies: the scalars into the block values, those into the factorization's input.
+    m.scalar.scatter(values, m.scalarBlockValues.data());
+    m.analyzer.setBlocks(m.data, m.scalarBlockValues.data(), m.scalar.valuePointers().data());
+    m.valuesChanged = true;
+    m.normA = -1.0;
+    return Status();
 }
 
 template class Solver<float>;
