@@ -106,6 +106,10 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 // factor when data.isFactored is 0, does not check for an empty factor, does not skip leading zero blocks
 // and does not add to solveTime. A caller of the double solve factors beforehand (Tamber::factorSerial or
 // a float/unit solve). The same holds for Tamber::solve<double>(data, b, x), which copies b into x first.
+// isFactored is not read, so the result says nothing about the factor: on an object that was never factored
+// (no block columns, no pivots) x comes back unchanged, that is x = b, and the call still returns true; after
+// a factorization stopped at a bad pivot (isFactored = 0) it runs over the incomplete factor. A caller that
+// can meet either case checks data.isFactored (and data.badPivot) itself before solving.
 bool solve(const TamberData<double>& data, double* x);
 
 // The same on x.data, with the vector form of diagSolve: a size mismatch between x and data.diagonal skips
