@@ -112,6 +112,13 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 // can meet either case checks data.isFactored (and data.badPivot) itself before solving.
 bool solve(const TamberData<double>& data, double* x);
 
+// Several right-hand sides at once: x holds numRhs vectors of N doubles, column-major, vector r starting at
+// x + r·ld (ld >= N). Each vector receives exactly the operations of solve(data, x + r·ld), in the same
+// order, so the results equal numRhs single solves bit for bit; the passes read each tile of the factor once
+// for all vectors instead of once per vector. numRhs = 0 does nothing. Same preconditions and the same
+// unchecked isFactored as solve. Returns true.
+bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld);
+
 // The same on x.data, with the vector form of diagSolve: a size mismatch between x and data.diagonal skips
 // the diagonal step silently. x: in/out. Returns true.
 bool solve(const TamberData<double>& data, DenseVector<double>& x);
