@@ -26,6 +26,7 @@
 
 #include <OpenThreads/Condition>
 #include <OpenThreads/Mutex>
+#include <atomic>
 #include <cstdint>
 
 #include "SkeletonMatrix.h"
@@ -401,6 +402,9 @@ public:
     double setupTime;
     // The system being factored.
     kivTamber::TamberData<T>* data;
+    // Smallest block index whose diagonal block gave a zero or non-finite pivot; ~0u while none did. With
+    // data->stopAtBadPivot the workers skip the nodes above it.
+    std::atomic<unsigned int> badBlock{~0u};
 
     // Processes the nodes that the calling worker thread owns (its index from kiv::ThreadTask), depth-first
     // from its (root, thread) pairs: for each node, assemble the input column, pull the update lists of the

@@ -8,6 +8,8 @@
 #include <xmmintrin.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -629,14 +631,52 @@ struct Worker {
     unsigned int* cursors;  // [maxColumn] work array of the update step
     T* reciprocals;         // [largest padded block size] the reciprocal pivots of the node being solved
     unsigned char t;
+    // Smallest node index whose block holds a zero or non-finite pivot, noNode while none was met; shared by
+    // the workers of one factorization.
+    std::atomic<unsigned int>* badBlock;
+    // Nodes beyond badBlock are skipped (only published, so that no waiter is left behind).
+    bool stopAtBadPivot;
 
     void process(unsigned int j);
+    void publish(MfNode<T>& node);
 };
+
+// True for a zero or non-finite pivot.
+template <typename T>
+inline bool isBadPivot(T d) {
+    return !(std::isfinite(d) && d != T(0));
+}
+
+// badBlock ← min(badBlock, j).
+inline void lowerBadBlock(std::atomic<unsigned int>& badBlock, unsigned int j) {
+    unsigned int seen = badBlock.load(std::memory_order_relaxed);
+    while (j < seen && !badBlock.compare_exchange_weak(seen, j, std::memory_order_relaxed)) {
+    }
+}
+
+template <typename T>
+void Worker<T>::publish(MfNode<T>& node) {
+    if (!node.waitBlock) {
+        node.done = 1;
+    } else {
+        node.waitBlock->lock();
+        node.done = 1;
+        node.waitBlock->signal();
+        node.waitBlock->unlock();
+    }
+}
 
 template <typename T>
 void Worker<T>::process(unsigned int j) {
     MfNode<T>* const nodes = M.nodes.data();
     MfNode<T>& node = nodes[j];
+    // A bad pivot met in an earlier node ends the work above it: nodes of lower index never depend on it (its
+    // descendants precede it), so whatever is skipped, every node up to the first bad one is factored in full
+    // and that one is found, whatever the timing.
+    if (stopAtBadPivot && j > badBlock->load(std::memory_order_relaxed)) {
+        publish(node);
+        return;
+    }
     const unsigned int k0 = M.colPointers[j];
     const unsigned int m = M.colPointers[j + 1] - k0 - 1;   // off-diagonal rows
     const unsigned int* rows = M.colRows.data() + k0;       // rows[0] = j, rows[1 .. m] = r_1 < … < r_m
@@ -665,6 +705,12 @@ void Worker<T>::process(unsigned int j) {
     __builtin_prefetch(LDjj, 1);
     __builtin_prefetch(dj, 1);
     fc::factorDiagonalBlock(Ljj, p_j, s_j, dj);
+    for (unsigned int c = 0; c < s_j; ++c) {
+        if (isBadPivot(dj[c])) {
+            lowerBadBlock(*badBlock, j);
+            break;
+        }
+    }
     for (unsigned int r = 0; r < s_j; ++r) {
         const unsigned long row = static_cast<unsigned long>(r) * p_j;
         for (unsigned int c = 0; c < s_j; ++c) LDjj[row + c] = Ljj[row + c] * dj[c];  // l_rc·d_c
@@ -754,14 +800,7 @@ void Worker<T>::process(unsigned int j) {
     }
 
     // 5. Publish.
-    if (!node.waitBlock) {
-        node.done = 1;
-    } else {
-        node.waitBlock->lock();
-        node.done = 1;
-        node.waitBlock->signal();
-        node.waitBlock->unlock();
-    }
+    publish(node);
 }
 
 }  // namespace
@@ -769,6 +808,30 @@ void Worker<T>::process(unsigned int j) {
 // ---------------------------------------------------------------------------------------------------------
 // Factorization driver
 // ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// data.badPivot from the first bad pivot of block `bad` (noNode: none). That block was factored in full, so
+// its pivots are in data.diagonal.
+template <typename T>
+void recordBadPivot(TamberData<T>& data, unsigned int bad) {
+    typename TamberData<T>::BadPivot& record = data.badPivot;
+    record = typename TamberData<T>::BadPivot();
+    if (bad == noNode) return;
+    const unsigned long offset = data.factor.blockOffsets[bad];
+    const unsigned int size = data.matrix.blockSizes[bad];
+    for (unsigned int c = 0; c < size; ++c) {
+        const T value = data.diagonal.data[offset + c];
+        if (!isBadPivot(value)) continue;
+        record.scalar = offset + c;
+        record.block = bad;
+        record.local = c;
+        record.value = static_cast<double>(value);
+        return;
+    }
+}
+
+}  // namespace
 
 template <typename T>
 bool Tamber::prepareMultifrontal(TamberData<T>& data) {
@@ -843,6 +906,7 @@ void Tamber::factorMF(TamberData<T>& data) {
         M.nodes[j].assembled = 0;
     }
 
+    unsigned int bad = noNode;
     if (nb > 0) {
         M.threadMarks.resize(M.numOwners);
         M.threadStacks.resize(M.numOwners);
@@ -870,10 +934,12 @@ void Tamber::factorMF(TamberData<T>& data) {
         task.execute();
         const std::uint64_t end = kiv::Timer::ticks();
         factorTime = wrapper.setupTime + static_cast<double>(end - threadedStart) * kiv::Timer::clockSpeed();
+        bad = wrapper.badBlock.load(std::memory_order_relaxed);
     } else {
         factorTime = static_cast<double>(kiv::Timer::ticks() - start) * kiv::Timer::clockSpeed();
     }
-    data.isFactored = 1;
+    recordBadPivot(data, bad);
+    data.isFactored = bad != noNode && data.stopAtBadPivot ? 0 : 1;
     solveTime = 0.0;
 }
 
@@ -914,7 +980,9 @@ void MfWrapper<T>::doThreadedFactor() {
                                 D.diagonal.data,
                                 reinterpret_cast<unsigned int*>(stack + numBlocks + 1),
                                 M.threadReciprocals[t],
-                                static_cast<unsigned char>(t)};
+                                static_cast<unsigned char>(t),
+                                &badBlock,
+                                D.stopAtBadPivot != 0};
     const MfNode<T>* const nodes = M.nodes.data();
     const unsigned int* const firstChild = M.firstChild.data();
     const unsigned int* const sibling = M.sibling.data();
