@@ -586,6 +586,7 @@ TEST(SolveToolRun, SolutionMatchesDenseSolveAndTheReportFormat) {
                                  "time (ms): read ",
                                  "residual: ",
                                  "residual after refinement: ",
+                                 "accuracy: condition estimate ",
                                  "error: "};
     std::istringstream report(run.out);
     std::string line;
@@ -596,7 +597,10 @@ TEST(SolveToolRun, SolutionMatchesDenseSolveAndTheReportFormat) {
     EXPECT_FALSE(std::getline(report, line)) << run.out;
     EXPECT_NE(run.out.find(", analysis "), std::string::npos);
     EXPECT_NE(run.out.find(", refine "), std::string::npos);
+    EXPECT_NE(run.out.find(", check "), std::string::npos);
     EXPECT_NE(run.out.find(" (at most 1 steps)\n"), std::string::npos);
+    EXPECT_NE(run.out.find(", error bound "), std::string::npos);
+    EXPECT_NE(run.out.find(" (limit 1e-06)\n"), std::string::npos);
     EXPECT_LT(valueAfter(run.out, "error"), 1e-12);
 }
 
@@ -664,9 +668,10 @@ TEST(SolveToolRun, BadPivotExitsWithThreeAndNamesTheRow) {
             const ToolRun run = runTool(dir, {zero, "--ordering", "natural", "--block-size", "2", "--out",
                                               out, precision, "--threads", threads});
             EXPECT_EQ(run.status, 3);
-            EXPECT_EQ(run.err, zero +
-                                   ": zero pivot at row 4 (block 2, local 2) of the matrix (pivot 4 of 6 in "
-                                   "elimination order; 3 bad pivots in all)\n");
+            EXPECT_EQ(run.err,
+                      zero +
+                          ": zero pivot at row 4 (block 2, local 2) of the matrix: elimination step 4 "
+                          "of 6, d = 0\n");
             EXPECT_FALSE(std::filesystem::exists(out));
             EXPECT_EQ(run.out.find("residual"), std::string::npos);
             EXPECT_NE(run.out.find("time (ms): read "), std::string::npos);
@@ -681,13 +686,14 @@ TEST(SolveToolRun, BadPivotExitsWithThreeAndNamesTheRow) {
     } cases[] = {
         {kkt, ""},
         {kktFirst, kktFirst +
-                       ": zero pivot at row 1 (block 1, local 1) of the matrix (pivot 1 of 3 in elimination "
-                       "order; 2 bad pivots in all)\n" +
+                       ": zero pivot at row 1 (block 1, local 1) of the matrix: elimination step 1 of 3, d = "
+                       "0\n" +
                        kktFirst +
                        ": note: A(1, 1) is zero; if the rows with a zero diagonal are constraint rows, name "
                        "them with --blocks\n"},
-        {huge, huge + ": non-finite pivot at row 2 (block 2, local 1) of the matrix (pivot 2 of 2 in "
-                      "elimination order)\n"},
+        {huge, huge +
+                   ": non-finite pivot at row 2 (block 2, local 1) of the matrix: elimination step 2 of 2, "
+                   "d = -inf\n"},
     };
     for (const auto& c : cases) {
         const ToolRun run = runTool(dir, {c.path, "--ordering", "natural"});

@@ -376,6 +376,10 @@ double SymmetricMatrix::normInf() const {
 // Matrix Market
 // ---------------------------------------------------------------------------------------------------------
 
+bool readText(const std::string& path, std::string& text, std::string& message) {
+    return readFile(path, text, message);
+}
+
 bool parseMatrixMarket(const std::string& name, const std::string& text, SymmetricMatrix& matrix,
                        std::string& message) {
     Lines lines(text);

@@ -37,6 +37,10 @@ struct SymmetricMatrix {
     double normInf() const;
 };
 
+// Reads a whole file into `text`, gunzipping it when it is gzip-compressed (a plain file reads as it is).
+// Fails with "FILE: cannot open (why)" or "FILE: read error (why)" (a truncated or corrupt stream included).
+bool readText(const std::string& path, std::string& text, std::string& message);
+
 // Reads a Matrix Market file: the banner "%%MatrixMarket matrix coordinate FIELD SYMMETRY" (words in any
 // case) with FIELD real or integer and SYMMETRY symmetric or general, '%' comment lines, the size line
 // "rows columns entries" of a square matrix, then exactly `entries` lines "row column value", 1-based.
