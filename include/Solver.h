@@ -258,6 +258,10 @@ public:
     // Block A(i, j) of the general pattern (or of the body/constraint system, with bodies numbered first),
     // s_i × s_j row-major; (i, j) or (j, i) must be in the pattern.
     Status setBlock(unsigned int i, unsigned int j, const T* values);
+    // Every block of a structure given as an Analysis::Problem at once, in the layout of
+    // Analysis::Analyzer::setBlocks: entry e of the problem's pattern (the e-th element of its rowIndices,
+    // block A(i, j), i <= j, s_i × s_j row-major, a diagonal block in full) at values + valuePointers[e].
+    Status setPatternValues(const T* values, const unsigned long* valuePointers);
     // All values at once, each array the blocks concatenated in the order of the structure (bodies by id;
     // Jacobians and couplings in the order they were added; compliance blocks of the compliant constraints
     // by id). Any pointer may be null to leave that kind unchanged.

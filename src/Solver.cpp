@@ -164,6 +164,7 @@ struct Solver<T>::Impl {
     // A scalar matrix given to analyzeScalar: its block problem and the block values its scalars scatter to.
     Analysis::ScalarProblem scalar;
     bool scalarInput = false;
+    bool problemInput = false;        // analysed from an Analysis::Problem
     unsigned long scalarEntries = 0;  // colPointers[n] of the scalar matrix
     std::vector<T> scalarBlockValues;
     void layoutSlots();
@@ -967,6 +968,7 @@ Status Solver<T>::analyze(const SystemStructure& s) {
     Status st = m.analyzeProblem(problem, static_cast<unsigned int>(nb));
     if (!st) return st;
     m.scalarInput = false;
+    m.problemInput = false;
 
     // Where each item of the structure goes, and its place in the arrays of setValues.
     m.bodySlots.assign(nb, Slot());
@@ -1024,6 +1026,7 @@ Status Solver<T>::analyze(const Analysis::Problem& problem) {
     Status st = m.analyzeProblem(own, problem.firstConstraint);
     if (!st) return st;
     m.forgetStructure();
+    m.problemInput = true;
     return Status();
 }
 
@@ -1149,6 +1152,33 @@ Status Solver<T>::setValues(const T* bodies, const T* jacobians, const T* coupli
 }
 
 template <typename T>
+Status Solver<T>::setPatternValues(const T* values, const unsigned long* valuePointers) {
+    Impl& m = *impl_;
+    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setPatternValues before a successful analyze");
+    if (!m.problemInput)
+        return fail(StatusCode::invalidArgument,
+                    "setPatternValues needs a structure given as an Analysis::Problem");
+    if (values == nullptr || valuePointers == nullptr)
+        return fail(StatusCode::invalidArgument, "setPatternValues: values or value pointers are null");
+    if (m.options.checkValues) {
+        const unsigned long entries = m.analyzer.numEntries();
+        for (unsigned long e = 0; e < entries; ++e) {
+            const unsigned long count =
+                static_cast<unsigned long>(m.analyzer.entryRows(e)) * m.analyzer.entryCols(e);
+            const T* v = values + valuePointers[e];
+            for (unsigned long k = 0; k < count; ++k)
+                if (!std::isfinite(v[k]))
+                    return fail(StatusCode::nonFiniteValue, "setPatternValues: entry %lu, value %lu is %g", e,
+                                k, static_cast<double>(v[k]));
+        }
+    }
+    m.analyzer.setBlocks(m.data, values, valuePointers);
+    m.valuesChanged = true;
+    m.normA = -1.0;
+    return Status();
+}
+
+template <typename T>
 unsigned long Solver<T>::bodyValueCount() const {
     return impl_->bodyValues;
 }
@@ -1271,6 +1301,7 @@ void Solver<T>::Impl::forgetStructure() {
     bodyValues = jacobianValues = couplingValues = complianceValues = 0;
     negated.clear();
     scalarInput = false;
+    problemInput = false;
 }
 
 template <typename T>
