@@ -815,7 +815,12 @@ struct Analyzer::Impl {
     bool nestedDissection(unsigned int placed, unsigned int remainingBodies);
     void orderSymamdSwap(const Problem& problem, Report& report, bool allowR);
     bool haveCandidate = false;  // orderStandard left a nested-dissection order in `candidate`
-    void buildSymbolic(const Problem& problem);
+    void buildSymbolic(const Problem& problem, bool withTree = true);
+    // The minimum-degree order's tree, filled pattern and groups while the nested-dissection one is weighed.
+    EliminationTree savedTree;
+    SkeletonMatrix savedFilled;
+    kiv::VectorPOD<unsigned int> savedGroupOf, savedOffsetInGroup, savedGroupStart;
+    void swapEvaluation();
     FactorCost evaluate(const Problem& problem, const Options& options, Report& report);
     FactorCost groupCost(const unsigned int* sizes);
     double findGroups(const Options& options, const unsigned int* sizes);
@@ -1081,8 +1086,9 @@ void Analyzer::Impl::orderSymamdSwap(const Problem& problem, Report& report, boo
     report.movedConstraints = repairInPlace(graph, order, repairWork, allowR);
 }
 
-// Permuted pattern of A with the assembly map, its elimination tree and the filled pattern of L, for `order`.
-void Analyzer::Impl::buildSymbolic(const Problem& problem) {
+// Permuted pattern of A with the assembly map and the permutation, and (withTree) its elimination tree and
+// the filled pattern of L, for `order`.
+void Analyzer::Impl::buildSymbolic(const Problem& problem, bool withTree) {
     const unsigned int n = problem.numBlocks;
     const unsigned long entries = n == 0 ? 0 : problem.colPointers[n];
     const unsigned int* forward = order.data();
@@ -1159,6 +1165,15 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem) {
     }
     a.N = n == 0 ? 0 : a.userOffsets[n];
 
+    // The permutation handed to the data.
+    perm.reserve(n == 0 ? 1 : n);
+    perm.size = n;
+    for (unsigned int k = 0; k < n; ++k) {
+        perm.forward[k] = forward[k];
+        perm.inverse[k] = inv[k];
+    }
+    if (!withTree) return;
+
     // Elimination tree (every block active), child lists and post order; then the filled pattern.
     const unsigned int capacity = n == 0 ? 1 : n;
     if (tree.parent == nullptr || tree.capacity < capacity) {
@@ -1171,14 +1186,6 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem) {
     tree.computeTreeStructure();
     tree.computePostOrder();
     computeFilledSkeleton(permuted, tree, filled, &pad);
-
-    // The permutation handed to the data.
-    perm.reserve(n == 0 ? 1 : n);
-    perm.size = n;
-    for (unsigned int k = 0; k < n; ++k) {
-        perm.forward[k] = forward[k];
-        perm.inverse[k] = inv[k];
-    }
 }
 
 // Groups of consecutive positions (Options::mergeBlocks); without merging every position is its own group.
@@ -1376,6 +1383,14 @@ double Analyzer::Impl::findGroups(const Options& options, const unsigned int* si
     totalZeros += zeros;
     groupStart.push_back(n);
     return totalZeros;
+}
+
+void Analyzer::Impl::swapEvaluation() {
+    swapTree(tree, savedTree);
+    swapSkeleton(filled, savedFilled);
+    groupOf.swap(savedGroupOf);
+    offsetInGroup.swap(savedOffsetInGroup);
+    groupStart.swap(savedGroupStart);
 }
 
 // Symbolic factorization of `order` (buildSymbolic), its groups (findGroups) and the cost of the factor that
@@ -1583,6 +1598,7 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
         report.minimumDegreeCost = cost;
         const FactorCost mdUnmerged = report.unmergedCost;
         const unsigned long mdZeros = report.explicitZeros;
+        swapEvaluation();  // keep the minimum-degree tree, filled pattern and groups aside
         order.swap(candidate);
         const FactorCost nd = evaluate(problem, options, report);
         report.nestedDissectionCost = nd;
@@ -1595,7 +1611,9 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
             order.swap(candidate);
             report.unmergedCost = mdUnmerged;
             report.explicitZeros = mdZeros;
-            evaluate(problem, options, report);
+            swapEvaluation();
+            buildSymbolic(problem, false);  // the permuted pattern and assembly map of the kept order
+            for (unsigned int q = 0; q < n; ++q) work3[q] = problem.blockSizes[order[q]];
         }
     } else if (options.ordering == Ordering::standard ||
                (options.ordering == Ordering::centroid && report.centroidFallback)) {
