@@ -5,12 +5,14 @@
 #include <kiv/Timer.h>
 #include <kiv/VectorPOD.h>
 #include <metis.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -94,6 +96,13 @@ unsigned long strideOf(unsigned long s) {
 template <typename V>
 void grow(kiv::VectorPOD<V>& v, unsigned long n) {
     if (v.size() < n) v.resize(n);
+}
+
+// Physical memory of the machine in bytes (infinite when unknown).
+double physicalMemoryBytes() {
+    const long pages = sysconf(_SC_PHYS_PAGES), pageSize = sysconf(_SC_PAGESIZE);
+    if (pages <= 0 || pageSize <= 0) return 1e300;
+    return static_cast<double>(pages) * static_cast<double>(pageSize);
 }
 
 double secondsSince(std::uint64_t start) {
@@ -425,6 +434,14 @@ struct CostWork {
     kiv::VectorPOD<unsigned long> below;
 };
 
+__extension__ typedef unsigned __int128 Wide;  // exact sums of squares up to 2^128
+
+// Σ_{c < M} c·(c + 2) = (M − 1)·M·(2M − 1)/6 + (M − 1)·M.
+Wide sumOfCTimesCPlus2(Wide M) {
+    if (M == 0) return 0;
+    return (M - 1) * M * (2 * M - 1) / 6 + (M - 1) * M;
+}
+
 // The cost of a factor from its block columns: sizes [n] of the block columns, below [n] the scalar rows and
 // count [n] the blocks strictly below each diagonal block.
 FactorCost costFromColumns(unsigned int n, const unsigned int* sizeOfPosition, const unsigned long* below,
@@ -439,11 +456,11 @@ FactorCost costFromColumns(unsigned int n, const unsigned int* sizeOfPosition, c
         const double c = count[j];
         blockEntries += count[j];
         operations += c * (c + 1.0) / 2.0;
-        for (unsigned long t = 0; t < s; ++t) {
-            const double ck = static_cast<double>(s - 1 - t + below[j]);  // c_k of scalar column t of block j
-            flops += ck * (ck + 2.0);
-            scalars += s - t + below[j];
-        }
+        // The scalar columns of block j have c_k = below[j] + s − 1, ..., below[j] below the diagonal:
+        // Σ c·(c + 2) and Σ (c + 1) over that range, in closed form (exact in 128 bits).
+        const Wide lo = below[j], hi = static_cast<Wide>(below[j]) + s;
+        flops += static_cast<double>(sumOfCTimesCPlus2(hi) - sumOfCTimesCPlus2(lo));
+        scalars += static_cast<unsigned long>(s * below[j] + s * (s + 1) / 2);
     }
     cost.blockEntries = blockEntries;
     cost.flops = flops;
@@ -757,6 +774,12 @@ struct Assembly {
     kiv::VectorPOD<unsigned int> factorBlock;   // [n] data block of each user block
     kiv::VectorPOD<unsigned int> factorOffset;  // [n] scalar offset of each user block inside it
     kiv::VectorPOD<Destination> destinations;   // [entries] where setBlock writes, for the analysed T
+
+    // No structure: every entry and block count zero (the assembly functions then write nothing).
+    void reset() noexcept {
+        n = N = groups = 0;
+        entries = 0;
+    }
 
     void swap(Assembly& o) noexcept {
         std::swap(n, o.n);
@@ -1648,27 +1671,69 @@ template <typename T>
 Report Analyzer::analyze(const Problem& problem, const Options& options, TamberData<T>& data) {
     Report report;
     Impl& w = *impl_;
-    if (!w.prepare(problem, options, report)) return report;
+    try {
+        if (!w.prepare(problem, options, report)) return report;
+    } catch (const std::bad_alloc&) {
+        report = Report();
+        report.message =
+            format("out of memory analysing the problem (%u blocks); nothing was changed", problem.numBlocks);
+        return report;
+    }
 
+    // data.matrix in upper form on the pattern of A in data's blocks: its size, checked before data changes.
     const std::uint64_t t = kiv::Timer::ticks();
-    swapPermutation(data.permutation, w.merged ? w.groupPerm : w.perm);
-    swapSkeleton(data.skeleton, w.merged ? w.mergedFilled : w.filled);
-    swapTree(data.etree, w.merged ? w.mergedTree : w.tree);
-    data.isFactored = 0;
-
-    // data.matrix in upper form on the pattern of A in data's blocks.
     const SkeletonMatrix& S = w.merged ? w.mergedPermuted : w.permuted;
     const unsigned int nb = static_cast<unsigned int>(S.n);
     const unsigned int* sizes = w.dataSizes.data();
     const unsigned long blocks = S.numEntries();
     unsigned long values = 0;
-    for (unsigned int c = 0; c < nb; ++c) {
+    bool representable = true;
+    for (unsigned int c = 0; c < nb && representable; ++c) {
         const unsigned long pc = strideOf<T>(sizes[c]);
-        for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e)
-            values += pc * strideOf<T>(sizes[S.rowIndices[e]]);
+        for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e) {
+            unsigned long tile = 0;
+            if (__builtin_mul_overflow(pc, strideOf<T>(sizes[S.rowIndices[e]]), &tile) ||
+                __builtin_add_overflow(values, tile, &values)) {
+                representable = false;
+                break;
+            }
+        }
     }
+    const double bytes = static_cast<double>(values) * sizeof(T);
+    if (!representable || bytes > physicalMemoryBytes()) {
+        report = Report();
+        report.message =
+            representable ? format(
+                                "the matrix of the problem needs %lu values (%.3g GB), more than the "
+                                "memory of this machine (%.3g GB); nothing was changed",
+                                values, 1e-9 * bytes, 1e-9 * physicalMemoryBytes())
+                          : "the matrix of the problem needs more values than a 64-bit count holds; nothing "
+                            "was changed";
+        return report;
+    }
+
+    try {
+        data.matrix.setSize(nb, nb, blocks, values);
+        w.staged.destinations.resize(w.staged.entries);
+    } catch (const std::bad_alloc&) {
+        // data.matrix lost its storage: the data object no longer matches the old structure either, so both
+        // it and this analyzer's map are emptied.
+        data.matrix.setSize(0, 0, 0, 0);
+        data.isFactored = 0;
+        w.committed.reset();
+        report = Report();
+        report.message = format(
+            "out of memory laying out the matrix (%lu blocks, %lu values, %.3g GB); the "
+            "data object was left without a matrix: analyse again",
+            blocks, values, 1e-9 * bytes);
+        return report;
+    }
+    swapPermutation(data.permutation, w.merged ? w.groupPerm : w.perm);
+    swapSkeleton(data.skeleton, w.merged ? w.mergedFilled : w.filled);
+    swapTree(data.etree, w.merged ? w.mergedTree : w.tree);
+    data.isFactored = 0;
     data.matrix.clear();
-    data.matrix.setSize(nb, nb, blocks, values);
+    data.matrix.setSize(nb, nb, blocks, values);  // allocates nothing: the capacities suffice
     for (unsigned int c = 0; c < nb; ++c) {
         for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e) {
             const unsigned int r = S.rowIndices[e];
@@ -1679,7 +1744,6 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     // Where setBlock writes each entry.
     Assembly& a = w.staged;
     const SparseMatrix<T>& A = data.matrix;
-    a.destinations.resize(a.entries);
     for (unsigned long e = 0; e < a.entries; ++e) {
         const unsigned int i = a.rowIndices[e], j = a.entryColumn[e];
         const unsigned int k = a.entryBlock[e];
