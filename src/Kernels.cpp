@@ -366,4 +366,54 @@ void tamber_SM_UD(const float* L, int ldL, float* X, int /*ldX*/, int m, int n) 
     for (int r = 0; r < m; ++r) tamber_SV_TRIL(L, ldL, X + at(r, ldL, 0), n);
 }
 
+// ------------------------------------------------------------------------------ sized kernels, fast form
+
+namespace kernels {
+namespace fast {
+
+void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d) {
+    kernels::factorDiagonalBlock(W, p, s, d);
+}
+void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d) {
+    kernels::factorDiagonalBlock(W, p, s, d);
+}
+void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s) {
+    kernels::solveUnitDiagonal(L, p, W, rows, s);
+}
+bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip, const double* d) {
+    return kernels::finishSmallBlock(L, W, LD, rows, s, recip, d);
+}
+void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
+                  unsigned int p) {
+    kernels::scaleColumnsAnySize(X, d, Y, rows, s, p);
+}
+void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
+                  unsigned int p) {
+    kernels::scaleColumnsAnySize(X, d, Y, rows, s, p);
+}
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k) {
+    factorCommon::subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k) {
+    factorCommon::subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
+                        unsigned int sj) {
+    kernels::forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
+}
+void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    kernels::forwardDiagonalPaired(U, ld, xj, sj);
+}
+void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    kernels::backwardDiagonalPaired(U, ld, xj, sj);
+}
+void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
+                         unsigned int si) {
+    kernels::backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
+}
+
+}  // namespace fast
+}  // namespace kernels
+
 }  // namespace kivTamber

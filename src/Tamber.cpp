@@ -1,6 +1,5 @@
 #include "Tamber.h"
 
-#include <emmintrin.h>
 #include <kiv/Abort.h>
 #include <kiv/Timer.h>
 
@@ -36,6 +35,7 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count) {
 
 using factorCommon::layoutFactor;
 using factorCommon::solveUnitDiagonal;
+using kernels::finishSmallBlock;
 
 // Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
 template <typename T>
@@ -118,103 +118,6 @@ void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, uns
     }
 }
 
-// Y = X·diag(d) for an s_i × s_k block (row stride p_k), padding columns of Y zero. S > 0 fixes s_k at
-// compile time; the arithmetic is the same for every S.
-template <typename T, int S>
-inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __restrict Y, unsigned int s_i,
-                         unsigned int s_kDynamic, unsigned int p_k) {
-    if (S > 0) {  // whole padded rows against the pivots with zero padding: X's padding is zero, so is Y's
-        constexpr unsigned int p = S <= 0 ? 1 : S % 2 == 0 || sizeof(T) == sizeof(float) ? S : S + 1;
-        T dd[p];
-        for (unsigned int c = 0; c < p; ++c) dd[c] = c < static_cast<unsigned int>(S) ? d[c] : T(0);
-        for (unsigned int r = 0; r < s_i; ++r) {
-            const unsigned long row = static_cast<unsigned long>(r) * p;
-            for (unsigned int c = 0; c < p; ++c) Y[row + c] = X[row + c] * dd[c];  // l_rc·d_c
-        }
-        return;
-    }
-    const unsigned int s_k = s_kDynamic;
-    const unsigned int p = p_k;
-    for (unsigned int r = 0; r < s_i; ++r) {
-        const unsigned long row = static_cast<unsigned long>(r) * p;
-        for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
-        for (unsigned int c = s_k; c < p; ++c) Y[row + c] = T(0);
-    }
-}
-
-// The end of an off-diagonal block L(i, j) of a small double block column j, in one pass with the rows in
-// registers: W ← W·L_jj⁻ᵀ (solveUnitDiagonal), L(i, j) = W·diag(recip) and LD(i, j) = L(i, j)·D_j
-// (scaleColumns), the same operations as those routines, two rows at a time; stores are whole pairs of
-// columns, so that the next reads of the tiles do not stall on store forwarding.
-// W: the s_i × S tile of L(i, j) (row stride P), Ljj its unit lower diagonal block, LDij the tile of LD(i,
-// j), recip: P reciprocal pivots (padding 0), dj: the S pivots.
-template <int S>
-void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned int s_i, const double* recip,
-                           const double* dj) {
-    constexpr unsigned int P = (S + 1) & ~1;
-    alignas(16) double dd[P];
-    for (unsigned int c = 0; c < P; ++c) dd[c] = c < static_cast<unsigned int>(S) ? dj[c] : 0.0;
-    unsigned int r = 0;
-    for (; r + 1 < s_i; r += 2) {
-        double* w0 = W + static_cast<unsigned long>(r) * P;
-        double* w1 = w0 + P;
-        __m128d v[P];
-        factorCommon::solveRowPair<S>(Ljj, w0, w1, v);
-        double* ld0 = LDij + static_cast<unsigned long>(r) * P;
-        double* ld1 = ld0 + P;
-        for (unsigned int c = 0; c < P; c += 2) {
-            const __m128d q = _mm_loadu_pd(recip + c), dc = _mm_load_pd(dd + c);
-            const __m128d x0 = _mm_mul_pd(_mm_unpacklo_pd(v[c], v[c + 1]), q);  // l_rc = w_rc / d_c
-            const __m128d x1 = _mm_mul_pd(_mm_unpackhi_pd(v[c], v[c + 1]), q);
-            _mm_store_pd(w0 + c, x0);
-            _mm_store_pd(w1 + c, x1);
-            _mm_store_pd(ld0 + c, _mm_mul_pd(x0, dc));  // l_rc·d_c
-            _mm_store_pd(ld1 + c, _mm_mul_pd(x1, dc));
-        }
-    }
-    if (r < s_i) {
-        double* w = W + static_cast<unsigned long>(r) * P;
-        double v[P];
-        factorCommon::solveRow<S>(Ljj, w, v);
-        double* ld = LDij + static_cast<unsigned long>(r) * P;
-        for (unsigned int c = 0; c < P; ++c) {
-            w[c] = v[c] * recip[c];
-            ld[c] = w[c] * dd[c];
-        }
-    }
-}
-
-// finishSmallBlockFixed for block sizes 1 to 6 of double; false (nothing done) otherwise.
-inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
-                             const double* recip, const double* dj) {
-    switch (s_j) {
-        case 1:
-            finishSmallBlockFixed<1>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 2:
-            finishSmallBlockFixed<2>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 3:
-            finishSmallBlockFixed<3>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 4:
-            finishSmallBlockFixed<4>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 5:
-            finishSmallBlockFixed<5>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 6:
-            finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        default:
-            return false;
-    }
-}
-inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigned int, const float*,
-                             const float*) {
-    return false;  // float keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal)
-}
-
 // The pieces of a factorization that every block step needs.
 template <typename T>
 struct SerialFactor {
@@ -236,26 +139,7 @@ struct SerialFactor {
             const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
             const T* Lik = L.blockPointers[e];
             const T* dk = d + offsets[k];
-            switch (s_k) {
-                case 1:
-                    scaleColumns<T, 1>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-                    break;
-                case 2:
-                    scaleColumns<T, 2>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-                    break;
-                case 3:
-                    scaleColumns<T, 3>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-                    break;
-                case 4:
-                    scaleColumns<T, 4>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-                    break;
-                case 6:
-                    scaleColumns<T, 6>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-                    break;
-                default:
-                    scaleColumns<T, 0>(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-                    break;
-            }
+            kernels::scaleColumnsAnySize(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
             LD.blockFlags[e] = 1;
         }
         return LD.blockPointers[e];
