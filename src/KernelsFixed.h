@@ -12,6 +12,10 @@
 
 #include "Kernels.h"
 
+// Complete unrolling of the loops over compile-time sizes, so that the rows of a small block live in
+// registers as straight-line code: the compiler's own limits stop short of that at the sizes 5 and 6.
+#define KIVTAMBER_UNROLL _Pragma("GCC unroll 16")
+
 namespace kivTamber {
 namespace kernels {
 
@@ -47,13 +51,17 @@ inline void solveUnitDiagonalFixed(const double* Ljj, unsigned int p_j, double* 
             double* w0 = W + static_cast<unsigned long>(r) * p_j;
             double* w1 = w0 + p_j;
             __m128d v[S > 0 ? S : 1];
+            KIVTAMBER_UNROLL
             for (int c = 0; c < S; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+            KIVTAMBER_UNROLL
             for (int c = 1; c < S; ++c) {
                 const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
                 __m128d sum = _mm_setzero_pd();
+                KIVTAMBER_UNROLL
                 for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
                 v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t, in both rows
             }
+            KIVTAMBER_UNROLL
             for (int c = 1; c < S; ++c) {
                 _mm_storel_pd(w0 + c, v[c]);
                 _mm_storeh_pd(w1 + c, v[c]);
@@ -62,13 +70,17 @@ inline void solveUnitDiagonalFixed(const double* Ljj, unsigned int p_j, double* 
         for (; r < s_i; ++r) {
             double* w = W + static_cast<unsigned long>(r) * p_j;
             double v[S > 0 ? S : 1];
+            KIVTAMBER_UNROLL
             for (int c = 0; c < S; ++c) v[c] = w[c];
+            KIVTAMBER_UNROLL
             for (int c = 1; c < S; ++c) {
                 const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
                 double sum = 0.0;
+                KIVTAMBER_UNROLL
                 for (int t = 0; t < c; ++t) sum += l[t] * v[t];
                 v[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
             }
+            KIVTAMBER_UNROLL
             for (int c = 1; c < S; ++c) w[c] = v[c];
         }
         return;
@@ -133,8 +145,10 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
 template <int S>
 inline void storeUnitLower(double* W, unsigned int p, const double (*l)[S > 0 ? S : 1]) {
     constexpr int P = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
     for (int r = 0; r < S; ++r) {
         double* const w = W + static_cast<unsigned long>(r) * p;
+        KIVTAMBER_UNROLL
         for (int c = 0; c < P; c += 2) {
             const double v0 = c < r ? l[r][c] : c == r ? 1.0 : 0.0;
             const double v1 = c + 1 < r ? l[r][c + 1] : c + 1 == r ? 1.0 : 0.0;
@@ -144,10 +158,13 @@ inline void storeUnitLower(double* W, unsigned int p, const double (*l)[S > 0 ? 
 }
 template <int S>
 inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S : 1]) {
+    KIVTAMBER_UNROLL
     for (int r = 0; r < S; ++r) {
         float* const w = W + static_cast<unsigned long>(r) * p;
+        KIVTAMBER_UNROLL
         for (int c = 0; c < r; ++c) w[c] = l[r][c];
         w[r] = 1.0f;
+        KIVTAMBER_UNROLL
         for (int c = r + 1; c < S; ++c) w[c] = 0.0f;
     }
 }
@@ -158,10 +175,13 @@ inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S 
 template <int S>
 inline void solveRowPair(const double* Ljj, const double* w0, const double* w1, __m128d* v) {
     constexpr unsigned int P = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
     for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+    KIVTAMBER_UNROLL
     for (int c = 1; c < S; ++c) {
         const double* l = Ljj + static_cast<unsigned long>(c) * P;
         __m128d sum = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
         for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
         v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
     }
@@ -170,10 +190,13 @@ inline void solveRowPair(const double* Ljj, const double* w0, const double* w1, 
 template <int S>
 inline void solveRow(const double* Ljj, const double* w, double* v) {
     constexpr unsigned int P = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
     for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
+    KIVTAMBER_UNROLL
     for (int c = 1; c < S; ++c) {
         const double* l = Ljj + static_cast<unsigned long>(c) * P;
         double sum = 0.0;
+        KIVTAMBER_UNROLL
         for (int t = 0; t < c; ++t) sum += l[t] * v[t];
         v[c] -= sum;
     }
@@ -192,23 +215,29 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
         // Rows and pivots in registers (see solveUnitDiagonalFixed); the same operations in the same order.
         T l[S > 0 ? S : 1][S > 0 ? S : 1];
         T dd[S > 0 ? S : 1];
+        KIVTAMBER_UNROLL
         for (int r = 0; r < S; ++r) {
             const T* const w = W + static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
             for (int c = 0; c <= r; ++c) l[r][c] = w[c];
             dd[r] = w[r];
         }
         // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
         // divisions of one column are independent of each other and overlap, instead of forming one chain
         // per row.
+        KIVTAMBER_UNROLL
         for (int c = 0; c < S; ++c) {
             if (c > 0) {
                 T sum = T(0);
+                KIVTAMBER_UNROLL
                 for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
                 dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
             }
+            KIVTAMBER_UNROLL
             for (int r = c + 1; r < S; ++r) {
                 if (c > 0) {
                     T sum = T(0);
+                    KIVTAMBER_UNROLL
                     for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
                     l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
                 }
@@ -216,6 +245,7 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
             }
         }
         storeUnitLower<S>(W, p, l);
+        KIVTAMBER_UNROLL
         for (int r = 0; r < S; ++r) d[r] = dd[r];
         return;
     }
@@ -276,9 +306,11 @@ inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __rest
     if (S > 0) {  // whole padded rows against the pivots with zero padding: X's padding is zero, so is Y's
         constexpr unsigned int p = S <= 0 ? 1 : S % 2 == 0 || sizeof(T) == sizeof(float) ? S : S + 1;
         T dd[p];
+        KIVTAMBER_UNROLL
         for (unsigned int c = 0; c < p; ++c) dd[c] = c < static_cast<unsigned int>(S) ? d[c] : T(0);
         for (unsigned int r = 0; r < s_i; ++r) {
             const unsigned long row = static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
             for (unsigned int c = 0; c < p; ++c) Y[row + c] = X[row + c] * dd[c];  // l_rc·d_c
         }
         return;
@@ -324,6 +356,7 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
                            const double* dj) {
     constexpr unsigned int P = (S + 1) & ~1;
     alignas(16) double dd[P];
+    KIVTAMBER_UNROLL
     for (unsigned int c = 0; c < P; ++c) dd[c] = c < static_cast<unsigned int>(S) ? dj[c] : 0.0;
     unsigned int r = 0;
     for (; r + 1 < s_i; r += 2) {
@@ -333,6 +366,7 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
         solveRowPair<S>(Ljj, w0, w1, v);
         double* ld0 = LDij + static_cast<unsigned long>(r) * P;
         double* ld1 = ld0 + P;
+        KIVTAMBER_UNROLL
         for (unsigned int c = 0; c < P; c += 2) {
             const __m128d q = _mm_loadu_pd(recip + c), dc = _mm_load_pd(dd + c);
             const __m128d x0 = _mm_mul_pd(_mm_unpacklo_pd(v[c], v[c + 1]), q);  // l_rc = w_rc / d_c
@@ -348,6 +382,7 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
         double v[P];
         solveRow<S>(Ljj, w, v);
         double* ld = LDij + static_cast<unsigned long>(r) * P;
+        KIVTAMBER_UNROLL
         for (unsigned int c = 0; c < P; ++c) {
             w[c] = v[c] * recip[c];
             ld[c] = w[c] * dd[c];
