@@ -239,9 +239,10 @@ void Tamber::factorSerial(TamberData<T>& data) {
     data.diagonal.resize(N);
     T* const d = data.diagonal.data;
 
-    // Reciprocal pivots of the block column being solved, from scratch slot 0, grown as larger blocks come.
-    T* recip = nullptr;
-    unsigned long recipCount = 0;
+    // Reciprocal pivots, computed once per pivot right after its block's factorization (scratch slot 0): the
+    // p_j reciprocals of block j start at recips + offset_j + j, padding 0, so that every block gets one
+    // spare slot for the padding column of an odd size.
+    T* const recips = Layout<T>::scratch(data.scratchPad, N + nb + 1);
     // Map of the row being factored: rowOf[k] = i when row i holds a finished entry in column k, at pattern
     // entry entryOf[k]. Column k is only looked up by rows after k, so it is emptied when row k starts.
     unsigned int* const rowOf =
@@ -309,12 +310,7 @@ void Tamber::factorSerial(TamberData<T>& data) {
             entryOf[j] = e;
 
             const T* dj = d + offsets[j];
-            if (p_j > recipCount) {
-                recipCount = p_j < 16 ? 16 : p_j;
-                recip = Layout<T>::scratch(data.scratchPad, recipCount);
-            }
-            for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
-            for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);  // padding columns stay zero
+            const T* recip = recips + offsets[j] + j;
             if (finishSmallBlock(L.blockPointers[jDiag], Lij, LD.blockPointers[e], s_i, s_j, recip, dj)) {
                 LD.blockFlags[e] = 1;  // LD(i, j) written with L(i, j)
                 continue;
@@ -360,6 +356,10 @@ void Tamber::factorSerial(TamberData<T>& data) {
                 }
             }
         }
+
+        T* const recip = recips + offsets[i] + i;
+        for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
+        for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);  // padding columns stay zero
 
         // LD(i, i) = L_ii·D_i while the block is at hand (both are final here): every diagonal LD block is
         // valid after the factorization.
