@@ -37,9 +37,13 @@ using factorCommon::layoutFactor;
 using factorCommon::solveUnitDiagonal;
 using kernels::finishSmallBlock;
 
-// Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
+// Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none. One pass
+// without branches first (d − d is 0 exactly for finite d), the search only when it finds something.
 template <typename T>
 inline unsigned int firstBadPivot(const T* d, unsigned int s) {
+    bool good = true;
+    for (unsigned int t = 0; t < s; ++t) good &= (d[t] != T(0)) & (d[t] - d[t] == T(0));
+    if (good) return s;
     for (unsigned int t = 0; t < s; ++t) {
         if (d[t] == T(0) || !std::isfinite(d[t])) return t;
     }
@@ -84,21 +88,17 @@ bool factorLaidOut(const SparseMatrix<T>& X, const SkeletonMatrix& S, const unsi
     return last >= begin && (last - begin) / sizeof(T) + p * p <= X.valueCapacity;
 }
 
-// True when block row i of X is laid out as layoutFactor lays it out for the pattern (rowStart, cols) and
-// the block sizes, given that rows 0 .. i-1 are: `offset` is the scalar offset of block i and `next` the
-// place of the row's first tile, advanced past the row's tiles.
+// True when block row i of X has the structure of row i of the pattern (rowStart, cols) and the block sizes,
+// given that rows 0 .. i-1 have: then its tiles are where layoutFactor puts them, since layoutFactor is
+// what lays out both factors and the places follow from the structure. `offset` is the scalar offset of
+// block i.
 template <typename T>
 inline bool rowLaidOut(const SparseMatrix<T>& X, const unsigned int* rowStart, const unsigned int* cols,
-                       const unsigned int* sizes, unsigned int i, unsigned int offset, const T*& next) {
-    const unsigned int s_i = sizes[i];
-    const unsigned long p_i = Layout<T>::padded(s_i);
-    if (X.colPointers[i] != rowStart[i] || X.colPointers[i + 1] != rowStart[i + 1] ||
-        X.blockSizes[i] != s_i || X.blockStrides[i] != p_i || X.blockOffsets[i] != offset) {
+                       const unsigned int* sizes, unsigned int i, unsigned int offset) {
+    if (X.colPointers[i + 1] != rowStart[i + 1] || X.blockSizes[i] != sizes[i] || X.blockOffsets[i] != offset)
         return false;
-    }
     for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
-        if (X.rowIndices[e] != cols[e] || X.blockPointers[e] != next) return false;
-        next += p_i * Layout<T>::padded(sizes[cols[e]]);
+        if (X.rowIndices[e] != cols[e]) return false;
     }
     return true;
 }
@@ -132,17 +132,13 @@ struct SerialFactor {
 
     unsigned int padded(unsigned int b) const { return Layout<T>::padded(sizes[b]); }
 
-    // LD(i, k) = L(i, k)·D_k for the pattern entry e = (i, k): computed straight into LD on first use and
-    // flagged, returned as stored afterwards. Padding columns of the result are zero.
-    const T* scaled(unsigned int e, unsigned int i, unsigned int k) {
-        if (LD.blockFlags[e] == 0) {
-            const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
-            const T* Lik = L.blockPointers[e];
-            const T* dk = d + offsets[k];
-            kernels::scaleColumnsAnySize(Lik, dk, LD.blockPointers[e], s_i, s_k, p_k);
-            LD.blockFlags[e] = 1;
-        }
-        return LD.blockPointers[e];
+    // LD(i, k) = L(i, k)·D_k for the pattern entry e = (i, k), once L(i, k) is final, flagged. Padding
+    // columns of the result are zero. Every off-diagonal LD block is an update source of its row's diagonal
+    // block, so each is computed as soon as its L block is, and read as stored afterwards.
+    void scale(unsigned int e, unsigned int i, unsigned int k) {
+        const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
+        kernels::scaleColumnsAnySize(L.blockPointers[e], d + offsets[k], LD.blockPointers[e], s_i, s_k, p_k);
+        LD.blockFlags[e] = 1;
     }
 };
 
@@ -259,16 +255,13 @@ void Tamber::factorSerial(TamberData<T>& data) {
     };
 
     SerialFactor<T> f{rowStart, cols, sizes, offsets, L, LD, d};
-    const T* nextL = L.values;  // where row i's first tile lies in a current layout
-    const T* nextLD = LD.values;
     unsigned int offset = 0;  // scalar offset of row i
 
     for (unsigned int i = 0; i < nb; ++i) {
         const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
         const unsigned int iBegin = rowStart[i], iDiag = rowStart[i + 1] - 1;
         if (!laidOut) {
-            if (!rowLaidOut(L, rowStart, cols, sizes, i, offset, nextL) ||
-                !rowLaidOut(LD, rowStart, cols, sizes, i, offset, nextLD)) {
+            if (!rowLaidOut(L, rowStart, cols, sizes, i, offset)) {
                 layOutFactors(data);  // the structure changed at row i: all rows anew
                 laidOut = true;
                 offsets = L.blockOffsets;
@@ -280,7 +273,6 @@ void Tamber::factorSerial(TamberData<T>& data) {
             offset += s_i;
         }
         rowOf[i] = ~0u;
-        for (unsigned int e = iBegin; e <= iDiag; ++e) LD.blockFlags[e] = 0;  // LD(i, ·) not yet computed
         unsigned int a = A.colPointers[i];  // the input blocks of row i, in step with the pattern
         const unsigned int aEnd = A.colPointers[i + 1];
 
@@ -299,7 +291,7 @@ void Tamber::factorSerial(TamberData<T>& data) {
                 if (rowOf[k] != i) continue;
                 const unsigned int p = entryOf[k];
                 const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
-                const T* LDik = f.scaled(p, i, k);
+                const T* LDik = LD.blockPointers[p];  // final: an earlier entry of row i
                 // L(i, j) -= LD(i, k)·L(j, k)ᵀ
                 tamber_MM_CM_ABt(LDik, static_cast<int>(p_k), L.blockPointers[q], static_cast<int>(p_k), Lij,
                                  static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
@@ -320,6 +312,7 @@ void Tamber::factorSerial(TamberData<T>& data) {
                 const unsigned long row = static_cast<unsigned long>(r) * p_j;
                 for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
             }
+            f.scale(e, i, j);
         }
 
         // Diagonal block: L_ii·D_i·L_iiᵀ = A(i, i) − Σ_{k<i} L(i, k)·D_k·L(i, k)ᵀ.
@@ -330,7 +323,7 @@ void Tamber::factorSerial(TamberData<T>& data) {
         for (unsigned int e = iBegin; e < iDiag; ++e) {
             const unsigned int k = cols[e];
             const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
-            const T* LDik = f.scaled(e, i, k);
+            const T* LDik = LD.blockPointers[e];
             // L_ii -= L(i, k)·LD(i, k)ᵀ on its lower triangle (the values the whole-square product gives
             // there; the upper triangle is never read and ends up zero)
             factorCommon::subtractABtLower(L.blockPointers[e], static_cast<int>(p_k), LDik,
@@ -363,7 +356,7 @@ void Tamber::factorSerial(TamberData<T>& data) {
 
         // LD(i, i) = L_ii·D_i while the block is at hand (both are final here): every diagonal LD block is
         // valid after the factorization.
-        f.scaled(iDiag, i, i);
+        f.scale(iDiag, i, i);
     }
 
     data.isFactored = 1;
