@@ -37,13 +37,9 @@ using factorCommon::layoutFactor;
 using factorCommon::solveUnitDiagonal;
 using kernels::finishSmallBlock;
 
-// Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none. One pass
-// without branches first (d − d is 0 exactly for finite d), the search only when it finds something.
+// Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
 template <typename T>
 inline unsigned int firstBadPivot(const T* d, unsigned int s) {
-    bool good = true;
-    for (unsigned int t = 0; t < s; ++t) good &= (d[t] != T(0)) & (d[t] - d[t] == T(0));
-    if (good) return s;
     for (unsigned int t = 0; t < s; ++t) {
         if (d[t] == T(0) || !std::isfinite(d[t])) return t;
     }
