@@ -357,6 +357,48 @@ TEST(MultifrontThreads, TwoSystemsFromTwoThreadsAndConditionWaitingBeyondTheProc
     }
 }
 
+// Every top node shared out (no least work) or none: the same bits, since every tile gets the same
+// products in the same order whoever computes them; equal to serial within rounding; the same bits on every
+// repeat. Dense tops (a few large fronts over many parts) and the random shapes.
+TEST(MultifrontThreads, SharedTopStepsGiveTheSameBitsAsUnsharedForEveryThreadCount) {
+    std::vector<BlockSystem> systems;
+    systems.push_back(partsAndTop(11, 6, 10, 12));
+    systems.push_back(makeShape(Shape::dissection, 12, 120));
+    systems.push_back(makeShape(Shape::saddle, 13, 120));
+    systems.push_back(makeShape(Shape::spd, 14, 60));
+    unsigned long sharedNodes = 0;
+    for (const BlockSystem& sys : systems) {
+        SCOPED_TRACE(testing::describe(sys));
+        TamberData<double> serial, shared, unshared;
+        sys.fillData(serial);
+        sys.fillData(shared);
+        sys.fillData(unshared);
+        Tamber tamber;
+        tamber.factorSerial(serial);
+        shared.multifront.minSharedWork = 0.0;
+        unshared.multifront.intraFrontSplit = false;
+        for (unsigned int threads : {1u, 2u, 3u, 4u, 8u, 16u}) {
+            SCOPED_TRACE(std::to_string(threads) + " threads");
+            shared.numThreads = unshared.numThreads = threads;
+            tamber.factorMF(unshared);
+            tamber.factorMF(shared);
+            if (threads == 1) {
+                EXPECT_EQ(shared.multifront.numSplitNodes, 0u);
+            }
+            sharedNodes += shared.multifront.numSplitNodes;
+            EXPECT_EQ(unshared.multifront.numSplitNodes, 0u);
+            const std::vector<double> bits = snapshot(unshared);
+            ASSERT_TRUE(snapshot(shared) == bits);
+            EXPECT_LE(difference(serial, shared), tolerance<double>());
+            for (int run = 0; run < 8; ++run) {
+                tamber.factorMF(shared);
+                ASSERT_TRUE(snapshot(shared) == bits) << "run " << run;
+            }
+        }
+    }
+    EXPECT_GT(sharedNodes, 20u);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // The first bad pivot
 // ---------------------------------------------------------------------------------------------------------
