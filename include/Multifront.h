@@ -14,6 +14,13 @@
 // parent belongs to another thread keeps its update matrix in an update list and publishes it through its
 // WaitBlock; every other node subtracts its updates straight into its ancestors' fronts.
 //
+// Choosing the thread count (Tamber::chooseThreads): with W the estimated work of the whole factorization
+// (the flop units of the split below, block operations weighted as flops) and T_P the predicted length of the
+// threaded one on P threads (predictedTime: the largest thread's parts, then the top, whose shared steps are
+// divided by the threads that can run at once), P threads are chosen when W is at least `parallelMinWork`
+// (a dispatch of the workers costs tens of microseconds; smaller systems stay serial) and the predicted gain
+// W / (T_P + dispatchWork) is at least `parallelMinGain`; otherwise 1, the serial factorization.
+//
 // Every thread's sequence of operations is fixed by the split, and data passes between threads only through
 // update lists that are complete before they are read, so a factorization gives the same bits from run to
 // run for a fixed thread count (on a given machine: the split counts the processors).
@@ -301,12 +308,16 @@ public:
     unsigned long scalarSize = 0;
 
     // Threads that own nodes (at most numThreads and 256); the owner of the top part; estimated work of the
-    // whole factorization and of the top part, in flops; the largest subtree work of any one thread.
+    // whole factorization and of the top part, in flops; the largest subtree work of any one thread;
+    // predictedTime: the estimated length of the threaded factorization in the same units, the largest
+    // thread's parts, then the top with the shared steps of its large nodes divided among the threads that
+    // can run at once.
     unsigned int numOwners = 0;
     unsigned int topOwner = 0;
     double totalWork = 0.0;
     double topWork = 0.0;
     double maxThreadWork = 0.0;
+    double predictedTime = 0.0;
 
     // Wanted mode of the wait blocks; applied by the next factorization (no new preparation needed).
     MfWaitMode waitMode = MfWaitMode::automatic;

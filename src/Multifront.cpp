@@ -47,6 +47,12 @@ constexpr double handOverCost = 1500.0;
 // Estimated fixed cost of one block operation (call, loop set-up), in flops.
 constexpr double blockOpCost = 30.0;
 
+// The choice of the thread count (see Multifront.h): least work for threads, least predicted gain, and the
+// cost of waking the workers and waiting for them, in the flop units of the split.
+constexpr double parallelMinWork = 2.5e6;
+constexpr double parallelMinGain = 1.2;
+constexpr double dispatchWork = 2e5;
+
 // Processors of the machine, read once.
 unsigned int processorCount() {
     static const unsigned int count = std::thread::hardware_concurrency();
@@ -505,6 +511,16 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     }
 
     chunkBounds.resize(maxColumn + 2ul);
+
+    // Predicted length: the largest thread's parts, then the top, whose shared steps (about all of a shared
+    // node's work but its diagonal block) go at the speed of the threads that can run at once.
+    double topTime = topWork;
+    for (unsigned int j = 0; j < n; ++j) {
+        if (!splitNode[j]) continue;
+        const double s_j = sizes[j], diagonal = s_j * s_j * s_j / 3.0;
+        topTime -= (nodeWork[j] - diagonal) * (1.0 - 1.0 / parallel);
+    }
+    predictedTime = (owners > 1 ? maxThreadWork : totalWork) + topTime;
     preparedSplit = intraFrontSplit;
     preparedMinShared = minSharedWork;
     preparedBlocks = n;
@@ -1325,6 +1341,21 @@ void Tamber::factorMF(TamberData<T>& data) {
     solveTime = 0.0;
 }
 
+template <typename T>
+unsigned int Tamber::chooseThreads(TamberData<T>& data, unsigned int maxThreads) {
+    const unsigned int processors = std::max(1u, processorCount());
+    const unsigned int threads = std::min({maxThreads == 0 ? processors : maxThreads, processors, maxOwners});
+    if (threads <= 1 || data.skeleton.n == 0) return 1;
+    MultifrontManager<T>& M = data.multifront;
+    if (!M.isPreparedFor(data.skeleton, data.matrix.blockSizes, threads)) {
+        M.prepare(data.skeleton, data.matrix.blockSizes, threads);
+    }
+    if (M.totalWork < parallelMinWork) return 1;
+    return M.totalWork >= parallelMinGain * (M.predictedTime + dispatchWork) ? threads : 1;
+}
+
+template unsigned int Tamber::chooseThreads<float>(TamberData<float>&, unsigned int);
+template unsigned int Tamber::chooseThreads<double>(TamberData<double>&, unsigned int);
 template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
 template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
 template void Tamber::factorMF<float>(TamberData<float>&);
