@@ -651,6 +651,53 @@ TEST(SolveToolRun, MalformedInputExitsWithTwoAndItsLine) {
     EXPECT_NE(help.out.find("Exit codes:"), std::string::npos);
 }
 
+// The accuracy check: Hilbert matrices of order 6 to 12 in float (and from order 8 on in double) are
+// answered with exit 4 and a warning that says whether double would do; small orders pass. A matrix whose
+// values float cannot hold is refused for --float with the same exit code, and solved in double.
+TEST(SolveToolRun, WarnsWhenTheAnswerCannotBeTrusted) {
+    REQUIRE_TOOL();
+    TempDir dir;
+    for (unsigned int n = 2; n <= 12; ++n) {
+        DenseSymmetric H(n);
+        for (unsigned int i = 0; i < n; ++i)
+            for (unsigned int j = 0; j < n; ++j) H(i, j) = 1.0 / (i + j + 1.0);
+        const std::string path = dir.write("h" + std::to_string(n) + ".mtx", toMatrixMarket(H));
+        for (bool single : {false, true}) {
+            SCOPED_TRACE("Hilbert " + std::to_string(n) + (single ? " float" : " double"));
+            const ToolRun run =
+                runTool(dir, single ? Strings{path, "--float", "--refine", "3"} : Strings{path});
+            const bool expectWarning = single ? n >= 6 : n >= 8;
+            if (!expectWarning && (single ? n > 4 : n > 6))
+                continue;  // the orders in between may go either way
+            ASSERT_EQ(run.status, expectWarning ? 4 : 0) << run.out << run.err;
+            if (!expectWarning) {
+                EXPECT_EQ(run.err, "");
+                continue;
+            }
+            const std::string start =
+                path + ": warning: the solution cannot be trusted: estimated relative error ";
+            EXPECT_EQ(run.err.substr(0, start.size()), start);
+            EXPECT_NE(run.err.find(single ? "; double would be needed (run without --float)"
+                                          : "; the matrix is too ill-conditioned for this precision"),
+                      std::string::npos)
+                << run.err;
+            // The bound is honest: within a factor 10 of the error the run actually made, or above it.
+            const double bound = std::strtod(run.out.c_str() + run.out.find("error bound ") + 12, nullptr);
+            EXPECT_GE(bound, 0.1 * valueAfter(run.out, "error")) << run.out;
+        }
+    }
+    // 3e38 fits in float, but b = A·(1, 1, 1) does not.
+    const std::string big = dir.write("big.mtx", SYM "3 3 4\n1 1 3e38\n2 1 2e38\n2 2 3e38\n3 3 1\n");
+    const ToolRun single = runTool(dir, {big, "--float"});
+    EXPECT_EQ(single.status, 4);
+    EXPECT_EQ(single.err,
+              big +
+                  ": warning: A or b holds values beyond the range of float (largest |value| 5e+38, "
+                  "float holds up to 3.4e+38); double would be needed (run without --float)\n");
+    const ToolRun twice = runTool(dir, {big});
+    EXPECT_EQ(twice.status, 0) << twice.err;
+}
+
 // The bad-input table: every kind of malformed file, option and problem, each the smallest input that shows
 // it, answered with its exit code and the start of its message ($M, $B, $R: the matrix, blocks and
 // right-hand-side files; $D a folder). A few good inputs in between check that nothing is refused wrongly.
@@ -659,6 +706,8 @@ TEST(SolveToolRun, BadInputTable) {
     TempDir dir;
     const std::string ok = SYM "3 3 4\n1 1 4\n2 1 1\n2 2 4\n3 3 4\n";
     const std::string kkt = SYM "3 3 4\n1 1 2\n2 2 2\n3 1 1\n3 2 1\n";
+    std::string diagonal = SYM "12000 12000 12000\n";  // one block of 12000 rows would hold 1.44e8 values
+    for (int i = 1; i <= 12000; ++i) diagonal += std::to_string(i) + " " + std::to_string(i) + " 1\n";
     std::string hilbert = SYM "8 8 36\n";
     for (int j = 1; j <= 8; ++j)
         for (int i = j; i <= 8; ++i)
@@ -1009,6 +1058,12 @@ TEST(SolveToolRun, BadInputTable) {
         {ok, "", "", {"--max-error", "-1"}, 2, "tamber-solve: --max-error needs a positive number"},
         {ok, "", "", {"--rhs"}, 2, "tamber-solve: --rhs needs a file name"},
         {ok, "", "", {"--out", "$D"}, 1, "$D: cannot write (Is a directory)"},
+        {diagonal,
+         "",
+         "",
+         {"--block-size", "65536"},
+         2,
+         "tamber-solve: blocks of 65536 rows need more values than the tool's limit of 134217728 (1 GiB)"},
         // Answers that cannot be trusted.
         {hilbert,
          "",
@@ -1133,6 +1188,13 @@ TEST(SolveToolRun, RealMatrices) {
         const ToolRun run = runTool(dir, args);
         if (run.status == 0) {
             EXPECT_LT(valueAfter(run.out, "residual after refinement"), 1e-12) << run.out;
+            EXPECT_EQ(run.err, "");  // no warning on these well-conditioned matrices
+            // Mixed-precision refinement gets the float factor to an answer that passes the check as well.
+            Strings single = args;
+            single.insert(single.end(), {"--float", "--refine", "3"});
+            const ToolRun floatRun = runTool(dir, single);
+            EXPECT_EQ(floatRun.status, 0) << floatRun.err;
+            EXPECT_EQ(floatRun.err, "");
             continue;
         }
         EXPECT_NE(base.find("_kkt"), std::string::npos) << "a positive definite matrix failed";
