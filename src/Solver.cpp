@@ -636,6 +636,9 @@ Status Solver<T>::Impl::updateInPlace() {
             if (!rankModPrepared) {
                 if (!rankMod.prepare(data))
                     return fail(StatusCode::updateFailed, "the factor could not be prepared for switching");
+                // Each equation is listed at most once per switch: lists of N never grow again.
+                switchOff.reserve(N);
+                switchOn.reserve(N);
                 // Equations masked by the last factorization are unit equations of the factor already.
                 for (unsigned long p = 0; p < N; ++p) {
                     if (factorActive[factorToUser[p]]) continue;
