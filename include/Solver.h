@@ -116,7 +116,7 @@ public:
     // The recorded structure (read by the solver; may also be filled directly).
     std::vector<unsigned int> bodySizes;
     std::vector<unsigned int> constraintSizes;
-    std::vector<unsigned char> compliant;                         // [constraints]
+    std::vector<unsigned char> compliant;                          // [constraints]
     std::vector<std::pair<unsigned int, unsigned int>> jacobians;  // (constraint, body), in call order
     std::vector<std::pair<unsigned int, unsigned int>> couplings;  // (body1, body2), in call order
 };
@@ -129,7 +129,7 @@ enum class OrderingMethod : unsigned int {
     automatic = 0,  // peeling, constrained minimum degree or nested dissection, chosen by predicted cost
     minimumDegree,  // minimum degree with the zero-leaf swap and a repair
     natural,        // the caller's numbering: bodies, then constraints
-    centroid,       // shallow elimination tree when the bodies form a forest (cheap switching); else automatic
+    centroid,  // shallow elimination tree when the bodies form a forest (cheap switching); else automatic
 };
 
 enum class SwitchMethod : unsigned int {
@@ -161,11 +161,11 @@ struct SolverOptions {
 struct PivotLocation {
     bool found = false;
     bool isConstraint = false;
-    unsigned int id = 0;            // body or constraint id
-    unsigned int row = 0;           // row inside that body or constraint
-    unsigned long userRow = 0;      // row of the whole system in the caller's numbering
-    unsigned long step = 0;         // elimination step (0-based position in the elimination order)
-    double value = 0.0;             // the pivot
+    unsigned int id = 0;        // body or constraint id
+    unsigned int row = 0;       // row inside that body or constraint
+    unsigned long userRow = 0;  // row of the whole system in the caller's numbering
+    unsigned long step = 0;     // elimination step (0-based position in the elimination order)
+    double value = 0.0;         // the pivot
 };
 
 struct SolverReport {
@@ -246,8 +246,8 @@ public:
                          unsigned int numBlocks = 0);
     bool isAnalyzed() const;
 
-    // ---- values (row-major arrays; each call copies its values straight into the factorization's input) ----
-    // M(b, b), s_b × s_b, the full square (symmetric).
+    // ---- values (row-major arrays; each call copies its values straight into the factorization's input)
+    // ---- M(b, b), s_b × s_b, the full square (symmetric).
     Status setBody(unsigned int body, const T* values);
     // J(c, b), s_c × s_b, as the physics holds it.
     Status setJacobian(unsigned int constraint, unsigned int body, const T* values);
