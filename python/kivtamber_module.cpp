@@ -29,7 +29,7 @@
 #include <utility>
 #include <vector>
 
-#include "Solver.h"
+#include <kivTamber/Solver.h>
 
 namespace py = pybind11;
 
