@@ -15,6 +15,7 @@
 // Threads: the GIL is released during analysis, factorization and solves. A mutex per object serialises
 // the calls into the library, so that two Python threads sharing one solver wait for each other instead of
 // racing; it is taken only around library calls, never while Python code may run.
+#include <kivTamber/Solver.h>
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
@@ -28,8 +29,6 @@
 #include <string>
 #include <utility>
 #include <vector>
-
-#include <kivTamber/Solver.h>
 
 namespace py = pybind11;
 
@@ -411,15 +410,23 @@ public:
 
     // ---- values ----
 
-    unsigned int bodySize(long long body, const char* what) const {
-        if (body < 0 || body >= static_cast<long long>(numBodies_) || blockSizes_.empty())
+    // The block sizes the shape checks need; a matrix whose blocks the analysis detected has none here.
+    void requireSizes(const char* what) const {
+        if (blockSizes_.empty() && analyzedAny())
             raise(PyExc_ValueError,
-                  std::string(what) + ": unknown body " + std::to_string(body) + " (" +
-                      std::to_string(numBodies_) + " bodies" +
-                      (blockSizes_.empty() && analyzedAny() ? " known by their sizes" : "") + ")");
+                  std::string(what) +
+                      ": the blocks of this matrix were detected by the analysis; set "
+                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
+    }
+    unsigned int bodySize(long long body, const char* what) const {
+        requireSizes(what);
+        if (body < 0 || body >= static_cast<long long>(numBodies_))
+            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
+                                        std::to_string(numBodies_) + " bodies)");
         return blockSizes_[static_cast<std::size_t>(body)];
     }
     unsigned int constraintSize(long long constraint, const char* what) const {
+        requireSizes(what);
         const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
         if (constraint < 0 || constraint >= count)
             raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
@@ -427,11 +434,7 @@ public:
         return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
     }
     unsigned int blockSize(long long block, const char* what) const {
-        if (blockSizes_.empty() && analyzedAny())
-            raise(PyExc_ValueError,
-                  std::string(what) +
-                      ": the blocks of this matrix were detected by the analysis; set "
-                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
+        requireSizes(what);
         if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
             raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
                                         std::to_string(blockSizes_.size()) + " blocks)");
