@@ -100,6 +100,36 @@ struct Problem {
                                 const unsigned int* blockSizes);
 };
 
+// The factorization-time model: time ≈ (kBlockFlops·blocks + kBlockOperationFlops·blockOperations + flops)
+// × the time of a flop, for the serial factorization (Tamber::factorSerial) in double. Fitted by least
+// squares on relative errors to 99 factors (chain, ragdolls, cloth and box wall at 10,000 and 50,000 blocks,
+// cloth 32×32, 72×72 and 128×128; each in the minimum-degree, the standard and the symamd order, unmerged
+// and merged to 16 and 48 rows: `AnalysisBench --fit`) on a shared 2-core x86-64 server: 0.20 ns per flop,
+// 8.1 ns per block operation, 118 ns per block column (mean error 18 %, worst 68 % on a noisy machine).
+// The weights are those times in flops; only their ratios to a flop matter to the decisions taken on it.
+constexpr double kBlockOperationFlops = 40.0;
+constexpr double kBlockFlops = 580.0;
+
+// Size of the factor of an order, counted by block-level symbolic factorization with dense blocks. With
+// c_k = the number of scalar entries of L strictly below the diagonal in scalar column k and c_j = the number
+// of blocks of L strictly below the diagonal in block column j:
+// scalarEntries = Σ (c_k + 1) (the unit diagonal included), flops = Σ c_k·(c_k + 2) (one division per
+// entry and a multiply-add per entry pair of the symmetric update) and blockOperations = Σ c_j·(c_j + 1)/2
+// (a triangular solve per block and a product per pair of blocks of a block column).
+struct FactorCost {
+    unsigned long blocks = 0;         // block columns of L (the groups, for a merged factor)
+    unsigned long blockEntries = 0;   // blocks of L, diagonal blocks included
+    unsigned long scalarEntries = 0;  // nnz(L), diagonal included
+    double flops = 0.0;
+    double blockOperations = 0.0;
+
+    // The modelled factorization time in flops: kBlockFlops·blocks + w·blockOperations + flops (w
+    // defaults to kBlockOperationFlops).
+    double modelFlops(double w = kBlockOperationFlops) const {
+        return kBlockFlops * static_cast<double>(blocks) + w * blockOperations + flops;
+    }
+};
+
 // How the analysis orders the blocks. Every order it returns satisfies the safe-order rule.
 enum class Ordering : unsigned int {
     // 1. Peel: repeatedly take a body with at most one unplaced neighbour and place it; when that neighbour
@@ -108,10 +138,11 @@ enum class Ordering : unsigned int {
     //    (ragdolls) are placed completely by this step.
     // 2. The rest, bodies first: CCOLAMD's csymamd on the remaining block graph with every body in
     //    constraint set 0 and every constraint in set 1 (rule S).
-    // 3. When the predicted factor cost exceeds Options::nestedDissectionThreshold flops, also try the
+    // 3. When the predicted unmerged flops exceed Options::nestedDissectionThreshold, also try the
     //    remaining bodies followed by a METIS nested dissection of the constraint graph (two constraints
     //    adjacent when they share a remaining body, or a group of remaining bodies coupled among themselves;
-    //    vertex weight = rows), and keep whichever order the same count predicts cheaper.
+    //    vertex weight = rows), and keep whichever order builds the factor of smaller modelled time
+    //    (FactorCost::modelFlops of the factor actually built: merged when merging is on, zeros included).
     standard,
     // COLAMD's symamd on the whole pattern, then Reordering::zeroLeafSwap; constraints that still break the
     // rule are moved after the last of their bodies (repeated until the order satisfies the rule; the
@@ -141,17 +172,17 @@ struct Options {
     // For Ordering::user: [n] forward[k] = the user block placed k-th.
     const unsigned int* userOrder = nullptr;
 
-    // Block merging (supernodal amalgamation). After the order and its filled pattern are known, runs of
-    // consecutive blocks k, k+1, ... of the order in which each block's elimination-tree parent is the next
-    // block are joined into one block (a group) of data, whose diagonal tile is dense. The scalar
-    // elimination order is unchanged, so the unpivoted L·D·Lᵀ of a group's diagonal tile eliminates the same
-    // pivots in the same order as the separate blocks did (a zero constraint diagonal inside a group is
-    // fine); only rounding differs. Fewer, larger blocks cut the per-block overhead of factorization and
-    // solves on patterns of tiny blocks, for the explicit zeros the dense tiles add (Report::explicitZeros).
-    // The next block joins the group when all of these hold:
+    // Block merging (supernodal amalgamation), on by default. After the order and its filled pattern are
+    // known, runs of consecutive blocks k, k+1, ... of the order in which each block's elimination-tree
+    // parent is the next block are joined into one block (a group) of data, whose diagonal tile is dense.
+    // The scalar elimination order is unchanged, so the unpivoted L·D·Lᵀ of a group's diagonal tile
+    // eliminates the same pivots in the same order as the separate blocks did (a zero constraint diagonal
+    // inside a group is fine); only rounding differs. Fewer, larger blocks cut the per-block overhead of
+    // factorization and solves on patterns of tiny blocks, for the explicit zeros the dense tiles add
+    // (Report::explicitZeros). The next block joins the group when all of these hold:
     //  - it is the elimination-tree parent of the group's last block;
     //  - the group stays within maxMergedSize scalar rows (a larger single block stays alone);
-    //  - the join lowers the predicted factorization time, modelled as
+    //  - the join lowers the predicted factorization time (see FactorCost::modelFlops), modelled as
     //        mergeOperationFlops × (block operations) + flops,
     //    block operations = Σ over block columns of L of c·(c + 1)/2 (c its off-diagonal blocks: one
     //    triangular solve per block, one product per pair of blocks) and flops = Σ over scalar columns of
@@ -160,22 +191,12 @@ struct Options {
     //    groups, and costs the flops of its zeros: in its own columns, and the full tiles in its rows under
     //    the columns of the earlier groups that reach the group. The blocks after the join are counted in
     //    the groups of a previous pass (three passes over the order, the first on the blocks themselves).
-    // mergeOperationFlops is the time of a block operation in flops: about 62 on a 2-core x86-64 server
-    // (8.3 ns per operation, 0.133 ns per flop, measured on the merged cloth scene); larger values merge
-    // more. Chains and ragdolls merge nothing with the default (their blocks have one or two blocks below).
-    bool mergeBlocks = false;
+    // Chains and ragdolls merge nothing (their blocks have one or two blocks below).
+    bool mergeBlocks = true;
     unsigned int maxMergedSize = 48;
-    double mergeOperationFlops = 62.0;
-};
-
-// Size of the factor of an order, counted by block-level symbolic factorization with dense blocks. With
-// c_k = the number of scalar entries of L strictly below the diagonal in scalar column k:
-// scalarEntries = Σ (c_k + 1) (the unit diagonal included) and flops = Σ c_k·(c_k + 2) (one division per
-// entry and a multiply-add per entry pair of the symmetric update).
-struct FactorCost {
-    unsigned long blockEntries = 0;   // blocks of L, diagonal blocks included
-    unsigned long scalarEntries = 0;  // nnz(L), diagonal included
-    double flops = 0.0;
+    // The time of one block operation in flops; the same weight the ordering decision uses (see
+    // FactorCost::modelFlops for how it was fitted). Larger values merge more.
+    double mergeOperationFlops = kBlockOperationFlops;
 };
 
 // Outcome of Analyzer::analyze.
@@ -189,19 +210,29 @@ struct Report {
     unsigned long movedConstraints = 0;
     // symamdSwap: the zero-leaf swap failed and the repair worked on symamd's order.
     bool swapFailed = false;
-    // Standard ordering: predicted flops of the minimum-degree order and of the nested-dissection order
-    // (0 when it was not tried), and which one was kept.
+    // Standard ordering: the candidates, each as the cost of the factor its order builds (with merging: the
+    // groups that order gets, explicit zeros included). The order whose cost has the smaller modelFlops(w),
+    // w = Options::mergeOperationFlops, is kept. nestedDissectionCost stays zero when nested dissection was
+    // not tried (switched off, a minimum-degree prediction below the threshold, fewer than two constraints
+    // left after peeling, or METIS failed).
+    FactorCost minimumDegreeCost;
+    FactorCost nestedDissectionCost;
+    bool usedNestedDissection = false;
+    // The unmerged flops of the same candidates (0 when not tried).
     double minimumDegreeFlops = 0.0;
     double nestedDissectionFlops = 0.0;
-    bool usedNestedDissection = false;
     // An ordering library failed (out of memory) and the remainder was taken in the user's numbering.
     bool orderingFallback = false;
     // Ordering::centroid: the bodies do not form a forest; the standard ordering was used.
     bool centroidFallback = false;
     // The factor of data: with merging the cost of the merged pattern, explicit zeros included.
     FactorCost cost;
-    // Blocks of data: the groups with merging, otherwise the number of blocks of the problem.
+    // Blocks of data: the groups with merging, otherwise the number of blocks of the problem; of them, the
+    // groups of more than one block, and the scalar rows of the largest group (Analyzer::groupStarts lists
+    // the groups).
     unsigned long mergedBlocks = 0;
+    unsigned long multiBlockGroups = 0;
+    unsigned int largestGroup = 0;
     // The factor of the chosen order on the problem's own blocks (equals `cost` without merging).
     FactorCost unmergedCost;
     // Scalars of L that merging adds as explicit zeros (cost.scalarEntries − unmergedCost.scalarEntries).
@@ -301,6 +332,10 @@ public:
     // The order: [n] forward[k] = the user block placed k-th (a copy of data.permutation.forward without
     // merging; with merging the order of the user blocks inside the groups).
     const unsigned int* order() const;
+
+    // The blocks of data as runs of the order: [numFactorBlocks() + 1], block g of data holds the user
+    // blocks order()[groupStarts()[g]] .. order()[groupStarts()[g + 1] − 1].
+    const unsigned int* groupStarts() const;
 
     // Scalar `local` of user block `userBlock` → block of data and scalar inside it (without merging block =
     // data.permutation.inverse[userBlock] and localInBlock = local). False, outputs unchanged, when

@@ -421,27 +421,53 @@ unsigned long repairInPlace(const BlockGraph& g, kiv::VectorPOD<unsigned int>& o
 // ---------------------------------------------------------------------------------------------------------
 
 struct CostWork {
-    kiv::VectorPOD<unsigned int> parent, ancestor, stamp;
+    kiv::VectorPOD<unsigned int> parent, ancestor, stamp, count;
     kiv::VectorPOD<unsigned long> below;
 };
 
+// The cost of a factor from its block columns: sizes [n] of the block columns, below [n] the scalar rows and
+// count [n] the blocks strictly below each diagonal block.
 FactorCost costFromColumns(unsigned int n, const unsigned int* sizeOfPosition, const unsigned long* below,
-                           unsigned long blockEntries) {
+                           const unsigned int* count) {
     FactorCost cost;
-    cost.blockEntries = blockEntries;
-    double flops = 0.0;
+    cost.blocks = n;
+    unsigned long blockEntries = n;
+    double flops = 0.0, operations = 0.0;
     unsigned long scalars = 0;
     for (unsigned int j = 0; j < n; ++j) {
         const unsigned long s = sizeOfPosition[j];
+        const double c = count[j];
+        blockEntries += count[j];
+        operations += c * (c + 1.0) / 2.0;
         for (unsigned long t = 0; t < s; ++t) {
-            const double c = static_cast<double>(s - 1 - t + below[j]);  // c_k of scalar column t of block j
-            flops += c * (c + 2.0);
+            const double ck = static_cast<double>(s - 1 - t + below[j]);  // c_k of scalar column t of block j
+            flops += ck * (ck + 2.0);
             scalars += s - t + below[j];
         }
     }
+    cost.blockEntries = blockEntries;
     cost.flops = flops;
+    cost.blockOperations = operations;
     cost.scalarEntries = scalars;
     return cost;
+}
+
+// factorCost with the work arrays of w.
+FactorCost filledCost(const SkeletonMatrix& filled, const unsigned int* sizes, CostWork& w) {
+    const unsigned int n = static_cast<unsigned int>(filled.n);
+    grow(w.below, n);
+    grow(w.count, n);
+    for (unsigned int j = 0; j < n; ++j) {
+        w.below[j] = 0;
+        w.count[j] = 0;
+    }
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e) {
+            w.below[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below the diagonal of column j
+            ++w.count[filled.rowIndices[e]];
+        }
+    }
+    return costFromColumns(n, sizes, w.below.data(), w.count.data());
 }
 
 // Elimination tree (Liu, with path compression through `ancestor`) and row-subtree counts of the order,
@@ -453,6 +479,7 @@ FactorCost predict(const BlockGraph& g, const unsigned int* forward, const unsig
     grow(w.ancestor, n);
     grow(w.stamp, n);
     grow(w.below, n);
+    grow(w.count, n);
     grow(sizeOfPosition, n);
     unsigned int* parent = w.parent.data();
     unsigned int* ancestor = w.ancestor.data();
@@ -471,10 +498,10 @@ FactorCost predict(const BlockGraph& g, const unsigned int* forward, const unsig
             }
         }
     }
-    unsigned long blockEntries = n;
     for (unsigned int k = 0; k < n; ++k) {
         w.stamp[k] = kNone;
         w.below[k] = 0;
+        w.count[k] = 0;
     }
     for (unsigned int k = 0; k < n; ++k) {
         w.stamp[k] = k;
@@ -484,11 +511,11 @@ FactorCost predict(const BlockGraph& g, const unsigned int* forward, const unsig
             for (unsigned int x = inverse[*u]; x < k && w.stamp[x] != k; x = parent[x]) {
                 w.stamp[x] = k;  // L(k, x) is an entry
                 w.below[x] += s;
-                ++blockEntries;
+                ++w.count[x];
             }
         }
     }
-    return costFromColumns(n, sizeOfPosition.data(), w.below.data(), blockEntries);
+    return costFromColumns(n, sizeOfPosition.data(), w.below.data(), w.count.data());
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -687,13 +714,8 @@ FactorCost predictCost(const Problem& problem, const unsigned int* forward) {
 }
 
 FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes) {
-    const unsigned long n = filled.n;
-    std::vector<unsigned long> below(n, 0);
-    for (unsigned long i = 0; i < n; ++i) {
-        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e)
-            below[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below the diagonal of column j
-    }
-    return costFromColumns(static_cast<unsigned int>(n), sizes, below.data(), filled.numEntries());
+    CostWork w;
+    return filledCost(filled, sizes, w);
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -792,7 +814,10 @@ struct Analyzer::Impl {
     void orderStandard(const Problem& problem, const Options& options, Report& report);
     bool nestedDissection(unsigned int placed, unsigned int remainingBodies);
     void orderSymamdSwap(const Problem& problem, Report& report, bool allowR);
+    bool haveCandidate = false;  // orderStandard left a nested-dissection order in `candidate`
     void buildSymbolic(const Problem& problem);
+    FactorCost evaluate(const Problem& problem, const Options& options, Report& report);
+    FactorCost groupCost(const unsigned int* sizes);
     double findGroups(const Options& options, const unsigned int* sizes);
     void buildMerged();
     void finishAssembly();
@@ -902,21 +927,14 @@ void Analyzer::Impl::orderStandard(const Problem& problem, const Options& option
         for (unsigned int k = 0; k < m; ++k) order[pos + k] = rest[k];
     }
 
-    // 3. Nested dissection of the constraint graph for a large remainder.
+    // 3. Nested dissection of the constraint graph for a large remainder: a candidate, weighed in prepare on
+    // the factor each order builds.
     if (!options.nestedDissection || remainingBodies == 0 || m - remainingBodies < 2) return;
     computeInverse(order.data(), n, inverse);
     const FactorCost md = predict(g, order.data(), inverse.data(), problem.blockSizes, costWork, work5);
     report.minimumDegreeFlops = md.flops;
     if (md.flops <= options.nestedDissectionThreshold) return;
-    if (!nestedDissection(pos, remainingBodies)) return;
-    computeInverse(candidate.data(), n, candidateInverse);
-    const FactorCost nd =
-        predict(g, candidate.data(), candidateInverse.data(), problem.blockSizes, costWork, work5);
-    report.nestedDissectionFlops = nd.flops;
-    if (nd.flops < md.flops) {
-        order.swap(candidate);
-        report.usedNestedDissection = true;
-    }
+    haveCandidate = nestedDissection(pos, remainingBodies);
 }
 
 // candidate = order[0 .. placed) + the remaining bodies in their current order + the remaining constraints in
@@ -1360,6 +1378,54 @@ double Analyzer::Impl::findGroups(const Options& options, const unsigned int* si
     return totalZeros;
 }
 
+// Symbolic factorization of `order` (buildSymbolic), its groups (findGroups) and the cost of the factor that
+// data would receive: the groups' factor with merging, the blocks' otherwise. Sets report.unmergedCost and
+// report.explicitZeros; leaves work3 = the block size of each position.
+FactorCost Analyzer::Impl::evaluate(const Problem& problem, const Options& options, Report& report) {
+    const unsigned int n = problem.numBlocks;
+    buildSymbolic(problem);
+    grow(work3, n);
+    for (unsigned int k = 0; k < n; ++k) work3[k] = problem.blockSizes[order[k]];
+    report.unmergedCost = filledCost(filled, work3.data(), costWork);
+    report.explicitZeros = static_cast<unsigned long>(findGroups(options, work3.data()));
+    return options.mergeBlocks ? groupCost(work3.data()) : report.unmergedCost;
+}
+
+// The cost of the factor on the groups (groupOf, groupStart) of the filled pattern, sizes [n] by position.
+// Block column G of the merged factor holds group H > G exactly when some block of H has an entry of L in a
+// column of G: eliminating the blocks of a group one after the other, each column's structure below the
+// group lies in the structure of the next (the group is a path of the elimination tree), so the merged
+// elimination makes no fill beyond the groups the blocks' factor already reaches. Every such tile is dense.
+FactorCost Analyzer::Impl::groupCost(const unsigned int* sizes) {
+    const unsigned int n = static_cast<unsigned int>(filled.n);
+    const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
+    CostWork& w = costWork;
+    grow(w.stamp, ng);
+    grow(w.count, ng);
+    grow(w.below, ng);
+    grow(w.parent, ng);  // the group sizes
+    unsigned int* groupSize = w.parent.data();
+    for (unsigned int G = 0; G < ng; ++G) {
+        w.stamp[G] = kNone;
+        w.count[G] = 0;
+        w.below[G] = 0;
+        groupSize[G] = 0;
+    }
+    for (unsigned int k = 0; k < n; ++k) groupSize[groupOf[k]] += sizes[k];
+    for (unsigned int H = 0; H < ng; ++H) {
+        for (unsigned int i = groupStart[H]; i < groupStart[H + 1]; ++i) {
+            for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e) {
+                const unsigned int G = groupOf[filled.rowIndices[e]];
+                if (G == H || w.stamp[G] == H) continue;
+                w.stamp[G] = H;  // tile (H, G)
+                ++w.count[G];
+                w.below[G] += groupSize[H];
+            }
+        }
+    }
+    return costFromColumns(ng, groupSize, w.below.data(), w.count.data());
+}
+
 // The pattern of A on the groups (mergedPermuted, list form; mergedEntry[k] = its entry holding entry k of
 // `permuted`), its elimination tree with child lists and post order, its filled pattern, the identity
 // permutation of the groups and the group sizes (dataSizes).
@@ -1466,6 +1532,7 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
     std::uint64_t t = kiv::Timer::ticks();
     const unsigned int n = problem.numBlocks;
     const bool allowR = options.peel;
+    haveCandidate = false;
     if (!checkForm(problem, &report.message)) return false;
     buildGraph(problem, graph, work1);
     if (!checkCoupling(graph, &report.message)) return false;
@@ -1506,6 +1573,35 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
             report.message = format("unknown ordering %u", static_cast<unsigned int>(options.ordering));
             return false;
     }
+    report.orderSeconds = secondsSince(t);
+
+    // The factor of the order, and for the standard ordering the decision between its candidates on the
+    // factors they build (merged, explicit zeros included).
+    t = kiv::Timer::ticks();
+    FactorCost cost = evaluate(problem, options, report);
+    if (haveCandidate) {
+        report.minimumDegreeCost = cost;
+        const FactorCost mdUnmerged = report.unmergedCost;
+        const unsigned long mdZeros = report.explicitZeros;
+        order.swap(candidate);
+        const FactorCost nd = evaluate(problem, options, report);
+        report.nestedDissectionCost = nd;
+        report.nestedDissectionFlops = report.unmergedCost.flops;
+        const double weight = options.mergeOperationFlops;
+        if (nd.modelFlops(weight) < cost.modelFlops(weight)) {
+            report.usedNestedDissection = true;
+            cost = nd;
+        } else {
+            order.swap(candidate);
+            report.unmergedCost = mdUnmerged;
+            report.explicitZeros = mdZeros;
+            evaluate(problem, options, report);
+        }
+    } else if (options.ordering == Ordering::standard ||
+               (options.ordering == Ordering::centroid && report.centroidFallback)) {
+        report.minimumDegreeCost = cost;
+    }
+
     // Whatever produced it, the order must satisfy the rule.
     computeInverse(order.data(), n, inverse);
     const unsigned int k = firstOffence(graph, order.data(), inverse.data(), allowR);
@@ -1514,19 +1610,18 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
         if (options.ordering != Ordering::user) report.message = "internal error: " + report.message;
         return false;
     }
-    report.orderSeconds = secondsSince(t);
 
-    t = kiv::Timer::ticks();
-    buildSymbolic(problem);
-    grow(work3, n);
-    for (unsigned int k2 = 0; k2 < n; ++k2) work3[k2] = problem.blockSizes[order[k2]];
-    report.unmergedCost = factorCost(filled, work3.data());
-    report.explicitZeros = static_cast<unsigned long>(findGroups(options, work3.data()));
     merged = options.mergeBlocks;
     if (merged) buildMerged();
     finishAssembly();
     report.mergedBlocks = staged.groups;
-    report.cost = merged ? factorCost(mergedFilled, dataSizes.data()) : report.unmergedCost;
+    for (unsigned int G = 0; G < staged.groups; ++G) {
+        if (groupStart[G + 1] - groupStart[G] > 1) ++report.multiBlockGroups;
+        unsigned int rows = 0;
+        for (unsigned int q = groupStart[G]; q < groupStart[G + 1]; ++q) rows += work3[q];
+        report.largestGroup = std::max(report.largestGroup, rows);
+    }
+    report.cost = cost;
     report.symbolicSeconds = secondsSince(t);
     return true;
 }
@@ -1626,6 +1721,10 @@ bool Analyzer::userPosition(unsigned int block, unsigned int localInBlock, unsig
     userBlock = a.forward[k];
     local = target - offsets[k];
     return true;
+}
+
+const unsigned int* Analyzer::groupStarts() const {
+    return impl_->committed.groupStart.data();
 }
 
 const unsigned int* Analyzer::order() const {

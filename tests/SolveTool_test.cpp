@@ -366,6 +366,7 @@ void checkPivotReports(double pivot, double threshold, TamberSolve::PivotReport:
         Analysis::Options options;
         options.ordering = Analysis::Ordering::user;
         options.userOrder = order.data();
+        options.mergeBlocks = false;  // the report's blocks are the problem's blocks in `position`
         Analysis::Analyzer analyzer;
         TamberData<T> data;
         const Analysis::Problem problem{n, n, colPointers.data(), rowIndices.data(), sizes.data()};

@@ -246,6 +246,16 @@ std::string describePivot(const TamberSolve::PivotReport& p, const char* kind, c
     return text;
 }
 
+// With merged blocks the report's block is a group of the factor: name the user block and its row instead.
+void toUserNumbering(const Analysis::Analyzer& analyzer, const io::BlockedProblem& P,
+                     TamberSolve::PivotReport& p) {
+    unsigned int block = 0, local = 0;
+    if (!analyzer.userPosition(p.block, p.local, block, local)) return;
+    p.userBlock = block;
+    p.local = local;
+    p.userScalar = P.blockOffsets[block] + local;
+}
+
 // Analysis, assembly, factorization, pivot scan, solve and refinement in precision T.
 template <typename T>
 int solveIn(Run& run) {
@@ -291,6 +301,7 @@ int solveIn(Run& run) {
     // A zero or non-finite pivot makes the solution meaningless: name it and stop.
     TamberSolve::PivotReport bad;
     if (TamberSolve::findBadPivot(data, bad)) {
+        toUserNumbering(analyzer, P, bad);
         printTimes(run, false);
         char extra[64] = "";
         if (bad.count > 1) std::snprintf(extra, sizeof extra, "; %lu bad pivots in all", bad.count);
@@ -316,6 +327,7 @@ int solveIn(Run& run) {
     // A pivot that lost all its digits still gives a solution, but a doubtful one: warn and go on.
     const double epsilon = std::numeric_limits<T>::epsilon();
     if (TamberSolve::findBadPivot(data, bad, epsilon * run.normA)) {
+        toUserNumbering(analyzer, P, bad);
         std::fflush(stdout);
         char extra[128];
         std::snprintf(extra, sizeof extra, "; |d| = %.3g <= eps |A|_inf = %.3g", std::fabs(bad.value),
