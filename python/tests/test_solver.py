@@ -134,3 +134,43 @@ def test_threads_share_nothing_and_one_object_serialises():
         np.testing.assert_array_equal(a, b)
     for x in shared:
         np.testing.assert_array_equal(serial[0], x)
+
+
+def test_analysis_factorization_and_solves_release_the_gil():
+    """With a switch interval of minutes, another thread runs only while the calling thread releases the GIL:
+    its counter moves during a call exactly when the call released it."""
+    import sys
+    import threading
+    import time
+
+    system = RandomSystem(9, bodies=1500)
+    solver, other = kivtamber.Solver(np.float64, threads=1), kivtamber.Solver(np.float64)
+    count, stop = [0], [False]
+
+    def counter():
+        while not stop[0]:
+            count[0] += 1
+            time.sleep(0.0001)  # gives the GIL back at once when the main thread wants it
+
+    calls = {"analyze": lambda: other.analyze(system.structure), "factor": solver.factor,
+             "solve": lambda: solver.solve(np.ones((system.n, 20)))}
+    moved = dict.fromkeys(calls, False)
+    interval = sys.getswitchinterval()
+    thread = threading.Thread(target=counter)
+    thread.start()
+    try:
+        sys.setswitchinterval(300.0)
+        solver.analyze(system.structure)
+        system.load(solver)
+        for _ in range(10):
+            for name, call in calls.items():
+                before = count[0]
+                call()
+                moved[name] |= count[0] > before
+            if all(moved.values()):
+                break
+    finally:
+        sys.setswitchinterval(interval)
+        stop[0] = True
+        thread.join()
+    assert all(moved.values()), moved
