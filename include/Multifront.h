@@ -26,6 +26,7 @@
 
 #include <OpenThreads/Condition>
 #include <OpenThreads/Mutex>
+#include <atomic>
 #include <cstdint>
 
 #include "SkeletonMatrix.h"
@@ -310,6 +311,27 @@ public:
     kiv::VectorPOD<unsigned int> preparedRowIndices;
     kiv::VectorPOD<unsigned int> preparedSizes;
 
+    // The parts that single threads factor by the serial row kernels, in place in L (no fronts): every node
+    // below the top belongs to the part of its topmost non-top ancestor x (its "part root"): part[j] = x,
+    // noNode for a top node. partNodes[partBegin[x] .. partEnd[x]-1] lists the nodes of part x ascending (a
+    // valid order: descendants have smaller indices). threadParts[threadPartBegin[t] ..
+    // threadPartBegin[t+1]-1] are the part roots of thread t, ascending.
+    kiv::VectorPOD<unsigned int> part;
+    kiv::VectorPOD<unsigned int> partNodes;
+    kiv::VectorPOD<unsigned int> partBegin;
+    kiv::VectorPOD<unsigned int> partEnd;
+    kiv::VectorPOD<unsigned int> threadParts;
+    kiv::VectorPOD<unsigned int> threadPartBegin;
+    // Reciprocal pivots of the part nodes, block j at reciprocalOffsets[j] with p_j entries (padding 0);
+    // written by the owner of j when it factors j's diagonal block, read by the same thread afterwards.
+    kiv::VectorPOD<unsigned long> reciprocalOffsets;
+    kiv::VectorPOD<T> reciprocalStore;
+    // Per-thread work arrays of the part kernel (scratch-pad slots, reserved before the workers start): the
+    // row map (2·nb) and the lists of the part's entries in the rows above the part (entries + maxColumn +
+    // 1).
+    kiv::VectorPOD<unsigned int*> threadMaps;
+    kiv::VectorPOD<unsigned int*> threadSegments;
+
     // Work arrays of the preparation.
     kiv::VectorPOD<double> nodeWork;
     kiv::VectorPOD<double> subtreeWork;
@@ -401,6 +423,9 @@ public:
     double setupTime;
     // The system being factored.
     kivTamber::TamberData<T>* data;
+    // Smallest block index whose diagonal block gave a zero or non-finite pivot; ~0u while none did. With
+    // data->stopAtBadPivot the workers skip the nodes above it.
+    std::atomic<unsigned int> badBlock{~0u};
 
     // Processes the nodes that the calling worker thread owns (its index from kiv::ThreadTask), depth-first
     // from its (root, thread) pairs: for each node, assemble the input column, pull the update lists of the

@@ -87,6 +87,7 @@ void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
     X.numBlockCols = nb;
     if (k < X.blockCapacity) X.blockPointers[k] = X.values + at;
     if (zeroWhenChanged && !same && at > 0) std::memset(static_cast<void*>(X.values), 0, at * sizeof(T));
+    if (at > X.valueExtent) X.valueExtent = at;
 }
 
 // W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):

@@ -4,6 +4,7 @@
 #include <kiv/Abort.h>
 #include <kiv/Timer.h>
 
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -34,8 +35,73 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count) {
 }
 
 using factorCommon::layoutFactor;
-using factorCommon::outOfBlocks;
 using factorCommon::solveUnitDiagonal;
+
+// Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
+template <typename T>
+inline unsigned int firstBadPivot(const T* d, unsigned int s) {
+    for (unsigned int t = 0; t < s; ++t) {
+        if (d[t] == T(0) || !std::isfinite(d[t])) return t;
+    }
+    return s;
+}
+
+// L and LD laid out for the filled pattern `data.skeleton` and the block sizes of `data.matrix`: sized for
+// its blocks and 64 + Σ p_i·p_j values (reallocated only when too small), one tile per pattern entry in
+// pattern order (layoutFactor), the values zeroed only when the layout differs from the one they held.
+template <typename T>
+void layOutFactors(TamberData<T>& data) {
+    const SkeletonMatrix& S = data.skeleton;
+    const unsigned int* sizes = data.matrix.blockSizes;
+    const unsigned long nb = S.n;
+    const unsigned int* rowStart = S.colPointers;
+    const unsigned int* cols = S.rowIndices;
+    unsigned long capacity = 64;
+    for (unsigned long i = 0; i < nb; ++i) {
+        const unsigned long p_i = Layout<T>::padded(sizes[i]);
+        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e)
+            capacity += p_i * Layout<T>::padded(sizes[cols[e]]);
+    }
+    for (SparseMatrix<T>* X : {&data.factor, &data.scaledFactor}) {
+        X->setSize(nb, nb, S.numEntries(), capacity);
+        layoutFactor(*X, S, sizes, true);
+    }
+}
+
+// What can be checked of X's layout in O(1): the counts of the pattern S (nb > 0), the scalar dimension N
+// and the last tile inside the value storage. The rows are checked one by one with rowLaidOut.
+template <typename T>
+bool factorLaidOut(const SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
+                   unsigned long N) {
+    const unsigned long nb = S.n, entries = S.numEntries();
+    if (X.colPointers == nullptr || X.blockPointers == nullptr || X.numBlockCols != nb ||
+        X.numBlocks != entries || entries == 0 || X.colPointers[nb] != entries || X.blockSizes[nb] != N) {
+        return false;
+    }
+    const unsigned long p = Layout<T>::padded(sizes[nb - 1]);
+    const std::uintptr_t last = reinterpret_cast<std::uintptr_t>(X.blockPointers[entries - 1]);
+    const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(X.values);
+    return last >= begin && (last - begin) / sizeof(T) + p * p <= X.valueCapacity;
+}
+
+// True when block row i of X is laid out as layoutFactor lays it out for the pattern (rowStart, cols) and
+// the block sizes, given that rows 0 .. i-1 are: `offset` is the scalar offset of block i and `next` the
+// place of the row's first tile, advanced past the row's tiles.
+template <typename T>
+inline bool rowLaidOut(const SparseMatrix<T>& X, const unsigned int* rowStart, const unsigned int* cols,
+                       const unsigned int* sizes, unsigned int i, unsigned int offset, const T*& next) {
+    const unsigned int s_i = sizes[i];
+    const unsigned long p_i = Layout<T>::padded(s_i);
+    if (X.colPointers[i] != rowStart[i] || X.colPointers[i + 1] != rowStart[i + 1] ||
+        X.blockSizes[i] != s_i || X.blockStrides[i] != p_i || X.blockOffsets[i] != offset) {
+        return false;
+    }
+    for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
+        if (X.rowIndices[e] != cols[e] || X.blockPointers[e] != next) return false;
+        next += p_i * Layout<T>::padded(sizes[cols[e]]);
+    }
+    return true;
+}
 
 // Scratch-pad int slot of the serial factorization's row map.
 constexpr unsigned long serialMapSlot = 0x100010;
@@ -212,44 +278,23 @@ template <typename T>
 unsigned int Tamber::estimateWork(TamberData<T>& data, unsigned int* work) {
     const SkeletonMatrix& S = data.skeleton;
     const SparseMatrix<T>& A = data.matrix;
-    SparseMatrix<T>& L = data.factor;
     const unsigned long nb = S.n;
-    const unsigned long numEntries = S.numEntries();
 
-    L.clear();
-    L.setSize(nb, nb, numEntries, 8 * numEntries);
+    layOutFactors(data);
     if (nb == 0) {
         if (work) *work = 0;
         return 0;
     }
 
-    // Placeholder 1×1 blocks (2×2 reserved for double) in pattern order, acquired inline; count the pattern
-    // entries that the input matrix does not have.
+    // The pattern entries that the input matrix does not have.
     const unsigned int* rowStart = S.colPointers;
     const unsigned int* cols = S.rowIndices;
-    const unsigned long placeholder = static_cast<unsigned long>(Layout<T>::padded(1)) * Layout<T>::padded(1);
     unsigned int fill = 0;
     for (unsigned int i = 0; i < nb; ++i) {
         unsigned int a = A.colPointers[i];
         const unsigned int aEnd = A.colPointers[i + 1];
         for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
-            const unsigned int j = cols[e];
-            const unsigned long k = L.numBlocks;
-            if (k >= L.blockCapacity) outOfBlocks(k, L.blockCapacity);
-            L.rowIndices[k] = j;
-            L.blockFlags[k] = 0;
-            if (i > 0) L.blockOffsets[i] = L.blockOffsets[i - 1] + L.blockSizes[i - 1];
-            L.blockSizes[i] = 1;
-            L.blockSizes[j] = 1;
-            L.blockSizes[nb] = L.blockSizes[i] + L.blockOffsets[i];
-            L.blockStrides[i] = Layout<T>::padded(1);
-            L.blockStrides[j] = Layout<T>::padded(1);
-            if (k + 1 < L.blockCapacity) L.blockPointers[k + 1] = L.blockPointers[k] + placeholder;
-            if (i > 0 && L.colPointers[i] == 0) L.colPointers[i] = static_cast<unsigned int>(k);
-            L.numBlocks = k + 1;
-            L.colPointers[i + 1] = static_cast<unsigned int>(k + 1);
-
-            if (a < aEnd && A.rowIndices[a] == j) {
+            if (a < aEnd && A.rowIndices[a] == cols[e]) {
                 ++a;
             } else {
                 ++fill;
@@ -294,57 +339,63 @@ void Tamber::factorSerial(TamberData<T>& data) {
     SparseMatrix<T>& L = data.factor;
     SparseMatrix<T>& LD = data.scaledFactor;
     const unsigned long nb = S.n;
-    const unsigned long numEntries = S.numEntries();
     const unsigned int* rowStart = S.colPointers;
     const unsigned int* cols = S.rowIndices;
     const unsigned int* sizes = A.blockSizes;
+    using BadPivot = typename TamberData<T>::BadPivot;
+    data.badPivot = BadPivot();
 
-    // Scratch from slot 0, zeroed: 2·s² elements (s the largest padded block size); the first s hold the
-    // reciprocal pivots of the block column being solved. (Every block is worked on in its own tile.)
-    unsigned long s = 0;
-    for (unsigned long b = 0; b < nb; ++b) {
-        if (Layout<T>::padded(sizes[b]) > s) s = Layout<T>::padded(sizes[b]);
-    }
-    const unsigned long scratchCount = 2 * s * s + 8;
-    T* const scratch = Layout<T>::scratch(data.scratchPad, scratchCount);
-    std::memset(static_cast<void*>(scratch), 0, scratchCount * sizeof(T));
-    T* const P = scratch;
-
-    // Element capacity: every pattern block at its padded size on both sides.
-    unsigned long capacity = 64;
-    for (unsigned long i = 0; i < nb; ++i) {
-        for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
-            capacity +=
-                static_cast<unsigned long>(Layout<T>::padded(sizes[i])) * Layout<T>::padded(sizes[cols[e]]);
-        }
-    }
-    L.setSize(nb, nb, numEntries, capacity);
-    LD.setSize(nb, nb, numEntries, capacity);
-    layoutFactor(L, S, sizes, true);
-    layoutFactor(LD, S, sizes, true);
-
-    unsigned long N = 0;
-    for (unsigned long b = 0; b < nb; ++b) N += sizes[b];
+    // The layout of L and LD is made when the structure changes (estimateWork, or here on a mismatch), not
+    // on every call. What can be checked in O(1) is checked here; each row is checked against the pattern
+    // when the loop reaches it (a few loads per entry), so that a factorization stopped at row k has cost
+    // O(work up to k). A mismatch lays both matrices out anew and starts over.
+    const unsigned long N = nb == 0 ? 0 : A.blockSizes[nb];
+    bool laidOut = nb == 0 || !factorLaidOut(L, S, sizes, N) || !factorLaidOut(LD, S, sizes, N);
+    if (laidOut) layOutFactors(data);
     data.diagonal.resize(N);
     T* const d = data.diagonal.data;
 
-    std::uint64_t now = kiv::Timer::ticks();
-    const double setupTime = static_cast<double>(now - start) * kiv::Timer::clockSpeed();
-    const std::uint64_t numericStart = now;
-
-    SerialFactor<T> f{rowStart, cols, sizes, L.blockOffsets, L, LD, d};
-
+    // Reciprocal pivots of the block column being solved, from scratch slot 0, grown as larger blocks come.
+    T* recip = nullptr;
+    unsigned long recipCount = 0;
     // Map of the row being factored: rowOf[k] = i when row i holds a finished entry in column k, at pattern
-    // entry entryOf[k]. Rows start with an empty map by their own number, so the map is never cleared.
+    // entry entryOf[k]. Column k is only looked up by rows after k, so it is emptied when row k starts.
     unsigned int* const rowOf =
-        reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(serialMapSlot, 2 * nb));
+        reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(serialMapSlot, 2 * nb + 1));
     unsigned int* const entryOf = rowOf + nb;
-    for (unsigned long k = 0; k < nb; ++k) rowOf[k] = ~0u;
     const unsigned int* offsets = L.blockOffsets;
+
+    const std::uint64_t numericStart = kiv::Timer::ticks();
+    const double setupTime = static_cast<double>(numericStart - start) * kiv::Timer::clockSpeed();
+    auto finishTimes = [&]() {
+        factorTime =
+            setupTime + static_cast<double>(kiv::Timer::ticks() - numericStart) * kiv::Timer::clockSpeed();
+        solveTime = 0.0;
+    };
+
+    SerialFactor<T> f{rowStart, cols, sizes, offsets, L, LD, d};
+    const T* nextL = L.values;  // where row i's first tile lies in a current layout
+    const T* nextLD = LD.values;
+    unsigned int offset = 0;  // scalar offset of row i
 
     for (unsigned int i = 0; i < nb; ++i) {
         const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
         const unsigned int iBegin = rowStart[i], iDiag = rowStart[i + 1] - 1;
+        if (!laidOut) {
+            if (!rowLaidOut(L, rowStart, cols, sizes, i, offset, nextL) ||
+                !rowLaidOut(LD, rowStart, cols, sizes, i, offset, nextLD)) {
+                layOutFactors(data);  // the structure changed at row i: all rows anew
+                laidOut = true;
+                offsets = L.blockOffsets;
+                f.offsets = offsets;
+                data.badPivot = BadPivot();
+                i = ~0u;  // ++i: row 0
+                continue;
+            }
+            offset += s_i;
+        }
+        rowOf[i] = ~0u;
+        for (unsigned int e = iBegin; e <= iDiag; ++e) LD.blockFlags[e] = 0;  // LD(i, ·) not yet computed
         unsigned int a = A.colPointers[i];  // the input blocks of row i, in step with the pattern
         const unsigned int aEnd = A.colPointers[i + 1];
 
@@ -374,7 +425,10 @@ void Tamber::factorSerial(TamberData<T>& data) {
             entryOf[j] = e;
 
             const T* dj = d + offsets[j];
-            T* const recip = P;  // free between the updates: the reciprocal pivots of block j
+            if (p_j > recipCount) {
+                recipCount = p_j < 16 ? 16 : p_j;
+                recip = Layout<T>::scratch(data.scratchPad, recipCount);
+            }
             for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
             for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);  // padding columns stay zero
             if (finishSmallBlock(L.blockPointers[jDiag], Lij, LD.blockPointers[e], s_i, s_j, recip, dj)) {
@@ -407,15 +461,29 @@ void Tamber::factorSerial(TamberData<T>& data) {
         // Dense L_ii·D_i·L_iiᵀ in place without pivoting, row by row; strict upper triangle zeroed.
         factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di);
 
+        // The first zero or non-finite pivot, in elimination order: only this block's pivots are looked at,
+        // so the check costs O(s_i) and a stop at block i has cost the work up to i.
+        if (data.badPivot.scalar == BadPivot::noPivot) {
+            const unsigned int t = firstBadPivot(di, s_i);
+            if (t < s_i) {
+                data.badPivot.scalar = offsets[i] + t;
+                data.badPivot.block = i;
+                data.badPivot.local = t;
+                data.badPivot.value = static_cast<double>(di[t]);
+                if (data.stopAtBadPivot) {
+                    finishTimes();
+                    return;  // isFactored stays 0: the factor is complete only up to block row i
+                }
+            }
+        }
+
         // LD(i, i) = L_ii·D_i while the block is at hand (both are final here): every diagonal LD block is
         // valid after the factorization.
         f.scaled(iDiag, i, i);
     }
 
     data.isFactored = 1;
-    now = kiv::Timer::ticks();
-    factorTime = setupTime + static_cast<double>(now - numericStart) * kiv::Timer::clockSpeed();
-    solveTime = 0.0;
+    finishTimes();
 }
 
 template unsigned int Tamber::estimateWork<float>(TamberData<float>&, unsigned int*);

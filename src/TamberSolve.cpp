@@ -203,6 +203,20 @@ void backwardColumnScalar(const SparseMatrix<double>& U, double* x, unsigned int
     }
 }
 
+// Brings the tiles of container column j (back to back in storage, diagonal tile last) towards the cache,
+// for a pass that reaches that column a few columns later; reads nothing, changes no result.
+inline void prefetchColumn(const SparseMatrix<double>& U, unsigned int j) {
+    const unsigned int diag = U.colPointers[j + 1] - 1;
+    const char* p = reinterpret_cast<const char*>(U.blockPointers[U.colPointers[j]]);
+    const unsigned long p_j = U.blockStrides[j];
+    const char* end = reinterpret_cast<const char*>(U.blockPointers[diag] + p_j * p_j);
+    for (; p < end; p += 64) __builtin_prefetch(p, 0, 3);
+}
+
+// Columns ahead of the backward pass that are prefetched: the pass runs from the highest column down,
+// against the direction the hardware prefetcher follows on its own.
+constexpr unsigned int backwardPrefetchDistance = 4;
+
 // Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.
 inline unsigned int rowsBelow(const SparseMatrix<double>& U, unsigned int j, unsigned int limit) {
     const unsigned int off = U.blockOffsets[j];
@@ -417,6 +431,7 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
     // An odd last column first, scalar: its padding column would read past the end of x.
     if (U.blockSizes[n - 1] & 1u) backwardColumnScalar(U, x, --j);
     while (j-- > 0) {
+        if (j >= backwardPrefetchDistance) prefetchColumn(U, j - backwardPrefetchDistance);
         const unsigned int sj = U.blockSizes[j];
         double* xj = x + U.blockOffsets[j];
         const unsigned int diag = U.colPointers[j + 1] - 1;
@@ -441,6 +456,60 @@ bool solve(const TamberData<double>& data, DenseVector<double>& x) {
     forwardSolve(data.factor, x.data);
     diagSolve(data.diagonal, x);
     backwardTSolve(data.factor, x.data);
+    return true;
+}
+
+bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+    if (numRhs == 1) return solve(data, x);
+    const SparseMatrix<double>& U = data.factor;
+    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
+    // Each right-hand side gets the operations of the single solve in the same order: the loops over the
+    // right-hand sides sit inside the loops over the tiles, so a tile is read once for all of them.
+    if (n > 0) {
+        const unsigned int paired = (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
+        for (unsigned int j = 0; j < paired; ++j) {
+            const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
+            const unsigned int diag = U.colPointers[j + 1] - 1;
+            for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+                const unsigned int i = U.rowIndices[k];
+                const double* B = U.blockPointers[k];
+                const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
+                for (unsigned int r = 0; r < numRhs; ++r) {
+                    double* xr = x + r * ld;
+                    forwardOffDiagonalPaired(B, ldi, xr + offi, si, xr + offj, sj);
+                }
+            }
+            for (unsigned int r = 0; r < numRhs; ++r)
+                forwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
+        }
+        if (paired < n) {
+            for (unsigned int r = 0; r < numRhs; ++r)
+                forwardColumnScalar(U, x + r * ld, n - 1, U.blockSizes[n - 1]);
+        }
+    }
+    for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
+    if (n == 0) return true;
+    unsigned int j = n;
+    if (U.blockSizes[n - 1] & 1u) {
+        --j;
+        for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(U, x + r * ld, j);
+    }
+    while (j-- > 0) {
+        if (j >= backwardPrefetchDistance) prefetchColumn(U, j - backwardPrefetchDistance);
+        const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
+        const unsigned int diag = U.colPointers[j + 1] - 1;
+        for (unsigned int r = 0; r < numRhs; ++r)
+            backwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
+        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k];
+            const double* B = U.blockPointers[k];
+            const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
+            for (unsigned int r = 0; r < numRhs; ++r) {
+                double* xr = x + r * ld;
+                backwardOffDiagonalPaired(B, ldi, xr + offj, sj, xr + offi, si);
+            }
+        }
+    }
     return true;
 }
 

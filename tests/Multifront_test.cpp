@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <random>
 #include <string>
@@ -354,6 +355,84 @@ TEST(MultifrontThreads, TwoSystemsFromTwoThreadsAndConditionWaitingBeyondTheProc
         EXPECT_EQ(da.multifront.spinBlocks, processors == 0 || threads <= processors) << threads;
         EXPECT_LE(difference(ra, da), tolerance<double>());
     }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The first bad pivot
+// ---------------------------------------------------------------------------------------------------------
+
+// Element (c, c) of the input's diagonal tile of block b.
+template <typename T>
+T& inputDiagonal(TamberData<T>& d, unsigned int b, unsigned int c) {
+    const SparseMatrix<T>& A = d.matrix;
+    return A.blockPointers[A.colPointers[b + 1] - 1][static_cast<unsigned long>(c) * A.blockStrides[b] + c];
+}
+
+// A zero pivot in a leaf of one part and non-finite ones in a later part and in the top: the smallest scalar
+// index is reported, with or without stopping, for every thread count and every repeat; the nodes before it
+// keep the bits of a clean factorization; stopping leaves the data unfactored.
+TEST(MultifrontBadPivot, SmallestIndexFoundForEveryThreadCountStoppingOrNot) {
+    const BlockSystem sys = partsAndTop(5, 4, 12, 4);
+    SCOPED_TRACE(testing::describe(sys));
+    const unsigned int zeroBlock = 12;  // the first leaf of the second part: its pivots are its input's
+    const unsigned int nanBlock = 30, nanLocal = sys.sizes[nanBlock] - 1, topBlock = sys.nb - 1;
+    const unsigned long expected = sys.offsets[zeroBlock];
+    for (unsigned int threads : {1u, 2u, 3u, 4u, 8u, 16u}) {
+        SCOPED_TRACE(std::to_string(threads) + " threads");
+        TamberData<double> clean, bad;
+        sys.fillData(clean);
+        sys.fillData(bad);
+        for (unsigned int c = 0; c < sys.sizes[zeroBlock]; ++c)
+            for (unsigned int r = 0; r < sys.sizes[zeroBlock]; ++r)
+                bad.matrix
+                    .blockPointers[bad.matrix.colPointers[zeroBlock + 1] - 1]
+                                  [static_cast<unsigned long>(r) * bad.matrix.blockStrides[zeroBlock] + c] =
+                    0.0;
+        inputDiagonal(bad, nanBlock, nanLocal) = std::nan("");
+        inputDiagonal(bad, topBlock, 0) = std::numeric_limits<double>::infinity();
+        Tamber tamber;
+        clean.numThreads = bad.numThreads = threads;
+        tamber.factorMF(clean);
+        EXPECT_EQ(clean.badPivot.scalar, TamberData<double>::BadPivot::noPivot);
+        const std::vector<double> cleanBits(clean.diagonal.data, clean.diagonal.data + expected);
+        for (unsigned char stop : {0, 1}) {
+            bad.stopAtBadPivot = stop;
+            for (int run = 0; run < 6; ++run) {
+                bad.isFactored = 0;
+                bad.badPivot.scalar = 0;
+                tamber.factorMF(bad);
+                ASSERT_EQ(bad.badPivot.scalar, expected) << "stop " << int(stop) << " run " << run;
+                EXPECT_EQ(bad.badPivot.block, zeroBlock);
+                EXPECT_EQ(bad.badPivot.local, 0u);
+                EXPECT_EQ(bad.badPivot.value, 0.0);
+                EXPECT_EQ(bad.isFactored, stop ? 0 : 1);
+                EXPECT_TRUE(std::equal(cleanBits.begin(), cleanBits.end(), bad.diagonal.data));
+            }
+        }
+        // Only the non-finite pivot of the later part: found inside its block, at its local index.
+        sys.fillData(bad);
+        inputDiagonal(bad, nanBlock, nanLocal) = std::nan("");
+        bad.stopAtBadPivot = 1;
+        tamber.factorMF(bad);
+        EXPECT_EQ(bad.badPivot.scalar, sys.offsets[nanBlock] + nanLocal);
+        EXPECT_EQ(bad.badPivot.block, nanBlock);
+        EXPECT_EQ(bad.badPivot.local, nanLocal);
+        EXPECT_TRUE(std::isnan(bad.badPivot.value));
+        // Good values again: no bad pivot, factored.
+        sys.fillData(bad);
+        tamber.factorMF(bad);
+        EXPECT_EQ(bad.badPivot.scalar, TamberData<double>::BadPivot::noPivot);
+        EXPECT_EQ(bad.isFactored, 1);
+    }
+    TamberData<float> single;  // float through the same path
+    sys.fillData(single);
+    inputDiagonal(single, nanBlock, 0) = std::numeric_limits<float>::quiet_NaN();
+    single.numThreads = 2;
+    single.stopAtBadPivot = 1;
+    Tamber tamber;
+    tamber.factorMF(single);
+    EXPECT_EQ(single.badPivot.scalar, sys.offsets[nanBlock]);
+    EXPECT_EQ(single.isFactored, 0);
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -9,6 +9,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -113,13 +114,13 @@ TEST(SolveToolReader, RejectsEveryKindOfMalformedMatrixWithItsLine) {
         {SYM "2 2 1\n1 1 1\n2 2 1\n", "m:4: more entries than the 1 declared on line 2"},
         {SYM "3 3 2\n1 1\n", "m:3: expected \"row column value\", found \"1 1\""},
         {SYM "3 3 2\n1 1 1 0.5 x\n", "m:3: extra text \"0.5 x\" after the value"},
-        {SYM "3 3 2\n1.5 1 1\n", "m:3: row index \"1.5\" is not an integer"},
-        {SYM "3 3 2\n1 1 1\n4 1 2\n", "m:4: row index 4 out of range 1..3"},
-        {SYM "3 3 2\n2 0 1\n", "m:3: column index 0 out of range 1..3"},
-        {SYM "3 3 2\n2 1 1.0D+00\n", "m:3: value \"1.0D+00\" is not a number"},
-        {SYM "3 3 2\n2 1 nan\n", "m:3: value \"nan\" is not finite"},
+        {SYM "3 3 2\n1.5 1 1\n", "m:3:1: row index \"1.5\" is not an integer"},
+        {SYM "3 3 2\n1 1 1\n4 1 2\n", "m:4:1: row index \"4\" out of range 1..3"},
+        {SYM "3 3 2\n2 0 1\n", "m:3:3: column index \"0\" out of range 1..3"},
+        {SYM "3 3 2\n2 1 1.0D+00\n", "m:3:5: value \"1.0D+00\" is not a number"},
+        {SYM "3 3 2\n2 1 nan\n", "m:3:5: value \"nan\" is not finite"},
         {"%%MatrixMarket matrix coordinate integer symmetric\n3 3 2\n2 1 2.5\n",
-         "m:3: value \"2.5\" is not an integer (the field is integer)"},
+         "m:3:5: value \"2.5\" is not an integer (the field is integer)"},
         {SYM "3 3 3\n2 1 1\n3 3 2\n2 1 1\n", "m:5: duplicate entry (2, 1), already given on line 3"},
         {SYM "3 3 2\n1 2 1\n2 1 1\n", "m:4: duplicate entry (2, 1), already given as (1, 2) on line 3"},
         {GEN "3 3 3\n2 1 3\n3 3 2\n1 2 4\n",
@@ -199,6 +200,7 @@ TEST(SolveToolReader, SurvivesRandomEdits) {
             EXPECT_TRUE(line >= 1 &&
                         line <= 1 + static_cast<unsigned long>(std::count(text.begin(), text.end(), '\n')))
                 << message;
+            if (*end == ':' && end[1] != ' ') std::strtoul(end + 1, &end, 10);  // "m:LINE:COLUMN: "
             EXPECT_EQ(std::string(end, 2), ": ") << message;
         }
     }
@@ -234,8 +236,8 @@ TEST(SolveToolReader, BlocksFilesAndVectors) {
         {"1\n2\n", "v:2: the file ends after 2 of 3 values"},
         {"1\n2\n3\n4\n", "v:4: more values than the 3 rows of the matrix"},
         {"1 2\n", "v:1: extra text \"2\" after the value"},
-        {"1\nx\n", "v:2: value \"x\" is not a number"},
-        {"inf\n", "v:1: value \"inf\" is not finite"},
+        {"1\nx\n", "v:2:1: value \"x\" is not a number"},
+        {"inf\n", "v:1:1: value \"inf\" is not finite"},
         {GEN "3 1 3\n", "v:1: unsupported format \"coordinate\" for a vector (only \"array\")"},
         {"%%MatrixMarket matrix array real general\n3 2\n",
          "v:2: the vector is 3 x 2, the matrix needs 3 x 1"},
@@ -246,6 +248,81 @@ TEST(SolveToolReader, BlocksFilesAndVectors) {
         EXPECT_FALSE(io::parseVector("v", c.text, 3, v, message)) << c.text;
         EXPECT_EQ(message, c.message);
     }
+}
+
+// Integers outside their type are refused with line, column and word, never wrapped around; words of any
+// bytes and any length come back quoted, escaped and cut.
+TEST(SolveToolReader, IntegersNeverWrapAndWordsArePrintable) {
+    const BadFile matrices[] = {
+        {SYM "3 3 2\n18446744073709551617 1 1\n",
+         "m:3:1: row index \"18446744073709551617\" out of range 1..3"},
+        {SYM "3 3 2\n2 -18446744073709551615 1\n",
+         "m:3:3: column index \"-18446744073709551615\" out of range 1..3"},
+        {SYM "3 3 2\n9223372036854775808 1 1\n",
+         "m:3:1: row index \"9223372036854775808\" out of range 1..3"},
+        {SYM "3 3 2\n-1 1 1\n", "m:3:1: row index \"-1\" out of range 1..3"},
+        {SYM "18446744073709551619 3 2\n",
+         "m:2:1: row count \"18446744073709551619\" out of range 0..4294967294"},
+        {SYM "3 4294967295 2\n", "m:2:3: column count \"4294967295\" out of range 0..4294967294"},
+        {SYM "3 3 99999999999999999999\n",
+         "m:2:5: entry count \"99999999999999999999\" out of range 0..9223372036854775807"},
+        {SYM "2147483648 2147483648 1\n",
+         "m:2: 1 entries declared for 2147483648 rows: a non-singular matrix needs at least 1073741824 "
+         "(every row needs an entry)"},
+        {SYM "3 3 2\n2 1 1\x01\x1b[2J\n", "m:3:5: value \"1\\x01\\x1b[2J\" is not a number"},
+        {"%%MatrixMarket matrix coordinate \xff\xfe symmetric\n",
+         "m:1: unsupported field \"\\xff\\xfe\" (only \"real\" or \"integer\")"},
+    };
+    for (const BadFile& c : matrices) {
+        io::SymmetricMatrix A;
+        std::string message;
+        EXPECT_FALSE(io::parseMatrixMarket("m", c.text, A, message)) << c.text;
+        EXPECT_EQ(message, c.message);
+    }
+    // A NUL inside a word, and a 5 MB word: the message stays short and whole.
+    io::SymmetricMatrix A;
+    std::string message;
+    EXPECT_FALSE(
+        io::parseMatrixMarket("m", std::string(SYM "3 3 2\n2 1 1\0x\n", sizeof(SYM) + 13), A, message));
+    EXPECT_EQ(message, "m:3:5: value \"1\\x00x\" is not a number");
+    EXPECT_FALSE(
+        io::parseMatrixMarket("m", SYM "3 3 2\n2 1 " + std::string(5u << 20, '7') + "q\n", A, message));
+    EXPECT_EQ(message, "m:3:5: value \"" + std::string(57, '7') + "...\" is not a number");
+    EXPECT_EQ(io::printable(std::string("a\nb\tc\x7f"), 100), "a\\x0ab\\x09c\\x7f");
+    EXPECT_EQ(io::printable(std::string(10, 'z'), 8), "zzzzz...");
+
+    io::RowSplit split;
+    const BadFile splits[] = {
+        {"n1 18446744073709551618\nn2 1\n",
+         "b:1:4: count \"18446744073709551618\" of n1 out of range 0..5 (the matrix has 5 rows)"},
+        {"n1 4294967295\nn2 6\n",
+         "b:1:4: count \"4294967295\" of n1 out of range 0..5 (the matrix has 5 rows)"},
+        {"n1 3\nn2 -1\n", "b:2:4: count \"-1\" of n2 is not a non-negative integer"},
+        {"n1 x\x07\n", "b:1:4: count \"x\\x07\" of n1 is not a non-negative integer"},
+        {"\x1b]0;title\x07 3\n",
+         "b:1: unknown key \"\\x1b]0;title\\x07\" (expected \"n1 <count>\" or \"n2 <count>\")"},
+    };
+    for (const BadFile& c : splits) {
+        split = io::RowSplit();
+        EXPECT_FALSE(io::parseRowSplit("b", c.text, 5, split, message)) << c.text;
+        EXPECT_EQ(message, c.message);
+        EXPECT_EQ(split.bodyRows + split.constraintRows, 0u);  // nothing of a refused file is used
+    }
+    std::vector<double> v;
+    EXPECT_FALSE(io::parseVector("v", "%%MatrixMarket matrix array real general\n18446744073709551619 1\n", 3,
+                                 v, message));
+    EXPECT_EQ(message, "v:2:1: row count \"18446744073709551619\" out of range 0..9223372036854775807");
+    EXPECT_FALSE(io::parseVector("v", "%%MatrixMarket matrix array real general\n-3 1\n", 3, v, message));
+    EXPECT_EQ(message, "v:2: bad size line \"-3 1\" (expected \"rows columns\", two non-negative integers)");
+    // An integer field takes integers of any length (they are values, not counts).
+    ASSERT_TRUE(io::parseVector(
+        "v", "%%MatrixMarket matrix array integer general\n1 1\n1" + std::string(30, '0') + "\n", 1, v,
+        message))
+        << message;
+    EXPECT_EQ(v[0], 1e30);
+    // A file name with control bytes is escaped in every message.
+    EXPECT_FALSE(io::parseRowSplit("a\nb", "n1 1\n", 5, split, message));
+    EXPECT_EQ(message, "a\\x0ab:1: missing the line \"n2 <count>\"");
 }
 
 // A temporary folder, removed with everything in it.
@@ -510,6 +587,7 @@ TEST(SolveToolRun, SolutionMatchesDenseSolveAndTheReportFormat) {
                                  "time (ms): read ",
                                  "residual: ",
                                  "residual after refinement: ",
+                                 "accuracy: condition estimate ",
                                  "error: "};
     std::istringstream report(run.out);
     std::string line;
@@ -520,7 +598,10 @@ TEST(SolveToolRun, SolutionMatchesDenseSolveAndTheReportFormat) {
     EXPECT_FALSE(std::getline(report, line)) << run.out;
     EXPECT_NE(run.out.find(", analysis "), std::string::npos);
     EXPECT_NE(run.out.find(", refine "), std::string::npos);
+    EXPECT_NE(run.out.find(", check "), std::string::npos);
     EXPECT_NE(run.out.find(" (at most 1 steps)\n"), std::string::npos);
+    EXPECT_NE(run.out.find(", error bound "), std::string::npos);
+    EXPECT_NE(run.out.find(" (limit 1e-06)\n"), std::string::npos);
     EXPECT_LT(valueAfter(run.out, "error"), 1e-12);
 }
 
@@ -588,9 +669,10 @@ TEST(SolveToolRun, BadPivotExitsWithThreeAndNamesTheRow) {
             const ToolRun run = runTool(dir, {zero, "--ordering", "natural", "--block-size", "2", "--out",
                                               out, precision, "--threads", threads});
             EXPECT_EQ(run.status, 3);
-            EXPECT_EQ(run.err, zero +
-                                   ": zero pivot at row 4 (block 2, local 2) of the matrix (pivot 4 of 6 in "
-                                   "elimination order; 3 bad pivots in all)\n");
+            EXPECT_EQ(run.err,
+                      zero +
+                          ": zero pivot at row 4 (block 2, local 2) of the matrix: elimination step 4 "
+                          "of 6, d = 0\n");
             EXPECT_FALSE(std::filesystem::exists(out));
             EXPECT_EQ(run.out.find("residual"), std::string::npos);
             EXPECT_NE(run.out.find("time (ms): read "), std::string::npos);
@@ -605,13 +687,14 @@ TEST(SolveToolRun, BadPivotExitsWithThreeAndNamesTheRow) {
     } cases[] = {
         {kkt, ""},
         {kktFirst, kktFirst +
-                       ": zero pivot at row 1 (block 1, local 1) of the matrix (pivot 1 of 3 in elimination "
-                       "order; 2 bad pivots in all)\n" +
+                       ": zero pivot at row 1 (block 1, local 1) of the matrix: elimination step 1 of 3, d = "
+                       "0\n" +
                        kktFirst +
                        ": note: A(1, 1) is zero; if the rows with a zero diagonal are constraint rows, name "
                        "them with --blocks\n"},
-        {huge, huge + ": non-finite pivot at row 2 (block 2, local 1) of the matrix (pivot 2 of 2 in "
-                      "elimination order)\n"},
+        {huge, huge +
+                   ": non-finite pivot at row 2 (block 2, local 1) of the matrix: elimination step 2 of 2, "
+                   "d = -inf\n"},
     };
     for (const auto& c : cases) {
         const ToolRun run = runTool(dir, {c.path, "--ordering", "natural"});

@@ -14,7 +14,11 @@
 #include <vector>
 
 #include "Analysis.h"
+#include "testing/BlockSystems.h"
 #include "testing/DenseReference.h"
+#ifdef KIVTAMBER_HAVE_IO
+#include "MatrixMarket.h"
+#endif
 
 // Counts every operator new of this program, so that the steady state can be shown to allocate nothing.
 // new and delete are replaced together (malloc and free), so sanitizers see matching pairs.
@@ -485,5 +489,98 @@ TEST(SolverAllocation, SteadyStateAllocatesNothing) {
     EXPECT_EQ(gNewCount.load() - newBefore, 0u);
     EXPECT_EQ(kiv::ByteAllocator::allocationCount() - kivBefore, 0u);
 }
+
+// A scalar matrix (lower, upper or full compressed columns) through analyzeScalar with block detection,
+// and with blocks given: the same solution as the dense reference.
+TEST(SolverScalar, DetectedBlocksSolveLikeTheDenseReference) {
+    RandomSystem sys(41, 30, true, true);
+    const unsigned int n = sys.dense.n;
+    const unsigned int firstConstraintRow = static_cast<unsigned int>(sys.offsets[sys.structure.numBodies()]);
+    const std::vector<double> b = tst::randomVector(n, 3);
+    std::vector<unsigned char> all(n, 1);
+    const std::vector<double> ref = denseSolution(sys.dense, b, all);
+    for (int triangle = 0; triangle < 3; ++triangle) {  // lower, upper, full
+        std::vector<unsigned int> cp(1, 0), ri;
+        std::vector<double> v;
+        for (unsigned int j = 0; j < n; ++j) {
+            for (unsigned int i = 0; i < n; ++i) {
+                const bool keep = triangle == 0 ? i >= j : triangle == 1 ? i <= j : true;
+                if (keep && (sys.dense(i, j) != 0.0 || i == j)) ri.push_back(i), v.push_back(sys.dense(i, j));
+            }
+            cp.push_back(static_cast<unsigned int>(ri.size()));
+        }
+        Solver<double> solver;
+        Status st = solver.analyzeScalar(n, firstConstraintRow, cp.data(), ri.data());
+        ASSERT_TRUE(st) << st.message;
+        EXPECT_NE(solver.report().ordering.find("blocks detected"), std::string::npos)
+            << solver.report().ordering;
+        ASSERT_TRUE(solver.setScalarValues(v.data()));
+        ASSERT_TRUE(st = solver.factor()) << st.message;
+        std::vector<double> x(n);
+        ASSERT_TRUE(solver.solve(b.data(), x.data()));
+        EXPECT_LT(maxRelativeError(x, ref), 1e-9) << "triangle " << triangle;
+        // The blocks of the structure given by hand: the same solution within rounding.
+        std::vector<unsigned int> sizes;
+        for (unsigned int s : sys.structure.bodySizes) sizes.push_back(s);
+        for (unsigned int s : sys.structure.constraintSizes) sizes.push_back(s);
+        Solver<double> byHand;
+        ASSERT_TRUE(st = byHand.analyzeScalar(n, firstConstraintRow, cp.data(), ri.data(), sizes.data(),
+                                              static_cast<unsigned int>(sizes.size())))
+            << st.message;
+        ASSERT_TRUE(byHand.setScalarValues(v.data()));
+        ASSERT_TRUE(byHand.factor());
+        std::vector<double> y(n);
+        ASSERT_TRUE(byHand.solve(b.data(), y.data()));
+        EXPECT_LT(maxRelativeError(y, ref), 1e-9);
+    }
+    Solver<double> solver;
+    std::vector<unsigned int> cp{0, 1}, ri{3};
+    EXPECT_EQ(solver.analyzeScalar(1, 0, cp.data(), ri.data()).code, StatusCode::badStructure);
+    EXPECT_EQ(solver.setScalarValues(nullptr).code, StatusCode::notAnalyzed);
+}
+
+#ifdef KIVTAMBER_HAVE_IO
+// Quadratic programs whose Hessian is only semidefinite: the regularised mode factors them and refinement
+// against the true matrix brings the residual down to rounding level.
+TEST(SolverScalar, RegularisedModeOnRealQuadraticPrograms) {
+    const char* dir = tst::realDataDir();
+    if (dir == nullptr) GTEST_SKIP() << "no real matrices";
+    struct Case {
+        const char* file;
+        unsigned int bodyRows;
+    };
+    for (const Case& c :
+         {Case{"CONT-101_kkt.mtx", 10197}, Case{"DTOC3_kkt.mtx.gz", 14999}, Case{"CVXQP3_M_kkt.mtx", 1000}}) {
+        io::SymmetricMatrix A;
+        std::string message;
+        ASSERT_TRUE(io::readMatrixMarket(std::string(dir) + "/" + c.file, A, message)) << message;
+        std::vector<unsigned int> cp(A.colPointers.begin(), A.colPointers.end());
+        std::vector<double> ones(A.n, 1.0), b(A.n), x(A.n), r(A.n);
+        A.multiply(ones.data(), b.data());
+        Solver<double> solver;
+        SolverOptions o;
+        o.regularization = 1e-8;
+        o.refinementSteps = 10;
+        ASSERT_TRUE(solver.setOptions(o));
+        Status st = solver.analyzeScalar(A.n, c.bodyRows, cp.data(), A.rowIndices.data());
+        ASSERT_TRUE(st) << c.file << ": " << st.message;
+        ASSERT_TRUE(solver.setScalarValues(A.values.data()));
+        ASSERT_TRUE(st = solver.factor()) << c.file << ": " << st.message;
+        ASSERT_TRUE(st = solver.solve(b.data(), x.data())) << st.message;
+        A.multiply(x.data(), r.data());
+        double nr = 0, nx = 0, nb = 0;
+        for (unsigned int i = 0; i < A.n; ++i) {
+            nr = std::max(nr, std::fabs(b[i] - r[i]));
+            nx = std::max(nx, std::fabs(x[i]));
+            nb = std::max(nb, std::fabs(b[i]));
+        }
+        const double scaled = nr / (A.normInf() * nx + nb);
+        std::printf("%s: n %u, %s, regularised residual %.2e after %u refinement steps (report %.2e)\n",
+                    c.file, A.n, solver.report().ordering.c_str(), scaled, solver.report().refinementSteps,
+                    solver.report().residual);
+        EXPECT_LT(scaled, 1e-12) << c.file;
+    }
+}
+#endif
 
 }  // namespace
