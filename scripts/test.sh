@@ -12,7 +12,7 @@ root=$(pwd)
 
 "$root/scripts/deps.sh" g++ cmake make pkg-config libgtest-dev libbenchmark-dev \
   libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev zlib1g-dev libeigen3-dev \
-  clang libclang-rt-dev
+  clang libclang-rt-dev python3-dev pybind11-dev python3-numpy python3-scipy python3-pytest
 
 jobs=$(nproc 2>/dev/null || echo 2)
 gen=()
@@ -28,6 +28,16 @@ echo "== Release build"
 build build -DCMAKE_BUILD_TYPE=Release
 echo "== Release tests"
 (cd build && ctest --output-on-failure -j "$jobs" --no-tests=error)
+
+# The Python module, built by the Release build for Debian's interpreter (the one with Debian's NumPy and
+# SciPy); its suite runs in Release only (the sanitizer builds leave the module out).
+echo "== Python module tests"
+if [ ! -f build/python/kivtamber/__init__.py ]; then
+  echo "the Python module was not built (see the CMake output of the Release build)" >&2
+  exit 1
+fi
+KIVTAMBER_DATA_DIR="${KIVTAMBER_DATA_DIR:-$root/../shared/data/real}" PYTHONPATH="$root/build/python" \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/python/tests"
 
 if [ "${SKIP_SANITIZERS:-0}" = "1" ]; then exit 0; fi
 
