@@ -69,7 +69,7 @@ fi
 # ---------------------------------------------------------------------------------------------------------
 
 # ThreadSanitizer: the tests of the threaded code (labelled by file name).
-tsan_tests=$(cd tests && ls *_test.cpp 2>/dev/null | grep -E 'Thread|Multifront' | sed 's/\.cpp$//' || true)
+tsan_tests=$(cd tests && ls *_test.cpp 2>/dev/null | grep -E 'Thread|Multifront|Solver' | sed 's/\.cpp$//' || true)
 if [ -n "$tsan_tests" ]; then
   echo "== ThreadSanitizer build"
   cmake -S "$root" -B "$root/build-tsan" "${gen[@]}" -DKIVTAMBER_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \
