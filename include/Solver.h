@@ -142,9 +142,11 @@ struct SolverOptions {
     OrderingMethod ordering = OrderingMethod::automatic;
     // Block merging (larger dense blocks along the elimination tree) where the analysis predicts a gain.
     bool mergeBlocks = true;
-    // Worker threads: 0 = decide by predicted work (small systems stay serial), 1 = serial, k = the
-    // multifrontal factorization on k threads.
+    // Worker threads: 0 = decide by predicted work (small systems stay serial; at most maxThreads), 1 =
+    // serial, k = the multifrontal factorization on k threads.
     unsigned int threads = 0;
+    // With threads = 0: the most threads the object may use; 0 = the processors of the machine.
+    unsigned int maxThreads = 0;
     // Steps of iterative refinement against the true matrix after each solve (0 = none). The best iterate
     // (smallest residual) is kept.
     unsigned int refinementSteps = 1;

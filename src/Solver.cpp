@@ -9,7 +9,6 @@
 #include <cstring>
 #include <limits>
 #include <new>
-#include <thread>
 #include <type_traits>
 
 #include "Analysis.h"
@@ -141,7 +140,8 @@ struct Solver<T>::Impl {
     bool valuesChanged = true;  // since the last factorization
     bool factorValid = false;
     bool rankModPrepared = false;
-    RankMod rankMod;  // double only
+    unsigned int chosenThreads = 0;  // the automatic thread count of this structure (0: not chosen yet)
+    RankMod rankMod;                 // double only
     RankMod::EquationList switchOff, switchOn;
 
     // Save areas for a masked or regularised factorization (sized at analyze).
@@ -318,6 +318,7 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
     valuesChanged = true;
     factorValid = false;
     rankModPrepared = false;
+    chosenThreads = 0;
     normA = -1.0;
 
     report = SolverReport();
@@ -531,9 +532,9 @@ Status Solver<T>::Impl::factorNow() {
     report.badPivot = PivotLocation();
     unsigned int threads = options.threads;
     if (threads == 0) {
-        // Small systems stay serial: the threaded factorization pays off only on large fronts.
-        const unsigned int hw = std::max(1u, std::thread::hardware_concurrency());
-        threads = report.flops > 2e8 ? std::min(hw, 4u) : 1u;
+        // Decided once per structure from the predicted work (small systems stay serial).
+        if (chosenThreads == 0) chosenThreads = tamber.chooseThreads(data, options.maxThreads);
+        threads = chosenThreads;
     }
     const bool masked = anyInactive();
     const bool regularized = options.regularization > 0.0;
@@ -886,6 +887,8 @@ Status Solver<T>::setOptions(const SolverOptions& o) {
     if (o.refinementSteps > 100)
         return fail(StatusCode::invalidArgument, "refinementSteps %u is more than 100", o.refinementSteps);
     if (o.threads > 256) return fail(StatusCode::invalidArgument, "threads %u is more than 256", o.threads);
+    if (o.maxThreads > 256)
+        return fail(StatusCode::invalidArgument, "maxThreads %u is more than 256", o.maxThreads);
     if (static_cast<unsigned int>(o.ordering) > static_cast<unsigned int>(OrderingMethod::centroid))
         return fail(StatusCode::invalidArgument, "unknown ordering %u",
                     static_cast<unsigned int>(o.ordering));
