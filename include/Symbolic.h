@@ -126,6 +126,25 @@ void mergedPattern(const SkeletonMatrix& permuted, const Groups& groups, Skeleto
                    kiv::VectorPOD<unsigned int>& mergedEntry, kiv::VectorPOD<unsigned int>& work4,
                    kiv::VectorPOD<unsigned int>& work5);
 
+// Column counts of L: rows [n] the scalar rows strictly below each diagonal block, blocks [n] the blocks.
+struct ColumnCounts {
+    kiv::VectorPOD<unsigned long> rows;
+    kiv::VectorPOD<unsigned int> blocks;
+};
+
+struct CountWork {
+    kiv::VectorPOD<unsigned int> post, first, maxFirst, prevLeaf, ancestor, colPtr, cursor, colRows;
+    kiv::VectorPOD<long> deltaRows, deltaBlocks;
+};
+
+// The column counts of L for the pattern S (list form) and its elimination tree (parent [n], roots their own
+// parent, parent[j] > j otherwise; postOrder [n]: the post-order number of each node), weighted by the block
+// sizes [n], without forming L: Gilbert, Ng and Peyton's algorithm ("An efficient algorithm to compute row
+// and column counts for sparse Cholesky factorization", 1994) on the row subtrees' leaves and least common
+// ancestors. Returns the cost of the factor. Cost O(|A|·α(n)).
+FactorCost countedCost(const SkeletonMatrix& S, const unsigned int* parent, const unsigned int* postOrder,
+                       const unsigned int* sizes, ColumnCounts& counts, CountWork& w);
+
 }  // namespace Analysis
 }  // namespace kivTamber
 

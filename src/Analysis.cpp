@@ -352,7 +352,6 @@ FactorCost predictCost(const Problem& problem, const unsigned int* forward) {
     return orderCost(g, forward, inverse.data(), problem.blockSizes, w, work);
 }
 
-
 // ---------------------------------------------------------------------------------------------------------
 // The analyzer.
 // ---------------------------------------------------------------------------------------------------------
@@ -456,6 +455,9 @@ struct Analyzer::Impl {
     void orderStandard(const Problem& problem, const Options& options, Report& report);
     bool haveCandidate = false;  // orderStandard left a nested-dissection order in `candidate`
     void buildSymbolic(const Problem& problem, bool withTree = true);
+    ColumnCounts counts;
+    CountWork countWork;
+    void mergeStructure();
     // The minimum-degree order's tree, filled pattern and groups while the nested-dissection one is weighed.
     EliminationTree savedTree;
     SkeletonMatrix savedFilled;
@@ -610,7 +612,7 @@ FactorCost Analyzer::Impl::evaluate(const Problem& problem, const Options& optio
     buildSymbolic(problem);
     grow(work3, n);
     for (unsigned int k = 0; k < n; ++k) work3[k] = problem.blockSizes[order[k]];
-    report.unmergedCost = filledCost(filled, work3.data(), costWork);
+    report.unmergedCost = countedCost(permuted, tree.parent, tree.postOrder, work3.data(), counts, countWork);
     report.explicitZeros = static_cast<unsigned long>(
         findGroups(filled, tree.parent, work3.data(), options.mergeBlocks, options.maxMergedSize,
                    options.mergeOperationFlops, groups, mergeWork));
@@ -621,10 +623,23 @@ FactorCost Analyzer::Impl::evaluate(const Problem& problem, const Options& optio
 // `permuted`), its elimination tree with child lists and post order, its filled pattern, the identity
 // permutation of the groups and the group sizes (dataSizes).
 void Analyzer::Impl::buildMerged() {
+    mergeStructure();
+    computeFilledSkeleton(mergedPermuted, mergedTree, mergedFilled, &pad);
+    const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
+    groupPerm.reserve(ng == 0 ? 1 : ng);
+    groupPerm.size = ng;
+    for (unsigned int h = 0; h < ng; ++h) {
+        groupPerm.forward[h] = h;
+        groupPerm.inverse[h] = h;
+    }
+}
+
+// The pattern of A on the groups, its elimination tree with child lists and post order, and the group sizes
+// (dataSizes). Precondition: buildSymbolic and the groups of the same order; work3 = sizes by position.
+void Analyzer::Impl::mergeStructure() {
     const unsigned int n = static_cast<unsigned int>(permuted.n);
     const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
     mergedPattern(permuted, groups, mergedPermuted, mergedEntry, work4, work5);
-
     const unsigned int capacity = ng == 0 ? 1 : ng;
     if (mergedTree.parent == nullptr || mergedTree.capacity < capacity) {
         if (mergedTree.parent) mergedTree.releaseMemory();
@@ -636,14 +651,6 @@ void Analyzer::Impl::buildMerged() {
     TreeUpdate::computeTree(&mergedTree, mergedPermuted, work1.data());
     mergedTree.computeTreeStructure();
     mergedTree.computePostOrder();
-    computeFilledSkeleton(mergedPermuted, mergedTree, mergedFilled, &pad);
-
-    groupPerm.reserve(capacity);
-    groupPerm.size = ng;
-    for (unsigned int h = 0; h < ng; ++h) {
-        groupPerm.forward[h] = h;
-        groupPerm.inverse[h] = h;
-    }
     dataSizes.resize(ng);
     for (unsigned int h = 0; h < ng; ++h) dataSizes[h] = 0;
     for (unsigned int k = 0; k < n; ++k) dataSizes[groupOf[k]] += work3[k];

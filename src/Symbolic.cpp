@@ -533,5 +533,121 @@ void mergedPattern(const SkeletonMatrix& permuted, const Groups& groups, Skeleto
     if (at > 0) std::memset(mergedPermuted.fillFlags, 0, at);
 }
 
+// ---------------------------------------------------------------------------------------------------------
+// Column counts and grouping without the filled pattern.
+// ---------------------------------------------------------------------------------------------------------
+
+FactorCost countedCost(const SkeletonMatrix& S, const unsigned int* parent, const unsigned int* postOrder,
+                       const unsigned int* sizes, ColumnCounts& counts, CountWork& w) {
+    const unsigned int n = static_cast<unsigned int>(S.n);
+    grow(w.post, n);
+    grow(w.first, n);
+    grow(w.maxFirst, n);
+    grow(w.prevLeaf, n);
+    grow(w.ancestor, n);
+    grow(w.colPtr, n + 1);
+    grow(w.cursor, n);
+    grow(w.deltaRows, n);
+    grow(w.deltaBlocks, n);
+    grow(counts.rows, n);
+    grow(counts.blocks, n);
+    unsigned int* post = w.post.data();
+    unsigned int* first = w.first.data();
+    unsigned int* maxFirst = w.maxFirst.data();  // 1 + the largest first[j] of a leaf seen in row i, 0: none
+    unsigned int* prevLeaf = w.prevLeaf.data();
+    unsigned int* ancestor = w.ancestor.data();
+    long* dr = w.deltaRows.data();
+    long* db = w.deltaBlocks.data();
+
+    // The strictly lower part by columns: colRows[colPtr[j] ..] = the rows i > j with A(i, j) in the pattern.
+    unsigned int* colPtr = w.colPtr.data();
+    for (unsigned int j = 0; j <= n; ++j) colPtr[j] = 0;
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = S.colPointers[i]; e < S.colPointers[i + 1]; ++e) {
+            const unsigned int j = S.rowIndices[e];
+            if (j >= i) break;
+            ++colPtr[j + 1];
+        }
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        colPtr[j + 1] += colPtr[j];
+        w.cursor[j] = colPtr[j];
+    }
+    grow(w.colRows, colPtr[n] + 1);
+    unsigned int* colRows = w.colRows.data();
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = S.colPointers[i]; e < S.colPointers[i + 1]; ++e) {
+            const unsigned int j = S.rowIndices[e];
+            if (j >= i) break;
+            colRows[w.cursor[j]++] = i;
+        }
+    }
+
+    // Post order as a list; first[j] = the first post-order number in j's subtree; a leaf of the tree holds
+    // its own diagonal (δ = its size, one block).
+    for (unsigned int j = 0; j < n; ++j) {
+        post[postOrder[j]] = j;
+        first[j] = kNone;
+        maxFirst[j] = 0;
+        prevLeaf[j] = kNone;
+        ancestor[j] = j;
+    }
+    for (unsigned int k = 0; k < n; ++k) {
+        unsigned int j = post[k];
+        const bool leaf = first[j] == kNone;
+        dr[j] = leaf ? static_cast<long>(sizes[j]) : 0;
+        db[j] = leaf ? 1 : 0;
+        for (;;) {
+            if (first[j] != kNone) break;
+            first[j] = k;
+            if (parent[j] == j) break;
+            j = parent[j];
+        }
+    }
+    // Each row i adds its weight at the leaves of its row subtree and takes it back at the least common
+    // ancestor of consecutive leaves and at its parent (Gilbert, Ng and Peyton; the least common ancestors by
+    // a disjoint-set forest with path compression).
+    for (unsigned int k = 0; k < n; ++k) {
+        const unsigned int j = post[k];
+        const bool root = parent[j] == j;
+        if (!root) {
+            dr[parent[j]] -= sizes[j];
+            db[parent[j]] -= 1;
+        }
+        for (unsigned int q = colPtr[j]; q < colPtr[j + 1]; ++q) {
+            const unsigned int i = colRows[q];
+            if (first[j] + 1 <= maxFirst[i]) continue;  // j is not a leaf of row i's subtree
+            maxFirst[i] = first[j] + 1;
+            const unsigned int jPrev = prevLeaf[i];
+            prevLeaf[i] = j;
+            dr[j] += sizes[i];
+            db[j] += 1;
+            if (jPrev == kNone) continue;
+            unsigned int a = jPrev;  // lca(jPrev, j): the root of jPrev's set
+            while (ancestor[a] != a) a = ancestor[a];
+            for (unsigned int x = jPrev; x != a;) {
+                const unsigned int next = ancestor[x];
+                ancestor[x] = a;
+                x = next;
+            }
+            dr[a] -= sizes[i];
+            db[a] -= 1;
+        }
+        if (!root) ancestor[j] = parent[j];
+    }
+    // Sums over the subtrees (parent[j] > j), then the diagonal block taken off.
+    for (unsigned int j = 0; j < n; ++j) {
+        if (parent[j] != j) {
+            dr[parent[j]] += dr[j];
+            db[parent[j]] += db[j];
+        }
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        counts.rows[j] = static_cast<unsigned long>(dr[j]) - sizes[j];
+        counts.blocks[j] = static_cast<unsigned int>(db[j] - 1);
+    }
+    return costFromColumns(n, sizes, counts.rows.data(), counts.blocks.data());
+}
+
 }  // namespace Analysis
 }  // namespace kivTamber
