@@ -69,8 +69,15 @@ struct FactorCost {
 // Returns false, with `filled` unchanged, when the tree has fewer nodes than the pattern has blocks.
 // Cost: O(|L| + |A|): two walks of the row subtrees (sizes, then the columns of L, which come out ascending)
 // and one transpose of the columns into rows, so no row is sorted.
+// withFillFlags false: the fillFlags of `filled` are left unwritten (for a caller that needs the pattern
+// only; saves a merge of every row of L with its row of A).
 bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
-                           SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr);
+                           SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr,
+                           bool withFillFlags = true);
+
+// The fillFlags of a filled pattern `filled` of `permuted` (both list form, same order): 1 on the entries
+// that are not in `permuted`, 0 on the others and on the diagonal. O(|L| + |A|).
+void markFillIns(const SkeletonMatrix& permuted, SkeletonMatrix& filled);
 
 // The factor cost read from a filled pattern (list form, in elimination order) with sizes[k] the size of
 // block k in that order. Equals predictCost of the order that produced it.
@@ -103,7 +110,7 @@ struct Groups {
 
 struct MergeWork {
     kiv::VectorPOD<double> below;
-    kiv::VectorPOD<unsigned int> groupSize, touched;
+    kiv::VectorPOD<unsigned int> groupSize, touched, rowGroups, previousStart;
 };
 
 // The groups of block merging (Options::mergeBlocks in Analysis.h states the criterion), or one group per
