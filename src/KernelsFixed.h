@@ -134,6 +134,8 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
             return solveUnitDiagonalFixed<5>(Ljj, p_j, W, s_i, s_j);
         case 6:
             return solveUnitDiagonalFixed<6>(Ljj, p_j, W, s_i, s_j);
+        case 12:
+            return solveUnitDiagonalFixed<12>(Ljj, p_j, W, s_i, s_j);
         default:
             return solveUnitDiagonalFixed<0>(Ljj, p_j, W, s_i, s_j);
     }
@@ -293,6 +295,8 @@ inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
             return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
         case 6:
             return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
+        case 12:  // a merged pair of bodies
+            return factorDiagonalBlockFixed<T, 12>(W, p, s, d);
         default:
             return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
     }
@@ -390,7 +394,8 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
     }
 }
 
-// finishSmallBlockFixed for block sizes 1 to 6 of double; false (nothing done) otherwise.
+// finishSmallBlockFixed for block sizes 1 to 6 and 12 (a merged pair of bodies) of double; false (nothing
+// done) otherwise.
 inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
                              const double* recip, const double* dj) {
     switch (s_j) {
@@ -411,6 +416,9 @@ inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigne
             return true;
         case 6:
             finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 12:
+            finishSmallBlockFixed<12>(Ljj, W, LDij, s_i, recip, dj);
             return true;
         default:
             return false;
