@@ -10,6 +10,10 @@
 
 #include <emmintrin.h>
 
+#include <array>
+#include <cstddef>
+#include <utility>
+
 #include "Kernels.h"
 
 // Complete unrolling of the loops over compile-time sizes, so that the rows of a small block live in
@@ -565,6 +569,141 @@ inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const do
         }
         _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
     }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The paired solve steps for sizes up to 6 fixed at compile time: the operations of the kernels above, entry
+// by entry in the same order, as straight-line code (their loops run one to three times on the tiles of
+// physics systems and cost as much as the arithmetic).
+// ---------------------------------------------------------------------------------------------------------
+
+template <int SI, int SJ>
+void forwardOffDiagonalFixed(const double* B, unsigned int ld, const double* xi, double* xj) {
+    constexpr int PI = (SI + 1) & ~1, PJ = (SJ + 1) & ~1;
+    __m128d v[PI / 2];
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < PI; q += 2) v[q / 2] = _mm_loadu_pd(xi + q);
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < PJ; r += 2) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < PI; q += 2) {
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v[q / 2]));  // B(q, r)·x_i(q)
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v[q / 2]));
+        }
+        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
+    }
+}
+
+template <int SJ>
+void forwardDiagonalFixed(const double* U, unsigned int ld, double* xj) {
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < SJ; r += 2) {
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < r; q += 2) {
+            const __m128d v = _mm_loadu_pd(xj + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(u0 + q), v));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(u1 + q), v));
+        }
+        const double x0 = xj[r] - laneSum(a0);
+        const double x1 = xj[r + 1] - (laneSum(a1) + u1[r] * x0);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+    }
+}
+
+template <int SJ>
+void backwardDiagonalFixed(const double* U, unsigned int ld, double* xj) {
+    constexpr int top = SJ & ~1;  // an odd top row first, alone
+    if (SJ & 1) {
+        const double* u0 = U + static_cast<unsigned long>(top) * ld;
+        xj[top] = divideByDiagonal(xj[top], u0[top]);
+        const __m128d s0 = _mm_set1_pd(xj[top]);
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < top; q += 2)
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), _mm_mul_pd(_mm_loadu_pd(u0 + q), s0)));
+    }
+    KIVTAMBER_UNROLL
+    for (int r = top - 2; r >= 0; r -= 2) {
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        const double x1 = divideByDiagonal(xj[r + 1], u1[r + 1]);
+        const double x0 = divideByDiagonal(xj[r] - u1[r] * x1, u0[r]);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+        const __m128d s0 = _mm_set1_pd(x0);
+        const __m128d s1 = _mm_set1_pd(x1);
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < r; q += 2) {
+            const __m128d t =
+                _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(u0 + q), s0), _mm_mul_pd(_mm_loadu_pd(u1 + q), s1));
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), t));
+        }
+    }
+}
+
+template <int SI, int SJ>
+void backwardOffDiagonalFixed(const double* B, unsigned int ld, const double* xj, double* xi) {
+    constexpr int PI = (SI + 1) & ~1, PJ = (SJ + 1) & ~1;
+    __m128d x[PJ];
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < PJ; ++r) x[r] = _mm_set1_pd(xj[r]);
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < PI; q += 2) {
+        __m128d acc = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < PJ; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), x[r]));           // B(q.., r)·x_j(r)
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x[r + 1]));  // B(q.., r+1)·x_j(r+1)
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
+    }
+}
+
+using OffDiagonalStep = void (*)(const double*, unsigned int, const double*, double*);
+using DiagonalStep = void (*)(const double*, unsigned int, double*);
+
+template <std::size_t... I>
+constexpr std::array<OffDiagonalStep, sizeof...(I)> forwardOffDiagonalTable(std::index_sequence<I...>) {
+    return {{&forwardOffDiagonalFixed<int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+template <std::size_t... I>
+constexpr std::array<OffDiagonalStep, sizeof...(I)> backwardOffDiagonalTable(std::index_sequence<I...>) {
+    return {{&backwardOffDiagonalFixed<int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+
+// The solve steps of the double solves: fixed code for sizes up to 6, the general paired loops above.
+inline void forwardOffDiagonalStep(const double* B, unsigned int ld, const double* xi, unsigned int si,
+                                   double* xj, unsigned int sj) {
+    static constexpr std::array<OffDiagonalStep, 36> table =
+        forwardOffDiagonalTable(std::make_index_sequence<36>());
+    if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xi, xj);
+    forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
+}
+inline void backwardOffDiagonalStep(const double* B, unsigned int ld, const double* xj, unsigned int sj,
+                                    double* xi, unsigned int si) {
+    static constexpr std::array<OffDiagonalStep, 36> table =
+        backwardOffDiagonalTable(std::make_index_sequence<36>());
+    if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xj, xi);
+    backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
+}
+inline void forwardDiagonalStep(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    static constexpr DiagonalStep table[6] = {&forwardDiagonalFixed<1>, &forwardDiagonalFixed<2>,
+                                              &forwardDiagonalFixed<3>, &forwardDiagonalFixed<4>,
+                                              &forwardDiagonalFixed<5>, &forwardDiagonalFixed<6>};
+    if (sj - 1 < 6) return table[sj - 1](U, ld, xj);
+    forwardDiagonalPaired(U, ld, xj, sj);
+}
+inline void backwardDiagonalStep(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    static constexpr DiagonalStep table[6] = {&backwardDiagonalFixed<1>, &backwardDiagonalFixed<2>,
+                                              &backwardDiagonalFixed<3>, &backwardDiagonalFixed<4>,
+                                              &backwardDiagonalFixed<5>, &backwardDiagonalFixed<6>};
+    if (sj - 1 < 6) return table[sj - 1](U, ld, xj);
+    backwardDiagonalPaired(U, ld, xj, sj);
 }
 
 }  // namespace kernels
