@@ -706,6 +706,118 @@ inline void backwardDiagonalStep(const double* U, unsigned int ld, double* xj, u
     backwardDiagonalPaired(U, ld, xj, sj);
 }
 
+// ---------------------------------------------------------------------------------------------------------
+// Products of a block-sparse symmetric matrix with a vector (SparseMatrix::multiplyAdd), per tile.
+// ---------------------------------------------------------------------------------------------------------
+
+// Both products of an off-diagonal tile in one pass: y_i += B·x_j and y_j += Bᵀ·x_i, with K = Bᵀ the
+// row-major view (s_j × s_i, leading dimension ld): y_i(q) += k_rq·x_j(r) over r ascending, y_j(r) +=
+// k_rq·x_i(q) over q ascending, each entry accumulated in that order. SI, SJ > 0 fix the sizes at compile
+// time (the same operations).
+template <typename T, int SI, int SJ>
+inline void addBothProducts(const T* __restrict K, unsigned int ld, const T* __restrict xi,
+                            const T* __restrict xj, T* __restrict yi, T* __restrict yj,
+                            unsigned int siDynamic, unsigned int sjDynamic) {
+    if (SI > 0 && SJ > 0) {
+        T y[SI > 0 ? SI : 1];
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < SI; ++q) y[q] = yi[q];
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < SJ; ++r) {
+            const T* k = K + static_cast<unsigned long>(r) * ld;
+            const T s = xj[r];
+            T acc = yj[r];
+            KIVTAMBER_UNROLL
+            for (int q = 0; q < SI; ++q) {
+                y[q] += k[q] * s;     // y_i += B·x_j
+                acc += k[q] * xi[q];  // y_j += Bᵀ·x_i
+            }
+            yj[r] = acc;
+        }
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < SI; ++q) yi[q] = y[q];
+        return;
+    }
+    for (unsigned int r = 0; r < sjDynamic; ++r) {
+        const T* k = K + static_cast<unsigned long>(r) * ld;
+        const T s = xj[r];
+        T acc = yj[r];
+        for (unsigned int q = 0; q < siDynamic; ++q) {
+            yi[q] += k[q] * s;
+            acc += k[q] * xi[q];
+        }
+        yj[r] = acc;
+    }
+}
+
+// y += A·x for a symmetric tile from the row-major lower triangle of its view K (leading dimension ld): for
+// each row i, y_i += k_ii·x_i, then for j < i, y_i += k_ij·x_j and y_j += k_ij·x_i. S > 0 fixes the size.
+template <typename T, int S>
+inline void addSymmetricProduct(const T* __restrict K, unsigned int ld, const T* __restrict x,
+                                T* __restrict y, unsigned int nDynamic) {
+    const unsigned int n = S > 0 ? static_cast<unsigned int>(S) : nDynamic;
+    if (S > 0) {
+        T v[S > 0 ? S : 1];
+        KIVTAMBER_UNROLL
+        for (int i = 0; i < S; ++i) v[i] = y[i];
+        KIVTAMBER_UNROLL
+        for (int i = 0; i < S; ++i) {
+            const T* k = K + static_cast<unsigned long>(i) * ld;
+            const T xi = x[i];
+            T yi = v[i] + k[i] * xi;
+            KIVTAMBER_UNROLL
+            for (int j = 0; j < i; ++j) {
+                yi += k[j] * x[j];  // y_i += a_ij x_j
+                v[j] += k[j] * xi;  // y_j += a_ij x_i
+            }
+            v[i] = yi;
+        }
+        KIVTAMBER_UNROLL
+        for (int i = 0; i < S; ++i) y[i] = v[i];
+        return;
+    }
+    for (unsigned int i = 0; i < n; ++i) {
+        const T* k = K + static_cast<unsigned long>(i) * ld;
+        const T xi = x[i];
+        T yi = y[i] + k[i] * xi;
+        for (unsigned int j = 0; j < i; ++j) {
+            yi += k[j] * x[j];
+            y[j] += k[j] * xi;
+        }
+        y[i] = yi;
+    }
+}
+
+template <typename T>
+using BothProducts = void (*)(const T*, unsigned int, const T*, const T*, T*, T*, unsigned int, unsigned int);
+template <typename T>
+using SymmetricProduct = void (*)(const T*, unsigned int, const T*, T*, unsigned int);
+
+template <typename T, std::size_t... I>
+constexpr std::array<BothProducts<T>, sizeof...(I)> bothProductsTable(std::index_sequence<I...>) {
+    return {{&addBothProducts<T, int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+
+// addBothProducts through fixed code for sizes up to 6.
+template <typename T>
+inline void addBothProductsAnySize(const T* K, unsigned int ld, const T* xi, const T* xj, T* yi, T* yj,
+                                   unsigned int si, unsigned int sj) {
+    static constexpr std::array<BothProducts<T>, 36> table =
+        bothProductsTable<T>(std::make_index_sequence<36>());
+    if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](K, ld, xi, xj, yi, yj, si, sj);
+    addBothProducts<T, 0, 0>(K, ld, xi, xj, yi, yj, si, sj);
+}
+
+// addSymmetricProduct through fixed code for sizes up to 6.
+template <typename T>
+inline void addSymmetricProductAnySize(const T* K, unsigned int ld, const T* x, T* y, unsigned int n) {
+    static constexpr SymmetricProduct<T> table[6] = {&addSymmetricProduct<T, 1>, &addSymmetricProduct<T, 2>,
+                                                     &addSymmetricProduct<T, 3>, &addSymmetricProduct<T, 4>,
+                                                     &addSymmetricProduct<T, 5>, &addSymmetricProduct<T, 6>};
+    if (n - 1 < 6) return table[n - 1](K, ld, x, y, n);
+    addSymmetricProduct<T, 0>(K, ld, x, y, n);
+}
+
 }  // namespace kernels
 }  // namespace kivTamber
 

@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "Kernels.h"
+#include "KernelsFixed.h"
 
 namespace kivTamber {
 
@@ -77,44 +78,6 @@ inline void addSymmetric(const float* K, int ld, const float* x, float* y, int n
 }
 inline void addSymmetric(const double* K, int ld, const double* x, double* y, int n) {
     tamber_MV_aAX_SYL(K, ld, x, y, 1.0, n);
-}
-
-// Both products of an off-diagonal tile in one pass over it: y_i += B·x_j and y_j += Bᵀ·x_i, with K = Bᵀ
-// the row-major view (s_j × s_i, leading dimension ld). Per entry the same operations in the same order as
-// addAtX followed by addAX (y_i and y_j are disjoint, and neither product reads the other's output):
-// y_i(q) += k_rq·x_j(r) over r ascending, y_j(r) += k_rq·x_i(q) over q ascending (the scaled kernels'
-// factor alpha = 1 is exact).
-template <typename T>
-inline void addBothProducts(const T* __restrict K, unsigned int ld, const T* __restrict xi,
-                            const T* __restrict xj, T* __restrict yi, T* __restrict yj, unsigned int si,
-                            unsigned int sj) {
-    for (unsigned int r = 0; r < sj; ++r) {
-        const T* k = K + static_cast<unsigned long>(r) * ld;
-        const T s = xj[r];
-        T acc = yj[r];
-        for (unsigned int q = 0; q < si; ++q) {
-            yi[q] += k[q] * s;    // y_i += B·x_j
-            acc += k[q] * xi[q];  // y_j += Bᵀ·x_i
-        }
-        yj[r] = acc;
-    }
-}
-
-// y += A·x for a symmetric tile from the triangle the symmetric kernels read (row-major lower triangle of
-// the view), inline: the operations of tamber_MV_AX_SYL / tamber_MV_aAX_SYL with alpha = 1.
-template <typename T>
-inline void addSymmetricInline(const T* __restrict K, unsigned int ld, const T* __restrict x, T* __restrict y,
-                               unsigned int n) {
-    for (unsigned int i = 0; i < n; ++i) {
-        const T* k = K + static_cast<unsigned long>(i) * ld;
-        const T xi = x[i];
-        T yi = y[i] + k[i] * xi;
-        for (unsigned int j = 0; j < i; ++j) {
-            yi += k[j] * x[j];  // y_i += a_ij x_j
-            y[j] += k[j] * xi;  // y_j += a_ij x_i
-        }
-        y[i] = yi;
-    }
 }
 
 }  // namespace
@@ -278,14 +241,16 @@ void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
         const int si = static_cast<int>(blockSizes[i]);
         const int sj = static_cast<int>(blockSizes[j]);
         const T* K = blockPointers[b];
-        addBothProducts(K, static_cast<unsigned int>(ld), x + blockOffsets[i], x + blockOffsets[j],
-                        y + blockOffsets[i], y + blockOffsets[j], static_cast<unsigned int>(si),
-                        static_cast<unsigned int>(sj));
+        // Both products in one pass (the same operations per entry as addAtX then addAX, without the factor
+        // 1 of the scaled kernels, which is exact).
+        kernels::addBothProductsAnySize(K, static_cast<unsigned int>(ld), x + blockOffsets[i],
+                                        x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
+                                        static_cast<unsigned int>(si), static_cast<unsigned int>(sj));
     };
     // Adds the symmetric product of the diagonal block b = (j, j).
     auto diagonal = [&](unsigned int b, unsigned long j) {
         const unsigned int o = blockOffsets[j];
-        addSymmetricInline(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
+        kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
     };
 
     // Upper form: column 0 holds at most one block, so every column ends with its diagonal block.
