@@ -34,12 +34,20 @@ inline void copyTile(float* to, const float* from, unsigned long count) {
 
 // W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
 // row by row, forward substitution with the strictly lower part.
-// float: tamber_SM_UD, which divides by the stored diagonal of L_jj; that diagonal is exactly 1, so the
-// quotients are exact.
+// float: the term-by-term substitution of tamber_SM_UD (each w_c −= l_ct·w_t in turn, t ascending) without
+// its divisions by the stored diagonal of L_jj, which is exactly 1: the quotients are exact, so the results
+// are the same bits.
 inline void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i,
                               unsigned int s_j) {
-    tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
-                 static_cast<int>(s_j));
+    for (unsigned int r = 0; r < s_i; ++r) {
+        float* const w = W + static_cast<unsigned long>(r) * p_j;
+        for (unsigned int c = 1; c < s_j; ++c) {
+            const float* const l = Ljj + static_cast<unsigned long>(c) * p_j;
+            float wc = w[c];
+            for (unsigned int t = 0; t < c; ++t) wc -= l[t] * w[t];  // w_c -= l_ct·w_t
+            w[c] = wc;
+        }
+    }
 }
 // double: the same loops inline (the unit diagonal is not read). S > 0 fixes s_j at compile time, so that the
 // loops over c and t unroll into straight code; the arithmetic and its order are the same for every S.
