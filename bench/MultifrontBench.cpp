@@ -177,8 +177,26 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
     result.work = M.totalWork;
     result.predicted = M.predictedTime;
     result.sharedNodes = M.numSplitNodes;
+    if (std::getenv("MFBENCH_SPLIT")) {  // where the work of the 2-thread split lies
+        double top = 0.0, diagonal = 0.0, shared = 0.0;
+        unsigned int topNodes = 0, largest = 0;
+        const unsigned int* sizes = systems[2]->data.matrix.blockSizes;
+        for (unsigned int j = 0; j < M.nodes.size(); ++j) {
+            largest = std::max(largest, sizes[j]);
+            if (M.part[j] != MultifrontManager<double>::noNode) continue;
+            ++topNodes;
+            top += M.nodeWork[j];
+            diagonal += sizes[j] * double(sizes[j]) * sizes[j] / 3.0;
+            if (M.splitNode[j]) shared += M.nodeWork[j];
+        }
+        std::printf("  split: %u top nodes, largest block %u, top node work %.3g (diagonal blocks %.3g, shared "
+                    "nodes %.3g), thread loads %.3g / %.3g, top owner %u, total %.3g\n",
+                    topNodes, largest, top, diagonal, shared, M.threadLoads[0], M.threadLoads[1], M.topOwner,
+                    M.totalWork);
+    }
 
     std::vector<double> times[numVariants], ratios[numVariants];
+    const int only = std::getenv("MFBENCH_ONLY") ? std::atoi(std::getenv("MFBENCH_ONLY")) : -1;
     std::vector<double> cpuRatios;
     cpuRatios.reserve(runs);
     for (int v = 0; v < numVariants; ++v) {
@@ -193,6 +211,10 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
         double t[numVariants], cpu[numVariants];
         for (int k = 0; k < numVariants; ++k) {
             const int v = (k + r) % numVariants;
+            if (only >= 0 && v != 0 && v != only) {  // MFBENCH_ONLY=v: serial and variant v (instruction counts)
+                t[v] = cpu[v] = 1.0;
+                continue;
+            }
             if (v == 3)
                 systems[3]->tamber.chooseThreads(systems[3]->data, 2);  // as a caller would, each step
             const double cpuStart = threadCpuTime();

@@ -378,6 +378,7 @@ public:
     kiv::VectorPOD<double> nodeWork;
     kiv::VectorPOD<double> subtreeWork;
     kiv::VectorPOD<unsigned int> order;
+    kiv::VectorPOD<unsigned int> sorted;
     kiv::VectorPOD<unsigned char> isTop;
     kiv::VectorPOD<double> threadLoads;
 
