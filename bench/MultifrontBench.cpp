@@ -167,8 +167,13 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
     }
     result.loadBefore = loadAverage();
     const unsigned int autoThreads = systems[3]->tamber.chooseThreads(systems[3]->data, 2);
-    for (int v = 0; v < numVariants; ++v) factor(*systems[v], v, autoThreads);  // warm-up, preparations
-    for (int v = 0; v < numVariants; ++v) factor(*systems[v], v, autoThreads);
+    // MFBENCH_ONLY=v: only serial and variant v run (for instruction counts of the two).
+    const int only = std::getenv("MFBENCH_ONLY") ? std::atoi(std::getenv("MFBENCH_ONLY")) : -1;
+    for (int round = 0; round < 2; ++round) {  // warm-up, preparations
+        for (int v = 0; v < numVariants; ++v) {
+            if (only < 0 || v == 0 || v == only) factor(*systems[v], v, autoThreads);
+        }
+    }
     const MultifrontManager<double>& M = systems[2]->data.multifront;
     result.scene = sceneName(kind);
     result.blocks = systems[0]->problem.numBlocks;
@@ -196,7 +201,6 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
     }
 
     std::vector<double> times[numVariants], ratios[numVariants];
-    const int only = std::getenv("MFBENCH_ONLY") ? std::atoi(std::getenv("MFBENCH_ONLY")) : -1;
     std::vector<double> cpuRatios;
     cpuRatios.reserve(runs);
     for (int v = 0; v < numVariants; ++v) {
@@ -321,6 +325,7 @@ int main(int argc, char** argv) {
         std::printf("\n");
     }
 
+    if (std::getenv("MFBENCH_ONLY")) return 0;
     // Two systems at once: the same scene twice (cloth and box wall at about 10,000 blocks).
     std::printf("\nTwo systems from two threads at once (throughput / one after the other)\n");
     for (SceneKind kind : {SceneKind::cloth, SceneKind::boxWall}) {
