@@ -14,11 +14,9 @@
 // Usage: MultifrontBench [repetitions (default 9)] [largest block count (default 50000)] [scene ...]
 // Environment: MFBENCH_SPLIT=1 prints where the work of the 2-thread split lies (top nodes, shared nodes,
 // thread loads); MFBENCH_ONLY=v runs only the serial factorization and variant v (1: MF 1 thread, 2: MF 2
-// threads, 3: auto) and skips the two-system part, for instruction counts under callgrind, e.g.
-//   MFBENCH_ONLY=1 valgrind --tool=callgrind --collect-atstart=no \
-//     '--toggle-collect=void kivTamber::Tamber::factorMF<double>(kivTamber::TamberData<double>&)' \
-//     MultifrontBench 2 10000 cloth
-// and the same with factorSerial.
+// threads, 3: auto) and skips the two-system part, for instruction counts under callgrind (valgrind
+// --tool=callgrind --collect-atstart=no with --toggle-collect on Tamber::factorMF<double>, then on
+// Tamber::factorSerial<double>).
 #include <kiv/ByteAllocator.h>
 #include <kiv/ThreadTask.h>
 
