@@ -438,16 +438,18 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
         system.gather(problem);
         // The Solver's part: values and active rows, factor, solve with refinement.
         const std::uint64_t t1 = kiv::Timer::ticks();
-        Status stSet = system.setValues(solver, problem);
+        const Status stSet = system.setValues(solver, problem);
         setActiveRows(solver, problem, mask);
         const std::uint64_t t2 = kiv::Timer::ticks();
-        const Status stFactor = stSet ? solver.factor() : stSet;
+        Status stFactor, stSolve;
+        if (stSet) stFactor = solver.factor();
         const std::uint64_t t3 = kiv::Timer::ticks();
-        const Status stSolve = stFactor ? solver.solve(b.data(), x.data()) : stFactor;
+        if (stSet && stFactor) stSolve = solver.solve(b.data(), x.data());
         const std::uint64_t t4 = kiv::Timer::ticks();
         checkStatus(failures, stSet, "phase 2", s, "setValues");
-        checkStatus(failures, stFactor.ok() || !stSet.ok() ? Status() : stFactor, "phase 2", s, "factor");
-        checkStatus(failures, stSolve.ok() || !stFactor.ok() ? Status() : stSolve, "phase 2", s, "solve");
+        checkStatus(failures, stFactor, "phase 2", s, "factor");
+        checkStatus(failures, stSolve, "phase 2", s, "solve");
+        const bool solved = stSet && stFactor && stSolve;
 
         // The check: the scene's matrix with the switched-off equations as unit equations, in double.
         for (unsigned long k = 0; k < N; ++k) xUser[k] = static_cast<double>(x[k]);
@@ -466,7 +468,7 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
         after.add(residual);
         active.add(static_cast<double>(mask.activeConstraintEquations(problem)));
         allocations.record(s, c0, c1);
-        if (stSolve && !(residual <= limit)) {
+        if (solved && !(residual <= limit)) {
             char text[160];
             std::snprintf(text, sizeof(text),
                           "phase 2, step %u: scaled residual %.3g after refinement (limit %.0e)", s + 1,
