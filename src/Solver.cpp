@@ -151,7 +151,7 @@ struct Solver<T>::Impl {
     std::vector<T> savedDiagonal;             // [N]
 
     // Work vectors of the solves (grown to N·k).
-    std::vector<T> permutedB, permutedX, residual, correction, best;
+    std::vector<T> permutedB, permutedX, residual, best;
     std::vector<double> residualNorms;
 
     Impl() = default;
@@ -795,7 +795,6 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
         permutedB.resize(N);
         permutedX.resize(N);
         residual.resize(N);
-        correction.resize(N);
         best.resize(N);
     }
     const unsigned int steps = options.refinementSteps;
@@ -817,33 +816,35 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
             tamber.solve(data, px);
         if (steps > 0) {
             const std::uint64_t refineStart = kiv::Timer::ticks();
-            // Iterative refinement against the true matrix, keeping the iterate of smallest residual.
+            // Iterative refinement against the true matrix, keeping the iterate of smallest residual. The
+            // best iterate and the next one live in two buffers that swap roles (no copies).
             T* r = residual.data();
             residualOf(pb, px, r);
             double bestNorm = 0;
             for (unsigned long p = 0; p < N; ++p)
                 bestNorm = std::max(bestNorm, std::fabs(static_cast<double>(r[p])));
-            std::memcpy(best.data(), px, N * sizeof(T));
             double bestScaled = scaledResidual(pb, px, r);
-            for (unsigned int it = 0; it < steps && bestNorm > 0; ++it) {
-                T* d = correction.data();
-                std::memcpy(d, r, N * sizeof(T));
+            T* trial = px == best.data() ? permutedX.data() : best.data();
+            // A scaled residual at the rounding level of T cannot be lowered by a correction in T: stop
+            // there, as the classical refinement loops do (that saves the correction's solve and product).
+            const double roundoff = static_cast<double>(std::numeric_limits<T>::epsilon());
+            for (unsigned int it = 0; it < steps && bestNorm > 0 && bestScaled > roundoff; ++it) {
+                T* d = r;  // the correction δ = A⁻¹·r, solved in place of r (recomputed below)
                 if constexpr (std::is_same<T, double>::value)
                     TamberSolve::solve(data, d);
                 else
                     tamber.solve(data, d);
-                for (unsigned long p = 0; p < N; ++p) px[p] += d[p];
-                residualOf(pb, px, r);
+                for (unsigned long p = 0; p < N; ++p) trial[p] = px[p] + d[p];
+                residualOf(pb, trial, r);
                 double norm = 0;
                 for (unsigned long p = 0; p < N; ++p)
                     norm = std::max(norm, std::fabs(static_cast<double>(r[p])));
                 ++stepsRun;
                 if (!(norm < bestNorm)) break;  // no progress (or NaN): keep the best iterate
                 bestNorm = norm;
-                bestScaled = scaledResidual(pb, px, r);
-                std::memcpy(best.data(), px, N * sizeof(T));
+                bestScaled = scaledResidual(pb, trial, r);
+                std::swap(px, trial);
             }
-            px = best.data();
             worst = std::max(worst, bestScaled);
             refineSeconds += secondsSince(refineStart);
         }
