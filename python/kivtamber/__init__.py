@@ -207,6 +207,34 @@ def _bodies_first(L, is_body, sizes):
     return perm, _permuted(*L, perm), sizes, first
 
 
+def _solve_regularized(solver, b, scale):
+    """The solve of a matrix whose factorization met a zero pivot (its values are finite, so a body part that
+    is only semidefinite): factor A + diag(±δ) and refine against A, for a few δ from small to large, keeping
+    the solution with the smallest residual. A small δ leaves the factor inaccurate (refinement diverges and
+    the plain solve is kept), a large one makes refinement converge slowly; which δ is best depends on the
+    conditioning, hence the search. Stops at the first residual near the precision."""
+    eps = float(_np.finfo(solver.dtype).eps)
+    relative = (1e-12, 1e-10, 1e-8, 1e-6) if solver.dtype == _np.float64 else (1e-6, 1e-5, 1e-4, 1e-3)
+    steps = max(solver.options["refinement_steps"], 10)
+    best, best_residual, error = None, _np.inf, None
+    for delta in relative:
+        solver.set_options(regularization=delta * scale, refinement_steps=steps)
+        try:
+            solver.factor()
+        except FactorizationError as failure:
+            error = failure
+            continue
+        x = solver.solve(b)
+        residual = solver.report()["residual"]
+        if residual < best_residual:
+            best, best_residual = x, residual
+        if residual <= 64 * eps:
+            break
+    if best is None:
+        raise error
+    return best
+
+
 def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=None, return_report=False,
           **options):
     """x = A⁻¹·b for a symmetric saddle-point (or positive definite) matrix A.
@@ -268,17 +296,11 @@ def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=N
     solver.set_scalar_values(L[2])
     try:
         solver.factor()
+        x = solver.solve(b)
     except FactorizationError:
         if regularization is not None:
             raise
-        # The values are finite (checked), so the pivot broke down numerically: a body part that is only
-        # semidefinite. Factor the regularised matrix and refine against A.
-        scale = float(_np.abs(L[2]).max()) if len(L[2]) else 1.0
-        delta = (1e-10 if C.dtype == _np.float64 else 1e-4) * scale
-        steps = max(solver.options["refinement_steps"], 10)
-        solver.set_options(regularization=delta, refinement_steps=steps)
-        solver.factor()
-    x = solver.solve(b)
+        x = _solve_regularized(solver, b, float(_np.abs(L[2]).max()) if len(L[2]) else 1.0)
     if perm is not None:
         y = _np.empty_like(x)
         y[perm] = x
