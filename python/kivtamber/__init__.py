@@ -171,15 +171,15 @@ def _alternating_roles(indptr, indices, is_body):
     cols = _np.repeat(_np.arange(n), _np.diff(indptr))
     off = indices != cols
     rows, cols = indices[off], cols[off]
-    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int8), (_np.concatenate([rows, cols]),
-                                                                  _np.concatenate([cols, rows]))), shape=(n, n))
+    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int32), (_np.concatenate([rows, cols]),
+                                                                   _np.concatenate([cols, rows]))), shape=(n, n))
     role = _np.where(is_body, 0, -1)
-    frontier, layer = is_body.astype(_np.int8), 0
+    frontier, layer = is_body.astype(_np.int32), 0  # int32: a row's count of neighbours in the frontier
     while frontier.any():
         new = ((S @ frontier) > 0) & (role < 0)
         layer += 1
         role[new] = layer % 2
-        frontier = new.astype(_np.int8)
+        frontier = new.astype(_np.int32)
     return role != 1
 
 

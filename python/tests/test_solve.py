@@ -90,3 +90,23 @@ def test_lower_triangle_equals_scipys_and_rounding_asymmetry_is_accepted(dtype):
     broken[5, 40] = 1.0  # (40, 5) is zero or something else
     with pytest.raises(ValueError, match="not symmetric"):
         kivtamber._lower(sp.csc_matrix(broken), "test")
+
+
+def test_semidefinite_body_part_without_the_split_given():
+    """[P Aᵀ; A 0] with zero rows in P (those rows couple to constraints only): they are found to be bodies,
+    the regularised mode takes over, and the residual is that of a direct solve."""
+    rng = np.random.default_rng(6)
+    n1, n2 = 40, 15
+    p = rng.standard_normal((n1, n1))
+    P = p @ p.T
+    P[:8, :] = P[:, :8] = 0.0  # eight unknowns with no quadratic term
+    A = np.zeros((n2, n1))
+    A[np.arange(n2), 8 + rng.permutation(n1 - 8)[:n2]] = 1.0
+    A[:, :8] = rng.standard_normal((n2, 8))  # full column rank there: K is nonsingular
+    K = np.block([[P, A.T], [A, np.zeros((n2, n2))]])
+    perm = rng.permutation(n1 + n2)
+    K = K[np.ix_(perm, perm)]
+    b = rng.standard_normal(n1 + n2)
+    x, report = kivtamber.solve(sp.tril(sp.csc_matrix(K)), b, return_report=True)
+    assert report["regularized"] and report["inertia"] == (n1, n2, 0)
+    assert scaled_residual(K, x, b) <= max(10 * scaled_residual(K, np.linalg.solve(K, b), b), 1e-15)
