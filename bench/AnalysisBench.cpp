@@ -275,7 +275,55 @@ void fitModel(const std::vector<FitPoint>& points) {
 
 }  // namespace
 
+// --fingerprint: one line per scene and ordering with a hash of the order, the groups, the filled pattern and
+// the reported costs, to show that a change of the code changes no result.
+unsigned long mix(unsigned long h, unsigned long v) {
+    return (h ^ v) * 1099511628211ul;
+}
+
+void fingerprint(const char* scene, const BlockProblem& p) {
+    const Analysis::Problem problem{p.numBlocks, p.firstConstraint, p.colPointers.data(), p.rowIndices.data(),
+                                    p.blockSizes.data()};
+    const Analysis::Ordering orderings[] = {Analysis::Ordering::standard, Analysis::Ordering::symamdSwap,
+                                            Analysis::Ordering::natural, Analysis::Ordering::centroid};
+    for (const Analysis::Ordering ordering : orderings) {
+        for (int merge = 0; merge < 2; ++merge) {
+            Analysis::Options options;
+            options.ordering = ordering;
+            options.mergeBlocks = merge != 0;
+            Analysis::Analyzer analyzer;
+            TamberData<double> data;
+            const Analysis::Report r = analyzer.analyze(problem, options, data);
+            unsigned long h = 14695981039346656037ul;
+            for (unsigned int k = 0; k < p.numBlocks && r.ok; ++k) h = mix(h, analyzer.order()[k]);
+            for (unsigned int g = 0; g <= analyzer.numFactorBlocks() && r.ok; ++g)
+                h = mix(h, analyzer.groupStarts()[g]);
+            for (unsigned long e = 0; e < data.skeleton.numEntries(); ++e)
+                h = mix(h, data.skeleton.rowIndices[e]);
+            std::printf("%-10s %u %u %d %016lx %lu %lu %.17g %.17g %lu %d\n", scene, p.numBlocks,
+                        static_cast<unsigned int>(ordering), merge, h, r.cost.scalarEntries, r.explicitZeros,
+                        r.cost.flops, r.cost.blockOperations, r.mergedBlocks, r.usedNestedDissection ? 1 : 0);
+        }
+    }
+}
+
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "--fingerprint") {
+        BlockProblem problem;
+        const SceneKind kinds[] = {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth,
+                                   SceneKind::boxWall};
+        const char* names[] = {"chain", "ragdolls", "cloth", "boxwall"};
+        for (int k = 0; k < 4; ++k) {
+            for (unsigned long blocks : {1000ul, 10000ul}) {
+                std::unique_ptr<Scene> scene = makeScene(kinds[k], sizeForBlockCount(kinds[k], blocks));
+                scene->build(problem);
+                fingerprint(names[k], problem);
+            }
+        }
+        buildBoxPile(16, 16, 4, problem);
+        fingerprint("pile16x4", problem);
+        return 0;
+    }
     if (argc > 1 && std::string(argv[1]) == "--fit") {
         std::vector<FitPoint> points;
         BlockProblem problem;

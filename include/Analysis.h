@@ -45,38 +45,12 @@
 
 #include "EliminationTree.h"
 #include "SkeletonMatrix.h"
+#include "Symbolic.h"
 #include "Tamber.h"
 #include "TamberUtils.h"
 
 namespace kivTamber {
 namespace Analysis {
-
-// ---------------------------------------------------------------------------------------------------------
-// Symbolic factorization.
-// ---------------------------------------------------------------------------------------------------------
-
-// Block pattern of L for A = L·D·Lᵀ: row i of L holds column j < i exactly when j lies in the row subtree of
-// i, the part of the elimination tree spanned by the paths from the columns j < i of row i of A up to i
-// (Liu's row-subtree characterisation). Every such entry that is not in A is a fill-in.
-//
-// permuted: in; the pattern of A in the factor's order, per block row i the ascending columns j <= i with
-// the diagonal last (the list form of SkeletonMatrix). Entries j >= i of a row are ignored, so a missing or
-// duplicated diagonal is harmless; its fillFlags are not read.
-// etree: in; the elimination tree of that pattern (parent[j] > j for every non-root j, roots their own
-// parent). Only `parent` and `numNodes` are read. Walks stop at a root, and nodes at or above i are never
-// added to row i, so an inconsistent tree yields a wrong pattern but no out-of-range access.
-// filled: out, must not be `permuted`; receives the pattern of L in the same form: per block row i the
-// ascending columns of its row subtree, then i itself, with fillFlags[k] = 1 on the fill-in entries and 0
-// on the entries of A. blockWords are copied when `permuted` has them and released otherwise. The arrays are
-// reused when large enough (SkeletonMatrix::resize).
-// scratchPad: optional work arrays (its int slots 0 and 1, 4n + 1 elements and |L| − n + 1 elements);
-// without it the work arrays are allocated and released inside the call.
-//
-// Returns false, with `filled` unchanged, when the tree has fewer nodes than the pattern has blocks.
-// Cost: O(|L| + |A|): two walks of the row subtrees (sizes, then the columns of L, which come out ascending)
-// and one transpose of the columns into rows, so no row is sorted.
-bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
-                           SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr);
 
 // ---------------------------------------------------------------------------------------------------------
 // The user's problem, options and results.
@@ -98,36 +72,6 @@ struct Problem {
     // The pattern of a SkeletonMatrix in list form (its fillFlags and blockWords are ignored).
     static Problem fromSkeleton(const SkeletonMatrix& pattern, unsigned int firstConstraint,
                                 const unsigned int* blockSizes);
-};
-
-// The factorization-time model: time ≈ (kBlockFlops·blocks + kBlockOperationFlops·blockOperations + flops)
-// × the time of a flop, for the serial factorization (Tamber::factorSerial) in double. Fitted by least
-// squares on relative errors to 99 factors (chain, ragdolls, cloth and box wall at 10,000 and 50,000 blocks,
-// cloth 32×32, 72×72 and 128×128; each in the minimum-degree, the standard and the symamd order, unmerged
-// and merged to 16 and 48 rows: `AnalysisBench --fit`) on a shared 2-core x86-64 server: 0.20 ns per flop,
-// 8.1 ns per block operation, 118 ns per block column (mean error 18 %, worst 68 % on a noisy machine).
-// The weights are those times in flops; only their ratios to a flop matter to the decisions taken on it.
-constexpr double kBlockOperationFlops = 40.0;
-constexpr double kBlockFlops = 580.0;
-
-// Size of the factor of an order, counted by block-level symbolic factorization with dense blocks. With
-// c_k = the number of scalar entries of L strictly below the diagonal in scalar column k and c_j = the number
-// of blocks of L strictly below the diagonal in block column j:
-// scalarEntries = Σ (c_k + 1) (the unit diagonal included), flops = Σ c_k·(c_k + 2) (one division per
-// entry and a multiply-add per entry pair of the symmetric update) and blockOperations = Σ c_j·(c_j + 1)/2
-// (a triangular solve per block and a product per pair of blocks of a block column).
-struct FactorCost {
-    unsigned long blocks = 0;         // block columns of L (the groups, for a merged factor)
-    unsigned long blockEntries = 0;   // blocks of L, diagonal blocks included
-    unsigned long scalarEntries = 0;  // nnz(L), diagonal included
-    double flops = 0.0;
-    double blockOperations = 0.0;
-
-    // The modelled factorization time in flops: kBlockFlops·blocks + w·blockOperations + flops (w
-    // defaults to kBlockOperationFlops).
-    double modelFlops(double w = kBlockOperationFlops) const {
-        return kBlockFlops * static_cast<double>(blocks) + w * blockOperations + flops;
-    }
 };
 
 // How the analysis orders the blocks. Every order it returns satisfies the safe-order rule.
@@ -273,10 +217,6 @@ bool repairOrder(const Problem& problem, unsigned int* forward, unsigned long* m
 // required) by an elimination tree and row-subtree counts on the user's pattern. The problem must be well
 // formed and forward a permutation (unchecked here; see checkProblem, checkOrder).
 FactorCost predictCost(const Problem& problem, const unsigned int* forward);
-
-// The factor cost read from a filled pattern (list form, in elimination order) with sizes[k] the size of
-// block k in that order. Equals predictCost of the order that produced it.
-FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes);
 
 // ---------------------------------------------------------------------------------------------------------
 // The analysis and the assembly.

@@ -163,6 +163,14 @@ public:
     template <typename T>
     bool prepareMultifrontal(TamberData<T>& data);
 
+    // The worker threads to factor `data` with: 1 means the serial factorization, P > 1 the multifrontal one
+    // on P threads. Decided from the predicted work (see Multifront.h, "Choosing the thread count"); prepares
+    // `data.multifront` for P threads on the way (reused while the structure stays, so that calling this
+    // every step allocates nothing after the first). maxThreads: the most threads wanted, 0 for the
+    // processors of the machine. Preconditions as factorMF.
+    template <typename T>
+    unsigned int chooseThreads(TamberData<T>& data, unsigned int maxThreads);
+
     // x ← A⁻¹·x in place (x: in/out, N elements). Factors first when `data.isFactored` is 0.
     template <typename T>
     bool solve(TamberData<T>& data, T* x);
@@ -186,6 +194,8 @@ extern template void Tamber::factorSerial<float>(TamberData<float>&);
 extern template void Tamber::factorSerial<double>(TamberData<double>&);
 extern template void Tamber::factorMF<float>(TamberData<float>&);
 extern template void Tamber::factorMF<double>(TamberData<double>&);
+extern template unsigned int Tamber::chooseThreads<float>(TamberData<float>&, unsigned int);
+extern template unsigned int Tamber::chooseThreads<double>(TamberData<double>&, unsigned int);
 extern template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
 extern template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
 extern template bool Tamber::solve<float>(TamberData<float>&, float*);

@@ -47,6 +47,12 @@ constexpr double handOverCost = 1500.0;
 // Estimated fixed cost of one block operation (call, loop set-up), in flops.
 constexpr double blockOpCost = 30.0;
 
+// The choice of the thread count (see Multifront.h): least work for threads, least predicted gain, and the
+// cost of waking the workers and waiting for them, in the flop units of the split.
+constexpr double parallelMinWork = 2.5e6;
+constexpr double parallelMinGain = 1.2;
+constexpr double dispatchWork = 2e5;
+
 // Processors of the machine, read once.
 unsigned int processorCount() {
     static const unsigned int count = std::thread::hardware_concurrency();
@@ -139,7 +145,8 @@ bool MultifrontManager<T>::isPreparedFor(const SkeletonMatrix& pattern, const un
     const unsigned int threads = numThreads == 0 ? 1u : numThreads;
     const unsigned long n = pattern.n;
     const unsigned long entries = pattern.numEntries();
-    if (!isPrepared || n != preparedBlocks || entries != preparedEntries || threads != preparedThreads) {
+    if (!isPrepared || n != preparedBlocks || entries != preparedEntries || threads != preparedThreads ||
+        intraFrontSplit != preparedSplit || minSharedWork != preparedMinShared) {
         return false;
     }
     if (n == 0) return true;
@@ -416,6 +423,17 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     }
     reciprocalStore.resize(reciprocals + 2);
 
+    // Top nodes worth sharing out: enough work to outweigh a hand-out and a wait (a few microseconds), and at
+    // least two blocks to share.
+    splitNode.resize(n);
+    numSplitNodes = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const bool share = intraFrontSplit && owners > 1 && isTop[j] && nodeWork[j] >= minSharedWork &&
+                           colPointers[j + 1] - colPointers[j] >= 3;
+        splitNode[j] = share ? 1 : 0;
+        numSplitNodes += share ? 1 : 0;
+    }
+
     // Boundaries (parent owned by another thread), foreign-children flags, (root, thread) pairs.
     unsigned long numBoundaries = 0, updateCount = 0, updateElements = 0;
     for (unsigned int j = 0; j < n; ++j) {
@@ -492,6 +510,19 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         scalarSize += sizes[i];
     }
 
+    chunkBounds.resize(maxColumn + 2ul);
+
+    // Predicted length: the largest thread's parts, then the top, whose shared steps (about all of a shared
+    // node's work but its diagonal block) go at the speed of the threads that can run at once.
+    double topTime = topWork;
+    for (unsigned int j = 0; j < n; ++j) {
+        if (!splitNode[j]) continue;
+        const double s_j = sizes[j], diagonal = s_j * s_j * s_j / 3.0;
+        topTime -= (nodeWork[j] - diagonal) * (1.0 - 1.0 / parallel);
+    }
+    predictedTime = (owners > 1 ? maxThreadWork : totalWork) + topTime;
+    preparedSplit = intraFrontSplit;
+    preparedMinShared = minSharedWork;
     preparedBlocks = n;
     preparedEntries = entries;
     preparedThreads = threads;
@@ -689,8 +720,17 @@ struct Worker {
     unsigned int* entryOf;
     unsigned int* segments;
 
+    // The board of the shared steps of the top's large nodes; null when they are not shared.
+    MfJobBoard* jobs;
+
     void process(unsigned int j);
     void publish(MfNode<T>& node);
+    void finishBlocks(unsigned int j, unsigned int kBegin, unsigned int kEnd);
+    void updateColumns(unsigned int j, unsigned int aBegin, unsigned int aEnd);
+    void runChunk(unsigned int kind, unsigned int j, unsigned int c);
+    bool helpOnce();
+    void shareOut(unsigned int kind, unsigned int j, unsigned int m);
+    void helpUntilClosed();
     void runPart(unsigned int x);
     void offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j);
     void diagonalRow(unsigned int i);
@@ -792,27 +832,14 @@ void Worker<T>::process(unsigned int j) {
 
     // 3. Off-diagonal blocks, in place in L(r, j): W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
     // The reciprocal pivots once per node (padding 0): the same quotients for every block.
-    T* const recip = reciprocals;
+    T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
     for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
     for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);
-    for (unsigned int k = 1; k <= m; ++k) {
-        T* const W = F[k];
-        const unsigned int s_r = sizes[rows[k]];
-        const char* line = reinterpret_cast<const char*>(W);
-        __builtin_prefetch(line, 1);
-        __builtin_prefetch(line + 64, 1);
-        __builtin_prefetch(line + 128, 1);
-        __builtin_prefetch(line + 192, 1);
-        LD.blockFlags[blocks[k]] = 1;
-        if (finishFrontBlock(Ljj, W, LD.blockPointers[blocks[k]], s_r, s_j, recip)) continue;
-        fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
-        fc::copyTile(LD.blockPointers[blocks[k]], W,
-                     static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j);  // with its zero padding
-        for (unsigned int c = 0; c < s_j; ++c) {
-            const T q = recip[c];
-            for (unsigned int r = 0; r < s_r; ++r)
-                W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
-        }
+    const bool split = M.splitNode[j] != 0 && jobs != nullptr;
+    if (split) {
+        shareOut(MfJobBoard::finish, j, m);
+    } else {
+        finishBlocks(j, 1, m + 1);
     }
 
     // 4. Update: −L(r, j)·D_j·L(s, j)ᵀ for r ≥ s, into the front of s while the path from j to s stays in
@@ -824,27 +851,13 @@ void Worker<T>::process(unsigned int j) {
         if (reached != rows[a]) break;
         direct = a;
         M.front(rows[a]);  // assembled before the first update
-        cursors[a] = 0;
     }
-    // Straight into the fronts, row by row: the tiles F_s(r, s) of one row r lie together in row r of L.
-    // Every tile receives exactly one product from j, so the order of the loops does not change any result.
-    for (unsigned int c = 1; c <= m; ++c) {
-        const unsigned int r = rows[c], s_r = sizes[r];
-        const T* const LDrj = LD.blockPointers[blocks[c]];
-        const unsigned int last = c < direct ? c : direct;
-        for (unsigned int a = 1; a <= last; ++a) {
-            const unsigned int s = rows[a], s_s = sizes[s], p_s = fc::padded<T>(s_s);
-            const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
-            unsigned int pos = cursors[a];
-            while (sRows[pos] != r) ++pos;  // forward scan: r ascends
-            cursors[a] = pos;
-            T* const C = nodes[s].frontBlocks[pos];
-            if (a == c) {
-                subtractProduct(F[a], LD.blockPointers[blocks[a]], p_j, C, p_s, s_s, s_s, s_j);  // −L·LDᵀ
-            } else {
-                subtractProduct(LDrj, F[a], p_j, C, p_s, s_r, s_s, s_j);  // F_s(r, s) −= LD(r, j)·L(s, j)ᵀ
-            }
-        }
+    // Straight into the fronts. Every tile receives exactly one product from j, so neither the order of the
+    // loops nor the share of the workers changes any result.
+    if (split && direct == m) {
+        shareOut(MfJobBoard::update, j, m);
+    } else {
+        updateColumns(j, 1, direct + 1);
     }
     // The rest into the boundary node's update list, entry (r, s) found by a search that continues from the
     // previous match (the list is ordered by s, then r).
@@ -869,6 +882,151 @@ void Worker<T>::process(unsigned int j) {
 
     // 5. Publish.
     publish(node);
+}
+
+// Step 3 of node j for its off-diagonal blocks k in [kBegin, kEnd) (1 ≤ k ≤ m): LD(r, j) = F(r, j)·L_jj⁻ᵀ and
+// L(r, j) = LD(r, j)·D_j⁻¹ in place, with the reciprocal pivots of j in the manager's store.
+template <typename T>
+void Worker<T>::finishBlocks(unsigned int j, unsigned int kBegin, unsigned int kEnd) {
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int* rows = M.colRows.data() + k0;
+    const unsigned int* blocks = M.colEntries.data() + k0;
+    T* const* F = M.nodes[j].frontBlocks;
+    const unsigned int s_j = sizes[j], p_j = fc::padded<T>(s_j);
+    const T* const Ljj = F[0];
+    const T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
+    for (unsigned int k = kBegin; k < kEnd; ++k) {
+        T* const W = F[k];
+        const unsigned int s_r = sizes[rows[k]];
+        const char* line = reinterpret_cast<const char*>(W);
+        __builtin_prefetch(line, 1);
+        __builtin_prefetch(line + 64, 1);
+        __builtin_prefetch(line + 128, 1);
+        __builtin_prefetch(line + 192, 1);
+        LD.blockFlags[blocks[k]] = 1;
+        if (finishFrontBlock(Ljj, W, LD.blockPointers[blocks[k]], s_r, s_j, recip)) continue;
+        fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
+        fc::copyTile(LD.blockPointers[blocks[k]], W,
+                     static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j);  // with its zero padding
+        for (unsigned int c = 0; c < s_j; ++c) {
+            const T q = recip[c];
+            for (unsigned int r = 0; r < s_r; ++r)
+                W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
+        }
+    }
+}
+
+// Step 4 of node j into the fronts of its rows s = r_a, a in [aBegin, aEnd) (the fronts assembled):
+// F_s(r, s) −= LD(r, j)·L(s, j)ᵀ for the rows r ≥ s of j, located in s's pattern by a forward scan; the
+// diagonal tile F_s(s, s) on its lower triangle only (its factorization reads nothing else).
+template <typename T>
+void Worker<T>::updateColumns(unsigned int j, unsigned int aBegin, unsigned int aEnd) {
+    MfNode<T>* const nodes = M.nodes.data();
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int m = M.colPointers[j + 1] - k0 - 1;
+    const unsigned int* rows = M.colRows.data() + k0;
+    const unsigned int* blocks = M.colEntries.data() + k0;
+    T* const* F = nodes[j].frontBlocks;
+    const unsigned int s_j = sizes[j], p_j = fc::padded<T>(s_j);
+    for (unsigned int a = aBegin; a < aEnd; ++a) {
+        const unsigned int s = rows[a], s_s = sizes[s], p_s = fc::padded<T>(s_s);
+        const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
+        T* const* Fs = nodes[s].frontBlocks;
+        fc::subtractABtLower(F[a], static_cast<int>(p_j), LD.blockPointers[blocks[a]], static_cast<int>(p_j),
+                             Fs[0], static_cast<int>(p_s), static_cast<int>(s_s), static_cast<int>(s_j));
+        unsigned int pos = 1;
+        for (unsigned int c = a + 1; c <= m; ++c) {
+            const unsigned int r = rows[c];
+            while (sRows[pos] != r) ++pos;  // forward scan: r ascends
+            subtractProduct(LD.blockPointers[blocks[c]], F[a], p_j, Fs[pos], p_s, sizes[r], s_s, s_j);
+        }
+    }
+}
+
+// Chunk c of the current job on the board: the blocks or columns [chunkBounds[c], chunkBounds[c+1]).
+template <typename T>
+void Worker<T>::runChunk(unsigned int kind, unsigned int j, unsigned int c) {
+    const unsigned int begin = M.chunkBounds[c], end = M.chunkBounds[c + 1];
+    if (kind == MfJobBoard::finish) {
+        finishBlocks(j, begin, end);
+    } else {
+        updateColumns(j, begin, end);
+    }
+}
+
+// Claims and runs chunks of the board's current job while any is left; true when it ran one.
+template <typename T>
+bool Worker<T>::helpOnce() {
+    std::uint64_t state = jobs->state.load(std::memory_order_acquire);
+    bool ran = false;
+    for (;;) {
+        const unsigned int next = static_cast<unsigned int>(state & 0xFFFFu);
+        const unsigned int count = static_cast<unsigned int>((state >> 16) & 0xFFFFu);
+        if (next >= count) return ran;
+        if (!jobs->state.compare_exchange_weak(state, state + 1, std::memory_order_acq_rel,
+                                               std::memory_order_acquire)) {
+            continue;
+        }
+        // The chunk is claimed and unfinished, so the owner is still at this job: kind and node are its.
+        runChunk(jobs->kind.load(std::memory_order_relaxed), jobs->node.load(std::memory_order_relaxed),
+                 next);
+        jobs->finished.fetch_add(1, std::memory_order_release);
+        ran = true;
+        state = jobs->state.load(std::memory_order_acquire);
+    }
+}
+
+// Splits step `kind` of node j (m blocks or columns) into chunks of about equal work, posts them, works on
+// them with whoever helps and returns when all are done. The chunks are fixed by the node alone and every
+// tile is written by exactly one chunk, so the results do not depend on who runs which.
+template <typename T>
+void Worker<T>::shareOut(unsigned int kind, unsigned int j, unsigned int m) {
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int* rows = M.colRows.data() + k0;
+    unsigned int* const bounds = M.chunkBounds.data();
+    // Work of item a: s_r for a block to solve; s_s·Σ_{c ≥ a} s_{r_c} for a column of updates.
+    double total = 0.0, tail = 0.0;
+    for (unsigned int a = m; a >= 1; --a) {
+        tail += sizes[rows[a]];
+        total += kind == MfJobBoard::finish ? sizes[rows[a]] : sizes[rows[a]] * tail;
+    }
+    const unsigned int wanted = std::min(m, 4u * M.numOwners);  // at most 1024: 16 bits of the state
+    unsigned int chunks = 0;
+    bounds[0] = 1;
+    double sum = 0.0;
+    tail = 0.0;
+    for (unsigned int a = m; a >= 1; --a) tail += sizes[rows[a]];
+    for (unsigned int a = 1; a <= m; ++a) {
+        sum += kind == MfJobBoard::finish ? sizes[rows[a]] : sizes[rows[a]] * tail;
+        tail -= sizes[rows[a]];
+        if (a == m || sum >= total * (chunks + 1) / wanted) bounds[++chunks] = a + 1;
+    }
+    jobs->kind.store(kind, std::memory_order_relaxed);
+    jobs->node.store(j, std::memory_order_relaxed);
+    jobs->finished.store(0, std::memory_order_relaxed);
+    const std::uint64_t generation = (jobs->state.load(std::memory_order_relaxed) >> 32) + 1;
+    jobs->state.store(generation << 32 | static_cast<std::uint64_t>(chunks) << 16, std::memory_order_release);
+    helpOnce();
+    for (unsigned int spins = 1; jobs->finished.load(std::memory_order_acquire) < chunks; ++spins) {
+        _mm_pause();
+        if (spins % 64 == 0) std::this_thread::yield();
+    }
+}
+
+// A thread without top nodes, once its parts are done: helps with the shared steps of the top's nodes until
+// the top owner closes the board.
+template <typename T>
+void Worker<T>::helpUntilClosed() {
+    const bool crowded = M.numOwners > processorCount();
+    for (unsigned int idle = 1;; ++idle) {
+        if (helpOnce()) {
+            idle = 0;
+            continue;
+        }
+        if (jobs->closed.load(std::memory_order_acquire)) return;
+        _mm_pause();
+        if (crowded || idle % 64 == 0) std::this_thread::yield();
+    }
 }
 
 }  // namespace
@@ -1157,6 +1315,10 @@ void Tamber::factorMF(TamberData<T>& data) {
                 data.scratchPad.getIntArray(segmentSlotBase + t, numEntries + M.maxColumn + 2));
         }
 
+        M.jobs.closed.store(0, std::memory_order_relaxed);
+        M.jobs.state.store(M.jobs.state.load(std::memory_order_relaxed) & ~0xFFFFFFFFull,
+                           std::memory_order_relaxed);
+
         // The task lives on this frame for the length of the call, so that a factorization allocates
         // nothing; its one reference is the creator's and ends with the frame.
         MfWrapper<T> wrapper{this, start, &data.scratchPad, nb, 0.0, &data};
@@ -1179,6 +1341,21 @@ void Tamber::factorMF(TamberData<T>& data) {
     solveTime = 0.0;
 }
 
+template <typename T>
+unsigned int Tamber::chooseThreads(TamberData<T>& data, unsigned int maxThreads) {
+    const unsigned int processors = std::max(1u, processorCount());
+    const unsigned int threads = std::min({maxThreads == 0 ? processors : maxThreads, processors, maxOwners});
+    if (threads <= 1 || data.skeleton.n == 0) return 1;
+    MultifrontManager<T>& M = data.multifront;
+    if (!M.isPreparedFor(data.skeleton, data.matrix.blockSizes, threads)) {
+        M.prepare(data.skeleton, data.matrix.blockSizes, threads);
+    }
+    if (M.totalWork < parallelMinWork) return 1;
+    return M.totalWork >= parallelMinGain * (M.predictedTime + dispatchWork) ? threads : 1;
+}
+
+template unsigned int Tamber::chooseThreads<float>(TamberData<float>&, unsigned int);
+template unsigned int Tamber::chooseThreads<double>(TamberData<double>&, unsigned int);
 template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
 template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
 template void Tamber::factorMF<float>(TamberData<float>&);
@@ -1216,12 +1393,17 @@ void MfWrapper<T>::doThreadedFactor() {
                                 D.stopAtBadPivot != 0,
                                 M.threadMaps[t],
                                 M.threadMaps[t] + numBlocks,
-                                M.threadSegments[t]};
+                                M.threadSegments[t],
+                                M.numSplitNodes > 0 ? &M.jobs : nullptr};
     std::fill(worker.rowOf, worker.rowOf + numBlocks, noNode);
 
     // The parts of this thread by the serial kernels, then its top nodes (those of the top owner) by fronts.
     for (unsigned int u = M.threadPartBegin[t]; u < M.threadPartBegin[t + 1]; ++u)
         worker.runPart(M.threadParts[u]);
+    if (worker.jobs && t != M.topOwner) {
+        worker.helpUntilClosed();
+        return;
+    }
     unsigned long top = 0;
     for (const kivTamber::MfRoot& root : M.roots) {
         if (root.thread != t || M.part[root.node] != noNode) continue;
@@ -1261,6 +1443,7 @@ void MfWrapper<T>::doThreadedFactor() {
             }
         }
     }
+    if (worker.jobs) M.jobs.closed.store(1, std::memory_order_release);
 }
 
 template class MfWrapper<float>;

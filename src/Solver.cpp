@@ -9,7 +9,6 @@
 #include <cstring>
 #include <limits>
 #include <new>
-#include <thread>
 #include <type_traits>
 
 #include "Analysis.h"
@@ -141,7 +140,8 @@ struct Solver<T>::Impl {
     bool valuesChanged = true;  // since the last factorization
     bool factorValid = false;
     bool rankModPrepared = false;
-    RankMod rankMod;  // double only
+    unsigned int chosenThreads = 0;  // the automatic thread count of this structure (0: not chosen yet)
+    RankMod rankMod;                 // double only
     RankMod::EquationList switchOff, switchOn;
 
     // Save areas for a masked or regularised factorization (sized at analyze).
@@ -164,6 +164,7 @@ struct Solver<T>::Impl {
     // A scalar matrix given to analyzeScalar: its block problem and the block values its scalars scatter to.
     Analysis::ScalarProblem scalar;
     bool scalarInput = false;
+    bool problemInput = false;        // analysed from an Analysis::Problem
     unsigned long scalarEntries = 0;  // colPointers[n] of the scalar matrix
     std::vector<T> scalarBlockValues;
     void layoutSlots();
@@ -317,6 +318,7 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
     valuesChanged = true;
     factorValid = false;
     rankModPrepared = false;
+    chosenThreads = 0;
     normA = -1.0;
 
     report = SolverReport();
@@ -340,8 +342,9 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
     } else {
         report.ordering = "centroid";
     }
-    // Rough model of this code's serial factorization: about 0.15 ns per flop and 8 ns per factor block.
-    report.predictedFactorSeconds = 0.15e-9 * r.cost.flops + 8e-9 * static_cast<double>(r.cost.blockEntries);
+    // The analysis's time model of the serial factorization, in flops, at the 0.20 ns per flop it was fitted
+    // with (a machine-dependent constant: only a guide to the order of magnitude).
+    report.predictedFactorSeconds = 0.20e-9 * r.cost.modelFlops();
     report.analyzeSeconds = secondsSince(start);
     analyzed = true;
     return Status();
@@ -530,9 +533,9 @@ Status Solver<T>::Impl::factorNow() {
     report.badPivot = PivotLocation();
     unsigned int threads = options.threads;
     if (threads == 0) {
-        // Small systems stay serial: the threaded factorization pays off only on large fronts.
-        const unsigned int hw = std::max(1u, std::thread::hardware_concurrency());
-        threads = report.flops > 2e8 ? std::min(hw, 4u) : 1u;
+        // Decided once per structure from the predicted work (small systems stay serial).
+        if (chosenThreads == 0) chosenThreads = tamber.chooseThreads(data, options.maxThreads);
+        threads = chosenThreads;
     }
     const bool masked = anyInactive();
     const bool regularized = options.regularization > 0.0;
@@ -635,6 +638,9 @@ Status Solver<T>::Impl::updateInPlace() {
             if (!rankModPrepared) {
                 if (!rankMod.prepare(data))
                     return fail(StatusCode::updateFailed, "the factor could not be prepared for switching");
+                // Each equation is listed at most once per switch: lists of N never grow again.
+                switchOff.reserve(N);
+                switchOn.reserve(N);
                 // Equations masked by the last factorization are unit equations of the factor already.
                 for (unsigned long p = 0; p < N; ++p) {
                     if (factorActive[factorToUser[p]]) continue;
@@ -882,6 +888,8 @@ Status Solver<T>::setOptions(const SolverOptions& o) {
     if (o.refinementSteps > 100)
         return fail(StatusCode::invalidArgument, "refinementSteps %u is more than 100", o.refinementSteps);
     if (o.threads > 256) return fail(StatusCode::invalidArgument, "threads %u is more than 256", o.threads);
+    if (o.maxThreads > 256)
+        return fail(StatusCode::invalidArgument, "maxThreads %u is more than 256", o.maxThreads);
     if (static_cast<unsigned int>(o.ordering) > static_cast<unsigned int>(OrderingMethod::centroid))
         return fail(StatusCode::invalidArgument, "unknown ordering %u",
                     static_cast<unsigned int>(o.ordering));
@@ -967,6 +975,7 @@ Status Solver<T>::analyze(const SystemStructure& s) {
     Status st = m.analyzeProblem(problem, static_cast<unsigned int>(nb));
     if (!st) return st;
     m.scalarInput = false;
+    m.problemInput = false;
 
     // Where each item of the structure goes, and its place in the arrays of setValues.
     m.bodySlots.assign(nb, Slot());
@@ -1024,6 +1033,7 @@ Status Solver<T>::analyze(const Analysis::Problem& problem) {
     Status st = m.analyzeProblem(own, problem.firstConstraint);
     if (!st) return st;
     m.forgetStructure();
+    m.problemInput = true;
     return Status();
 }
 
@@ -1149,6 +1159,33 @@ Status Solver<T>::setValues(const T* bodies, const T* jacobians, const T* coupli
 }
 
 template <typename T>
+Status Solver<T>::setPatternValues(const T* values, const unsigned long* valuePointers) {
+    Impl& m = *impl_;
+    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setPatternValues before a successful analyze");
+    if (!m.problemInput)
+        return fail(StatusCode::invalidArgument,
+                    "setPatternValues needs a structure given as an Analysis::Problem");
+    if (values == nullptr || valuePointers == nullptr)
+        return fail(StatusCode::invalidArgument, "setPatternValues: values or value pointers are null");
+    if (m.options.checkValues) {
+        const unsigned long entries = m.analyzer.numEntries();
+        for (unsigned long e = 0; e < entries; ++e) {
+            const unsigned long count =
+                static_cast<unsigned long>(m.analyzer.entryRows(e)) * m.analyzer.entryCols(e);
+            const T* v = values + valuePointers[e];
+            for (unsigned long k = 0; k < count; ++k)
+                if (!std::isfinite(v[k]))
+                    return fail(StatusCode::nonFiniteValue, "setPatternValues: entry %lu, value %lu is %g", e,
+                                k, static_cast<double>(v[k]));
+        }
+    }
+    m.analyzer.setBlocks(m.data, values, valuePointers);
+    m.valuesChanged = true;
+    m.normA = -1.0;
+    return Status();
+}
+
+template <typename T>
 unsigned long Solver<T>::bodyValueCount() const {
     return impl_->bodyValues;
 }
@@ -1271,6 +1308,7 @@ void Solver<T>::Impl::forgetStructure() {
     bodyValues = jacobianValues = couplingValues = complianceValues = 0;
     negated.clear();
     scalarInput = false;
+    problemInput = false;
 }
 
 template <typename T>

@@ -670,3 +670,29 @@ TEST(AnalysisApi, RealKktMatrixFactorsWithTheRightInertia) {
 }
 
 }  // namespace
+
+// Sizes whose matrix cannot be stored are answered with ok = false and a message, not an exception, and
+// leave the data and the analyzer as they were: two coupled bodies of 65,536 rows (3 tiles of 2^32 values,
+// beyond the memory of any machine this runs on) and one body of 2^32 − 1 rows (a tile of 2^64 values).
+TEST(AnalysisApi, HugeBlocksAreRefusedWithAMessage) {
+    const ListProblem good = patternOf(3, 6, {{3, {0, 1}}, {1, {1, 2}}});
+    Analyzer analyzer;
+    TamberData<double> data;
+    ASSERT_TRUE(analyzer.analyze(good.problem(), Options(), data).ok);
+    const auto before = snapshot(data, analyzer);
+    const Blocks cp{0, 1, 3}, ri{0, 0, 1}, sizes{65536, 65536};
+    Report r = analyzer.analyze({2, 2, cp.data(), ri.data(), sizes.data()}, Options(), data);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.message.rfind("the matrix of the problem needs 12884901888 values (103 GB), more than the "
+                              "memory of this machine",
+                              0),
+              0u)
+        << r.message;
+    EXPECT_TRUE(snapshot(data, analyzer) == before);
+    const Blocks one{0, 1}, diagonal{0}, huge{4294967295u};
+    r = analyzer.analyze({1, 1, one.data(), diagonal.data(), huge.data()}, Options(), data);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.message,
+              "the matrix of the problem needs more values than a 64-bit count holds; nothing was changed");
+    EXPECT_TRUE(snapshot(data, analyzer) == before);
+}

@@ -652,6 +652,472 @@ TEST(SolveToolRun, MalformedInputExitsWithTwoAndItsLine) {
     EXPECT_NE(help.out.find("Exit codes:"), std::string::npos);
 }
 
+// The accuracy check: Hilbert matrices of order 6 to 12 in float (and from order 8 on in double) are
+// answered with exit 4 and a warning that says whether double would do; small orders pass. A matrix whose
+// values float cannot hold is refused for --float with the same exit code, and solved in double.
+TEST(SolveToolRun, WarnsWhenTheAnswerCannotBeTrusted) {
+    REQUIRE_TOOL();
+    TempDir dir;
+    for (unsigned int n = 2; n <= 12; ++n) {
+        DenseSymmetric H(n);
+        for (unsigned int i = 0; i < n; ++i)
+            for (unsigned int j = 0; j < n; ++j) H(i, j) = 1.0 / (i + j + 1.0);
+        const std::string path = dir.write("h" + std::to_string(n) + ".mtx", toMatrixMarket(H));
+        for (bool single : {false, true}) {
+            SCOPED_TRACE("Hilbert " + std::to_string(n) + (single ? " float" : " double"));
+            const ToolRun run =
+                runTool(dir, single ? Strings{path, "--float", "--refine", "3"} : Strings{path});
+            const bool expectWarning = single ? n >= 6 : n >= 8;
+            if (!expectWarning && (single ? n > 4 : n > 6))
+                continue;  // the orders in between may go either way
+            ASSERT_EQ(run.status, expectWarning ? 4 : 0) << run.out << run.err;
+            if (!expectWarning) {
+                EXPECT_EQ(run.err, "");
+                continue;
+            }
+            const std::string start =
+                path + ": warning: the solution cannot be trusted: estimated relative error ";
+            EXPECT_EQ(run.err.substr(0, start.size()), start);
+            EXPECT_NE(run.err.find(single ? "; double would be needed (run without --float)"
+                                          : "; the matrix is too ill-conditioned for this precision"),
+                      std::string::npos)
+                << run.err;
+            // The bound is honest: within a factor 10 of the error the run actually made, or above it.
+            const double bound = std::strtod(run.out.c_str() + run.out.find("error bound ") + 12, nullptr);
+            EXPECT_GE(bound, 0.1 * valueAfter(run.out, "error")) << run.out;
+        }
+    }
+    // 3e38 fits in float, but b = A·(1, 1, 1) does not.
+    const std::string big = dir.write("big.mtx", SYM "3 3 4\n1 1 3e38\n2 1 2e38\n2 2 3e38\n3 3 1\n");
+    const ToolRun single = runTool(dir, {big, "--float"});
+    EXPECT_EQ(single.status, 4);
+    EXPECT_EQ(single.err,
+              big +
+                  ": warning: A or b holds values beyond the range of float (largest |value| 5e+38, "
+                  "float holds up to 3.4e+38); double would be needed (run without --float)\n");
+    const ToolRun twice = runTool(dir, {big});
+    EXPECT_EQ(twice.status, 0) << twice.err;
+}
+
+// The bad-input table: every kind of malformed file, option and problem, each the smallest input that shows
+// it, answered with its exit code and the start of its message ($M, $B, $R: the matrix, blocks and
+// right-hand-side files; $D a folder). A few good inputs in between check that nothing is refused wrongly.
+TEST(SolveToolRun, BadInputTable) {
+    REQUIRE_TOOL();
+    TempDir dir;
+    const std::string ok = SYM "3 3 4\n1 1 4\n2 1 1\n2 2 4\n3 3 4\n";
+    const std::string kkt = SYM "3 3 4\n1 1 2\n2 2 2\n3 1 1\n3 2 1\n";
+    std::string diagonal = SYM "12000 12000 12000\n";  // one block of 12000 rows would hold 1.44e8 values
+    for (int i = 1; i <= 12000; ++i) diagonal += std::to_string(i) + " " + std::to_string(i) + " 1\n";
+    std::string hilbert = SYM "8 8 36\n";
+    for (int j = 1; j <= 8; ++j)
+        for (int i = j; i <= 8; ++i)
+            hilbert += std::to_string(i) + " " + std::to_string(j) + " " + g17(1.0 / (i + j - 1)) + "\n";
+    std::string cut = readText(dir.writeGzip("full.gz", ok)), corrupt = cut;
+    cut.resize(cut.size() - 6);
+    corrupt[corrupt.size() / 2] = static_cast<char>(corrupt[corrupt.size() / 2] ^ 0x5a);
+    const std::string folder = dir.file("folder");
+    std::filesystem::create_directory(folder);
+    struct Case {
+        std::string matrix;  // the text of $M, or "<missing>", "<folder>", "<gz-cut>", "<gz-corrupt>"
+        std::string blocks;  // the text of $B
+        std::string rhs;     // the text of $R
+        Strings args;        // after $M
+        int status;
+        std::string err;  // start of standard error
+    };
+    const std::string big(1u << 20, '9');
+    const Case cases[] = {
+        // Files that are not there or not readable.
+        {"<missing>", "", "", {}, 2, "$M: cannot open (No such file or directory)"},
+        {"<folder>", "", "", {}, 2, "$M: read error (Is a directory)"},
+        {"<gz-cut>", "", "", {}, 2, "$M: read error (unexpected end of file)"},
+        {"<gz-corrupt>", "", "", {}, 2, "$M: read error ("},
+        {"\x1f\x8b", "", "", {}, 2, "$M: read error ("},
+        {ok, "<missing>", "", {"--blocks", "$B"}, 2, "$B: cannot open (No such file or directory)"},
+        {ok, "", "<folder>", {"--rhs", "$R"}, 2, "$R: read error (Is a directory)"},
+        // Banner.
+        {"", "", "", {}, 2, "$M:1: empty file (expected the banner"},
+        {"\n\n", "", "", {}, 2, "$M:1: missing Matrix Market banner"},
+        {"3 3 1\n1 1 1\n", "", "", {}, 2, "$M:1: missing Matrix Market banner"},
+        {"%%MatrixMarkt matrix coordinate real symmetric\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:1: missing Matrix Market banner"},
+        {"%%MatrixMarket matrix coordinate real\n", "", "", {}, 2, "$M:1: garbled banner"},
+        {"%%MatrixMarket matrix coordinate real symmetric x\n", "", "", {}, 2, "$M:1: garbled banner"},
+        {"%%MatrixMarket vector coordinate real symmetric\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:1: unsupported object \"vector\""},
+        {"%%MatrixMarket matrix array real symmetric\n", "", "", {}, 2, "$M:1: unsupported format \"array\""},
+        {"%%MatrixMarket matrix coordinate complex symmetric\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:1: unsupported field \"complex\""},
+        {"%%MatrixMarket matrix coordinate pattern symmetric\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:1: unsupported field \"pattern\""},
+        {"%%MatrixMarket matrix coordinate real skew-symmetric\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:1: unsupported symmetry \"skew-symmetric\""},
+        {"%%MatrixMarket matrix coordinate real hermitian\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:1: unsupported symmetry \"hermitian\""},
+        {"%%MatrixMarket matrix coordinate integer symmetric\n2 2 2\n1 1 2.5\n2 2 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:3:5: value \"2.5\" is not an integer (the field is integer)"},
+        {"%%MatrixMarket matrix coordinate integer symmetric\n2 2 2\n1 1 2\n2 2 3\n", "", "", {}, 0, ""},
+        {"%%matrixmarket MATRIX Coordinate REAL Symmetric\n1 1 1\n1 1 2\n", "", "", {}, 0, ""},
+        // Size line.
+        {SYM, "", "", {}, 2, "$M:1: the file ends before the size line"},
+        {SYM "3 3\n", "", "", {}, 2, "$M:2: bad size line \"3 3\""},
+        {SYM "3 3 3 3\n", "", "", {}, 2, "$M:2: bad size line \"3 3 3 3\""},
+        {SYM "3 3 x\n", "", "", {}, 2, "$M:2: bad size line \"3 3 x\""},
+        {SYM "-3 -3 3\n", "", "", {}, 2, "$M:2:1: row count \"-3\" out of range 0..4294967294"},
+        {SYM "3 4 3\n", "", "", {}, 2, "$M:2: the matrix is not square (3 rows, 4 columns)"},
+        {SYM "0 0 0\n", "", "", {}, 2, "$M:2: empty matrix (0 rows)"},
+        {SYM "2147483648 2147483648 1\n1 1 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:2: 1 entries declared for 2147483648 rows"},
+        {SYM "4294967296 4294967296 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:2:1: row count \"4294967296\" out of range 0..4294967294"},
+        {SYM "18446744073709551619 18446744073709551619 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:2:1: row count \"18446744073709551619\" out of range"},
+        {SYM "3 3 18446744073709551620\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:2:5: entry count \"18446744073709551620\" out of range"},
+        {SYM "2 2 4\n", "", "", {}, 2, "$M:2: 4 entries declared, more than the 3 of a 2 x 2 lower triangle"},
+        // Entry count.
+        {SYM "3 3 4\n1 1 4\n2 2 4\n3 3 4\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:5: the file ends after 3 of the 4 entries declared on line 2"},
+        {SYM "3 3 2\n1 1 4\n2 2 4\n3 3 4\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:5: more entries than the 2 declared on line 2"},
+        {SYM "3 3 3\n1 1\n", "", "", {}, 2, "$M:3: expected \"row column value\", found \"1 1\""},
+        {SYM "3 3 3\n1 1 1 1\n", "", "", {}, 2, "$M:3: extra text \"1\" after the value"},
+        // Indices.
+        {SYM "3 3 3\n0 1 1\n", "", "", {}, 2, "$M:3:1: row index \"0\" out of range 1..3"},
+        {SYM "3 3 3\n1 0 1\n", "", "", {}, 2, "$M:3:3: column index \"0\" out of range 1..3"},
+        {SYM "3 3 3\n-1 1 1\n", "", "", {}, 2, "$M:3:1: row index \"-1\" out of range 1..3"},
+        {SYM "3 3 3\n4 1 1\n", "", "", {}, 2, "$M:3:1: row index \"4\" out of range 1..3"},
+        {SYM "3 3 3\n1 4 1\n", "", "", {}, 2, "$M:3:3: column index \"4\" out of range 1..3"},
+        {SYM "3 3 3\n18446744073709551617 1 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:3:1: row index \"18446744073709551617\" out of range 1..3"},
+        {SYM "3 3 3\n9223372036854775808 1 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:3:1: row index \"9223372036854775808\" out of range 1..3"},
+        {SYM "3 3 3\n4294967297 1 1\n", "", "", {}, 2, "$M:3:1: row index \"4294967297\" out of range 1..3"},
+        {SYM "3 3 3\n1 -18446744073709551615 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:3:3: column index \"-18446744073709551615\" out of range 1..3"},
+        {SYM "3 3 3\n1.0 1 1\n", "", "", {}, 2, "$M:3:1: row index \"1.0\" is not an integer"},
+        {SYM "3 3 3\n1e0 1 1\n", "", "", {}, 2, "$M:3:1: row index \"1e0\" is not an integer"},
+        {SYM "3 3 3\n0x1 1 1\n", "", "", {}, 2, "$M:3:1: row index \"0x1\" is not an integer"},
+        {SYM "3 3 3\n+1 1 4\n2 2 4\n3 3 4\n", "", "", {}, 0, ""},
+        // Duplicates, triangles and symmetry.
+        {SYM "3 3 4\n1 1 4\n2 2 4\n3 3 4\n1 1 5\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:6: duplicate entry (1, 1), already given on line 3"},
+        {SYM "3 3 5\n1 1 4\n2 1 1\n2 2 4\n3 3 4\n1 2 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:7: duplicate entry (1, 2), already given as (2, 1) on line 4"},
+        {SYM "3 3 4\n1 1 4\n1 2 1\n2 2 4\n3 3 4\n", "", "", {}, 0, ""},  // an upper entry stands for both
+        {GEN "2 2 4\n1 1 4\n2 1 1\n1 2 2\n2 2 4\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:5: the general matrix is not symmetric: A(2, 1) = 1 on line 4, A(1, 2) = 2 on line 5"},
+        {GEN "2 2 3\n1 1 4\n2 1 1\n2 2 4\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:4: the general matrix is not symmetric: A(2, 1) = 1 on line 4, A(1, 2) is not given (0)"},
+        {GEN "2 2 4\n1 1 4\n2 1 1\n1 2 1\n2 2 4\n", "", "", {}, 0, ""},
+        // Values.
+        {SYM "2 2 2\n1 1 nan\n2 2 1\n", "", "", {}, 2, "$M:3:5: value \"nan\" is not finite"},
+        {SYM "2 2 2\n1 1 inf\n2 2 1\n", "", "", {}, 2, "$M:3:5: value \"inf\" is not finite"},
+        {SYM "2 2 2\n1 1 -Infinity\n2 2 1\n", "", "", {}, 2, "$M:3:5: value \"-Infinity\" is not finite"},
+        {SYM "2 2 2\n1 1 1e400\n2 2 1\n", "", "", {}, 2, "$M:3:5: value \"1e400\" is not finite"},
+        {SYM "2 2 2\n1 1 1.0D+00\n2 2 1\n", "", "", {}, 2, "$M:3:5: value \"1.0D+00\" is not a number"},
+        {SYM "2 2 2\n1 1 one\n2 2 1\n", "", "", {}, 2, "$M:3:5: value \"one\" is not a number"},
+        {std::string(SYM "2 2 2\n1 1 1\0x\n2 2 1\n", sizeof(SYM) + 18),
+         "",
+         "",
+         {},
+         2,
+         "$M:3:5: value \"1\\x00x\" is not a number"},
+        {SYM "2 2 2\n1 1 1\x1b[2J\x07\n2 2 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:3:5: value \"1\\x1b[2J\\x07\" is not a number"},
+        {SYM "2 2 2\n1 1 " + big + "x\n2 2 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:3:5: value \"" + std::string(57, '9') + "...\" is not a number"},
+        {std::string("\x7f"
+                     "ELF\x02\x01\x01\0\0\0",
+                     10),
+         "",
+         "",
+         {},
+         2,
+         "$M:1: missing Matrix Market banner (expected \"%%MatrixMarket matrix coordinate real symmetric\", "
+         "found \"\\x7fELF\\x02\\x01\\x01\\x00\\x00\\x00\")"},
+        // Problems the file reader accepts and the solver refuses.
+        {SYM "3 3 2\n1 1 1\n2 2 1\n",
+         "",
+         "",
+         {},
+         3,
+         "$M: zero pivot at row 3 (block 3, local 1) of the matrix: elimination step 3 of 3, d = 0"},
+        {SYM "2 2 2\n1 1 0\n2 2 0\n",
+         "",
+         "",
+         {},
+         3,
+         "$M: zero pivot at row 1 (block 1, local 1) of the matrix: elimination step 1 of 2, d = 0"},
+        {kkt, "", "", {"--ordering", "natural"}, 0, ""},
+        {SYM "3 3 3\n1 1 2\n2 2 2\n3 3 0\n", "n1 2\nn2 1\n", "", {"--blocks", "$B"}, 2, "$M: analysis: "},
+        {SYM "3 3 1\n1 1 1\n",
+         "",
+         "",
+         {},
+         2,
+         "$M:2: 1 entries declared for 3 rows: a non-singular matrix needs at least 2"},
+        // Blocks files.
+        {kkt, "n1 2\nn2 1\n", "", {"--blocks", "$B"}, 0, ""},
+        {kkt, "", "", {"--blocks", "$B"}, 2, "$B:1: missing the line \"n1 <count>\""},
+        {kkt,
+         "n1 2\nn2 2\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:2: n1 + n2 = 2 + 2 = 4 does not match the 3 rows of the matrix"},
+        {kkt,
+         "n1 1\nn2 1\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:2: n1 + n2 = 1 + 1 = 2 does not match the 3 rows of the matrix"},
+        {kkt,
+         "n1 18446744073709551618\nn2 1\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:1:4: count \"18446744073709551618\" of n1 out of range 0..3 (the matrix has 3 rows)"},
+        {kkt,
+         "n1 4294967295\nn2 4\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:1:4: count \"4294967295\" of n1 out of range 0..3"},
+        {kkt,
+         "n1 2\nn2 -1\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:2:4: count \"-1\" of n2 is not a non-negative integer"},
+        {kkt,
+         "n1 2.0\nn2 1\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:1:4: count \"2.0\" of n1 is not a non-negative integer"},
+        {kkt,
+         "n1\nn2 1\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:1: count missing of n1 is not a non-negative integer"},
+        {kkt, "n1 2\n", "", {"--blocks", "$B"}, 2, "$B:1: missing the line \"n2 <count>\""},
+        {kkt, "n2 1\n", "", {"--blocks", "$B"}, 2, "$B:1: missing the line \"n1 <count>\""},
+        {kkt, "n1 2\nn1 2\n", "", {"--blocks", "$B"}, 2, "$B:2: n1 given twice (first on line 1)"},
+        {kkt, "n1 2\nn3 1\n", "", {"--blocks", "$B"}, 2, "$B:2: unknown key \"n3\""},
+        {kkt,
+         "n1 2 bodies\nn2 1\n",
+         "",
+         {"--blocks", "$B"},
+         2,
+         "$B:1: extra text \"bodies\" after the count of n1"},
+        // Right-hand sides.
+        {ok, "", "1\n2\n3\n", {"--rhs", "$R"}, 0, ""},
+        {ok, "", "1\n2\n", {"--rhs", "$R"}, 2, "$R:2: the file ends after 2 of 3 values"},
+        {ok, "", "1\n2\n3\n4\n", {"--rhs", "$R"}, 2, "$R:4: more values than the 3 rows of the matrix"},
+        {ok, "", "1\nnan\n3\n", {"--rhs", "$R"}, 2, "$R:2:1: value \"nan\" is not finite"},
+        {ok, "", "1 2\n3\n", {"--rhs", "$R"}, 2, "$R:1: extra text \"2\" after the value"},
+        {ok, "", "1\ntwo\n3\n", {"--rhs", "$R"}, 2, "$R:2:1: value \"two\" is not a number"},
+        {ok,
+         "",
+         "%%MatrixMarket matrix array real general\n4 1\n1\n2\n3\n4\n",
+         {"--rhs", "$R"},
+         2,
+         "$R:2: the vector is 4 x 1, the matrix needs 3 x 1"},
+        {ok,
+         "",
+         "%%MatrixMarket matrix array real general\n18446744073709551619 1\n1\n2\n3\n",
+         {"--rhs", "$R"},
+         2,
+         "$R:2:1: row count \"18446744073709551619\" out of range"},
+        {ok,
+         "",
+         "%%MatrixMarket matrix coordinate real general\n3 1 3\n",
+         {"--rhs", "$R"},
+         2,
+         "$R:1: unsupported format \"coordinate\" for a vector"},
+        // Command lines.
+        {ok, "", "", {"--bogus"}, 2, "tamber-solve: unknown option \"--bogus\""},
+        {ok, "", "", {"--\x1b[31m"}, 2, "tamber-solve: unknown option \"--\\x1b[31m\""},
+        {ok, "", "", {"$M"}, 2, "tamber-solve: more than one matrix file"},
+        {ok,
+         "",
+         "",
+         {"--block-size", "0"},
+         2,
+         "tamber-solve: --block-size needs a block size from 1 to 65536"},
+        {ok,
+         "",
+         "",
+         {"--block-size", "65537"},
+         2,
+         "tamber-solve: --block-size needs a block size from 1 to 65536"},
+        {ok, "", "", {"--threads", "0"}, 2, "tamber-solve: --threads needs a thread count from 1 to 1024"},
+        {ok, "", "", {"--refine", "x"}, 2, "tamber-solve: --refine needs a step count from 0 to 1000"},
+        {ok,
+         "",
+         "",
+         {"--ordering", "best"},
+         2,
+         "tamber-solve: --ordering needs one of default, symamd, natural"},
+        {ok,
+         "",
+         "",
+         {"--rhs-ones", "--rhs-random", "1"},
+         2,
+         "tamber-solve: give at most one of --rhs, --rhs-ones, --rhs-random"},
+        {ok, "", "", {"--max-error", "-1"}, 2, "tamber-solve: --max-error needs a positive number"},
+        {ok, "", "", {"--rhs"}, 2, "tamber-solve: --rhs needs a file name"},
+        {ok, "", "", {"--out", "$D"}, 1, "$D: cannot write (Is a directory)"},
+        {diagonal,
+         "",
+         "",
+         {"--block-size", "65536"},
+         2,
+         "tamber-solve: blocks of 65536 rows need more values than the tool's limit of 134217728 (1 GiB)"},
+        // Answers that cannot be trusted.
+        {hilbert,
+         "",
+         "",
+         {"--float"},
+         4,
+         "$M: warning: the solution cannot be trusted: estimated relative error "},
+        {SYM "2 2 2\n1 1 1e39\n2 2 1\n",
+         "",
+         "",
+         {"--float"},
+         4,
+         "$M: warning: A or b holds values beyond the range of float"},
+    };
+    const std::string M = dir.file("m.mtx"), B = dir.file("b.txt"), R = dir.file("r.txt");
+    auto place = [&](const std::string& text, const std::string& path) {
+        std::filesystem::remove_all(path);
+        if (text == "<folder>")
+            std::filesystem::create_directory(path);
+        else if (text == "<gz-cut>")
+            dir.write(path.substr(path.rfind('/') + 1), cut);
+        else if (text == "<gz-corrupt>")
+            dir.write(path.substr(path.rfind('/') + 1), corrupt);
+        else if (text != "<missing>")
+            dir.write(path.substr(path.rfind('/') + 1), text);
+    };
+    auto expand = [&](std::string t) {
+        for (const auto& [key, value] :
+             {std::pair<std::string, std::string>{"$M", M}, {"$B", B}, {"$R", R}, {"$D", folder}})
+            for (std::string::size_type at; (at = t.find(key)) != std::string::npos;) t.replace(at, 2, value);
+        return t;
+    };
+    unsigned int count = 0;
+    for (const Case& c : cases) {
+        place(c.matrix, M);
+        place(c.blocks, B);
+        place(c.rhs, R);
+        Strings args = {M};
+        for (const std::string& a : c.args) args.push_back(expand(a));
+        const ToolRun run = runTool(dir, args);
+        const std::string expected = expand(c.err);
+        SCOPED_TRACE(c.matrix.substr(0, 80) + " | " + c.blocks + " | " + c.rhs.substr(0, 40) + " | " +
+                     (c.args.empty() ? "" : c.args[0]));
+        EXPECT_EQ(run.status, c.status) << run.err;
+        EXPECT_EQ(run.err.substr(0, expected.size()), expected);
+        EXPECT_TRUE(c.status != 0 || run.err.empty()) << run.err;
+        EXPECT_LT(run.err.size(), 4000u);
+        for (char ch : run.err) EXPECT_TRUE(ch == '\n' || (ch >= 0x20 && ch < 0x7f)) << run.err;
+        ++count;
+    }
+    EXPECT_GE(count, 92u);
+}
+
 // A zero, a non-finite or a zero body pivot exits with 3 and names the row in the user's numbering; no
 // solution is written.
 TEST(SolveToolRun, BadPivotExitsWithThreeAndNamesTheRow) {
@@ -723,6 +1189,13 @@ TEST(SolveToolRun, RealMatrices) {
         const ToolRun run = runTool(dir, args);
         if (run.status == 0) {
             EXPECT_LT(valueAfter(run.out, "residual after refinement"), 1e-12) << run.out;
+            EXPECT_EQ(run.err, "");  // no warning on these well-conditioned matrices
+            // Mixed-precision refinement gets the float factor to an answer that passes the check as well.
+            Strings single = args;
+            single.insert(single.end(), {"--float", "--refine", "3"});
+            const ToolRun floatRun = runTool(dir, single);
+            EXPECT_EQ(floatRun.status, 0) << floatRun.err;
+            EXPECT_EQ(floatRun.err, "");
             continue;
         }
         EXPECT_NE(base.find("_kkt"), std::string::npos) << "a positive definite matrix failed";

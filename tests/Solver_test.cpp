@@ -490,6 +490,64 @@ TEST(SolverAllocation, SteadyStateAllocatesNothing) {
     EXPECT_EQ(kiv::ByteAllocator::allocationCount() - kivBefore, 0u);
 }
 
+// A general block pattern (Analysis::Problem) with every block at once, and block by block through setBlock
+// in either triangle: the dense reference's solution.
+TEST(SolverProblem, PatternValuesSolveLikeTheDenseReference) {
+    RandomSystem sys(51, 25, true, true);
+    const unsigned int nb = sys.structure.numBodies(), n = nb + sys.structure.numConstraints();
+    std::vector<unsigned int> cp(1, 0), ri, sizes(n);
+    std::vector<unsigned long> vp;
+    std::vector<double> values;
+    for (unsigned int j = 0; j < n; ++j) {
+        sizes[j] = static_cast<unsigned int>(sys.offsets[j + 1] - sys.offsets[j]);
+        for (unsigned int i = 0; i <= j; ++i) {
+            bool coupled = i == j;
+            for (unsigned long r = sys.offsets[i]; r < sys.offsets[i + 1] && !coupled; ++r)
+                for (unsigned long c = sys.offsets[j]; c < sys.offsets[j + 1] && !coupled; ++c)
+                    coupled = sys.dense(static_cast<unsigned int>(r), static_cast<unsigned int>(c)) != 0.0;
+            if (!coupled) continue;
+            ri.push_back(i);
+            vp.push_back(values.size());
+            for (unsigned long r = sys.offsets[i]; r < sys.offsets[i + 1]; ++r)
+                for (unsigned long c = sys.offsets[j]; c < sys.offsets[j + 1]; ++c)
+                    values.push_back(sys.dense(static_cast<unsigned int>(r), static_cast<unsigned int>(c)));
+        }
+        cp.push_back(static_cast<unsigned int>(ri.size()));
+    }
+    Analysis::Problem problem{n, nb, cp.data(), ri.data(), sizes.data()};
+    Solver<double> solver;
+    SolverOptions o;
+    o.checkValues = true;
+    ASSERT_TRUE(solver.setOptions(o));
+    Status st = solver.analyze(problem);
+    ASSERT_TRUE(st) << st.message;
+    ASSERT_TRUE(solver.setPatternValues(values.data(), vp.data()));
+    ASSERT_TRUE(st = solver.factor()) << st.message;
+    const std::vector<double> b = tst::randomVector(sys.dense.n, 4);
+    std::vector<double> x(b.size()), y(b.size());
+    ASSERT_TRUE(solver.solve(b.data(), x.data()));
+    std::vector<unsigned char> all(b.size(), 1);
+    EXPECT_LT(maxRelativeError(x, denseSolution(sys.dense, b, all)), 1e-9);
+    // The same blocks one by one, each given as its transpose A(j, i): the same factor, the same solution.
+    for (unsigned int j = 0; j < n; ++j)
+        for (unsigned int e = cp[j]; e < cp[j + 1]; ++e) {
+            const unsigned int i = ri[e];
+            std::vector<double> t(static_cast<unsigned long>(sizes[i]) * sizes[j]);
+            for (unsigned int r = 0; r < sizes[i]; ++r)
+                for (unsigned int c = 0; c < sizes[j]; ++c)
+                    t[c * sizes[i] + r] = values[vp[e] + r * sizes[j] + c];
+            ASSERT_TRUE(solver.setBlock(j, i, t.data()));
+        }
+    ASSERT_TRUE(solver.factor());
+    ASSERT_TRUE(solver.solve(b.data(), y.data()));
+    EXPECT_EQ(x, y);
+    EXPECT_EQ(solver.setValues(values.data(), nullptr).code, StatusCode::invalidArgument);
+    EXPECT_EQ(solver.setBody(0, values.data()).code, StatusCode::invalidArgument);
+    values[vp[1]] = std::nan("");
+    EXPECT_EQ(solver.setPatternValues(values.data(), vp.data()).code, StatusCode::nonFiniteValue);
+    ASSERT_TRUE(solver.solve(b.data(), y.data())) << "a refused call leaves the factor valid";
+}
+
 // A scalar matrix (lower, upper or full compressed columns) through analyzeScalar with block detection,
 // and with blocks given: the same solution as the dense reference.
 TEST(SolverScalar, DetectedBlocksSolveLikeTheDenseReference) {
