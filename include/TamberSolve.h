@@ -5,9 +5,9 @@
 // The factor is read through its container (column) view. Container column j of `factor` is block row j of
 // the unit lower factor L, so the columns show U = Lᵀ, unit upper block-triangular: block column j holds the
 // off-diagonal tiles B_ij (i < j) in storage order and then its diagonal tile U_jj, at index
-// colPointers[j+1] - 1. A tile (i, j) is s_i × s_j, column-major with leading dimension blockStrides[i]:
-// B_ij(q, r) is element r·blockStrides[i] + q. U_jj(q, r) for q < r holds the strict upper triangle, its
-// diagonal is 1 (in `factor`). x_j is the slice of length s_j at blockOffsets[j] of a right-hand side of
+// colPointers[j+1] - 1. Tiles are laid out as SparseTypes.h describes (column-major, leading dimension
+// blockStrides[i], zero padding): B_ij(q, r) is element r·blockStrides[i] + q. U_jj(q, r) for q < r holds
+// the strict upper triangle, its diagonal is 1 (in `factor`). x_j is the slice of length s_j at blockOffsets[j] of a right-hand side of
 // N = blockSizes[n] doubles.
 //
 // Preconditions shared by the double solves below (none is checked):
@@ -106,7 +106,18 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 // factor when data.isFactored is 0, does not check for an empty factor, does not skip leading zero blocks
 // and does not add to solveTime. A caller of the double solve factors beforehand (Tamber::factorSerial or
 // a float/unit solve). The same holds for Tamber::solve<double>(data, b, x), which copies b into x first.
+// isFactored is not read, so the result says nothing about the factor: on an object that was never factored
+// (no block columns, no pivots) x comes back unchanged, that is x = b, and the call still returns true; after
+// a factorization stopped at a bad pivot (isFactored = 0) it runs over the incomplete factor. A caller that
+// can meet either case checks data.isFactored (and data.badPivot) itself before solving.
 bool solve(const TamberData<double>& data, double* x);
+
+// Several right-hand sides at once: x holds numRhs vectors of N doubles, column-major, vector r starting at
+// x + r·ld (ld >= N). Each vector receives exactly the operations of solve(data, x + r·ld), in the same
+// order, so the results equal numRhs single solves bit for bit; the passes read each tile of the factor once
+// for all vectors instead of once per vector. numRhs = 0 does nothing. Same preconditions and the same
+// unchecked isFactored as solve. Returns true.
+bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld);
 
 // The same on x.data, with the vector form of diagSolve: a size mismatch between x and data.diagonal skips
 // the diagonal step silently. x: in/out. Returns true.

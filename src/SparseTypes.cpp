@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "Kernels.h"
+#include "KernelsFixed.h"
 
 namespace kivTamber {
 
@@ -97,7 +98,8 @@ SparseMatrix<T>::SparseMatrix()
       numBlockRows(0),
       valueCapacity(0),
       colCapacity(0),
-      blockCapacity(0) {}
+      blockCapacity(0),
+      valueExtent(0) {}
 
 template <typename T>
 SparseMatrix<T>::~SparseMatrix() {
@@ -128,6 +130,7 @@ void SparseMatrix<T>::setSize(unsigned long numCols, unsigned long numRows, unsi
         valueCapacity = valueCount;
         values = alignTo16(valuesRaw);
         std::memset(static_cast<void*>(values), 0, valueCount * sizeof(T));
+        valueExtent = 0;
     }
 
     if (blockCount > blockCapacity) {
@@ -166,7 +169,8 @@ void SparseMatrix<T>::setSize(unsigned long numCols, unsigned long numRows, unsi
 
 template <typename T>
 void SparseMatrix<T>::clear() {
-    if (values) std::memset(static_cast<void*>(values), 0, valueCapacity * sizeof(T));
+    if (values && valueExtent > 0) std::memset(static_cast<void*>(values), 0, valueExtent * sizeof(T));
+    valueExtent = 0;
     if (colPointers) {
         const unsigned long bytes = (colCapacity + 1) * sizeof(unsigned int);
         std::memset(colPointers, 0, bytes);
@@ -202,9 +206,10 @@ T* SparseMatrix<T>::acquireBlock(unsigned long col, unsigned long row, unsigned 
     blockStrides[row] = Precision<T>::stride(blockSizes[row]);
 
     // No check against valueCapacity: the caller sized the value storage.
-    if (k + 1 < blockCapacity) {
-        blockPointers[k + 1] = block + static_cast<unsigned long>(blockStrides[row]) * blockStrides[col];
-    }
+    T* const end = block + static_cast<unsigned long>(blockStrides[row]) * blockStrides[col];
+    if (k + 1 < blockCapacity) blockPointers[k + 1] = end;
+    const unsigned long reach = static_cast<unsigned long>(end - values);
+    if (reach > valueExtent) valueExtent = reach;
 
     // colPointers[0] is never written: it stays 0 from setSize/clear.
     if (col > 0 && colPointers[col] == 0) colPointers[col] = static_cast<unsigned int>(k);
@@ -236,14 +241,16 @@ void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
         const int si = static_cast<int>(blockSizes[i]);
         const int sj = static_cast<int>(blockSizes[j]);
         const T* K = blockPointers[b];
-        addAtX(K, ld, x + blockOffsets[j], y + blockOffsets[i], sj, si);  // y_i += B·x_j
-        addAX(K, ld, x + blockOffsets[i], y + blockOffsets[j], sj, si);   // y_j += Bᵀ·x_i
+        // Both products in one pass (the same operations per entry as addAtX then addAX, without the factor
+        // 1 of the scaled kernels, which is exact).
+        kernels::addBothProductsAnySize(K, static_cast<unsigned int>(ld), x + blockOffsets[i],
+                                        x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
+                                        static_cast<unsigned int>(si), static_cast<unsigned int>(sj));
     };
     // Adds the symmetric product of the diagonal block b = (j, j).
     auto diagonal = [&](unsigned int b, unsigned long j) {
         const unsigned int o = blockOffsets[j];
-        addSymmetric(blockPointers[b], static_cast<int>(blockStrides[j]), x + o, y + o,
-                     static_cast<int>(blockSizes[j]));
+        kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
     };
 
     // Upper form: column 0 holds at most one block, so every column ends with its diagonal block.

@@ -312,9 +312,9 @@ TEST(BlockMerge, RankModOnMergedDataMatchesUnmerged) {
         for (unsigned int k = 0; k < 5; ++k) {
             const unsigned int ub = c.firstConstraint + rng() % (n - c.firstConstraint);
             const unsigned int l = rng() % c.sizes[ub];
-            unsigned int g = 0, q = 0;
-            ASSERT_TRUE(merged.analyzer.factorPosition(ub, l, g, q));
-            mergedOff.push_back({g, q});
+            RankMod::Equation eq;
+            ASSERT_TRUE(RankMod::toFactorNumbering(merged.analyzer, ub, l, eq));
+            mergedOff.push_back(eq);
             plainOff.push_back(RankMod::toFactorNumbering(plain.data, ub, l));
         }
         const std::vector<double> b = randomVector(n + 7, c.dense.n);

@@ -1,5 +1,7 @@
-// tamber-demo: its support code against dense references, then the built program at tiny sizes (every scene,
-// both factorizations and precisions; no allocation after the first step; bad command lines). No timing.
+// tamber-demo: its support code against dense references (the scene handed to the Solver as bodies,
+// constraints and Jacobians, and as a general pattern), then the built program at tiny sizes (every scene,
+// both factorizations and precisions; no allocation after the first step; fixed lines to the character; bad
+// command lines). No timing.
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -16,6 +18,8 @@
 
 #if __has_include("demo/DemoSupport.h")
 #include "demo/DemoSupport.h"
+#include "demo/SceneSystem.h"
+#include "testing/DenseReference.h"
 #define KIVT_DEMO_SUPPORT 1
 #endif
 
@@ -102,6 +106,115 @@ TEST(DemoSupport, ResidualAndMaskAgreeWithTheDenseMatrix) {
     }
 }
 
+// The scene as the Solver sees it: J(c, b) as the physics holds it is the transpose of the stored entry (b,
+// c); both roads (bodies/constraints/Jacobians, and the general pattern with setBlock) solve the active
+// system like a dense L·D·Lᵀ of the scene's matrix with the switched-off equations as unit equations.
+TEST(SceneSystem, BothRoadsSolveTheActiveSystemLikeTheDenseReference) {
+    for (scenes::SceneKind kind : kKinds) {
+        for (unsigned int seed = 1; seed <= 2; ++seed) {
+            SCOPED_TRACE(::testing::Message() << sceneOptionName(kind) << ", seed " << seed);
+            scenes::BlockProblem p;
+            std::unique_ptr<scenes::Scene> scene = smallScene(kind, seed, p);
+            const unsigned long N = p.scalarSize();
+            const unsigned int first = p.firstConstraint;
+            kivTamber::testing::DenseSymmetric A(static_cast<unsigned int>(N));
+            scenes::assembleDense(p, A.a.data());
+
+            SceneSystem<double> bodies, general;
+            bodies.describe(p);
+            general.describe(p, true);
+            ASSERT_FALSE(bodies.general());
+            ASSERT_TRUE(general.general());
+            const SystemStructure& s = bodies.structure();
+            ASSERT_EQ(s.numBodies(), first);
+            ASSERT_EQ(s.numConstraints(), p.numBlocks - first);
+            bodies.gather(p);
+            general.gather(p);
+            const double* J = bodies.jacobians();
+            for (const auto& cb : s.jacobians) {
+                const unsigned int c = cb.first, b = cb.second, sc = s.constraintSizes[c],
+                                   sb = s.bodySizes[b];
+                for (unsigned int r = 0; r < sc; ++r)
+                    for (unsigned int k = 0; k < sb; ++k)
+                        ASSERT_EQ(*J++, A(p.blockOffsets[first + c] + r, p.blockOffsets[b] + k))
+                            << "J(" << c << ", " << b << ") (" << r << ", " << k << ")";
+            }
+            EXPECT_EQ(s.jacobians.size(), bodies.jacobianBlocks());
+
+            // Switch off about a third of the constraint rows in both solvers and in the reference.
+            EquationMask mask;
+            mask.reset(p);
+            std::vector<double> pick(N), b(N), x1(N, 7.0), x2(N, 7.0);
+            randomVector(seed + 40, pick.data(), N);
+            randomVector(seed + 50, b.data(), N);
+            Solver<double> s1, s2;
+            ASSERT_TRUE(bodies.analyze(s1, p).ok());
+            ASSERT_TRUE(general.analyze(s2, p).ok());
+            ASSERT_TRUE(bodies.setValues(s1, p).ok());
+            ASSERT_TRUE(general.setValues(s2, p).ok());
+            for (unsigned int blk = first; blk < p.numBlocks; ++blk) {
+                for (unsigned int k = 0; k < p.blockSizes[blk]; ++k) {
+                    const unsigned long q = p.blockOffsets[blk] + k;
+                    if (pick[q] > 0.35) continue;
+                    mask.set(q, false);
+                    b[q] = 0.0;
+                    ASSERT_TRUE(s1.setActive(blk - first, k, false).ok());
+                    ASSERT_TRUE(s2.setActive(blk - first, k, false).ok());
+                }
+            }
+            ASSERT_TRUE(s1.factor().ok());
+            ASSERT_TRUE(s2.factor().ok());
+            ASSERT_TRUE(s1.solve(b.data(), x1.data()).ok());
+            ASSERT_TRUE(s2.solve(b.data(), x2.data()).ok());
+            mask.apply(p);
+            kivTamber::testing::DenseSymmetric masked(static_cast<unsigned int>(N));
+            scenes::assembleDense(p, masked.a.data());
+            const std::vector<double> xd =
+                kivTamber::testing::denseSolve(kivTamber::testing::denseLdlt(masked), b);
+            EXPECT_LT(relativeDifference(x1.data(), xd.data(), N), 1e-10);
+            EXPECT_LT(relativeDifference(x2.data(), xd.data(), N), 1e-10);
+            EXPECT_LT(kivTamber::testing::scaledResidual(masked, x1.data(), b.data()), 1e-14);
+
+            // Single precision: the arrays in float, the residual against the double matrix.
+            SceneSystem<float> single;
+            single.describe(p);
+            Solver<float> s3;
+            std::vector<float> bf(b.begin(), b.end()), xf(N);
+            std::vector<double> bd(bf.begin(), bf.end());
+            scene->build(p);  // the values before the mask
+            single.gather(p);
+            ASSERT_TRUE(single.analyze(s3, p).ok());
+            ASSERT_TRUE(single.setValues(s3, p).ok());
+            for (unsigned long q = p.blockOffsets[first]; q < N; ++q)
+                if (!mask.isActive(q)) {
+                    unsigned int blk = first;
+                    while (p.blockOffsets[blk + 1] <= q) ++blk;
+                    ASSERT_TRUE(
+                        s3.setActive(blk - first, static_cast<unsigned int>(q - p.blockOffsets[blk]), false)
+                            .ok());
+                }
+            ASSERT_TRUE(s3.factor().ok());
+            ASSERT_TRUE(s3.solve(bf.data(), xf.data()).ok());
+            std::vector<double> xfd(xf.begin(), xf.end());
+            EXPECT_LT(kivTamber::testing::scaledResidual(masked, xfd.data(), bd.data()), 1e-5);
+        }
+    }
+}
+
+// A pattern the body/constraint form cannot hold goes to the Solver as a general pattern: a non-zero
+// constraint diagonal block (a compliance) found by describe.
+TEST(SceneSystem, ACompliantConstraintMakesTheGeneralPattern) {
+    scenes::BlockProblem p;
+    smallScene(scenes::SceneKind::chain, 1, p);
+    SceneSystem<double> s;
+    s.describe(p);
+    EXPECT_FALSE(s.general());
+    const unsigned long diagonal = p.colPointers[p.numBlocks] - 1;  // the last constraint's diagonal block
+    p.entryValues(diagonal)[0] = -1e-3;
+    s.describe(p);
+    EXPECT_TRUE(s.general());
+}
+
 TEST(DemoSupport, SeriesAndTableRows) {
     Series s;
     for (double v : {5.0, 1.0, 4.0, 2.0}) s.add(v);
@@ -182,8 +295,12 @@ TEST_P(DemoRuns, CompletesWithoutAllocatingAfterTheFirstStep) {
     EXPECT_EQ(run.err, "");
     EXPECT_EQ(run.out.find('\r'), std::string::npos) << "a progress line was written to a pipe";
 
-    EXPECT_EQ(linesWith(run.out, "Phase 1 · analysis").size(), 1u);
-    EXPECT_EQ(linesWith(run.out, "Phase 2 · time steps: assemble → factor → solve → refine").size(), 1u);
+    EXPECT_EQ(linesWith(run.out, "Phase 1 · analysis, once per structure: Solver::analyze (5 runs)").size(),
+              1u);
+    EXPECT_EQ(
+        linesWith(run.out, "Phase 2 · time steps: set values → factor → solve → refine, through the Solver")
+            .size(),
+        1u);
     EXPECT_EQ(linesWith(run.out, "Phase 3 · switching").size(), switching ? 1u : 0u);
     EXPECT_EQ(linesWith(run.out, "Summary (medians): ").size(), 1u);
 
@@ -194,6 +311,51 @@ TEST_P(DemoRuns, CompletesWithoutAllocatingAfterTheFirstStep) {
         EXPECT_NE(line.find(" 0   (max 0; kiv allocator 0, operator new 0; first step "), std::string::npos)
             << line;
     EXPECT_EQ(linesWith(run.out, "!!").size(), 0u) << run.out;
+}
+
+// The lines whose content does not depend on the machine, to the character: the chain's structure is known
+// in closed form (link 0 hangs from the world, so its joint has one Jacobian block), and so are the Solver's
+// choices for it (peeling, no merging, serial when told so).
+TEST(DemoOutput, FixedLinesOfASmallChain) {
+    SKIP_WITHOUT_DEMO();
+    const DemoRun run = runDemo("--scene chain --size 8 --steps 3 --threads 1 --switch 24");
+    ASSERT_EQ(run.status, 0) << run.out << run.err;
+    EXPECT_EQ(
+        run.out.rfind("tamber-demo: a hanging chain of 8 links and 8 ball joints (16 blocks, N = 72); 3 "
+                      "steps, double, serial factorization\n\n",
+                      0),
+        0u)
+        << run.out;
+    for (const char* line :
+         {"  system        8 bodies, 8 constraints, 15 Jacobian blocks\n", "  ordering      peeling\n",
+          "  merging       none: no group of blocks is predicted to factor faster\n",
+          "  factor L      486 scalar entries, 3.47e+03 flops per factorization, predicted "})
+        EXPECT_NE(run.out.find(line), std::string::npos) << line << run.out;
+    ASSERT_EQ(linesWith(run.out, "  factor (serial)          ").size(), 1u) << run.out;
+    ASSERT_EQ(linesWith(run.out, "  factor again (serial)          ").size(), 1u) << run.out;
+    // Every constraint equation of the chain switches each step: the Solver's choice, named in the label.
+    const std::vector<std::string> sw = linesWith(run.out, "  switch (update in ");
+    ASSERT_EQ(sw.size(), 1u) << run.out;
+    EXPECT_NE(sw[0].find(" of 3 steps)"), std::string::npos) << sw[0];
+    EXPECT_EQ(linesWith(run.out,
+                        "  equations switched per step                        24            24            24")
+                  .size(),
+              1u)
+        << run.out;
+}
+
+TEST(DemoOutput, ThreadsNameThePath) {
+    SKIP_WITHOUT_DEMO();
+    const DemoRun two = runDemo("--scene ragdolls --size 2 --steps 2 --threads 2 --switch 0");
+    ASSERT_EQ(two.status, 0) << two.out << two.err;
+    EXPECT_NE(two.out.find("; 2 steps, double, multifrontal factorization on 2 threads\n"),
+              std::string::npos);
+    EXPECT_EQ(linesWith(two.out, "  factor (multifrontal, 2 threads)    ").size(), 1u) << two.out;
+    const DemoRun decide = runDemo("--scene ragdolls --size 2 --steps 2 --switch 0");
+    ASSERT_EQ(decide.status, 0) << decide.out << decide.err;
+    EXPECT_NE(decide.out.find("; 2 steps, double, serial or multifrontal as the Solver decides\n"),
+              std::string::npos);
+    EXPECT_EQ(linesWith(decide.out, "  factor (serial)    ").size(), 1u) << decide.out;  // a small system
 }
 
 INSTANTIATE_TEST_SUITE_P(

@@ -176,15 +176,14 @@ std::string helpText() {
         "the\n"
         "steps), the residuals, and the allocations made per step after the first (which should all be 0).\n"
         "\n"
-        "Phases:\n"
-        "  1. analysis, once: ordering, symbolic factorization and layout of the system "
-        "(Analysis::Analyzer)\n"
-        "  2. time steps: assemble the new values, factor (serial or multifrontal), solve, refine.\n"
-        "     The order is the one a caller must keep: Tamber::solve<double> does not factor by itself, so\n"
-        "     factor first, then solve, then refine.\n"
-        "  3. switching: the pose is held and constraint equations switch off and on at every step; RankMod\n"
-        "     modifies the factor in place, compared with assembling and factoring again (always in "
-        "double).\n"
+        "Everything goes through one kivTamber::Solver per system, in the scene's own numbering:\n"
+        "  1. analysis, once: Solver::analyze orders the blocks, merges them where that pays and lays out\n"
+        "     the factor; its report names the ordering, the merge groups, the fill and the flops\n"
+        "  2. time steps: the scene fills its arrays (bodies, Jacobians as the physics holds them),\n"
+        "     Solver::setValues, Solver::factor, Solver::solve with one step of refinement\n"
+        "  3. switching: the pose is held and constraint equations switch off and on at every step\n"
+        "     (Solver::setActive); the Solver updates its factor in place or factors again, whichever it\n"
+        "     predicts cheaper, compared with a second Solver that factors again (always in double).\n"
         "\n"
         "Options:\n"
         "  --scene NAME   boxes: a wall of N×N boxes with 3-row contacts that come and go (default)\n"
@@ -196,10 +195,12 @@ std::string helpText() {
             std::to_string(defaultSize(scenes::SceneKind::chain)) + ", ragdolls " +
             std::to_string(defaultSize(scenes::SceneKind::ragdolls)) + ", cloth " +
             std::to_string(defaultSize(scenes::SceneKind::cloth)) + ")\n";
-    text += "  --threads N    0: serial factorization; N >= 1: multifrontal on N worker threads (default " +
-            std::to_string(defaultThreads()) + ")\n";
     text +=
-        "  --float        single precision in phase 2, refined against the double matrix\n"
+        "  --threads N    0: the Solver decides (small systems stay serial); 1: serial factorization;\n"
+        "                 N >= 2: multifrontal on N worker threads (default 0; this machine has " +
+        std::to_string(defaultThreads()) + ")\n";
+    text +=
+        "  --float        single precision in phases 1 and 2 (a Solver<float>)\n"
         "  --double       double precision (default)\n";
     text += "  --steps N      time steps of each phase, at least 2 (default " +
             std::to_string(defaults.steps) + ")\n";

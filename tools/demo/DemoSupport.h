@@ -1,5 +1,5 @@
 // The parts of tamber-demo that are not about the solver: its command line, the statistics it prints, the
-// residual it recomputes on its own, and the switching of constraint equations in a block problem.
+// residual it recomputes on its own, and the active constraint equations of a block problem.
 #ifndef KIVTAMBER_TOOLS_DEMO_SUPPORT_H
 #define KIVTAMBER_TOOLS_DEMO_SUPPORT_H
 
@@ -22,8 +22,9 @@ struct Options {
     scenes::SceneKind scene = scenes::SceneKind::boxWall;
     // Scene size parameter (side of the wall or cloth, links, ragdolls); 0 picks the scene's default.
     unsigned int size = 0;
-    // 0: serial factorization; otherwise the multifrontal one on that many worker threads.
-    unsigned int threads = 1;
+    // Threads the Solver may use: 0 lets it decide by predicted work (small systems stay serial), 1 is the
+    // serial factorization, k >= 2 the multifrontal one on k worker threads.
+    unsigned int threads = 0;
     bool useFloat = false;
     unsigned int steps = 40;
     // Constraint equations switched per step of the switching phase; 0 skips that phase.
@@ -45,7 +46,7 @@ unsigned int defaultSize(scenes::SceneKind kind);
 // Largest size parameter accepted for a scene kind (keeps the scalar dimension and the memory in bounds).
 unsigned int maxSize(scenes::SceneKind kind);
 
-// Default worker count: the processors of this machine (1 when unknown), at most 8.
+// The processors of this machine (1 when unknown), at most 8.
 unsigned int defaultThreads();
 
 // Reads argv[1 … argc−1] into `options` (which holds the defaults on entry). Values follow their option as
@@ -122,8 +123,8 @@ void randomVector(std::uint64_t seed, double* b, unsigned long n);
 
 // A flag per scalar equation of a problem in the user's numbering (1 active, 0 inactive), and the rewriting
 // of a problem that replaces every inactive equation k by a unit equation: row and column k of A become
-// those of the identity. That is the matrix whose factor RankMod maintains, so a factorization of the masked
-// problem is the reference for the modified factor. Sized once; nothing allocates afterwards.
+// those of the identity. That is the system the Solver solves when those equations are switched off, so the
+// masked problem is the reference for its solutions. Sized once; nothing allocates afterwards.
 class EquationMask {
 public:
     // Sizes the flags for `problem` and makes every equation active.

@@ -1,18 +1,20 @@
-// tamber-demo: a physics scene solved with kivTamber for some dozens of time steps, the way a constraint
-// solver uses the library, with a report of what every stage costs and proof that steady steps allocate
-// nothing.
+// tamber-demo: a physics scene solved with kivTamber for some dozens of time steps the way a constraint
+// solver uses the library, through one Solver kept from step to step, with a report of what every stage
+// costs, which choices the Solver made, and proof that steady steps allocate nothing.
 //
-//   1. analysis, needed once per structure and run a few times here so that its figures are medians too:
-//      Analysis::Analyzer orders the blocks, builds the filled pattern and the elimination tree and lays out
-//      data.matrix; Tamber::estimateWork lays out the factor; the multifrontal workspace is prepared;
-//   2. time steps: the scene moves, its matrix is assembled into data.matrix (Analyzer::setBlocks), factored
-//      (Tamber::factorSerial or Tamber::factorMF), solved (Tamber::solve) and refined
-//      (Tamber::iterativeRefinement). The order is the caller's duty: Tamber::solve<double> never factors, so
-//      the factorization comes first, then the solve, then the refinement;
-//   3. switching: the pose is held while constraint equations switch off and on at every step. RankMod
-//      modifies the factor in place; for comparison the masked matrix (inactive equations replaced by unit
-//      equations) is assembled and factored again, and both solutions are checked.
+//   1. analysis, once per structure (run a few times here so that its figures are medians too): the scene's
+//      bodies, constraints and Jacobian blocks go to Solver::analyze, which orders the blocks, merges them
+//      where that pays and lays out the factor; its report names the ordering, the merge groups, the fill,
+//      the flops and the predicted time of a factorization;
+//   2. time steps: the scene moves and fills its arrays (body blocks, Jacobians J(c, b) as the physics holds
+//      them), Solver::setValues copies them straight into the matrix the factorization reads, the box wall's
+//      contacts switch with Solver::setActive, Solver::factor factors (serial or multifrontal as chosen) and
+//      Solver::solve solves in the scene's numbering with one step of refinement against the true matrix;
+//   3. switching: the pose is held while constraint equations switch off and on at every step. The Solver
+//      decides by predicted cost whether to update its factor in place or to factor again; a second Solver
+//      factors the same active set from scratch, and both solutions are checked against each other.
 // Every timed figure is a median over the steps of its phase, printed with its minimum and maximum. The
+// residuals are recomputed by the demo in the scene's numbering, independently of the Solver. The
 // allocations of each step are counted twice: by the core allocator (kiv::ByteAllocator::allocationCount,
 // which every library container uses) and by the global operator new of this program (the standard library).
 #include <kiv/ByteAllocator.h>
@@ -31,11 +33,9 @@
 #include <string>
 #include <vector>
 
-#include "Analysis.h"
-#include "RankMod.h"
-#include "Tamber.h"
-#include "TamberSolve.h"
+#include "Solver.h"
 #include "demo/DemoSupport.h"
+#include "demo/SceneSystem.h"
 #include "scenes/Scenes.h"
 
 // ---------------------------------------------------------------------------------------------------------
@@ -142,36 +142,11 @@ using namespace kivTamber::demo;
 
 namespace {
 
-// The analysis every phase uses: the standard ordering with block merging, which makes systems of tiny blocks
-// (cloth) several times faster and changes nothing where no blocks merge. With merging the data's blocks are
-// groups of the user's blocks: equations are found through Analyzer::factorPosition.
-Analysis::Options demoAnalysisOptions() {
-    Analysis::Options options;
-    options.mergeBlocks = true;
-    return options;
-}
-
-// Equation `local` of the user's block `block` in the factor's numbering.
-RankMod::Equation factorEquation(const Analysis::Analyzer& analyzer, unsigned int block, unsigned int local) {
-    // In range: block and local come from the scene the analyzer analysed.
-    unsigned int factorBlock = 0, inBlock = 0;
-    analyzer.factorPosition(block, local, factorBlock, inBlock);
-    return RankMod::Equation(factorBlock, inBlock);
-}
-
-// The user's block of an equation in the factor's numbering.
-unsigned int userBlockOf(const Analysis::Analyzer& analyzer, const RankMod::Equation& eq) {
-    unsigned int block = 0, local = 0;
-    analyzer.userPosition(eq.first, eq.second, block, local);
-    return block;
-}
-
 constexpr double kTimeStep = 1.0 / 60.0;
-constexpr int kRefinementIterations = 2;
 constexpr unsigned int kAnalysisRuns = 5;
 constexpr int kLabelWidth = 40;
-// Limits above which the demo reports a failure: scaled residuals after refinement (and of the updated
-// factor), and the relative difference between the updated and the new factor's solutions.
+// Limits above which the demo reports a failure: scaled residuals after refinement (of both factors in phase
+// 3), and the relative difference between the switched and the new factor's solutions.
 constexpr double kResidualLimitDouble = 1e-9;
 constexpr double kResidualLimitFloat = 1e-5;
 constexpr double kDifferenceLimit = 1e-6;
@@ -273,6 +248,15 @@ private:
     unsigned long count_ = 0;
 };
 
+// A failed Solver call of a step, with its status message (made only on failure).
+void checkStatus(Failures& failures, const Status& st, const char* phase, unsigned int step,
+                 const char* call) {
+    if (st.ok()) return;
+    const std::string text = std::string(phase) + ", step " + std::to_string(step + 1) + ": " + call + ": " +
+                             statusCodeName(st.code) + ": " + st.message;
+    failures.check(false, text.c_str());
+}
+
 // The figures of the closing summary line.
 struct Summary {
     double stepSeconds = 0.0;
@@ -280,28 +264,21 @@ struct Summary {
     bool switching = false;
     double switched = 0.0;
     double speedup = 0.0;
+    unsigned long updates = 0, switchSteps = 0;
     std::uint64_t allocations = 0;
 };
 
-// "serial" or "multifrontal, 2 threads".
-std::string factorName(unsigned int threads) {
-    if (threads == 0) return "serial";
-    return "multifrontal, " + std::to_string(threads) + (threads == 1 ? " thread" : " threads");
+// What --threads asks of the Solver, for the first line.
+std::string threadsDescription(unsigned int threads) {
+    if (threads == 0) return "serial or multifrontal as the Solver decides";
+    if (threads == 1) return "serial factorization";
+    return "multifrontal factorization on " + std::to_string(threads) + " threads";
 }
 
-// "serial factorization" or "multifrontal factorization on 2 threads".
-std::string factorDescription(unsigned int threads) {
-    if (threads == 0) return "serial factorization";
-    return "multifrontal factorization on " + std::to_string(threads) +
-           (threads == 1 ? " thread" : " threads");
-}
-
-template <typename T>
-void factor(Tamber& tamber, TamberData<T>& data) {
-    if (data.useMultifrontal)
-        tamber.factorMF(data);
-    else
-        tamber.factorSerial(data);
+// The path of the Solver's last factorization: "serial" or "multifrontal, 2 threads".
+std::string pathName(const SolverReport& report) {
+    if (report.path != "multifrontal") return "serial";
+    return "multifrontal, " + std::to_string(report.threads) + (report.threads == 1 ? " thread" : " threads");
 }
 
 std::string sceneDescription(const scenes::Scene& scene, const Options& options,
@@ -324,83 +301,34 @@ std::string sceneDescription(const scenes::Scene& scene, const Options& options,
     return "";
 }
 
-// Shape of an elimination tree (parent[j] > j for every non-root j, a root its own parent): roots, height
-// (edges on the longest path to a root) and the mean depth of a node. The cost of switching an equation on or
-// off grows with the depth of its block, the cost of a factorization does not.
-struct TreeShape {
-    unsigned long roots = 0;
-    unsigned long height = 0;
-    double meanDepth = 0.0;
-};
-
-TreeShape treeShape(const EliminationTree& tree) {
-    TreeShape shape;
-    const unsigned int n = tree.numNodes;
-    std::vector<unsigned long> depth(n, 0);
-    double sum = 0.0;
-    for (unsigned int j = n; j-- > 0;) {
-        const unsigned int p = tree.parent[j];
-        depth[j] = p == j || p >= n ? 0 : depth[p] + 1;
-        if (p == j) ++shape.roots;
-        shape.height = std::max(shape.height, depth[j]);
-        sum += static_cast<double>(depth[j]);
-    }
-    shape.meanDepth = n > 0 ? sum / n : 0.0;
-    return shape;
+// The Solver's options: its defaults (standard ordering with block merging where it pays, one refinement
+// step, switching by predicted cost), and the threads of the command line (0: the Solver decides).
+SolverOptions solverOptions(const Options& options) {
+    SolverOptions o;
+    o.threads = options.threads;
+    return o;
 }
 
-Analysis::Problem analysisProblem(const scenes::BlockProblem& p) {
-    Analysis::Problem a;
-    a.numBlocks = p.numBlocks;
-    a.firstConstraint = p.firstConstraint;
-    a.colPointers = p.colPointers.data();
-    a.rowIndices = p.rowIndices.data();
-    a.blockSizes = p.blockSizes.data();
-    return a;
+// The active rows of the Solver's constraints from the mask (constraint c is block firstConstraint + c).
+// setActive only marks what changed; the Solver applies it at the next factor() or solve().
+template <typename T>
+void setActiveRows(Solver<T>& solver, const scenes::BlockProblem& p, const EquationMask& mask) {
+    for (unsigned int blk = p.firstConstraint; blk < p.numBlocks; ++blk)
+        for (unsigned int k = 0; k < p.blockSizes[blk]; ++k)
+            solver.setActive(blk - p.firstConstraint, k, mask.isActive(p.blockOffsets[blk] + k));
+}
+
+// A right-hand side of the active system: pseudo-random values, 0 on the switched-off equations (whose
+// solution the Solver sets to 0, as the unit equations of the demo's masked matrix then give too).
+void activeRightHandSide(std::uint64_t seed, const EquationMask& mask, double* b, unsigned long N) {
+    randomVector(seed, b, N);
+    for (unsigned long k = 0; k < N; ++k)
+        if (!mask.isActive(k)) b[k] = 0.0;
 }
 
 // ---------------------------------------------------------------------------------------------------------
 // Phases 1 and 2 in the precision T
 // ---------------------------------------------------------------------------------------------------------
-
-// Refinement of the solution x (factor order) of A·x = b, leaving the refined solution in w.xUser (the user's
-// numbering, double). Double: the library's iterativeRefinement, which solves with solve<double> and
-// therefore needs the factor made before; then the result is mapped to the user's numbering. Float: mixed
-// precision by hand: the solution is kept in double, the residual r = b − A·x is computed in double against
-// the double matrix of the problem, and only the correction A·δ = r is solved with the float factor; that is
-// how a float factor reaches double accuracy. Work vectors are the caller's or the scratch pad's (a slot
-// number of the demo's own), so nothing allocates after the first step.
-struct RefineWork {
-    const scenes::BlockProblem* problem;
-    const Analysis::Analyzer* analyzer;
-    const double* bUser;
-    double* xUser;
-    double* r;
-    double* rowSums;
-};
-
-constexpr unsigned long kDemoScratchSlot = 0x300000;
-
-void refine(Tamber& tamber, TamberData<double>& data, const double* b, double* x, RefineWork& w) {
-    tamber.iterativeRefinement(data, b, x, kRefinementIterations);
-    w.analyzer->unpermuteVector(x, w.xUser);
-}
-
-void refine(Tamber& tamber, TamberData<float>& data, const float*, float* x, RefineWork& w) {
-    const unsigned long N = w.problem->scalarSize();
-    float* correction = data.scratchPad.getFloatArray(kDemoScratchSlot, N);
-    float* userCorrection = data.scratchPad.getFloatArray(kDemoScratchSlot + 1, N);
-    w.analyzer->unpermuteVector(x, userCorrection);
-    for (unsigned long k = 0; k < N; ++k) w.xUser[k] = userCorrection[k];
-    for (int it = 0; it < kRefinementIterations; ++it) {
-        scaledResidual(*w.problem, w.xUser, w.bUser, w.r, w.rowSums);  // r = b − A·x in double
-        for (unsigned long k = 0; k < N; ++k) userCorrection[k] = static_cast<float>(w.r[k]);
-        w.analyzer->permuteVector(userCorrection, correction);
-        tamber.solve(data, correction);  // δ = A⁻¹·r with the float factor
-        w.analyzer->unpermuteVector(correction, userCorrection);
-        for (unsigned long k = 0; k < N; ++k) w.xUser[k] += userCorrection[k];  // x ← x + δ in double
-    }
-}
 
 template <typename T>
 int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failures, Summary& summary) {
@@ -414,88 +342,69 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     EquationMask mask;
     mask.reset(problem);
     const unsigned long N = problem.scalarSize();
+    SceneSystem<T> system;
+    system.describe(problem);
 
     std::printf("tamber-demo: %s (%s blocks, N = %s); %u steps, %s, %s\n\n",
                 sceneDescription(scene, options, problem).c_str(), withSeparators(problem.numBlocks).c_str(),
                 withSeparators(N).c_str(), options.steps, isFloat ? "float" : "double",
-                factorDescription(options.threads).c_str());
+                threadsDescription(options.threads).c_str());
 
-    TamberData<T> data;
-    Tamber tamber;
-    Analysis::Analyzer analyzer;
-    data.useMultifrontal = options.threads > 0 ? 1 : 0;
-    data.numThreads = options.threads > 0 ? options.threads : 1;
-    // The analysis runs kAnalysisRuns times on the same structure, so that its figures are medians too; each
-    // run is a complete one (ordering, symbolic factorization, layout, work estimate, multifrontal split).
-    Analysis::Report report;
-    Series analyze, checks, ordering, symbolic, layout, estimate, preparation;
-    unsigned int work = 0, fill = 0;
+    Solver<T> solver;
+    Status st = solver.setOptions(solverOptions(options));
+    if (!st) {
+        std::fprintf(stderr, "tamber-demo: %s\n", st.message.c_str());
+        return 1;
+    }
+    // The analysis runs kAnalysisRuns times on the same structure, so that its figure is a median too.
+    Series analyze;
+    analyze.reserve(kAnalysisRuns);
     Counters laterRuns{0, 0};
-    for (Series* s : {&analyze, &checks, &ordering, &symbolic, &layout, &estimate, &preparation})
-        s->reserve(kAnalysisRuns);
     for (unsigned int run = 0; run < kAnalysisRuns; ++run) {
         progress.show("phase 1", "analysis", run, kAnalysisRuns);
         const Counters c0 = readCounters();
         const std::uint64_t a0 = kiv::Timer::ticks();
-        report = analyzer.analyze(analysisProblem(problem), demoAnalysisOptions(), data);
+        st = system.analyze(solver, problem);
         const std::uint64_t a1 = kiv::Timer::ticks();
-        if (!report.ok) {
+        const Counters c1 = readCounters();
+        if (!st) {
             progress.done();
-            std::fprintf(stderr, "tamber-demo: the analysis failed: %s\n", report.message.c_str());
+            std::fprintf(stderr, "tamber-demo: the analysis failed: %s\n", st.message.c_str());
             return 1;
         }
-        fill = tamber.estimateWork(data, &work);
-        const std::uint64_t a2 = kiv::Timer::ticks();
-        if (data.useMultifrontal)
-            data.multifront.prepare(data.skeleton, data.matrix.blockSizes, data.numThreads);
-        const std::uint64_t a3 = kiv::Timer::ticks();
-        const Counters c1 = readCounters();
         if (run >= 2) {
             laterRuns.library += c1.library - c0.library;
             laterRuns.news += c1.news - c0.news;
         }
         analyze.add(secondsBetween(a0, a1));
-        checks.add(report.checkSeconds);
-        ordering.add(report.orderSeconds);
-        symbolic.add(report.symbolicSeconds);
-        layout.add(report.layoutSeconds);
-        estimate.add(secondsBetween(a1, a2));
-        preparation.add(secondsBetween(a2, a3));
     }
-
     progress.done();
-    std::printf("Phase 1 · analysis, once per structure (%u runs)\n", kAnalysisRuns);
-    std::printf("  system        %s bodies and %s constraints in %s pattern entries\n",
-                withSeparators(problem.firstConstraint).c_str(),
-                withSeparators(problem.numBlocks - problem.firstConstraint).c_str(),
-                withSeparators(problem.numEntries()).c_str());
-    std::printf("  ordering      %s blocks placed by peeling chains and trees of bodies, the rest by %s",
-                withSeparators(report.peeledBlocks).c_str(),
-                report.usedNestedDissection ? "nested dissection" : "minimum degree");
-    if (report.nestedDissectionFlops > 0.0)
-        std::printf("\n                (predicted flops: minimum degree %.3g, nested dissection %.3g)",
-                    report.minimumDegreeFlops, report.nestedDissectionFlops);
-    const TreeShape shape = treeShape(data.etree);
-    std::printf("\n  tree          %s %s, height %s, mean depth of a block %.1f\n",
-                withSeparators(shape.roots).c_str(), shape.roots == 1 ? "root" : "roots",
-                withSeparators(shape.height).c_str(), shape.meanDepth);
-    std::printf(
-        "  factor L      %s blocks (%s of them fill), %s scalar entries, %.3g flops per factorization\n",
-        withSeparators(report.cost.blockEntries).c_str(), withSeparators(fill).c_str(),
-        withSeparators(report.cost.scalarEntries).c_str(), report.cost.flops);
+
+    const SolverReport& report = solver.report();
+    std::printf("Phase 1 · analysis, once per structure: Solver::analyze (%u runs)\n", kAnalysisRuns);
+    if (system.general())
+        std::printf(
+            "  system        %s bodies and %s constraints in %s pattern entries (a general pattern)\n",
+            withSeparators(report.bodies).c_str(), withSeparators(report.constraints).c_str(),
+            withSeparators(problem.numEntries()).c_str());
+    else
+        std::printf("  system        %s bodies, %s constraints, %s Jacobian blocks%s%s\n",
+                    withSeparators(report.bodies).c_str(), withSeparators(report.constraints).c_str(),
+                    withSeparators(system.jacobianBlocks()).c_str(),
+                    system.couplingBlocks() > 0 ? ", body couplings " : "",
+                    system.couplingBlocks() > 0 ? withSeparators(system.couplingBlocks()).c_str() : "");
+    std::printf("  ordering      %s\n", report.ordering.c_str());
+    if (report.factorBlocks < report.blocks)
+        std::printf("  merging       %s blocks in %s groups (%s explicit zeros in their dense tiles)\n",
+                    withSeparators(report.blocks).c_str(), withSeparators(report.factorBlocks).c_str(),
+                    withSeparators(report.explicitZeros).c_str());
+    else
+        std::printf("  merging       none: no group of blocks is predicted to factor faster\n");
+    std::printf("  factor L      %s scalar entries, %.3g flops per factorization, predicted %.3f ms\n",
+                withSeparators(report.factorEntries).c_str(), report.flops,
+                1e3 * report.predictedFactorSeconds);
     std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
-    std::printf("%s\n", timeRow("analyze (Analyzer::analyze)", analyze, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("  checks and block graph", checks, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("  ordering", ordering, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("  symbolic factorization", symbolic, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("  layout of the matrix", layout, kLabelWidth).c_str());
-    const std::string estimateLabel = "estimateWork (" + withSeparators(work) + " block ops)";
-    std::printf("%s\n", timeRow(estimateLabel.c_str(), estimate, kLabelWidth).c_str());
-    if (data.useMultifrontal) {
-        const std::string label =
-            "multifrontal split (" + std::to_string(data.multifront.numOwners) + " owners)";
-        std::printf("%s\n", timeRow(label.c_str(), preparation, kLabelWidth).c_str());
-    }
+    std::printf("%s\n", timeRow("analyze (Solver::analyze)", analyze, kLabelWidth).c_str());
     std::printf(
         "  allocations in runs 3 to %u: %s (kiv allocator %s, operator new %s; the ordering libraries'\n"
         "  own calloc is not counted)\n\n",
@@ -504,89 +413,95 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
 
     // ---- Phase 2: time steps.
     kiv::VectorPOD<double> bUser(N), xUser(N), r(N), rowSums(N);
-    kiv::VectorPOD<T> bUserT(N), b(N), x(N), xT(N);
-    Series assemble, factorTime, solve, refineTime, step, before, after, active;
-    for (Series* s : {&assemble, &factorTime, &solve, &refineTime, &step, &before, &after, &active})
+    kiv::VectorPOD<T> b(N), x(N);
+    Series build, set, factorTime, solve, refineTime, refineSteps, step, reported, after, active;
+    for (Series* s :
+         {&build, &set, &factorTime, &solve, &refineTime, &refineSteps, &step, &reported, &after, &active})
         s->reserve(options.steps);
     AllocationTally allocations;
-    RefineWork w{&problem, &analyzer, bUser.data(), xUser.data(), r.data(), rowSums.data()};
     const double limit = isFloat ? kResidualLimitFloat : kResidualLimitDouble;
+    std::string path;
 
     for (unsigned int s = 0; s < options.steps; ++s) {
         progress.show("phase 2", "step", s, options.steps);
         const Counters c0 = readCounters();
         scene.step(kTimeStep);  // the scene moves (the box wall also switches contacts)
         if (wall) mask.fromContacts(problem, *wall);
-        randomVector(1000 + s, bUser.data(), N);
-        for (unsigned long k = 0; k < N; ++k) bUserT[k] = static_cast<T>(bUser[k]);
-        analyzer.permuteVector(bUserT.data(), b.data());
+        activeRightHandSide(1000 + s, mask, bUser.data(), N);
+        for (unsigned long k = 0; k < N; ++k) {
+            b[k] = static_cast<T>(bUser[k]);
+            bUser[k] = static_cast<double>(b[k]);  // the residual is checked for the b that was solved
+        }
 
-        // Assemble: the scene's matrix of this step, inactive contacts as unit equations, into data.matrix.
+        // The engine's part: the scene's matrix of this step in the arrays it hands over.
         const std::uint64_t t0 = kiv::Timer::ticks();
         scene.build(problem);
-        mask.apply(problem);
-        analyzer.setBlocks(data, problem.values.data(), problem.valuePointers.data());  // clears isFactored
-        // Factor first: solve<double> does not factor by itself.
+        system.gather(problem);
+        // The Solver's part: values and active rows, factor, solve with refinement.
         const std::uint64_t t1 = kiv::Timer::ticks();
-        factor(tamber, data);
+        const Status stSet = system.setValues(solver, problem);
+        setActiveRows(solver, problem, mask);
         const std::uint64_t t2 = kiv::Timer::ticks();
-        std::memcpy(x.data(), b.data(), N * sizeof(T));
+        Status stFactor, stSolve;
+        if (stSet) stFactor = solver.factor();
         const std::uint64_t t3 = kiv::Timer::ticks();
-        tamber.solve(data, x.data());
+        if (stSet && stFactor) stSolve = solver.solve(b.data(), x.data());
         const std::uint64_t t4 = kiv::Timer::ticks();
+        checkStatus(failures, stSet, "phase 2", s, "setValues");
+        checkStatus(failures, stFactor, "phase 2", s, "factor");
+        checkStatus(failures, stSolve, "phase 2", s, "solve");
+        const bool solved = stSet && stFactor && stSolve;
 
-        analyzer.unpermuteVector(x.data(), xT.data());
-        for (unsigned long k = 0; k < N; ++k) xUser[k] = xT[k];
-        const double residualBefore =
-            scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
-
-        const std::uint64_t t5 = kiv::Timer::ticks();
-        refine(tamber, data, b.data(), x.data(), w);  // the refined solution ends in xUser
-        const std::uint64_t t6 = kiv::Timer::ticks();
-
-        const double residualAfter =
-            scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
+        // The check: the scene's matrix with the switched-off equations as unit equations, in double.
+        for (unsigned long k = 0; k < N; ++k) xUser[k] = static_cast<double>(x[k]);
+        mask.apply(problem);
+        const double residual = scaledResidual(problem, xUser.data(), bUser.data(), r.data(), rowSums.data());
         const Counters c1 = readCounters();
 
-        assemble.add(secondsBetween(t0, t1));
-        factorTime.add(secondsBetween(t1, t2));
-        solve.add(secondsBetween(t3, t4));
-        refineTime.add(secondsBetween(t5, t6));
-        step.add(secondsBetween(t0, t2) + secondsBetween(t3, t4) + secondsBetween(t5, t6));
-        before.add(residualBefore);
-        after.add(residualAfter);
+        if (s == 0) path = pathName(report);
+        build.add(secondsBetween(t0, t1));
+        set.add(secondsBetween(t1, t2));
+        factorTime.add(secondsBetween(t2, t3));
+        solve.add(report.solveSeconds);
+        refineTime.add(report.refineSeconds);
+        refineSteps.add(report.refinementSteps);
+        step.add(secondsBetween(t1, t4));
+        reported.add(report.residual);
+        after.add(residual);
         active.add(static_cast<double>(mask.activeConstraintEquations(problem)));
         allocations.record(s, c0, c1);
-        if (!(residualAfter <= limit)) {
+        if (solved && !(residual <= limit)) {
             char text[160];
             std::snprintf(text, sizeof(text),
                           "phase 2, step %u: scaled residual %.3g after refinement (limit %.0e)", s + 1,
-                          residualAfter, limit);
+                          residual, limit);
             failures.check(false, text);
         }
     }
     progress.done();
 
-    const std::string factorLabel = "factor (" + factorName(options.threads) + ")";
-    const std::string refineLabel =
-        std::string(isFloat ? "refine (mixed precision, " : "refine (iterativeRefinement, ") +
-        std::to_string(kRefinementIterations) + " it.)";
-    std::printf("Phase 2 · time steps: assemble → factor → solve → refine (%u steps, %s)\n", options.steps,
-                isFloat ? "float" : "double");
-    std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
-    std::printf("%s\n", timeRow("assemble (build, setBlocks)", assemble, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow(factorLabel.c_str(), factorTime, kLabelWidth).c_str());
+    const std::string factorLabel = "factor (" + path + ")";
+    const std::string refineLabel = "refine (at most " + std::to_string(solver.options().refinementSteps) +
+                                    (solver.options().refinementSteps == 1 ? " step)" : " steps)");
     std::printf(
-        "%s\n",
-        timeRow(isFloat ? "solve (solve<float>)" : "solve (solve<double>)", solve, kLabelWidth).c_str());
+        "Phase 2 · time steps: set values → factor → solve → refine, through the Solver (%u steps, %s)\n",
+        options.steps, isFloat ? "float" : "double");
+    std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
+    std::printf("%s\n", timeRow("scene: build, fill the engine's arrays", build, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("set values (setValues, setActive)", set, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow(factorLabel.c_str(), factorTime, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("solve (Solver::solve)", solve, kLabelWidth).c_str());
     std::printf("%s\n", timeRow(refineLabel.c_str(), refineTime, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("step (the four above)", step, kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("residual after solve", before, "%.1e", kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("residual after refinement", after, "%.1e", kLabelWidth).c_str());
+    std::printf("%s\n", countRow("  refinement steps run", refineSteps, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("step (set values, factor, solve)", step, kLabelWidth).c_str());
+    std::printf("%s\n", valueRow("residual, the Solver's report", reported, "%.1e", kLabelWidth).c_str());
+    std::printf("%s\n", valueRow("residual, recomputed by the demo", after, "%.1e", kLabelWidth).c_str());
     std::printf("%s\n", countRow("active constraint equations", active, kLabelWidth).c_str());
     allocations.print(options.steps);
     std::printf(
-        "  (residual: ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞), recomputed by the demo in the scene's numbering)\n\n");
+        "  (residual: ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) of the active system; the demo recomputes it in double "
+        "in\n"
+        "  the scene's numbering)\n\n");
     failures.check(allocations.later() == 0, "phase 2 allocated after its first step");
     summary.stepSeconds = step.median();
     summary.residual = after.max();
@@ -595,7 +510,7 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
 }
 
 // ---------------------------------------------------------------------------------------------------------
-// Phase 3: switching equations with RankMod against factoring again
+// Phase 3: the Solver switching equations against a second Solver that factors again
 // ---------------------------------------------------------------------------------------------------------
 
 std::uint64_t mix(std::uint64_t z) {
@@ -608,8 +523,7 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
     scenes::BoxWall* wall = dynamic_cast<scenes::BoxWall*>(&scene);
     Progress progress(!options.quiet && isatty(STDOUT_FILENO));
 
-    // The pose stays where phase 2 left it; the full matrix (every potential contact) goes into the data that
-    // RankMod modifies, the masked one into the data that is factored again.
+    // The pose stays where phase 2 left it: the values are set once, only the active set changes.
     scenes::BlockProblem full, masked;
     scene.build(full);
     EquationMask mask;
@@ -623,55 +537,51 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
     }
 
     progress.note("phase 3: analysis, and a factorization with every equation active");
-    Tamber tamber;
-    Analysis::Analyzer analyzerU, analyzerR;
-    TamberData<double> updated, fresh;
-    const Analysis::Problem ap = analysisProblem(full);
-    if (!analyzerU.analyze(ap, demoAnalysisOptions(), updated).ok ||
-        !analyzerR.analyze(ap, demoAnalysisOptions(), fresh).ok) {
+    SceneSystem<double> system;
+    system.describe(full);
+    system.gather(full);
+    // switching: the Solver that keeps its factor across switches and chooses how to follow them; fresh: the
+    // reference, factored again with each new active set.
+    Solver<double> switching, fresh;
+    Status st = switching.setOptions(solverOptions(options));
+    if (st) st = fresh.setOptions(solverOptions(options));
+    if (st) st = system.analyze(switching, full);
+    if (st) st = system.analyze(fresh, full);
+    if (st) st = system.setValues(switching, full);
+    if (st) st = system.setValues(fresh, full);
+    if (st) st = switching.factor();
+    if (!st) {
         progress.done();
-        std::fprintf(stderr, "tamber-demo: the analysis of the switching phase failed\n");
+        std::fprintf(stderr, "tamber-demo: the switching phase could not start: %s\n", st.message.c_str());
         return 1;
     }
-    // RankMod starts from a factor with every equation active.
-    analyzerU.setBlocks(updated, full.values.data(), full.valuePointers.data());
-    tamber.estimateWork(updated, nullptr);
-    tamber.factorSerial(updated);
-    RankMod mod;
-    if (!mod.prepare(updated)) {
-        progress.done();
-        std::fprintf(stderr, "tamber-demo: RankMod::prepare refused the factored system\n");
-        return 1;
-    }
-    fresh.useMultifrontal = options.threads > 0 ? 1 : 0;
-    fresh.numThreads = options.threads > 0 ? options.threads : 1;
-    tamber.estimateWork(fresh, nullptr);
-    if (fresh.useMultifrontal) tamber.prepareMultifrontal(fresh);
+    const SolverReport& reportS = switching.report();
+    const SolverReport& reportF = fresh.report();
 
-    // The equations that are inactive now (the wall's inactive contacts) go off once, before the steps.
-    RankMod::EquationList off, on;
-    const unsigned long listCapacity = options.switchEquations + 64;
-    off.reserve(listCapacity > N ? listCapacity : N);
-    on.reserve(listCapacity);
-    for (unsigned int blk = firstConstraint; blk < n; ++blk)
-        for (unsigned int k = 0; k < full.blockSizes[blk]; ++k)
-            if (!mask.isActive(full.blockOffsets[blk] + k)) off.push_back(factorEquation(analyzerU, blk, k));
+    // The equations that are inactive now (the wall's inactive contacts) go off once, before the steps: the
+    // first solve applies them.
+    kiv::VectorPOD<double> bUser(N), xS(N), xF(N), r(N), rowSums(N);
+    setActiveRows(switching, full, mask);
+    setActiveRows(fresh, full, mask);
+    activeRightHandSide(4999, mask, bUser.data(), N);
     progress.note("phase 3: switching off the equations of the inactive contacts");
-    const std::uint64_t i0 = kiv::Timer::ticks();
-    const bool initialOk = mod.apply(updated, off, on, RankMod::batched);
-    const std::uint64_t i1 = kiv::Timer::ticks();
-    failures.check(initialOk, "phase 3: RankMod::apply failed on the initial switch-off");
-    const unsigned long initiallyOff = off.size();
+    st = switching.solve(bUser.data(), xS.data());
+    failures.check(st.ok(), "phase 3: the solve that switches off the inactive contacts failed");
+    const unsigned long initiallyOff = reportS.switchedOff;
+    const std::string initialPath = reportS.switchPath;
+    const double initialSeconds = reportS.switchSeconds;
 
-    kiv::VectorPOD<double> bUser(N), xU(N), xR(N), xUserU(N), xUserR(N), r(N), rowSums(N);
     kiv::VectorPOD<unsigned char> picked(n);
-    Series update, solveU, assemble, refactor, solveR, speedup, switched, activeEq, residualU, residualR,
-        difference;
-    for (Series* s : {&update, &solveU, &assemble, &refactor, &solveR, &speedup, &switched, &activeEq,
-                      &residualU, &residualR, &difference})
+    kiv::VectorPOD<unsigned int> pickedList;
+    pickedList.reserve(options.switchEquations + 1);
+    Series switchTime, solveS, factorF, solveF, speedup, switched, activeEq, residualS, residualF, difference;
+    for (Series* s : {&switchTime, &solveS, &factorF, &solveF, &speedup, &switched, &activeEq, &residualS,
+                      &residualF, &difference})
         s->reserve(options.steps);
     AllocationTally allocations;
     const unsigned int numConstraints = n - firstConstraint;
+    unsigned long updates = 0;
+    std::string path;
 
     for (unsigned int s = 0; s < options.steps; ++s) {
         progress.show("phase 3", "step", s, options.steps);
@@ -679,112 +589,103 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
 
         // Pick constraints at random and switch their equations (off when on, on when off) until
         // switchEquations equations have changed; the last one picked may change only in part.
-        off.clear();
-        on.clear();
         unsigned long count = 0, tries = 0;
+        pickedList.clear();
         while (count < options.switchEquations && tries < 4ul * numConstraints + 64) {
             const unsigned int blk =
                 firstConstraint +
                 static_cast<unsigned int>(mix(0xC0FFEEull * (s + 1) + tries++) % numConstraints);
             if (picked[blk]) continue;
             picked[blk] = 1;
+            pickedList.push_back(blk);
             for (unsigned int k = 0; k < full.blockSizes[blk] && count < options.switchEquations;
                  ++k, ++count) {
                 const unsigned long q = full.blockOffsets[blk] + k;
                 const bool nowOn = !mask.isActive(q);
                 mask.set(q, nowOn);
-                (nowOn ? on : off).push_back(factorEquation(analyzerU, blk, k));
+                switching.setActive(blk - firstConstraint, k, nowOn);
+                fresh.setActive(blk - firstConstraint, k, nowOn);
             }
         }
-        for (const RankMod::Equation& eq : off) picked[userBlockOf(analyzerU, eq)] = 0;
-        for (const RankMod::Equation& eq : on) picked[userBlockOf(analyzerU, eq)] = 0;
-        randomVector(5000 + s, bUser.data(), N);
+        for (unsigned int blk : pickedList) picked[blk] = 0;
+        activeRightHandSide(5000 + s, mask, bUser.data(), N);
 
-        // The update: the factor follows the switch in place; then solve with it (solve<double> on a factor
-        // that RankMod keeps current).
+        // The Solver follows the switch (update in place or factor again, its choice) inside the solve.
+        const Status stS = switching.solve(bUser.data(), xS.data());
+        // The reference: the second Solver factors the same active set again, then solves.
         const std::uint64_t t0 = kiv::Timer::ticks();
-        const bool ok = mod.apply(updated, off, on, RankMod::batched);
+        const Status stF = fresh.factor();
         const std::uint64_t t1 = kiv::Timer::ticks();
-        analyzerU.permuteVector(bUser.data(), xU.data());
-        const std::uint64_t t2 = kiv::Timer::ticks();
-        tamber.solve(updated, xU.data());
-        const std::uint64_t t3 = kiv::Timer::ticks();
+        const Status stFS = stF ? fresh.solve(bUser.data(), xF.data()) : stF;
+        checkStatus(failures, stS, "phase 3", s, "solve after the switch");
+        checkStatus(failures, stFS, "phase 3", s, "factor and solve again");
 
-        // The reference: assemble the masked matrix and factor it again, then solve.
-        const std::uint64_t t4 = kiv::Timer::ticks();
         scene.build(masked);
         mask.apply(masked);
-        analyzerR.setBlocks(fresh, masked.values.data(), masked.valuePointers.data());
-        const std::uint64_t t5 = kiv::Timer::ticks();
-        factor(tamber, fresh);
-        const std::uint64_t t6 = kiv::Timer::ticks();
-        analyzerR.permuteVector(bUser.data(), xR.data());
-        const std::uint64_t t7 = kiv::Timer::ticks();
-        tamber.solve(fresh, xR.data());
-        const std::uint64_t t8 = kiv::Timer::ticks();
-
-        analyzerU.unpermuteVector(xU.data(), xUserU.data());
-        analyzerR.unpermuteVector(xR.data(), xUserR.data());
-        const double resU = scaledResidual(masked, xUserU.data(), bUser.data(), r.data(), rowSums.data());
-        const double resR = scaledResidual(masked, xUserR.data(), bUser.data(), r.data(), rowSums.data());
-        const double diff = relativeDifference(xUserU.data(), xUserR.data(), N);
+        const double resS = scaledResidual(masked, xS.data(), bUser.data(), r.data(), rowSums.data());
+        const double resF = scaledResidual(masked, xF.data(), bUser.data(), r.data(), rowSums.data());
+        const double diff = relativeDifference(xS.data(), xF.data(), N);
         const Counters c1 = readCounters();
 
-        update.add(secondsBetween(t0, t1));
-        solveU.add(secondsBetween(t2, t3));
-        assemble.add(secondsBetween(t4, t5));
-        refactor.add(secondsBetween(t5, t6));
-        solveR.add(secondsBetween(t7, t8));
-        speedup.add(secondsBetween(t5, t6) / std::max(secondsBetween(t0, t1), 1e-9));
-        switched.add(static_cast<double>(off.size() + on.size()));
+        if (reportS.switchPath == "update") ++updates;
+        if (s == 0) path = pathName(reportF);
+        switchTime.add(reportS.switchSeconds);
+        solveS.add(reportS.solveSeconds + reportS.refineSeconds);
+        factorF.add(secondsBetween(t0, t1));
+        solveF.add(reportF.solveSeconds + reportF.refineSeconds);
+        speedup.add(secondsBetween(t0, t1) / std::max(reportS.switchSeconds, 1e-9));
+        switched.add(static_cast<double>(reportS.switchedOff + reportS.switchedOn));
         activeEq.add(static_cast<double>(mask.activeConstraintEquations(full)));
-        residualU.add(resU);
-        residualR.add(resR);
+        residualS.add(resS);
+        residualF.add(resF);
         difference.add(diff);
         allocations.record(s, c0, c1);
         char text[200];
-        std::snprintf(text, sizeof(text), "phase 3, step %u: RankMod::apply returned false", s + 1);
-        failures.check(ok, text);
         std::snprintf(
             text, sizeof(text),
-            "phase 3, step %u: scaled residual %.3g with the updated factor, %.3g with the new one, "
+            "phase 3, step %u: scaled residual %.3g with the switched factor, %.3g with the new one, "
             "solutions differ by %.3g",
-            s + 1, resU, resR, diff);
+            s + 1, resS, resF, diff);
         failures.check(
-            resU <= kResidualLimitDouble && resR <= kResidualLimitDouble && diff <= kDifferenceLimit, text);
+            resS <= kResidualLimitDouble && resF <= kResidualLimitDouble && diff <= kDifferenceLimit, text);
     }
     progress.done();
 
     std::printf(
-        "Phase 3 · switching: RankMod updates the factor vs assemble and factor again (%u steps, double)\n",
+        "Phase 3 · switching: the Solver follows the switches (update or refactor) vs a second Solver that "
+        "factors again (%u steps, double)\n",
         options.steps);
     if (initiallyOff > 0)
         std::printf(
-            "  %s equations of inactive contacts switched off once before the steps: %.3f ms, the time of "
+            "  %s equations of inactive contacts switched off once before the steps: %s, %.3f ms, the time "
+            "of "
             "%.1f factorizations\n",
-            withSeparators(initiallyOff).c_str(), 1e3 * secondsBetween(i0, i1),
-            secondsBetween(i0, i1) / std::max(refactor.median(), 1e-12));
+            withSeparators(initiallyOff).c_str(), initialPath.c_str(), 1e3 * initialSeconds,
+            initialSeconds / std::max(factorF.median(), 1e-12));
     std::printf("  %-*s %12s  %12s  %12s\n", kLabelWidth, "", "median", "min", "max");
     std::printf("%s\n", countRow("equations switched per step", switched, kLabelWidth).c_str());
     std::printf("%s\n", countRow("active constraint equations", activeEq, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("update (RankMod::apply, batched)", update, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("solve with the updated factor", solveU, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("assemble again (build, setBlocks)", assemble, kLabelWidth).c_str());
-    const std::string factorLabel = "factor again (" + factorName(options.threads) + ")";
-    std::printf("%s\n", timeRow(factorLabel.c_str(), refactor, kLabelWidth).c_str());
-    std::printf("%s\n", timeRow("solve with the new factor", solveR, kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("speedup: factor again / update", speedup, "%.1f×", kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("residual, updated factor", residualU, "%.1e", kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("residual, new factor", residualR, "%.1e", kLabelWidth).c_str());
-    std::printf("%s\n", valueRow("‖x_update − x_new‖ / ‖x_new‖", difference, "%.1e", kLabelWidth).c_str());
+    const std::string switchLabel =
+        "switch (update in " + std::to_string(updates) + " of " + std::to_string(options.steps) + " steps)";
+    std::printf("%s\n", timeRow(switchLabel.c_str(), switchTime, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("solve and refine, switched factor", solveS, kLabelWidth).c_str());
+    const std::string factorLabel = "factor again (" + path + ")";
+    std::printf("%s\n", timeRow(factorLabel.c_str(), factorF, kLabelWidth).c_str());
+    std::printf("%s\n", timeRow("solve and refine, new factor", solveF, kLabelWidth).c_str());
+    std::printf("%s\n", valueRow("speedup: factor again / switch", speedup, "%.1f×", kLabelWidth).c_str());
+    std::printf("%s\n", valueRow("residual, switched factor", residualS, "%.1e", kLabelWidth).c_str());
+    std::printf("%s\n", valueRow("residual, new factor", residualF, "%.1e", kLabelWidth).c_str());
+    std::printf("%s\n", valueRow("‖x_switched − x_new‖ / ‖x_new‖", difference, "%.1e", kLabelWidth).c_str());
     allocations.print(options.steps);
     failures.check(allocations.later() == 0, "phase 3 allocated after its first step");
     std::printf("\n");
     summary.switching = true;
     summary.switched = switched.median();
     summary.speedup = speedup.median();
+    summary.updates = updates;
+    summary.switchSteps = options.steps;
     summary.allocations += allocations.later();
-    summary.residual = std::max(summary.residual, std::max(residualU.max(), residualR.max()));
+    summary.residual = std::max(summary.residual, std::max(residualS.max(), residualF.max()));
     return 0;
 }
 
@@ -792,7 +693,6 @@ int runSwitching(const Options& options, scenes::Scene& scene, Failures& failure
 
 int main(int argc, char** argv) {
     Options options;
-    options.threads = defaultThreads();
     kiv::Timer::clockSpeed();  // calibrates the tick counter (about 20 ms) before anything is timed
     std::string error;
     if (!parseOptions(argc, argv, options, error)) {
@@ -815,14 +715,23 @@ int main(int argc, char** argv) {
         const int s = runSwitching(options, *scene, failures, summary);
         if (s != 0) return s;
     }
-    std::printf("Summary (medians): a time step (assemble, factor, solve, refine) takes %.3f ms",
+    std::printf("Summary (medians): a time step (set values, factor, solve, refine) takes %.3f ms",
                 1e3 * summary.stepSeconds);
-    if (summary.switching && summary.speedup >= 1.0)
-        std::printf("; switching %.0f equations by updating the factor is %.1f× faster than factoring again",
-                    summary.switched, summary.speedup);
-    if (summary.switching && summary.speedup < 1.0)
-        std::printf("; switching %.0f equations by updating the factor is %.1f× slower than factoring again",
-                    summary.switched, 1.0 / std::max(summary.speedup, 1e-9));
+    if (summary.switching && summary.updates == 0) {
+        std::printf("; the Solver follows a switch of %.0f equations by factoring again (its prediction)",
+                    summary.switched);
+    } else if (summary.switching) {
+        const std::string how = summary.updates == summary.switchSteps
+                                    ? "by updating the factor"
+                                    : "by updating the factor in " + std::to_string(summary.updates) +
+                                          " of " + std::to_string(summary.switchSteps) + " steps";
+        if (summary.speedup >= 1.0)
+            std::printf("; the Solver switches %.0f equations %s, %.1f× faster than factoring again",
+                        summary.switched, how.c_str(), summary.speedup);
+        else
+            std::printf("; the Solver switches %.0f equations %s, %.1f× slower than factoring again",
+                        summary.switched, how.c_str(), 1.0 / std::max(summary.speedup, 1e-9));
+    }
     std::printf("; largest residual %.1e; %s allocations in the steps after the first.\n", summary.residual,
                 withSeparators(summary.allocations).c_str());
     if (failures.any()) {
