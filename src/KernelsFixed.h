@@ -146,6 +146,16 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
             return solveUnitDiagonalFixed<5>(Ljj, p_j, W, s_i, s_j);
         case 6:
             return solveUnitDiagonalFixed<6>(Ljj, p_j, W, s_i, s_j);
+        case 7:
+            return solveUnitDiagonalFixed<7>(Ljj, p_j, W, s_i, s_j);
+        case 8:
+            return solveUnitDiagonalFixed<8>(Ljj, p_j, W, s_i, s_j);
+        case 9:
+            return solveUnitDiagonalFixed<9>(Ljj, p_j, W, s_i, s_j);
+        case 10:
+            return solveUnitDiagonalFixed<10>(Ljj, p_j, W, s_i, s_j);
+        case 11:
+            return solveUnitDiagonalFixed<11>(Ljj, p_j, W, s_i, s_j);
         case 12:
             return solveUnitDiagonalFixed<12>(Ljj, p_j, W, s_i, s_j);
         default:
@@ -183,7 +193,7 @@ inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S 
     }
 }
 
-// Rows w0 and w1 of an s × S block (S ≤ 6 fixed, row stride P = S rounded up to even, zero padding), one per
+// Rows w0 and w1 of an s × S block (S ≤ 12 fixed, row stride P = S rounded up to even, zero padding), one per
 // lane: v[c] = (w0[c], w1[c]) for c < P, then v ← v·L_jj⁻ᵀ with the unit lower block L_jj (row stride P),
 // the sums of solveUnitDiagonal in the same order. The caller stores v, transposed back to rows in pairs.
 template <int S>
@@ -307,7 +317,17 @@ inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
             return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
         case 6:
             return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
-        case 12:  // a merged pair of bodies
+        case 7:  // 7 to 12: what block merging makes of bodies and constraints
+            return factorDiagonalBlockFixed<T, 7>(W, p, s, d);
+        case 8:
+            return factorDiagonalBlockFixed<T, 8>(W, p, s, d);
+        case 9:
+            return factorDiagonalBlockFixed<T, 9>(W, p, s, d);
+        case 10:
+            return factorDiagonalBlockFixed<T, 10>(W, p, s, d);
+        case 11:
+            return factorDiagonalBlockFixed<T, 11>(W, p, s, d);
+        case 12:
             return factorDiagonalBlockFixed<T, 12>(W, p, s, d);
         default:
             return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
@@ -406,8 +426,8 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
     }
 }
 
-// finishSmallBlockFixed for block sizes 1 to 6 and 12 (a merged pair of bodies) of double; false (nothing
-// done) otherwise.
+// finishSmallBlockFixed for block sizes 1 to 12 of double (bodies, constraints and what block merging makes
+// of them); false (nothing done) otherwise.
 inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
                              const double* recip, const double* dj) {
     switch (s_j) {
@@ -428,6 +448,21 @@ inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigne
             return true;
         case 6:
             finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 7:
+            finishSmallBlockFixed<7>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 8:
+            finishSmallBlockFixed<8>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 9:
+            finishSmallBlockFixed<9>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 10:
+            finishSmallBlockFixed<10>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 11:
+            finishSmallBlockFixed<11>(Ljj, W, LDij, s_i, recip, dj);
             return true;
         case 12:
             finishSmallBlockFixed<12>(Ljj, W, LDij, s_i, recip, dj);
