@@ -473,7 +473,7 @@ inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigne
 }
 inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigned int, const float*,
                              const float*) {
-    return false;  // float keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal)
+    return false;  // float keeps the separate steps (its substitution subtracts term by term)
 }
 
 // ---------------------------------------------------------------------------------------------------------
