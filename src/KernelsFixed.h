@@ -707,6 +707,47 @@ void backwardOffDiagonalFixed(const double* B, unsigned int ld, const double* xj
     }
 }
 
+// The off-diagonal steps with only the inner size fixed (padded, even, at most 12: the q of the forward
+// step, the r of the backward step), the outer loop over pairs at run time: the same operations per entry.
+template <int PI>
+void forwardOffDiagonalInner(const double* B, unsigned int ld, const double* xi, double* xj,
+                             unsigned int sj) {
+    __m128d v[PI / 2];
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < PI; q += 2) v[q / 2] = _mm_loadu_pd(xi + q);
+    for (unsigned int r = 0; r < sj; r += 2) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < PI; q += 2) {
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v[q / 2]));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v[q / 2]));
+        }
+        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
+    }
+}
+
+template <int PJ>
+void backwardOffDiagonalInner(const double* B, unsigned int ld, const double* xj, double* xi,
+                              unsigned int si) {
+    __m128d x[PJ];
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < PJ; ++r) x[r] = _mm_set1_pd(xj[r]);
+    for (unsigned int q = 0; q < si; q += 2) {
+        __m128d acc = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < PJ; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), x[r]));
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x[r + 1]));
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
+    }
+}
+
+using InnerStep = void (*)(const double*, unsigned int, const double*, double*, unsigned int);
+
 using OffDiagonalStep = void (*)(const double*, unsigned int, const double*, double*);
 using DiagonalStep = void (*)(const double*, unsigned int, double*);
 
@@ -719,19 +760,28 @@ constexpr std::array<OffDiagonalStep, sizeof...(I)> backwardOffDiagonalTable(std
     return {{&backwardOffDiagonalFixed<int(I) / 6 + 1, int(I) % 6 + 1>...}};
 }
 
-// The solve steps of the double solves: fixed code for sizes up to 6, the general paired loops above.
+// The solve steps of the double solves: fixed code for sizes up to 6, the inner size fixed up to 12, the
+// general paired loops above.
 inline void forwardOffDiagonalStep(const double* B, unsigned int ld, const double* xi, unsigned int si,
                                    double* xj, unsigned int sj) {
     static constexpr std::array<OffDiagonalStep, 36> table =
         forwardOffDiagonalTable(std::make_index_sequence<36>());
+    static constexpr InnerStep inner[6] = {&forwardOffDiagonalInner<2>,  &forwardOffDiagonalInner<4>,
+                                           &forwardOffDiagonalInner<6>,  &forwardOffDiagonalInner<8>,
+                                           &forwardOffDiagonalInner<10>, &forwardOffDiagonalInner<12>};
     if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xi, xj);
+    if (si - 1 < 12) return inner[(si - 1) / 2](B, ld, xi, xj, sj);
     forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
 }
 inline void backwardOffDiagonalStep(const double* B, unsigned int ld, const double* xj, unsigned int sj,
                                     double* xi, unsigned int si) {
     static constexpr std::array<OffDiagonalStep, 36> table =
         backwardOffDiagonalTable(std::make_index_sequence<36>());
+    static constexpr InnerStep inner[6] = {&backwardOffDiagonalInner<2>,  &backwardOffDiagonalInner<4>,
+                                           &backwardOffDiagonalInner<6>,  &backwardOffDiagonalInner<8>,
+                                           &backwardOffDiagonalInner<10>, &backwardOffDiagonalInner<12>};
     if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xj, xi);
+    if (sj - 1 < 12) return inner[(sj - 1) / 2](B, ld, xj, xi, si);
     backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
 }
 inline void forwardDiagonalStep(const double* U, unsigned int ld, double* xj, unsigned int sj) {
