@@ -1070,16 +1070,22 @@ void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j)
     }
     rowOf[j] = i;
     entryOf[j] = e;
+    // The serial factorization's end of the block, so that a part gets the serial factor's bits.
     const T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
+    const T* const dj = d + offsets[j];
     const T* const Ljj = L.blockPointers[jDiag];
     T* const LDij = LD.blockPointers[e];
     LD.blockFlags[e] = 1;
-    if (finishFrontBlock(Ljj, Lij, LDij, s_i, s_j, recip)) return;
-    fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);
-    fc::copyTile(LDij, Lij, static_cast<unsigned long>(p_i) * p_j);  // with its zero padding
-    for (unsigned int c = 0; c < s_j; ++c) {
-        const T q = recip[c];
-        for (unsigned int r = 0; r < s_i; ++r) Lij[static_cast<unsigned long>(r) * p_j + c] *= q;
+    if (!kernels::finishSmallBlock(Ljj, Lij, LDij, s_i, s_j, recip, dj)) {
+        fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
+        for (unsigned int r = 0; r < s_i; ++r) {
+            const unsigned long row = static_cast<unsigned long>(r) * p_j;
+            for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
+        }
+        kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
+    }
+    if (p_i > s_i) {  // the padding row of LD (L's came zero with the input tile)
+        std::memset(static_cast<void*>(LDij + static_cast<unsigned long>(s_i) * p_j), 0, p_j * sizeof(T));
     }
 }
 
@@ -1110,11 +1116,7 @@ void Worker<T>::diagonalRow(unsigned int i) {
     for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
     for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);
     T* const LDii = LD.blockPointers[iDiag];
-    for (unsigned int r = 0; r < s_i; ++r) {
-        const unsigned long row = static_cast<unsigned long>(r) * p_i;
-        for (unsigned int c = 0; c < s_i; ++c) LDii[row + c] = Lii[row + c] * di[c];
-        for (unsigned int c = s_i; c < p_i; ++c) LDii[row + c] = T(0);
-    }
+    kernels::scaleColumnsAnySize(Lii, di, LDii, s_i, s_i, p_i);
     if (p_i > s_i) {
         std::memset(static_cast<void*>(LDii + static_cast<unsigned long>(s_i) * p_i), 0,
                     static_cast<unsigned long>(p_i - s_i) * p_i * sizeof(T));
@@ -1219,6 +1221,25 @@ void Worker<T>::runPart(unsigned int x) {
 
 namespace {
 
+// True when X holds the layout that factorCommon::layoutFactor gives the filled pattern S with these block
+// sizes, in at least `capacity` values: the same counts, block rows, columns and sizes, and its tiles back to
+// back from the start of the values (the places follow from the structure). O(nb + entries) comparisons.
+template <typename T>
+bool hasLayout(const SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
+               unsigned long capacity) {
+    const unsigned long nb = S.n, entries = S.numEntries();
+    if (nb == 0 || entries == 0 || X.colPointers == nullptr || X.blockPointers == nullptr ||
+        X.numBlockCols != nb || X.numBlocks != entries || X.valueCapacity < capacity) {
+        return false;
+    }
+    const unsigned long last = factorCommon::padded<T>(sizes[nb - 1]);
+    return X.blockPointers[0] == X.values &&
+           X.blockPointers[entries - 1] + last * last == X.values + capacity - 64 &&
+           std::memcmp(X.colPointers, S.colPointers, (nb + 1) * sizeof(unsigned int)) == 0 &&
+           std::memcmp(X.rowIndices, S.rowIndices, entries * sizeof(unsigned int)) == 0 &&
+           std::memcmp(X.blockSizes, sizes, nb * sizeof(unsigned int)) == 0;
+}
+
 // data.badPivot from the first bad pivot of block `bad` (noNode: none). That block was factored in full, so
 // its pivots are in data.diagonal.
 template <typename T>
@@ -1268,10 +1289,14 @@ void Tamber::factorMF(TamberData<T>& data) {
     prepareMultifrontal(data);
     M.applyWaitMode(threads);
 
-    // L and LD emptied and sized for nb block rows, the pattern's blocks and C = 64 + Σ p_i·p_j values. The
-    // values are not zeroed here (unlike SparseMatrix::clear): the workers write every element of every
-    // tile, padding included, so that this pass over 2·C values is not made serially.
+    // L and LD emptied and sized for nb block rows, the pattern's blocks and C = 64 + Σ p_i·p_j values,
+    // unless they hold that layout already (the last factorization's, or estimateWork's). The values are not
+    // zeroed here (unlike SparseMatrix::clear): the workers write every element of every tile, padding
+    // included, so that this pass over 2·C values is not made serially.
+    const bool laidOut =
+        hasLayout(L, S, sizes, M.factorCapacity) && hasLayout(LD, S, sizes, M.factorCapacity);
     for (SparseMatrix<T>* X : {&L, &LD}) {
+        if (laidOut) break;
         if (X->colPointers) {
             const unsigned long bytes = (X->colCapacity + 1) * sizeof(unsigned int);
             std::memset(X->colPointers, 0, bytes);
@@ -1288,8 +1313,10 @@ void Tamber::factorMF(TamberData<T>& data) {
     // Every block of L and LD in pattern order (block index = pattern entry, LD flags 0), with the capacity
     // check of SparseMatrix::acquireBlock; no values are copied: the input enters through the fronts. Note
     // where each input block is.
-    factorCommon::layoutFactor(L, S, sizes, false);
-    factorCommon::layoutFactor(LD, S, sizes, false);
+    if (!laidOut) {
+        factorCommon::layoutFactor(L, S, sizes, false);
+        factorCommon::layoutFactor(LD, S, sizes, false);
+    }
     M.inputBlocks.resize(numEntries);
     for (unsigned int i = 0; i < nb; ++i) {
         unsigned int a = A.colPointers[i];
