@@ -734,7 +734,7 @@ struct Worker {
     bool stopAtBadPivot;
 
     // The part kernel's row map: rowOf[k] = i when row i holds a finished entry in column k, at entry
-    // entryOf[k] (both [nb], rowOf reset to noNode at the start of the factorization). segments: the entries
+    // entryOf[k] (both [nb]; rowOf[k] is emptied when row k starts). segments: the entries
     // of the part in the rows above it.
     unsigned int* rowOf;
     unsigned int* entryOf;
@@ -1140,6 +1140,7 @@ void Worker<T>::runPart(unsigned int x) {
     for (unsigned int u = M.partBegin[x]; u < M.partEnd[x]; ++u) {
         const unsigned int i = M.partNodes[u];
         if (skipped(i)) break;  // ascending: the rest are skipped too
+        rowOf[i] = noNode;      // column i is looked up only by later rows: emptied when its row starts
         const unsigned int iDiag = S.colPointers[i + 1] - 1;
         for (unsigned int e = S.colPointers[i]; e < iDiag; ++e) offDiagonalEntry(i, e, cols[e]);
         diagonalRow(i);
@@ -1286,7 +1287,7 @@ void Tamber::factorMF(TamberData<T>& data) {
     const unsigned int* sizes = A.blockSizes;
     const unsigned int threads = data.numThreads == 0 ? 1u : data.numThreads;
 
-    prepareMultifrontal(data);
+    const bool preparedNow = prepareMultifrontal(data);
     M.applyWaitMode(threads);
 
     // L and LD emptied and sized for nb block rows, the pattern's blocks and C = 64 + Σ p_i·p_j values,
@@ -1317,8 +1318,23 @@ void Tamber::factorMF(TamberData<T>& data) {
         factorCommon::layoutFactor(L, S, sizes, false);
         factorCommon::layoutFactor(LD, S, sizes, false);
     }
+    // The map is kept while the input's pattern stays what it was mapped from (the usual case from step to
+    // step); the comparison is a pass over the input's pattern arrays.
+    const unsigned long inputEntries = nb > 0 ? A.colPointers[nb] : 0;
+    const bool sameInput =
+        M.inputBlocks.size() == numEntries && M.inputColPointers.size() == nb + 1 &&
+        M.inputRowIndices.size() == inputEntries && nb > 0 && !preparedNow &&
+        std::memcmp(M.inputColPointers.data(), A.colPointers, (nb + 1) * sizeof(unsigned int)) == 0 &&
+        std::memcmp(M.inputRowIndices.data(), A.rowIndices, inputEntries * sizeof(unsigned int)) == 0;
+    if (!sameInput && nb > 0) {
+        M.inputColPointers.resize(nb + 1);
+        M.inputRowIndices.resize(inputEntries);
+        std::memcpy(M.inputColPointers.data(), A.colPointers, (nb + 1) * sizeof(unsigned int));
+        if (inputEntries > 0)
+            std::memcpy(M.inputRowIndices.data(), A.rowIndices, inputEntries * sizeof(unsigned int));
+    }
     M.inputBlocks.resize(numEntries);
-    for (unsigned int i = 0; i < nb; ++i) {
+    for (unsigned int i = sameInput ? static_cast<unsigned int>(nb) : 0u; i < nb; ++i) {
         unsigned int a = A.colPointers[i];
         const unsigned int aEnd = A.colPointers[i + 1];
         for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
@@ -1422,7 +1438,7 @@ void MfWrapper<T>::doThreadedFactor() {
 
     unsigned char* const marks = M.threadMarks[t];  // 0 unseen, 1 pushed, 2 being processed
     int* const stack = M.threadStacks[t];
-    std::memset(marks, 0, numBlocks);
+
     constexpr unsigned int noNode = MultifrontManager<T>::noNode;
 
     kivTamber::Worker<T> worker{M,
@@ -1442,7 +1458,6 @@ void MfWrapper<T>::doThreadedFactor() {
                                 M.threadMaps[t] + numBlocks,
                                 M.threadSegments[t],
                                 M.numSplitNodes > 0 ? &M.jobs : nullptr};
-    std::fill(worker.rowOf, worker.rowOf + numBlocks, noNode);
 
     // The parts of this thread by the serial kernels, then its top nodes (those of the top owner) by fronts.
     for (unsigned int u = M.threadPartBegin[t]; u < M.threadPartBegin[t + 1]; ++u)
@@ -1451,6 +1466,7 @@ void MfWrapper<T>::doThreadedFactor() {
         worker.helpUntilClosed();
         return;
     }
+    std::memset(marks, 0, numBlocks);
     unsigned long top = 0;
     for (const kivTamber::MfRoot& root : M.roots) {
         if (root.thread != t || M.part[root.node] != noNode) continue;
