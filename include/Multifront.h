@@ -290,8 +290,12 @@ public:
     kiv::VectorPOD<unsigned int> firstChild;
     kiv::VectorPOD<unsigned int> sibling;
     // Per row-form entry e = (i, j): index of block (i, j) in the input matrix, noNode for a fill block.
-    // Rebuilt by every factorization (the input's own pattern may change under a fixed filled pattern).
+    // Rebuilt by a factorization whenever the manager was prepared again or the input's own pattern changed
+    // (it may change under a fixed filled pattern).
     kiv::VectorPOD<unsigned int> inputBlocks;
+    // The input's pattern (colPointers, rowIndices) that inputBlocks was made from.
+    kiv::VectorPOD<unsigned int> inputColPointers;
+    kiv::VectorPOD<unsigned int> inputRowIndices;
     // The block pointers of the input matrix and of L during a factorization.
     T* const* inputTiles = nullptr;
     T* const* factorTiles = nullptr;

@@ -734,7 +734,7 @@ struct Worker {
     bool stopAtBadPivot;
 
     // The part kernel's row map: rowOf[k] = i when row i holds a finished entry in column k, at entry
-    // entryOf[k] (both [nb], rowOf reset to noNode at the start of the factorization). segments: the entries
+    // entryOf[k] (both [nb]; rowOf[k] is emptied when row k starts). segments: the entries
     // of the part in the rows above it.
     unsigned int* rowOf;
     unsigned int* entryOf;
@@ -1070,16 +1070,22 @@ void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j)
     }
     rowOf[j] = i;
     entryOf[j] = e;
+    // The serial factorization's end of the block, so that a part gets the serial factor's bits.
     const T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
+    const T* const dj = d + offsets[j];
     const T* const Ljj = L.blockPointers[jDiag];
     T* const LDij = LD.blockPointers[e];
     LD.blockFlags[e] = 1;
-    if (finishFrontBlock(Ljj, Lij, LDij, s_i, s_j, recip)) return;
-    fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);
-    fc::copyTile(LDij, Lij, static_cast<unsigned long>(p_i) * p_j);  // with its zero padding
-    for (unsigned int c = 0; c < s_j; ++c) {
-        const T q = recip[c];
-        for (unsigned int r = 0; r < s_i; ++r) Lij[static_cast<unsigned long>(r) * p_j + c] *= q;
+    if (!kernels::finishSmallBlock(Ljj, Lij, LDij, s_i, s_j, recip, dj)) {
+        fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
+        for (unsigned int r = 0; r < s_i; ++r) {
+            const unsigned long row = static_cast<unsigned long>(r) * p_j;
+            for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
+        }
+        kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
+    }
+    if (p_i > s_i) {  // the padding row of LD (L's came zero with the input tile)
+        std::memset(static_cast<void*>(LDij + static_cast<unsigned long>(s_i) * p_j), 0, p_j * sizeof(T));
     }
 }
 
@@ -1110,11 +1116,7 @@ void Worker<T>::diagonalRow(unsigned int i) {
     for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
     for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);
     T* const LDii = LD.blockPointers[iDiag];
-    for (unsigned int r = 0; r < s_i; ++r) {
-        const unsigned long row = static_cast<unsigned long>(r) * p_i;
-        for (unsigned int c = 0; c < s_i; ++c) LDii[row + c] = Lii[row + c] * di[c];
-        for (unsigned int c = s_i; c < p_i; ++c) LDii[row + c] = T(0);
-    }
+    kernels::scaleColumnsAnySize(Lii, di, LDii, s_i, s_i, p_i);
     if (p_i > s_i) {
         std::memset(static_cast<void*>(LDii + static_cast<unsigned long>(s_i) * p_i), 0,
                     static_cast<unsigned long>(p_i - s_i) * p_i * sizeof(T));
@@ -1138,6 +1140,7 @@ void Worker<T>::runPart(unsigned int x) {
     for (unsigned int u = M.partBegin[x]; u < M.partEnd[x]; ++u) {
         const unsigned int i = M.partNodes[u];
         if (skipped(i)) break;  // ascending: the rest are skipped too
+        rowOf[i] = noNode;      // column i is looked up only by later rows: emptied when its row starts
         const unsigned int iDiag = S.colPointers[i + 1] - 1;
         for (unsigned int e = S.colPointers[i]; e < iDiag; ++e) offDiagonalEntry(i, e, cols[e]);
         diagonalRow(i);
@@ -1219,6 +1222,25 @@ void Worker<T>::runPart(unsigned int x) {
 
 namespace {
 
+// True when X holds the layout that factorCommon::layoutFactor gives the filled pattern S with these block
+// sizes, in at least `capacity` values: the same counts, block rows, columns and sizes, and its tiles back to
+// back from the start of the values (the places follow from the structure). O(nb + entries) comparisons.
+template <typename T>
+bool hasLayout(const SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
+               unsigned long capacity) {
+    const unsigned long nb = S.n, entries = S.numEntries();
+    if (nb == 0 || entries == 0 || X.colPointers == nullptr || X.blockPointers == nullptr ||
+        X.numBlockCols != nb || X.numBlocks != entries || X.valueCapacity < capacity) {
+        return false;
+    }
+    const unsigned long last = factorCommon::padded<T>(sizes[nb - 1]);
+    return X.blockPointers[0] == X.values &&
+           X.blockPointers[entries - 1] + last * last == X.values + capacity - 64 &&
+           std::memcmp(X.colPointers, S.colPointers, (nb + 1) * sizeof(unsigned int)) == 0 &&
+           std::memcmp(X.rowIndices, S.rowIndices, entries * sizeof(unsigned int)) == 0 &&
+           std::memcmp(X.blockSizes, sizes, nb * sizeof(unsigned int)) == 0;
+}
+
 // data.badPivot from the first bad pivot of block `bad` (noNode: none). That block was factored in full, so
 // its pivots are in data.diagonal.
 template <typename T>
@@ -1265,13 +1287,17 @@ void Tamber::factorMF(TamberData<T>& data) {
     const unsigned int* sizes = A.blockSizes;
     const unsigned int threads = data.numThreads == 0 ? 1u : data.numThreads;
 
-    prepareMultifrontal(data);
+    const bool preparedNow = prepareMultifrontal(data);
     M.applyWaitMode(threads);
 
-    // L and LD emptied and sized for nb block rows, the pattern's blocks and C = 64 + Σ p_i·p_j values. The
-    // values are not zeroed here (unlike SparseMatrix::clear): the workers write every element of every
-    // tile, padding included, so that this pass over 2·C values is not made serially.
+    // L and LD emptied and sized for nb block rows, the pattern's blocks and C = 64 + Σ p_i·p_j values,
+    // unless they hold that layout already (the last factorization's, or estimateWork's). The values are not
+    // zeroed here (unlike SparseMatrix::clear): the workers write every element of every tile, padding
+    // included, so that this pass over 2·C values is not made serially.
+    const bool laidOut =
+        hasLayout(L, S, sizes, M.factorCapacity) && hasLayout(LD, S, sizes, M.factorCapacity);
     for (SparseMatrix<T>* X : {&L, &LD}) {
+        if (laidOut) break;
         if (X->colPointers) {
             const unsigned long bytes = (X->colCapacity + 1) * sizeof(unsigned int);
             std::memset(X->colPointers, 0, bytes);
@@ -1288,10 +1314,27 @@ void Tamber::factorMF(TamberData<T>& data) {
     // Every block of L and LD in pattern order (block index = pattern entry, LD flags 0), with the capacity
     // check of SparseMatrix::acquireBlock; no values are copied: the input enters through the fronts. Note
     // where each input block is.
-    factorCommon::layoutFactor(L, S, sizes, false);
-    factorCommon::layoutFactor(LD, S, sizes, false);
+    if (!laidOut) {
+        factorCommon::layoutFactor(L, S, sizes, false);
+        factorCommon::layoutFactor(LD, S, sizes, false);
+    }
+    // The map is kept while the input's pattern stays what it was mapped from (the usual case from step to
+    // step); the comparison is a pass over the input's pattern arrays.
+    const unsigned long inputEntries = nb > 0 ? A.colPointers[nb] : 0;
+    const bool sameInput =
+        M.inputBlocks.size() == numEntries && M.inputColPointers.size() == nb + 1 &&
+        M.inputRowIndices.size() == inputEntries && nb > 0 && !preparedNow &&
+        std::memcmp(M.inputColPointers.data(), A.colPointers, (nb + 1) * sizeof(unsigned int)) == 0 &&
+        std::memcmp(M.inputRowIndices.data(), A.rowIndices, inputEntries * sizeof(unsigned int)) == 0;
+    if (!sameInput && nb > 0) {
+        M.inputColPointers.resize(nb + 1);
+        M.inputRowIndices.resize(inputEntries);
+        std::memcpy(M.inputColPointers.data(), A.colPointers, (nb + 1) * sizeof(unsigned int));
+        if (inputEntries > 0)
+            std::memcpy(M.inputRowIndices.data(), A.rowIndices, inputEntries * sizeof(unsigned int));
+    }
     M.inputBlocks.resize(numEntries);
-    for (unsigned int i = 0; i < nb; ++i) {
+    for (unsigned int i = sameInput ? static_cast<unsigned int>(nb) : 0u; i < nb; ++i) {
         unsigned int a = A.colPointers[i];
         const unsigned int aEnd = A.colPointers[i + 1];
         for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e) {
@@ -1395,7 +1438,7 @@ void MfWrapper<T>::doThreadedFactor() {
 
     unsigned char* const marks = M.threadMarks[t];  // 0 unseen, 1 pushed, 2 being processed
     int* const stack = M.threadStacks[t];
-    std::memset(marks, 0, numBlocks);
+
     constexpr unsigned int noNode = MultifrontManager<T>::noNode;
 
     kivTamber::Worker<T> worker{M,
@@ -1415,7 +1458,6 @@ void MfWrapper<T>::doThreadedFactor() {
                                 M.threadMaps[t] + numBlocks,
                                 M.threadSegments[t],
                                 M.numSplitNodes > 0 ? &M.jobs : nullptr};
-    std::fill(worker.rowOf, worker.rowOf + numBlocks, noNode);
 
     // The parts of this thread by the serial kernels, then its top nodes (those of the top owner) by fronts.
     for (unsigned int u = M.threadPartBegin[t]; u < M.threadPartBegin[t + 1]; ++u)
@@ -1424,6 +1466,7 @@ void MfWrapper<T>::doThreadedFactor() {
         worker.helpUntilClosed();
         return;
     }
+    std::memset(marks, 0, numBlocks);
     unsigned long top = 0;
     for (const kivTamber::MfRoot& root : M.roots) {
         if (root.thread != t || M.part[root.node] != noNode) continue;

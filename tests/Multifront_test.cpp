@@ -357,6 +357,31 @@ TEST(MultifrontThreads, TwoSystemsFromTwoThreadsAndConditionWaitingBeyondTheProc
     }
 }
 
+// One thread factors the whole tree as one or more parts, by the serial row kernels in the serial order:
+// the serial factor's bits exactly (D, L and LD), in both precisions.
+TEST(MultifrontVsSerialBits, OneThreadGivesTheSerialFactorBitForBit) {
+    for (Shape shape :
+         {Shape::chain, Shape::tree, Shape::forest, Shape::dissection, Shape::spd, Shape::saddle}) {
+        const BlockSystem sys = makeShape(shape, 41, 90);
+        SCOPED_TRACE(testing::describe(sys));
+        TamberData<double> serial, multi;
+        TamberData<float> serialF, multiF;
+        sys.fillData(serial);
+        sys.fillData(multi);
+        sys.fillData(serialF);
+        sys.fillData(multiF);
+        Tamber tamber;
+        tamber.factorSerial(serial);
+        tamber.factorSerial(serialF);
+        for (int run = 0; run < 2; ++run) {  // laid out by this call, then reused
+            tamber.factorMF(multi);
+            tamber.factorMF(multiF);
+            EXPECT_TRUE(snapshot(multi) == snapshot(serial));
+            EXPECT_TRUE(snapshot(multiF) == snapshot(serialF));
+        }
+    }
+}
+
 // Every top node shared out (no least work) or none: the same bits, since every tile gets the same
 // products in the same order whoever computes them; equal to serial within rounding; the same bits on every
 // repeat. Dense tops (a few large fronts over many parts) and the random shapes.
