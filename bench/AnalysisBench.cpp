@@ -16,6 +16,7 @@
 #include <kiv/Timer.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -23,6 +24,7 @@
 
 #include "Analysis.h"
 #include "Reordering.h"
+#include "Tamber.h"
 #include "scenes/Scenes.h"
 
 using namespace kivTamber;
@@ -185,9 +187,168 @@ void runSystem(const char* scene, const BlockProblem& p, int runs) {
     printRow(scene, p, "natural", natural.timing, natural.report.cost, reference, "");
 }
 
+// --fit: the serial factorization time of many factors against their block columns, block operations and
+// flops (Analysis::FactorCost), and the least-squares weights of the time model (relative errors).
+struct FitPoint {
+    double blocks, operations, flops, seconds;
+};
+
+void fitPoint(const char* scene, const BlockProblem& p, const char* label, const Analysis::Options& options,
+              int runs, std::vector<FitPoint>& points) {
+    const Analysis::Problem problem{p.numBlocks, p.firstConstraint, p.colPointers.data(), p.rowIndices.data(),
+                                    p.blockSizes.data()};
+    Analysis::Analyzer analyzer;
+    TamberData<double> data;
+    Tamber tamber;
+    const Analysis::Report r = analyzer.analyze(problem, options, data);
+    if (!r.ok) return;
+    tamber.estimateWork(data, nullptr);
+    std::vector<double> times;
+    for (int k = 0; k < runs; ++k) {
+        analyzer.setBlocks(data, p.values.data(), p.valuePointers.data());
+        const std::uint64_t t = kiv::Timer::ticks();
+        tamber.factorSerial(data);
+        times.push_back(seconds(t));
+    }
+    const FitPoint f{static_cast<double>(r.cost.blocks), r.cost.blockOperations, r.cost.flops, median(times)};
+    points.push_back(f);
+    std::printf("%-10s %7u %-14s %8.0f %11.4g %11.4g %9.3f ms  model %9.3f ms\n", scene, p.numBlocks, label,
+                f.blocks, f.operations, f.flops, 1e3 * f.seconds, 1e3 * r.cost.modelFlops() * 0.17e-9);
+    std::fflush(stdout);
+}
+
+void fitSystem(const char* scene, const BlockProblem& p, int runs, std::vector<FitPoint>& points) {
+    for (int merge = 0; merge < 2; ++merge) {
+        for (unsigned int maxSize : {16u, 48u}) {
+            if (!merge && maxSize == 16) continue;
+            Analysis::Options md;
+            md.mergeBlocks = merge != 0;
+            md.maxMergedSize = maxSize;
+            md.nestedDissection = false;
+            Analysis::Options nd = md;
+            nd.nestedDissection = true;
+            nd.nestedDissectionThreshold = 0.0;
+            Analysis::Options swap = md;
+            swap.ordering = Analysis::Ordering::symamdSwap;
+            char label[32];
+            std::snprintf(label, sizeof label, "md%s%u", merge ? " m" : " ", merge ? maxSize : 0);
+            fitPoint(scene, p, label, md, runs, points);
+            std::snprintf(label, sizeof label, "std%s%u", merge ? " m" : " ", merge ? maxSize : 0);
+            fitPoint(scene, p, label, nd, runs, points);
+            std::snprintf(label, sizeof label, "swap%s%u", merge ? " m" : " ", merge ? maxSize : 0);
+            fitPoint(scene, p, label, swap, runs, points);
+        }
+    }
+}
+
+void fitModel(const std::vector<FitPoint>& points) {
+    // Minimise Σ ((a·blocks + b·operations + c·flops) / seconds − 1)²: normal equations, 3 × 3.
+    double M[3][4] = {};
+    for (const FitPoint& f : points) {
+        const double x[3] = {f.blocks / f.seconds, f.operations / f.seconds, f.flops / f.seconds};
+        for (int i = 0; i < 3; ++i) {
+            for (int j = 0; j < 3; ++j) M[i][j] += x[i] * x[j];
+            M[i][3] += x[i];
+        }
+    }
+    for (int i = 0; i < 3; ++i) {  // Gauss–Jordan without pivoting (the matrix is SPD)
+        for (int j = 0; j < 3; ++j) {
+            if (j == i) continue;
+            const double f = M[j][i] / M[i][i];
+            for (int k = 0; k < 4; ++k) M[j][k] -= f * M[i][k];
+        }
+    }
+    const double a = M[0][3] / M[0][0], b = M[1][3] / M[1][1], c = M[2][3] / M[2][2];
+    std::printf(
+        "fit: %.3g ns per block column, %.3g ns per block operation, %.3g ns per flop; "
+        "in flops: %.1f per block column, %.1f per block operation\n",
+        1e9 * a, 1e9 * b, 1e9 * c, a / c, b / c);
+    double worst = 0.0, sum = 0.0;
+    for (const FitPoint& f : points) {
+        const double e = std::abs((a * f.blocks + b * f.operations + c * f.flops) / f.seconds - 1.0);
+        worst = std::max(worst, e);
+        sum += e;
+    }
+    std::printf("relative error: mean %.3f, worst %.3f over %zu factors\n", sum / points.size(), worst,
+                points.size());
+}
+
 }  // namespace
 
+// --fingerprint: one line per scene and ordering with a hash of the order, the groups, the filled pattern and
+// the reported costs, to show that a change of the code changes no result.
+unsigned long mix(unsigned long h, unsigned long v) {
+    return (h ^ v) * 1099511628211ul;
+}
+
+void fingerprint(const char* scene, const BlockProblem& p) {
+    const Analysis::Problem problem{p.numBlocks, p.firstConstraint, p.colPointers.data(), p.rowIndices.data(),
+                                    p.blockSizes.data()};
+    const Analysis::Ordering orderings[] = {Analysis::Ordering::standard, Analysis::Ordering::symamdSwap,
+                                            Analysis::Ordering::natural, Analysis::Ordering::centroid};
+    for (const Analysis::Ordering ordering : orderings) {
+        for (int merge = 0; merge < 2; ++merge) {
+            Analysis::Options options;
+            options.ordering = ordering;
+            options.mergeBlocks = merge != 0;
+            Analysis::Analyzer analyzer;
+            TamberData<double> data;
+            const Analysis::Report r = analyzer.analyze(problem, options, data);
+            unsigned long h = 14695981039346656037ul;
+            for (unsigned int k = 0; k < p.numBlocks && r.ok; ++k) h = mix(h, analyzer.order()[k]);
+            for (unsigned int g = 0; g <= analyzer.numFactorBlocks() && r.ok; ++g)
+                h = mix(h, analyzer.groupStarts()[g]);
+            for (unsigned long e = 0; e < data.skeleton.numEntries(); ++e)
+                h = mix(h, data.skeleton.rowIndices[e]);
+            std::printf("%-10s %u %u %d %016lx %lu %lu %.17g %.17g %lu %d\n", scene, p.numBlocks,
+                        static_cast<unsigned int>(ordering), merge, h, r.cost.scalarEntries, r.explicitZeros,
+                        r.cost.flops, r.cost.blockOperations, r.mergedBlocks, r.usedNestedDissection ? 1 : 0);
+        }
+    }
+}
+
 int main(int argc, char** argv) {
+    if (argc > 1 && std::string(argv[1]) == "--fingerprint") {
+        BlockProblem problem;
+        const SceneKind kinds[] = {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth,
+                                   SceneKind::boxWall};
+        const char* names[] = {"chain", "ragdolls", "cloth", "boxwall"};
+        for (int k = 0; k < 4; ++k) {
+            for (unsigned long blocks : {1000ul, 10000ul}) {
+                std::unique_ptr<Scene> scene = makeScene(kinds[k], sizeForBlockCount(kinds[k], blocks));
+                scene->build(problem);
+                fingerprint(names[k], problem);
+            }
+        }
+        buildBoxPile(16, 16, 4, problem);
+        fingerprint("pile16x4", problem);
+        return 0;
+    }
+    if (argc > 1 && std::string(argv[1]) == "--fit") {
+        std::vector<FitPoint> points;
+        BlockProblem problem;
+        const struct {
+            SceneKind kind;
+            const char* name;
+        } kinds[] = {{SceneKind::chain, "chain"},
+                     {SceneKind::ragdolls, "ragdolls"},
+                     {SceneKind::cloth, "cloth"},
+                     {SceneKind::boxWall, "boxwall"}};
+        for (const auto& k : kinds) {
+            for (unsigned long blocks : {10000ul, 50000ul}) {
+                std::unique_ptr<Scene> scene = makeScene(k.kind, sizeForBlockCount(k.kind, blocks));
+                scene->build(problem);
+                fitSystem(k.name, problem, 3, points);
+            }
+        }
+        for (unsigned int side : {32u, 72u, 128u}) {
+            Cloth cloth(side);
+            cloth.build(problem);
+            fitSystem(side == 32 ? "cloth32" : side == 72 ? "cloth72" : "cloth128", problem, 3, points);
+        }
+        fitModel(points);
+        return 0;
+    }
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 5;
     const unsigned long largest = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 50000;
 

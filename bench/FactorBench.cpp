@@ -121,6 +121,10 @@ void timeSystem(TamberData<T>& data, int runs, double normA, const std::vector<d
         times.push_back(seconds(start));
     }
     factor = median(times);
+    if (std::getenv("FACTORBENCH_ALL")) {
+        for (double t : times) std::fprintf(stderr, " %.3f", t * 1e3);
+        std::fprintf(stderr, "\n");
+    }
     times.clear();
     std::vector<T> x(b.size());
     for (int r = 0; r < runs; ++r) {

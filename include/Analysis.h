@@ -45,38 +45,12 @@
 
 #include "EliminationTree.h"
 #include "SkeletonMatrix.h"
+#include "Symbolic.h"
 #include "Tamber.h"
 #include "TamberUtils.h"
 
 namespace kivTamber {
 namespace Analysis {
-
-// ---------------------------------------------------------------------------------------------------------
-// Symbolic factorization.
-// ---------------------------------------------------------------------------------------------------------
-
-// Block pattern of L for A = L·D·Lᵀ: row i of L holds column j < i exactly when j lies in the row subtree of
-// i, the part of the elimination tree spanned by the paths from the columns j < i of row i of A up to i
-// (Liu's row-subtree characterisation). Every such entry that is not in A is a fill-in.
-//
-// permuted: in; the pattern of A in the factor's order, per block row i the ascending columns j <= i with
-// the diagonal last (the list form of SkeletonMatrix). Entries j >= i of a row are ignored, so a missing or
-// duplicated diagonal is harmless; its fillFlags are not read.
-// etree: in; the elimination tree of that pattern (parent[j] > j for every non-root j, roots their own
-// parent). Only `parent` and `numNodes` are read. Walks stop at a root, and nodes at or above i are never
-// added to row i, so an inconsistent tree yields a wrong pattern but no out-of-range access.
-// filled: out, must not be `permuted`; receives the pattern of L in the same form: per block row i the
-// ascending columns of its row subtree, then i itself, with fillFlags[k] = 1 on the fill-in entries and 0
-// on the entries of A. blockWords are copied when `permuted` has them and released otherwise. The arrays are
-// reused when large enough (SkeletonMatrix::resize).
-// scratchPad: optional work arrays (its int slots 0 and 1, 4n + 1 elements and |L| − n + 1 elements);
-// without it the work arrays are allocated and released inside the call.
-//
-// Returns false, with `filled` unchanged, when the tree has fewer nodes than the pattern has blocks.
-// Cost: O(|L| + |A|): two walks of the row subtrees (sizes, then the columns of L, which come out ascending)
-// and one transpose of the columns into rows, so no row is sorted.
-bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
-                           SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr);
 
 // ---------------------------------------------------------------------------------------------------------
 // The user's problem, options and results.
@@ -108,10 +82,11 @@ enum class Ordering : unsigned int {
     //    (ragdolls) are placed completely by this step.
     // 2. The rest, bodies first: CCOLAMD's csymamd on the remaining block graph with every body in
     //    constraint set 0 and every constraint in set 1 (rule S).
-    // 3. When the predicted factor cost exceeds Options::nestedDissectionThreshold flops, also try the
+    // 3. When the predicted unmerged flops exceed Options::nestedDissectionThreshold, also try the
     //    remaining bodies followed by a METIS nested dissection of the constraint graph (two constraints
     //    adjacent when they share a remaining body, or a group of remaining bodies coupled among themselves;
-    //    vertex weight = rows), and keep whichever order the same count predicts cheaper.
+    //    vertex weight = rows), and keep whichever order builds the factor of smaller modelled time
+    //    (FactorCost::modelFlops of the factor actually built: merged when merging is on, zeros included).
     standard,
     // COLAMD's symamd on the whole pattern, then Reordering::zeroLeafSwap; constraints that still break the
     // rule are moved after the last of their bodies (repeated until the order satisfies the rule; the
@@ -141,17 +116,17 @@ struct Options {
     // For Ordering::user: [n] forward[k] = the user block placed k-th.
     const unsigned int* userOrder = nullptr;
 
-    // Block merging (supernodal amalgamation). After the order and its filled pattern are known, runs of
-    // consecutive blocks k, k+1, ... of the order in which each block's elimination-tree parent is the next
-    // block are joined into one block (a group) of data, whose diagonal tile is dense. The scalar
-    // elimination order is unchanged, so the unpivoted L·D·Lᵀ of a group's diagonal tile eliminates the same
-    // pivots in the same order as the separate blocks did (a zero constraint diagonal inside a group is
-    // fine); only rounding differs. Fewer, larger blocks cut the per-block overhead of factorization and
-    // solves on patterns of tiny blocks, for the explicit zeros the dense tiles add (Report::explicitZeros).
-    // The next block joins the group when all of these hold:
+    // Block merging (supernodal amalgamation), on by default. After the order and its filled pattern are
+    // known, runs of consecutive blocks k, k+1, ... of the order in which each block's elimination-tree
+    // parent is the next block are joined into one block (a group) of data, whose diagonal tile is dense.
+    // The scalar elimination order is unchanged, so the unpivoted L·D·Lᵀ of a group's diagonal tile
+    // eliminates the same pivots in the same order as the separate blocks did (a zero constraint diagonal
+    // inside a group is fine); only rounding differs. Fewer, larger blocks cut the per-block overhead of
+    // factorization and solves on patterns of tiny blocks, for the explicit zeros the dense tiles add
+    // (Report::explicitZeros). The next block joins the group when all of these hold:
     //  - it is the elimination-tree parent of the group's last block;
     //  - the group stays within maxMergedSize scalar rows (a larger single block stays alone);
-    //  - the join lowers the predicted factorization time, modelled as
+    //  - the join lowers the predicted factorization time (see FactorCost::modelFlops), modelled as
     //        mergeOperationFlops × (block operations) + flops,
     //    block operations = Σ over block columns of L of c·(c + 1)/2 (c its off-diagonal blocks: one
     //    triangular solve per block, one product per pair of blocks) and flops = Σ over scalar columns of
@@ -160,22 +135,12 @@ struct Options {
     //    groups, and costs the flops of its zeros: in its own columns, and the full tiles in its rows under
     //    the columns of the earlier groups that reach the group. The blocks after the join are counted in
     //    the groups of a previous pass (three passes over the order, the first on the blocks themselves).
-    // mergeOperationFlops is the time of a block operation in flops: about 62 on a 2-core x86-64 server
-    // (8.3 ns per operation, 0.133 ns per flop, measured on the merged cloth scene); larger values merge
-    // more. Chains and ragdolls merge nothing with the default (their blocks have one or two blocks below).
-    bool mergeBlocks = false;
+    // Chains and ragdolls merge nothing (their blocks have one or two blocks below).
+    bool mergeBlocks = true;
     unsigned int maxMergedSize = 48;
-    double mergeOperationFlops = 62.0;
-};
-
-// Size of the factor of an order, counted by block-level symbolic factorization with dense blocks. With
-// c_k = the number of scalar entries of L strictly below the diagonal in scalar column k:
-// scalarEntries = Σ (c_k + 1) (the unit diagonal included) and flops = Σ c_k·(c_k + 2) (one division per
-// entry and a multiply-add per entry pair of the symmetric update).
-struct FactorCost {
-    unsigned long blockEntries = 0;   // blocks of L, diagonal blocks included
-    unsigned long scalarEntries = 0;  // nnz(L), diagonal included
-    double flops = 0.0;
+    // The time of one block operation in flops; the same weight the ordering decision uses (see
+    // FactorCost::modelFlops for how it was fitted). Larger values merge more.
+    double mergeOperationFlops = kBlockOperationFlops;
 };
 
 // Outcome of Analyzer::analyze.
@@ -189,19 +154,29 @@ struct Report {
     unsigned long movedConstraints = 0;
     // symamdSwap: the zero-leaf swap failed and the repair worked on symamd's order.
     bool swapFailed = false;
-    // Standard ordering: predicted flops of the minimum-degree order and of the nested-dissection order
-    // (0 when it was not tried), and which one was kept.
+    // Standard ordering: the candidates, each as the cost of the factor its order builds (with merging: the
+    // groups that order gets, explicit zeros included). The order whose cost has the smaller modelFlops(w),
+    // w = Options::mergeOperationFlops, is kept. nestedDissectionCost stays zero when nested dissection was
+    // not tried (switched off, a minimum-degree prediction below the threshold, fewer than two constraints
+    // left after peeling, or METIS failed).
+    FactorCost minimumDegreeCost;
+    FactorCost nestedDissectionCost;
+    bool usedNestedDissection = false;
+    // The unmerged flops of the same candidates (0 when not tried).
     double minimumDegreeFlops = 0.0;
     double nestedDissectionFlops = 0.0;
-    bool usedNestedDissection = false;
     // An ordering library failed (out of memory) and the remainder was taken in the user's numbering.
     bool orderingFallback = false;
     // Ordering::centroid: the bodies do not form a forest; the standard ordering was used.
     bool centroidFallback = false;
     // The factor of data: with merging the cost of the merged pattern, explicit zeros included.
     FactorCost cost;
-    // Blocks of data: the groups with merging, otherwise the number of blocks of the problem.
+    // Blocks of data: the groups with merging, otherwise the number of blocks of the problem; of them, the
+    // groups of more than one block, and the scalar rows of the largest group (Analyzer::groupStarts lists
+    // the groups).
     unsigned long mergedBlocks = 0;
+    unsigned long multiBlockGroups = 0;
+    unsigned int largestGroup = 0;
     // The factor of the chosen order on the problem's own blocks (equals `cost` without merging).
     FactorCost unmergedCost;
     // Scalars of L that merging adds as explicit zeros (cost.scalarEntries − unmergedCost.scalarEntries).
@@ -242,10 +217,6 @@ bool repairOrder(const Problem& problem, unsigned int* forward, unsigned long* m
 // required) by an elimination tree and row-subtree counts on the user's pattern. The problem must be well
 // formed and forward a permutation (unchecked here; see checkProblem, checkOrder).
 FactorCost predictCost(const Problem& problem, const unsigned int* forward);
-
-// The factor cost read from a filled pattern (list form, in elimination order) with sizes[k] the size of
-// block k in that order. Equals predictCost of the order that produced it.
-FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes);
 
 // ---------------------------------------------------------------------------------------------------------
 // The analysis and the assembly.
@@ -301,6 +272,10 @@ public:
     // The order: [n] forward[k] = the user block placed k-th (a copy of data.permutation.forward without
     // merging; with merging the order of the user blocks inside the groups).
     const unsigned int* order() const;
+
+    // The blocks of data as runs of the order: [numFactorBlocks() + 1], block g of data holds the user
+    // blocks order()[groupStarts()[g]] .. order()[groupStarts()[g + 1] − 1].
+    const unsigned int* groupStarts() const;
 
     // Scalar `local` of user block `userBlock` → block of data and scalar inside it (without merging block =
     // data.permutation.inverse[userBlock] and localInBlock = local). False, outputs unchanged, when

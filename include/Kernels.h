@@ -143,6 +143,88 @@ void tamber_SV_TRILt(const float* L, int ld, float* x, int n);
 // each row is divided by the diagonal entries of L.
 void tamber_SM_UD(const float* L, int ldL, float* X, int ldX, int m, int n);
 
+// ---------------------------------------------------------------------------------------------------------
+// Size-specialised kernels of the block factorizations and of the double solves, in two forms that perform
+// the same operations in the same order and therefore give the same bits: kernels::fast is the code the
+// library runs (straight-line code for the block sizes 1 to 6 of physics systems, pairs of doubles per SSE2
+// register), kernels::reference the plain loops it must agree with. Tiles are row-major with the row stride
+// p of their block's padded size (double: s rounded up to even, float: s); double tiles are 16-byte aligned
+// and their padding rows and columns are zero (the kernels rely on it, as the block storage guarantees).
+// Non-finite values spread through both forms alike.
+// ---------------------------------------------------------------------------------------------------------
+namespace kernels {
+namespace fast {
+
+// W = L·D·Lᵀ in place without pivoting for the s × s tile W (stride p; its lower triangle and diagonal are
+// read): W becomes the unit lower L (diagonal 1, strict upper triangle 0) and d[0 .. s) the pivots:
+// d_r = w_rr − Σ_{t<r} d_t·l_rt², l_rc = (w_rc − Σ_{t<c} l_rt·d_t·l_ct) / d_c, each sum from t = 0 up and
+// each product formed left to right. Double tiles of odd s ≤ 6 also get their padding column written 0.
+void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d);
+void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
+
+// W ← W·L⁻ᵀ for the rows × s tile W and the unit lower s × s tile L, both of stride p (L's diagonal is not
+// read): per row, w_c −= Σ_{t<c} l_ct·w_t for c = 1 … s−1, the sum from t = 0 up.
+void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s);
+
+// For s ≤ 6 (otherwise false, nothing done): W ← W·L⁻ᵀ as solveUnitDiagonal, then over all p columns
+// W(r, c) ← W(r, c)·recip[c] and LD(r, c) = W(r, c)·(c < s ? d[c] : 0). recip: p entries, padding 0. LD:
+// rows × s tile of stride p. Returns true.
+bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip, const double* d);
+
+// Y = X·diag(d[0 .. s)) for rows × s tiles of stride p; Y's padding columns 0.
+void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
+                  unsigned int p);
+void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
+                  unsigned int p);
+
+// C −= A·Bᵀ on the lower triangle of the n × n tile C (the factorization's diagonal updates): the entries on
+// and below the diagonal get the values tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k) gives them. float
+// writes only those; double writes whole 2×2 blocks that reach the diagonal (n ≥ 2 and k ≥ 2), or the whole
+// square (n = 1 or k = 1).
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k);
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k);
+
+// The paired steps of the double solves, on a container tile B (s_i × s_j, column-major, leading dimension
+// ld) or a diagonal tile U (s_j × s_j). Rows and columns go in pairs: an odd size reads the entry after its
+// slice of x, times a zero padding entry (and writes it back unchanged).
+// forwardOffDiagonal: x_j ← x_j − Bᵀ·x_i, each entry minus (sum over even q + sum over odd q).
+// forwardDiagonal: x_j ← U⁻ᵀ·x_j, U unit upper (diagonal not read).
+// backwardDiagonal: x_j ← U⁻¹·x_j, dividing by U's stored diagonal (not where it is exactly 1).
+// backwardOffDiagonal: x_i ← x_i − B·x_j, each entry minus one sum over the columns in order.
+void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
+                        unsigned int sj);
+void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj);
+void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj);
+void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
+                         unsigned int si);
+
+}  // namespace fast
+
+// Plain loops with the contracts of kernels::fast above and the same operations in the same order.
+namespace reference {
+
+void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d);
+void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
+void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s);
+bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip, const double* d);
+void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
+                  unsigned int p);
+void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
+                  unsigned int p);
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k);
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k);
+void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
+                        unsigned int sj);
+void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj);
+void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj);
+void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
+                         unsigned int si);
+
+}  // namespace reference
+}  // namespace kernels
+
 }  // namespace kivTamber
 
 #endif  // KIVTAMBER_KERNELS_H

@@ -14,6 +14,13 @@
 // parent belongs to another thread keeps its update matrix in an update list and publishes it through its
 // WaitBlock; every other node subtracts its updates straight into its ancestors' fronts.
 //
+// Choosing the thread count (Tamber::chooseThreads): with W the estimated work of the whole factorization
+// (the flop units of the split below, block operations weighted as flops) and T_P the predicted length of the
+// threaded one on P threads (predictedTime: the largest thread's parts, then the top, whose shared steps are
+// divided by the threads that can run at once), P threads are chosen when W is at least `parallelMinWork`
+// (a dispatch of the workers costs tens of microseconds; smaller systems stay serial) and the predicted gain
+// W / (T_P + dispatchWork) is at least `parallelMinGain`; otherwise 1, the serial factorization.
+//
 // Every thread's sequence of operations is fixed by the split, and data passes between threads only through
 // update lists that are complete before they are read, so a factorization gives the same bits from run to
 // run for a fixed thread count (on a given machine: the split counts the processors).
@@ -26,6 +33,7 @@
 
 #include <OpenThreads/Condition>
 #include <OpenThreads/Mutex>
+#include <atomic>
 #include <cstdint>
 
 #include "SkeletonMatrix.h"
@@ -214,6 +222,21 @@ struct MfRoot {
     unsigned int thread;
 };
 
+// The board on which the owner of the top shares the steps of a large node with the other threads, once
+// these have finished their parts: the owner splits the step into chunks (fixed by the node), posts them, and
+// every thread claims chunks until none is left; the owner then waits until all are finished. state holds the
+// job's generation (bits 32-63), its chunk count (bits 16-31) and the next unclaimed chunk (bits 0-15) in one
+// word, so that a claim is checked against the job it belongs to and a claim of a job that has ended fails.
+struct MfJobBoard {
+    enum : unsigned int { finish = 0, update = 1 };
+    alignas(64) std::atomic<std::uint64_t> state{0};
+    std::atomic<unsigned int> kind{0};
+    std::atomic<unsigned int> node{0};
+    alignas(64) std::atomic<unsigned int> finished{0};
+    // 1 once the top is done: the helpers return.
+    alignas(64) std::atomic<unsigned int> closed{0};
+};
+
 // Which WaitBlock mode the manager gives its blocks.
 enum class MfWaitMode : unsigned int {
     automatic = 0,  // spin mode while the thread count does not exceed the processors, else condition mode
@@ -285,12 +308,16 @@ public:
     unsigned long scalarSize = 0;
 
     // Threads that own nodes (at most numThreads and 256); the owner of the top part; estimated work of the
-    // whole factorization and of the top part, in flops; the largest subtree work of any one thread.
+    // whole factorization and of the top part, in flops; the largest subtree work of any one thread;
+    // predictedTime: the estimated length of the threaded factorization in the same units, the largest
+    // thread's parts, then the top with the shared steps of its large nodes divided among the threads that
+    // can run at once.
     unsigned int numOwners = 0;
     unsigned int topOwner = 0;
     double totalWork = 0.0;
     double topWork = 0.0;
     double maxThreadWork = 0.0;
+    double predictedTime = 0.0;
 
     // Wanted mode of the wait blocks; applied by the next factorization (no new preparation needed).
     MfWaitMode waitMode = MfWaitMode::automatic;
@@ -310,6 +337,43 @@ public:
     kiv::VectorPOD<unsigned int> preparedRowIndices;
     kiv::VectorPOD<unsigned int> preparedSizes;
 
+    // The parts that single threads factor by the serial row kernels, in place in L (no fronts): every node
+    // below the top belongs to the part of its topmost non-top ancestor x (its "part root"): part[j] = x,
+    // noNode for a top node. partNodes[partBegin[x] .. partEnd[x]-1] lists the nodes of part x ascending (a
+    // valid order: descendants have smaller indices). threadParts[threadPartBegin[t] ..
+    // threadPartBegin[t+1]-1] are the part roots of thread t, ascending.
+    kiv::VectorPOD<unsigned int> part;
+    kiv::VectorPOD<unsigned int> partNodes;
+    kiv::VectorPOD<unsigned int> partBegin;
+    kiv::VectorPOD<unsigned int> partEnd;
+    kiv::VectorPOD<unsigned int> threadParts;
+    kiv::VectorPOD<unsigned int> threadPartBegin;
+    // Reciprocal pivots of the part nodes, block j at reciprocalOffsets[j] with p_j entries (padding 0);
+    // written by the owner of j when it factors j's diagonal block, read by the same thread afterwards.
+    kiv::VectorPOD<unsigned long> reciprocalOffsets;
+    kiv::VectorPOD<T> reciprocalStore;
+    // Per-thread work arrays of the part kernel (scratch-pad slots, reserved before the workers start): the
+    // row map (2·nb) and the lists of the part's entries in the rows above the part (entries + maxColumn +
+    // 1).
+    kiv::VectorPOD<unsigned int*> threadMaps;
+    kiv::VectorPOD<unsigned int*> threadSegments;
+
+    // Shared steps of the top: splitNode[j] = 1 for the top nodes large enough to share out (see
+    // intraFrontSplit); chunkBounds holds the chunks of the current job (maxColumn + 1 entries); jobs is the
+    // board. intraFrontSplit: whether large top nodes are shared at all (the results are the same bits either
+    // way); applied by the next preparation.
+    kiv::VectorPOD<unsigned char> splitNode;
+    kiv::VectorPOD<unsigned int> chunkBounds;
+    MfJobBoard jobs;
+    bool intraFrontSplit = true;
+    bool preparedSplit = true;
+    // Least estimated work of a shared top node, in the flop units of the split (a hand-out and a wait cost
+    // a few microseconds); applied by the next preparation.
+    double minSharedWork = 40000.0;
+    double preparedMinShared = 0.0;
+    // Number of nodes with splitNode = 1.
+    unsigned int numSplitNodes = 0;
+
     // Work arrays of the preparation.
     kiv::VectorPOD<double> nodeWork;
     kiv::VectorPOD<double> subtreeWork;
@@ -325,6 +389,7 @@ public:
     // True when the manager was prepared for this filled pattern (same n, entry count, colPointers and
     // rowIndices), these block sizes (sizes[0 .. n-1]) and this thread count. Cost O(n + entries), no
     // allocation.
+    // The settings of the intra-front split must also be the ones prepared for.
     bool isPreparedFor(const SkeletonMatrix& pattern, const unsigned int* sizes,
                        unsigned int numThreads) const;
 
@@ -401,6 +466,9 @@ public:
     double setupTime;
     // The system being factored.
     kivTamber::TamberData<T>* data;
+    // Smallest block index whose diagonal block gave a zero or non-finite pivot; ~0u while none did. With
+    // data->stopAtBadPivot the workers skip the nodes above it.
+    std::atomic<unsigned int> badBlock{~0u};
 
     // Processes the nodes that the calling worker thread owns (its index from kiv::ThreadTask), depth-first
     // from its (root, thread) pairs: for each node, assemble the input column, pull the update lists of the

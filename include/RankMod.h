@@ -14,7 +14,7 @@
 //
 // Numbering: an equation is (block, local) with `block` in the FACTOR's numbering, i.e. the permuted block
 // order of data.factor and data.matrix (factorBlock = data.permutation.inverse[userBlock]; `local` is the
-// same in both numberings). toFactorNumbering does that mapping.
+// same in both numberings). toFactorNumbering does that mapping (with block merging: its Analyzer form).
 //
 // What apply does, in this order:
 //  1. checks every request (block < n, local < block size); an invalid one fails the call before anything
@@ -55,6 +55,7 @@
 
 #include <kiv/VectorPOD.h>
 
+#include "Analysis.h"
 #include "Tamber.h"
 #include "TamberUpdate.h"
 #include "TamberUtils.h"
@@ -110,10 +111,23 @@ public:
     // Number of active scalar equations.
     unsigned long numActive() const;
 
-    // The equation `local` of the user's block `userBlock` in the factor's numbering.
+    // The equation `local` of the user's block `userBlock` in the factor's numbering, for data whose blocks
+    // are the user's blocks permuted (an analysis without block merging, or data filled by hand). With
+    // merging the data's blocks are groups of user blocks and data.permutation is not the user's: use the
+    // Analyzer form below.
     static Equation toFactorNumbering(const TamberData<double>& data, unsigned int userBlock,
                                       unsigned int local) {
         return Equation(data.permutation.inverse[userBlock], local);
+    }
+
+    // The same through the analyzer that filled data, right with and without merging. False, `out`
+    // unchanged, when userBlock or local is out of range.
+    static bool toFactorNumbering(const Analysis::Analyzer& analyzer, unsigned int userBlock, unsigned int local,
+                                  Equation& out) {
+        unsigned int block = 0, inBlock = 0;
+        if (!analyzer.factorPosition(userBlock, local, block, inBlock)) return false;
+        out = Equation(block, inBlock);
+        return true;
     }
 
 private:

@@ -7,6 +7,9 @@
 #ifndef KIVTAMBER_REORDERING_H
 #define KIVTAMBER_REORDERING_H
 
+#include <kiv/VectorPOD.h>
+
+#include <algorithm>
 #include <cstddef>
 
 #include "EliminationTree.h"
@@ -98,6 +101,106 @@ bool centroidOrder(unsigned int n, unsigned int firstConstraint, const unsigned 
 using AllocateFunction = void* (*)(std::size_t count, std::size_t size);
 using ReleaseFunction = void (*)(void* pointer);
 void setSymamdMemoryFunctions(AllocateFunction allocate, ReleaseFunction release);
+
+// ---------------------------------------------------------------------------------------------------------
+// Orderings that keep the safe-order rule of a block saddle-point problem (stated in Analysis.h): blocks
+// 0 .. firstConstraint-1 are bodies, the others constraints. Used by Analysis::Analyzer, which checks the
+// problem first; like everything here they trust their input.
+// ---------------------------------------------------------------------------------------------------------
+
+constexpr unsigned int kNoBlock = 0xFFFFFFFFu;
+
+// The block graph: full symmetric adjacency of the pattern without the diagonal, every list ascending (so a
+// block's bodies come before its constraints).
+struct BlockGraph {
+    unsigned int n = 0;
+    unsigned int firstConstraint = 0;
+    kiv::VectorPOD<unsigned int> ptr;  // [n + 1]
+    kiv::VectorPOD<unsigned int> adj;  // [2 · off-diagonal entries]
+
+    const unsigned int* begin(unsigned int v) const { return adj.data() + ptr[v]; }
+    const unsigned int* end(unsigned int v) const { return adj.data() + ptr[v + 1]; }
+    bool isBody(unsigned int v) const { return v < firstConstraint; }
+    bool adjacent(unsigned int u, unsigned int v) const { return std::binary_search(begin(u), end(u), v); }
+};
+
+// The graph of a pattern in list form (colPointers [n + 1], rowIndices [colPointers[n]], well formed).
+// fill: workspace, grown to n entries.
+void buildBlockGraph(unsigned int n, unsigned int firstConstraint, const unsigned int* colPointers,
+                     const unsigned int* rowIndices, BlockGraph& g, kiv::VectorPOD<unsigned int>& fill);
+
+// The rule on an order (forward [n]: the block placed k-th; inverse [n]: the position of each block):
+// lastBody = the body of constraint c placed last; lastOtherConstraint = the constraint of body b other than
+// c placed last (kNoBlock when none); satisfiesRule = the constraint at position k satisfies S or R (R only
+// with allowR); firstRuleOffence = the first position that breaks the rule, or n.
+unsigned int lastBody(const BlockGraph& g, unsigned int c, const unsigned int* inverse);
+unsigned int lastOtherConstraint(const BlockGraph& g, unsigned int b, unsigned int c,
+                                 const unsigned int* inverse);
+bool satisfiesRule(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                   unsigned int k, bool allowR);
+unsigned int firstRuleOffence(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                              bool allowR);
+
+struct RepairWork {
+    kiv::VectorPOD<unsigned int> inverse, offenders, anchor, sorted, sortedAnchor, start, rebuilt;
+    kiv::VectorPOD<unsigned char> isOffender;
+};
+
+// Moves every constraint that breaks the rule to the end of the run of constraints that follows its last body
+// (rule S), round after round: a move can make another constraint of the same body break rule R. A moved
+// constraint satisfies S for good, so there is at most one round per constraint (in practice a few). Bodies
+// and the constraints that satisfy the rule keep their relative order. order: in/out [n], a permutation.
+// Returns the number of moves.
+unsigned long repairRule(const BlockGraph& g, kiv::VectorPOD<unsigned int>& order, RepairWork& w,
+                         bool allowR);
+
+// Work memory of the standard ordering's steps, kept from call to call.
+struct SafeOrderWork {
+    struct Arrays;
+    Arrays* arrays;
+    SafeOrderWork();
+    ~SafeOrderWork();
+    SafeOrderWork(const SafeOrderWork&) = delete;
+    SafeOrderWork& operator=(const SafeOrderWork&) = delete;
+};
+
+// Steps 1 and 2 of the standard ordering (Analysis::Ordering::standard). 1 (peel): repeatedly a body with at
+// most one unplaced neighbour is placed, and when that neighbour is a constraint with at most one other
+// unplaced neighbour the constraint right after it (rule R); no step makes fill, so the degrees stay exact.
+// 2: the rest by CCOLAMD's csymamd on the remaining block graph, bodies in constraint set 0 and constraints
+// in set 1 (rule S). order: out [n]. remainingBodies: out, the bodies left to step 2. fallback: out, csymamd
+// ran out of memory and the rest is in the user's numbering (bodies first). Returns the number of peeled
+// blocks. The placed flags stay in `work` for constraintNestedDissection.
+unsigned int peelAndMinimumDegree(const BlockGraph& g, bool peel, kiv::VectorPOD<unsigned int>& order,
+                                  SafeOrderWork& work, unsigned int& remainingBodies, bool& fallback);
+
+// Step 3's candidate: candidate = order[0 .. placedCount) + the remaining bodies in their order + the
+// remaining constraints in a METIS nested-dissection order of the constraint graph (two constraints adjacent
+// when they share a remaining body, or a group of remaining bodies coupled among themselves; vertex weight =
+// rows, sizes [n]). Precondition: peelAndMinimumDegree produced `order` with this `work`. False when METIS
+// fails (candidate unusable).
+bool constraintNestedDissection(const BlockGraph& g, const unsigned int* sizes,
+                                const kiv::VectorPOD<unsigned int>& order, unsigned int placedCount,
+                                unsigned int remainingBodies, kiv::VectorPOD<unsigned int>& candidate,
+                                SafeOrderWork& work);
+
+// Work memory of symamdSafeOrder.
+struct SymamdWork {
+    SkeletonMatrix userPattern, permuted;
+    EliminationTree tree;
+    Permutation permutation;
+    ScratchPad pad;
+    RepairWork repair;
+    kiv::VectorPOD<unsigned int> saved;
+};
+
+// Analysis::Ordering::symamdSwap: symamd on the whole pattern (list form, colPointers/rowIndices), then
+// zeroLeafSwap, then repairRule (on symamd's order when the swap fails: swapFailed). order: out [n].
+// fallback: out, symamd failed (the identity was used). Returns the repair's moves.
+unsigned long symamdSafeOrder(const BlockGraph& g, const unsigned int* colPointers,
+                              const unsigned int* rowIndices, bool allowR,
+                              kiv::VectorPOD<unsigned int>& order, SymamdWork& w, bool& swapFailed,
+                              bool& fallback);
 
 }  // namespace Reordering
 }  // namespace kivTamber

@@ -142,9 +142,11 @@ struct SolverOptions {
     OrderingMethod ordering = OrderingMethod::automatic;
     // Block merging (larger dense blocks along the elimination tree) where the analysis predicts a gain.
     bool mergeBlocks = true;
-    // Worker threads: 0 = decide by predicted work (small systems stay serial), 1 = serial, k = the
-    // multifrontal factorization on k threads.
+    // Worker threads: 0 = decide by predicted work (small systems stay serial; at most maxThreads), 1 =
+    // serial, k = the multifrontal factorization on k threads.
     unsigned int threads = 0;
+    // With threads = 0: the most threads the object may use; 0 = the processors of the machine.
+    unsigned int maxThreads = 0;
     // Steps of iterative refinement against the true matrix after each solve (0 = none). The best iterate
     // (smallest residual) is kept.
     unsigned int refinementSteps = 1;
@@ -258,6 +260,10 @@ public:
     // Block A(i, j) of the general pattern (or of the body/constraint system, with bodies numbered first),
     // s_i × s_j row-major; (i, j) or (j, i) must be in the pattern.
     Status setBlock(unsigned int i, unsigned int j, const T* values);
+    // Every block of a structure given as an Analysis::Problem at once, in the layout of
+    // Analysis::Analyzer::setBlocks: entry e of the problem's pattern (the e-th element of its rowIndices,
+    // block A(i, j), i <= j, s_i × s_j row-major, a diagonal block in full) at values + valuePointers[e].
+    Status setPatternValues(const T* values, const unsigned long* valuePointers);
     // All values at once, each array the blocks concatenated in the order of the structure (bodies by id;
     // Jacobians and couplings in the order they were added; compliance blocks of the compliant constraints
     // by id). Any pointer may be null to leave that kind unchanged.

@@ -56,6 +56,10 @@ public:
     unsigned long colCapacity;
     // Number of blocks the block arrays can hold.
     unsigned long blockCapacity;
+    // Elements of `values` that tiles handed out since the values were last zeroed can reach: every element
+    // at or after it is zero. acquireBlock and the factor layouts raise it, clear lowers it to 0 (so that
+    // clear costs the values in use, not the capacity). Writers stay inside their tiles.
+    unsigned long valueExtent;
 
     // Empty matrix: every pointer null, every count and capacity zero.
     SparseMatrix();
@@ -70,8 +74,9 @@ public:
     void setSize(unsigned long numBlockCols, unsigned long numBlockRows, unsigned long blockCount,
                  unsigned long valueCount);
 
-    // Zeroes the values and the four per-column arrays, sets numBlocks, numBlockCols and numBlockRows to
-    // zero; keeps every allocation. rowIndices, blockFlags and blockPointers are left as they are.
+    // Zeroes the values (the first valueExtent elements: the others are zero already) and the four
+    // per-column arrays, sets numBlocks, numBlockCols, numBlockRows and valueExtent to zero; keeps every
+    // allocation. rowIndices, blockFlags and blockPointers are left as they are.
     void clear();
 
     // Appends block (row, col), rowSize × colSize, to block column `col` and returns the start of its tile

@@ -95,18 +95,22 @@ public:
     double getFactorTime() const;
     double getSolveTime() const;
 
-    // Lays out `data.factor` for the filled pattern `data.skeleton` and counts the work of a factorization.
-    // nb = data.skeleton.n; the factor is cleared and sized for nb block columns, P = (pattern entries)
-    // blocks and 8·P values, then gets one placeholder block per pattern entry, in pattern order, of logical
-    // size 1×1 (2×2 reserved for double): the right block structure, no values, block sizes all 1. A
-    // following factorization rebuilds it with the true sizes.
+    // Lays out `data.factor` and `data.scaledFactor` for the filled pattern `data.skeleton` and the block
+    // sizes of `data.matrix`, and counts the work of a factorization. This is the layout the factorizations
+    // use: one tile per pattern entry in pattern order (block index = entry index, LD flags 0), at the padded
+    // sizes, back to back; each matrix is sized for nb block columns, P = (pattern entries) blocks and
+    // 64 + Σ p_i·p_j values, reallocated only when too small, and its values are zeroed only when the layout
+    // differs from the one it held. Called again on the same structure it allocates, zeroes and moves nothing
+    // (the factor's values stay as they are). Call it whenever the structure changes; a factorization that
+    // finds a layout of another structure makes it itself.
     // Preconditions: `data.skeleton` holds the filled pattern by block rows (per row i the ascending columns
     // j <= i, diagonal last) and `data.matrix` the input in the same order, its block column i holding the
     // blocks (j, i), j <= i ascending, diagonal last, a subset of the pattern.
     // work: out, may be null; receives Σ over block rows i of [ the number of off-diagonal entries (i, j)
     // plus, for each of them, the number of columns k < j present in both row i and row j ], the number of
     // block triangular solves and block products of the off-diagonal blocks in factorSerial (the updates of
-    // the diagonal blocks are not counted separately). nb = 0 writes 0.
+    // the diagonal blocks are not counted separately). nb = 0 writes 0. The count is 32 bits and wraps
+    // beyond 2³² − 1.
     // Returns the number of fill blocks (pattern entries that are not in the input matrix).
     // Aborts with "Not enough memory, <used> <capacity>" when the factor's block capacity is exceeded.
     template <typename T>
@@ -123,6 +127,14 @@ public:
     // `factorTime` to the duration (setup plus numeric phase) and `solveTime` to 0. A zero pivot yields
     // non-finite values, not an error. Once the matrices and the scratch pad have seen a structure, a
     // factorization of it allocates nothing.
+    // The layout of L and LD is the one estimateWork makes; it is not made again while the structure stays
+    // the same. Each block row is checked against the pattern and the block sizes when the factorization
+    // reaches it (O(1) per entry); on a mismatch both matrices are laid out anew and the factorization starts
+    // over from row 0.
+    // `data.badPivot` receives the first zero or non-finite pivot in elimination order (checked after each
+    // diagonal block's dense factorization); with `data.stopAtBadPivot` = 1 the factorization returns right
+    // there, after O(work up to that block), with `isFactored` = 0, the rows after that block untouched and
+    // LD(i, i) of that block not written. factorTime is set either way.
     template <typename T>
     void factorSerial(TamberData<T>& data);
 
@@ -151,6 +163,14 @@ public:
     template <typename T>
     bool prepareMultifrontal(TamberData<T>& data);
 
+    // The worker threads to factor `data` with: 1 means the serial factorization, P > 1 the multifrontal one
+    // on P threads. Decided from the predicted work (see Multifront.h, "Choosing the thread count"); prepares
+    // `data.multifront` for P threads on the way (reused while the structure stays, so that calling this
+    // every step allocates nothing after the first). maxThreads: the most threads wanted, 0 for the
+    // processors of the machine. Preconditions as factorMF.
+    template <typename T>
+    unsigned int chooseThreads(TamberData<T>& data, unsigned int maxThreads);
+
     // x ← A⁻¹·x in place (x: in/out, N elements). Factors first when `data.isFactored` is 0.
     template <typename T>
     bool solve(TamberData<T>& data, T* x);
@@ -174,6 +194,8 @@ extern template void Tamber::factorSerial<float>(TamberData<float>&);
 extern template void Tamber::factorSerial<double>(TamberData<double>&);
 extern template void Tamber::factorMF<float>(TamberData<float>&);
 extern template void Tamber::factorMF<double>(TamberData<double>&);
+extern template unsigned int Tamber::chooseThreads<float>(TamberData<float>&, unsigned int);
+extern template unsigned int Tamber::chooseThreads<double>(TamberData<double>&, unsigned int);
 extern template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
 extern template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
 extern template bool Tamber::solve<float>(TamberData<float>&, float*);

@@ -106,7 +106,18 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 // factor when data.isFactored is 0, does not check for an empty factor, does not skip leading zero blocks
 // and does not add to solveTime. A caller of the double solve factors beforehand (Tamber::factorSerial or
 // a float/unit solve). The same holds for Tamber::solve<double>(data, b, x), which copies b into x first.
+// isFactored is not read, so the result says nothing about the factor: on an object that was never factored
+// (no block columns, no pivots) x comes back unchanged, that is x = b, and the call still returns true; after
+// a factorization stopped at a bad pivot (isFactored = 0) it runs over the incomplete factor. A caller that
+// can meet either case checks data.isFactored (and data.badPivot) itself before solving.
 bool solve(const TamberData<double>& data, double* x);
+
+// Several right-hand sides at once: x holds numRhs vectors of N doubles, column-major, vector r starting at
+// x + r·ld (ld >= N). Each vector receives exactly the operations of solve(data, x + r·ld), in the same
+// order, so the results equal numRhs single solves bit for bit; the passes read each tile of the factor once
+// for all vectors instead of once per vector. numRhs = 0 does nothing. Same preconditions and the same
+// unchecked isFactored as solve. Returns true.
+bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld);
 
 // The same on x.data, with the vector form of diagSolve: a size mismatch between x and data.diagonal skips
 // the diagonal step silently. x: in/out. Returns true.

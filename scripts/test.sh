@@ -11,7 +11,8 @@ cd "$(dirname "$0")/.."
 root=$(pwd)
 
 "$root/scripts/deps.sh" g++ cmake make pkg-config libgtest-dev libbenchmark-dev \
-  libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev zlib1g-dev libeigen3-dev
+  libsuitesparse-dev libmetis-dev libopenthreads-dev libapr1-dev zlib1g-dev libeigen3-dev \
+  clang libclang-rt-dev python3-dev pybind11-dev python3-numpy python3-scipy python3-pytest
 
 jobs=$(nproc 2>/dev/null || echo 2)
 gen=()
@@ -28,6 +29,16 @@ build build -DCMAKE_BUILD_TYPE=Release
 echo "== Release tests"
 (cd build && ctest --output-on-failure -j "$jobs" --no-tests=error)
 
+# The Python module, built by the Release build for Debian's interpreter (the one with Debian's NumPy and
+# SciPy); its suite runs in Release only (the sanitizer builds leave the module out).
+echo "== Python module tests"
+if [ ! -f build/python/kivtamber/__init__.py ]; then
+  echo "the Python module was not built (see the CMake output of the Release build)" >&2
+  exit 1
+fi
+KIVTAMBER_DATA_DIR="${KIVTAMBER_DATA_DIR:-$root/../shared/data/real}" PYTHONPATH="$root/build/python" \
+  /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/python/tests"
+
 if [ "${SKIP_SANITIZERS:-0}" = "1" ]; then exit 0; fi
 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer build"
@@ -37,8 +48,28 @@ echo "== AddressSanitizer + UndefinedBehaviorSanitizer tests"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --output-on-failure -j "$jobs" --no-tests=error)
 
+# ---------------------------------------------------------------------------------------------------------
+# Fuzz targets of tamber-solve (fuzz/): the seed corpora replayed in the sanitizer build (plain replay
+# drivers with g++), then, when clang has libFuzzer, a short timed fuzz of every target (FUZZ_SECONDS each,
+# default 12; FUZZ_SECONDS=0 skips it). Long campaigns: scripts/fuzz.sh.
+echo "== Fuzz corpus replay (AddressSanitizer + UndefinedBehaviorSanitizer)"
+cmake -S "$root" -B "$root/build-asan" "${gen[@]}" -DKIVTAMBER_BUILD_FUZZ=ON >/dev/null
+cmake --build "$root/build-asan" -j "$jobs" --target kivtamber-fuzz
+(cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  ctest --output-on-failure -L fuzz --no-tests=error)
+fuzz_seconds=${FUZZ_SECONDS:-12}
+if [ "$fuzz_seconds" != 0 ] && command -v clang++ >/dev/null 2>&1 &&
+  echo 'extern "C" int LLVMFuzzerTestOneInput(const unsigned char*, unsigned long) { return 0; }' |
+  clang++ -x c++ -fsanitize=fuzzer - -o /dev/null >/dev/null 2>&1; then
+  echo "== Short fuzz with libFuzzer ($fuzz_seconds s per target)"
+  SECONDS_EACH=$fuzz_seconds RUNS=-1 TOOL_RUNS=-1 "$root/scripts/fuzz.sh"
+else
+  echo "== Short fuzz skipped (no clang with libFuzzer, or FUZZ_SECONDS=0)"
+fi
+# ---------------------------------------------------------------------------------------------------------
+
 # ThreadSanitizer: the tests of the threaded code (labelled by file name).
-tsan_tests=$(cd tests && ls *_test.cpp 2>/dev/null | grep -E 'Thread|Multifront' | sed 's/\.cpp$//' || true)
+tsan_tests=$(cd tests && ls *_test.cpp 2>/dev/null | grep -E 'Thread|Multifront|Solver' | sed 's/\.cpp$//' || true)
 if [ -n "$tsan_tests" ]; then
   echo "== ThreadSanitizer build"
   cmake -S "$root" -B "$root/build-tsan" "${gen[@]}" -DKIVTAMBER_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo \

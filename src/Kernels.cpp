@@ -4,6 +4,10 @@
 #include <emmintrin.h>
 #include <xmmintrin.h>
 
+#include <array>
+#include <cstddef>
+#include <utility>
+
 #include "FactorCommon.h"
 
 namespace kivTamber {
@@ -99,6 +103,71 @@ void mmABtDoubleBlocked(const double* A, int lda, const double* B, int ldb, doub
             }
         }
     }
+}
+
+// mmABtDoubleBlocked for padded sizes NP, MP, KP (even, at most 6) fixed at compile time: the same
+// operations for every entry, as straight-line code for the small tiles of physics systems (the general
+// loops spend about as many instructions on their control as on the arithmetic there).
+template <int Sign, bool Lower, int NP, int MP, int KP>
+void mmABtDoubleFixed(const double* A, int lda, const double* B, int ldb, double* C, int ldc) {
+    KIVTAMBER_UNROLL
+    for (int i = 0; i < NP; i += 2) {
+        const double* A0 = A + at(i, lda, 0);
+        const double* A1 = A0 + lda;
+        double* C0 = C + at(i, ldc, 0);
+        double* C1 = C0 + ldc;
+        KIVTAMBER_UNROLL
+        for (int j = 0; j < (Lower ? i + 1 : MP); j += 2) {
+            const double* B0 = B + at(j, ldb, 0);
+            const double* B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd();
+            __m128d s01 = _mm_setzero_pd();
+            __m128d s10 = _mm_setzero_pd();
+            __m128d s11 = _mm_setzero_pd();
+            KIVTAMBER_UNROLL
+            for (int p = 0; p < KP; p += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + p);
+                const __m128d a1 = _mm_load_pd(A1 + p);
+                const __m128d b0 = _mm_load_pd(B0 + p);
+                const __m128d b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
+            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+            if (Sign < 0) {
+                _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), r1));
+            } else {
+                _mm_store_pd(C0 + j, _mm_add_pd(_mm_load_pd(C0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_add_pd(_mm_load_pd(C1 + j), r1));
+            }
+        }
+    }
+}
+
+using FixedProduct = void (*)(const double*, int, const double*, int, double*, int);
+
+// The fixed kernels of every padded size triple (2, 4 or 6 each), indexed by (n/2 − 1)·9 + (m/2 − 1)·3 +
+// (k/2 − 1) with the sizes rounded up to even.
+template <int Sign, bool Lower, std::size_t... I>
+constexpr std::array<FixedProduct, sizeof...(I)> fixedProducts(std::index_sequence<I...>) {
+    return {{&mmABtDoubleFixed<Sign, Lower, 2 * (int(I) / 9 + 1), 2 * (int(I) / 3 % 3 + 1),
+                               2 * (int(I) % 3 + 1)>...}};
+}
+
+// mmABtDoubleBlocked through a fixed kernel when every size is at most 6; false (nothing done) otherwise.
+template <int Sign, bool Lower>
+inline bool mmABtDoubleSmall(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n,
+                             int m, int k) {
+    static constexpr std::array<FixedProduct, 27> table =
+        fixedProducts<Sign, Lower>(std::make_index_sequence<27>());
+    if (n > 6 || m > 6 || k > 6) return false;
+    table[static_cast<std::size_t>(((n + 1) / 2 - 1) * 9 + ((m + 1) / 2 - 1) * 3 + ((k + 1) / 2 - 1))](
+        A, lda, B, ldb, C, ldc);
+    return true;
 }
 
 // y ∓= alpha·A·x, term (a_ij·alpha)·x_j.
@@ -236,6 +305,7 @@ void tamber_MM_CM_ABt(const double* A, int lda, const double* B, int ldb, double
         }
         return;
     }
+    if (mmABtDoubleSmall<-1, false>(A, lda, B, ldb, C, ldc, n, m, k)) return;
     mmABtDoubleBlocked<-1>(A, lda, B, ldb, C, ldc, n, m, k);
 }
 
@@ -262,6 +332,7 @@ void subtractABtLower(const double* A, int lda, const double* B, int ldb, double
         tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k);
         return;
     }
+    if (mmABtDoubleSmall<-1, true>(A, lda, B, ldb, C, ldc, n, n, k)) return;
     mmABtDoubleBlocked<-1, true>(A, lda, B, ldb, C, ldc, n, n, k);
 }
 
@@ -365,5 +436,55 @@ void tamber_SM_UD(const float* L, int ldL, float* X, int /*ldX*/, int m, int n) 
     // Rows of X stepped by ldL (not ldX) and divided by diag(L): both kept, the factorization relies on them.
     for (int r = 0; r < m; ++r) tamber_SV_TRIL(L, ldL, X + at(r, ldL, 0), n);
 }
+
+// ------------------------------------------------------------------------------ sized kernels, fast form
+
+namespace kernels {
+namespace fast {
+
+void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d) {
+    kernels::factorDiagonalBlock(W, p, s, d);
+}
+void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d) {
+    kernels::factorDiagonalBlock(W, p, s, d);
+}
+void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s) {
+    kernels::solveUnitDiagonal(L, p, W, rows, s);
+}
+bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip, const double* d) {
+    return kernels::finishSmallBlock(L, W, LD, rows, s, recip, d);
+}
+void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
+                  unsigned int p) {
+    kernels::scaleColumnsAnySize(X, d, Y, rows, s, p);
+}
+void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
+                  unsigned int p) {
+    kernels::scaleColumnsAnySize(X, d, Y, rows, s, p);
+}
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k) {
+    factorCommon::subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k) {
+    factorCommon::subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
+                        unsigned int sj) {
+    kernels::forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
+}
+void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    kernels::forwardDiagonalPaired(U, ld, xj, sj);
+}
+void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    kernels::backwardDiagonalPaired(U, ld, xj, sj);
+}
+void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
+                         unsigned int si) {
+    kernels::backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
+}
+
+}  // namespace fast
+}  // namespace kernels
 
 }  // namespace kivTamber

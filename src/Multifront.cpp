@@ -8,6 +8,8 @@
 #include <xmmintrin.h>
 
 #include <algorithm>
+#include <atomic>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 #include <initializer_list>
@@ -27,6 +29,9 @@ constexpr unsigned int noNode = 0xFFFFFFFFu;
 // Scratch-pad slots of the per-thread reciprocal pivots (float or double arrays), one per thread from the
 // base.
 constexpr unsigned long reciprocalSlotBase = 0x100100;
+// Int slots of the per-thread row maps and part-entry lists of the part kernel, one per thread from the base.
+constexpr unsigned long mapSlotBase = 0x100200;
+constexpr unsigned long segmentSlotBase = 0x100300;
 inline float* reciprocalSlot(ScratchPad& pad, unsigned long slot, unsigned long count, const float*) {
     return pad.getFloatArray(slot, count);
 }
@@ -41,6 +46,12 @@ constexpr unsigned int maxOwners = 256;
 constexpr double handOverCost = 1500.0;
 // Estimated fixed cost of one block operation (call, loop set-up), in flops.
 constexpr double blockOpCost = 30.0;
+
+// The choice of the thread count (see Multifront.h): least work for threads, least predicted gain, and the
+// cost of waking the workers and waiting for them, in the flop units of the split.
+constexpr double parallelMinWork = 2.5e6;
+constexpr double parallelMinGain = 1.2;
+constexpr double dispatchWork = 2e5;
 
 // Processors of the machine, read once.
 unsigned int processorCount() {
@@ -134,7 +145,8 @@ bool MultifrontManager<T>::isPreparedFor(const SkeletonMatrix& pattern, const un
     const unsigned int threads = numThreads == 0 ? 1u : numThreads;
     const unsigned long n = pattern.n;
     const unsigned long entries = pattern.numEntries();
-    if (!isPrepared || n != preparedBlocks || entries != preparedEntries || threads != preparedThreads) {
+    if (!isPrepared || n != preparedBlocks || entries != preparedEntries || threads != preparedThreads ||
+        intraFrontSplit != preparedSplit || minSharedWork != preparedMinShared) {
         return false;
     }
     if (n == 0) return true;
@@ -369,6 +381,59 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         }
     }
 
+    // Parts: the root of each non-top node's part (parents before children in descending order), the nodes
+    // of every part ascending, the part roots of every thread ascending.
+    part.resize(n);
+    partBegin.resize(n);
+    partEnd.resize(n);
+    partNodes.resize(n);
+    for (unsigned int j = n; j-- > 0;) {
+        const unsigned int p = nodes[j].parent;
+        part[j] = isTop[j] ? noNode : (p == j || isTop[p]) ? j : part[p];
+        partBegin[j] = partEnd[j] = 0;
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        if (part[j] != noNode) ++partEnd[part[j]];
+    }
+    threadPartBegin.resize(owners + 1ul);
+    std::fill(threadPartBegin.begin(), threadPartBegin.end(), 0u);
+    unsigned int placed = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        if (part[j] != j) continue;
+        const unsigned int count = partEnd[j];
+        partBegin[j] = partEnd[j] = placed;
+        placed += count;
+        ++threadPartBegin[nodes[j].owner + 1ul];
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        if (part[j] != noNode) partNodes[partEnd[part[j]]++] = j;
+    }
+    for (unsigned int t = 0; t < owners; ++t) threadPartBegin[t + 1ul] += threadPartBegin[t];
+    threadParts.resize(threadPartBegin[owners]);
+    order.resize(owners);
+    for (unsigned int t = 0; t < owners; ++t) order[t] = threadPartBegin[t];
+    for (unsigned int j = 0; j < n; ++j) {
+        if (part[j] == j) threadParts[order[nodes[j].owner]++] = j;
+    }
+    reciprocalOffsets.resize(n);
+    unsigned long reciprocals = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        reciprocalOffsets[j] = reciprocals;
+        reciprocals += factorCommon::padded<T>(sizes[j]);
+    }
+    reciprocalStore.resize(reciprocals + 2);
+
+    // Top nodes worth sharing out: enough work to outweigh a hand-out and a wait (a few microseconds), and at
+    // least two blocks to share.
+    splitNode.resize(n);
+    numSplitNodes = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        const bool share = intraFrontSplit && owners > 1 && isTop[j] && nodeWork[j] >= minSharedWork &&
+                           colPointers[j + 1] - colPointers[j] >= 3;
+        splitNode[j] = share ? 1 : 0;
+        numSplitNodes += share ? 1 : 0;
+    }
+
     // Boundaries (parent owned by another thread), foreign-children flags, (root, thread) pairs.
     unsigned long numBoundaries = 0, updateCount = 0, updateElements = 0;
     for (unsigned int j = 0; j < n; ++j) {
@@ -445,6 +510,19 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
         scalarSize += sizes[i];
     }
 
+    chunkBounds.resize(maxColumn + 2ul);
+
+    // Predicted length: the largest thread's parts, then the top, whose shared steps (about all of a shared
+    // node's work but its diagonal block) go at the speed of the threads that can run at once.
+    double topTime = topWork;
+    for (unsigned int j = 0; j < n; ++j) {
+        if (!splitNode[j]) continue;
+        const double s_j = sizes[j], diagonal = s_j * s_j * s_j / 3.0;
+        topTime -= (nodeWork[j] - diagonal) * (1.0 - 1.0 / parallel);
+    }
+    predictedTime = (owners > 1 ? maxThreadWork : totalWork) + topTime;
+    preparedSplit = intraFrontSplit;
+    preparedMinShared = minSharedWork;
     preparedBlocks = n;
     preparedEntries = entries;
     preparedThreads = threads;
@@ -629,14 +707,84 @@ struct Worker {
     unsigned int* cursors;  // [maxColumn] work array of the update step
     T* reciprocals;         // [largest padded block size] the reciprocal pivots of the node being solved
     unsigned char t;
+    // Smallest node index whose block holds a zero or non-finite pivot, noNode while none was met; shared by
+    // the workers of one factorization.
+    std::atomic<unsigned int>* badBlock;
+    // Nodes beyond badBlock are skipped (only published, so that no waiter is left behind).
+    bool stopAtBadPivot;
+
+    // The part kernel's row map: rowOf[k] = i when row i holds a finished entry in column k, at entry
+    // entryOf[k] (both [nb], rowOf reset to noNode at the start of the factorization). segments: the entries
+    // of the part in the rows above it.
+    unsigned int* rowOf;
+    unsigned int* entryOf;
+    unsigned int* segments;
+
+    // The board of the shared steps of the top's large nodes; null when they are not shared.
+    MfJobBoard* jobs;
 
     void process(unsigned int j);
+    void publish(MfNode<T>& node);
+    void finishBlocks(unsigned int j, unsigned int kBegin, unsigned int kEnd);
+    void updateColumns(unsigned int j, unsigned int aBegin, unsigned int aEnd);
+    void runChunk(unsigned int kind, unsigned int j, unsigned int c);
+    bool helpOnce();
+    void shareOut(unsigned int kind, unsigned int j, unsigned int m);
+    void helpUntilClosed();
+    void runPart(unsigned int x);
+    void offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j);
+    void diagonalRow(unsigned int i);
+    bool skipped(unsigned int i) const {
+        return stopAtBadPivot && i > badBlock->load(std::memory_order_relaxed);
+    }
 };
+
+// X ← the tile of input block a (p_r·p_c elements, padding included), or zero for a fill block (a = noNode).
+template <typename T>
+inline void loadTile(T* X, const T* const* inputTiles, unsigned int a, unsigned long count) {
+    if (a != noNode) {
+        factorCommon::copyTile(X, inputTiles[a], count);
+    } else {
+        std::memset(static_cast<void*>(X), 0, count * sizeof(T));
+    }
+}
+
+// True for a zero or non-finite pivot.
+template <typename T>
+inline bool isBadPivot(T d) {
+    return !(std::isfinite(d) && d != T(0));
+}
+
+// badBlock ← min(badBlock, j).
+inline void lowerBadBlock(std::atomic<unsigned int>& badBlock, unsigned int j) {
+    unsigned int seen = badBlock.load(std::memory_order_relaxed);
+    while (j < seen && !badBlock.compare_exchange_weak(seen, j, std::memory_order_relaxed)) {
+    }
+}
+
+template <typename T>
+void Worker<T>::publish(MfNode<T>& node) {
+    if (!node.waitBlock) {
+        node.done = 1;
+    } else {
+        node.waitBlock->lock();
+        node.done = 1;
+        node.waitBlock->signal();
+        node.waitBlock->unlock();
+    }
+}
 
 template <typename T>
 void Worker<T>::process(unsigned int j) {
     MfNode<T>* const nodes = M.nodes.data();
     MfNode<T>& node = nodes[j];
+    // A bad pivot met in an earlier node ends the work above it: nodes of lower index never depend on it (its
+    // descendants precede it), so whatever is skipped, every node up to the first bad one is factored in full
+    // and that one is found, whatever the timing.
+    if (stopAtBadPivot && j > badBlock->load(std::memory_order_relaxed)) {
+        publish(node);
+        return;
+    }
     const unsigned int k0 = M.colPointers[j];
     const unsigned int m = M.colPointers[j + 1] - k0 - 1;   // off-diagonal rows
     const unsigned int* rows = M.colRows.data() + k0;       // rows[0] = j, rows[1 .. m] = r_1 < … < r_m
@@ -665,6 +813,12 @@ void Worker<T>::process(unsigned int j) {
     __builtin_prefetch(LDjj, 1);
     __builtin_prefetch(dj, 1);
     fc::factorDiagonalBlock(Ljj, p_j, s_j, dj);
+    for (unsigned int c = 0; c < s_j; ++c) {
+        if (isBadPivot(dj[c])) {
+            lowerBadBlock(*badBlock, j);
+            break;
+        }
+    }
     for (unsigned int r = 0; r < s_j; ++r) {
         const unsigned long row = static_cast<unsigned long>(r) * p_j;
         for (unsigned int c = 0; c < s_j; ++c) LDjj[row + c] = Ljj[row + c] * dj[c];  // l_rc·d_c
@@ -678,27 +832,14 @@ void Worker<T>::process(unsigned int j) {
 
     // 3. Off-diagonal blocks, in place in L(r, j): W = F(r, j)·L_jj⁻ᵀ is LD(r, j); L(r, j) = W·D_j⁻¹.
     // The reciprocal pivots once per node (padding 0): the same quotients for every block.
-    T* const recip = reciprocals;
+    T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
     for (unsigned int c = 0; c < s_j; ++c) recip[c] = T(1) / dj[c];
     for (unsigned int c = s_j; c < p_j; ++c) recip[c] = T(0);
-    for (unsigned int k = 1; k <= m; ++k) {
-        T* const W = F[k];
-        const unsigned int s_r = sizes[rows[k]];
-        const char* line = reinterpret_cast<const char*>(W);
-        __builtin_prefetch(line, 1);
-        __builtin_prefetch(line + 64, 1);
-        __builtin_prefetch(line + 128, 1);
-        __builtin_prefetch(line + 192, 1);
-        LD.blockFlags[blocks[k]] = 1;
-        if (finishFrontBlock(Ljj, W, LD.blockPointers[blocks[k]], s_r, s_j, recip)) continue;
-        fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
-        fc::copyTile(LD.blockPointers[blocks[k]], W,
-                     static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j);  // with its zero padding
-        for (unsigned int c = 0; c < s_j; ++c) {
-            const T q = recip[c];
-            for (unsigned int r = 0; r < s_r; ++r)
-                W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
-        }
+    const bool split = M.splitNode[j] != 0 && jobs != nullptr;
+    if (split) {
+        shareOut(MfJobBoard::finish, j, m);
+    } else {
+        finishBlocks(j, 1, m + 1);
     }
 
     // 4. Update: −L(r, j)·D_j·L(s, j)ᵀ for r ≥ s, into the front of s while the path from j to s stays in
@@ -710,27 +851,13 @@ void Worker<T>::process(unsigned int j) {
         if (reached != rows[a]) break;
         direct = a;
         M.front(rows[a]);  // assembled before the first update
-        cursors[a] = 0;
     }
-    // Straight into the fronts, row by row: the tiles F_s(r, s) of one row r lie together in row r of L.
-    // Every tile receives exactly one product from j, so the order of the loops does not change any result.
-    for (unsigned int c = 1; c <= m; ++c) {
-        const unsigned int r = rows[c], s_r = sizes[r];
-        const T* const LDrj = LD.blockPointers[blocks[c]];
-        const unsigned int last = c < direct ? c : direct;
-        for (unsigned int a = 1; a <= last; ++a) {
-            const unsigned int s = rows[a], s_s = sizes[s], p_s = fc::padded<T>(s_s);
-            const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
-            unsigned int pos = cursors[a];
-            while (sRows[pos] != r) ++pos;  // forward scan: r ascends
-            cursors[a] = pos;
-            T* const C = nodes[s].frontBlocks[pos];
-            if (a == c) {
-                subtractProduct(F[a], LD.blockPointers[blocks[a]], p_j, C, p_s, s_s, s_s, s_j);  // −L·LDᵀ
-            } else {
-                subtractProduct(LDrj, F[a], p_j, C, p_s, s_r, s_s, s_j);  // F_s(r, s) −= LD(r, j)·L(s, j)ᵀ
-            }
-        }
+    // Straight into the fronts. Every tile receives exactly one product from j, so neither the order of the
+    // loops nor the share of the workers changes any result.
+    if (split && direct == m) {
+        shareOut(MfJobBoard::update, j, m);
+    } else {
+        updateColumns(j, 1, direct + 1);
     }
     // The rest into the boundary node's update list, entry (r, s) found by a search that continues from the
     // previous match (the list is ordered by s, then r).
@@ -754,21 +881,345 @@ void Worker<T>::process(unsigned int j) {
     }
 
     // 5. Publish.
-    if (!node.waitBlock) {
-        node.done = 1;
+    publish(node);
+}
+
+// Step 3 of node j for its off-diagonal blocks k in [kBegin, kEnd) (1 ≤ k ≤ m): LD(r, j) = F(r, j)·L_jj⁻ᵀ and
+// L(r, j) = LD(r, j)·D_j⁻¹ in place, with the reciprocal pivots of j in the manager's store.
+template <typename T>
+void Worker<T>::finishBlocks(unsigned int j, unsigned int kBegin, unsigned int kEnd) {
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int* rows = M.colRows.data() + k0;
+    const unsigned int* blocks = M.colEntries.data() + k0;
+    T* const* F = M.nodes[j].frontBlocks;
+    const unsigned int s_j = sizes[j], p_j = fc::padded<T>(s_j);
+    const T* const Ljj = F[0];
+    const T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
+    for (unsigned int k = kBegin; k < kEnd; ++k) {
+        T* const W = F[k];
+        const unsigned int s_r = sizes[rows[k]];
+        const char* line = reinterpret_cast<const char*>(W);
+        __builtin_prefetch(line, 1);
+        __builtin_prefetch(line + 64, 1);
+        __builtin_prefetch(line + 128, 1);
+        __builtin_prefetch(line + 192, 1);
+        LD.blockFlags[blocks[k]] = 1;
+        if (finishFrontBlock(Ljj, W, LD.blockPointers[blocks[k]], s_r, s_j, recip)) continue;
+        fc::solveUnitDiagonal(Ljj, p_j, W, s_r, s_j);
+        fc::copyTile(LD.blockPointers[blocks[k]], W,
+                     static_cast<unsigned long>(fc::padded<T>(s_r)) * p_j);  // with its zero padding
+        for (unsigned int c = 0; c < s_j; ++c) {
+            const T q = recip[c];
+            for (unsigned int r = 0; r < s_r; ++r)
+                W[static_cast<unsigned long>(r) * p_j + c] *= q;  // l = w / d_c
+        }
+    }
+}
+
+// Step 4 of node j into the fronts of its rows s = r_a, a in [aBegin, aEnd) (the fronts assembled):
+// F_s(r, s) −= LD(r, j)·L(s, j)ᵀ for the rows r ≥ s of j, located in s's pattern by a forward scan; the
+// diagonal tile F_s(s, s) on its lower triangle only (its factorization reads nothing else).
+template <typename T>
+void Worker<T>::updateColumns(unsigned int j, unsigned int aBegin, unsigned int aEnd) {
+    MfNode<T>* const nodes = M.nodes.data();
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int m = M.colPointers[j + 1] - k0 - 1;
+    const unsigned int* rows = M.colRows.data() + k0;
+    const unsigned int* blocks = M.colEntries.data() + k0;
+    T* const* F = nodes[j].frontBlocks;
+    const unsigned int s_j = sizes[j], p_j = fc::padded<T>(s_j);
+    for (unsigned int a = aBegin; a < aEnd; ++a) {
+        const unsigned int s = rows[a], s_s = sizes[s], p_s = fc::padded<T>(s_s);
+        const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
+        T* const* Fs = nodes[s].frontBlocks;
+        fc::subtractABtLower(F[a], static_cast<int>(p_j), LD.blockPointers[blocks[a]], static_cast<int>(p_j),
+                             Fs[0], static_cast<int>(p_s), static_cast<int>(s_s), static_cast<int>(s_j));
+        unsigned int pos = 1;
+        for (unsigned int c = a + 1; c <= m; ++c) {
+            const unsigned int r = rows[c];
+            while (sRows[pos] != r) ++pos;  // forward scan: r ascends
+            subtractProduct(LD.blockPointers[blocks[c]], F[a], p_j, Fs[pos], p_s, sizes[r], s_s, s_j);
+        }
+    }
+}
+
+// Chunk c of the current job on the board: the blocks or columns [chunkBounds[c], chunkBounds[c+1]).
+template <typename T>
+void Worker<T>::runChunk(unsigned int kind, unsigned int j, unsigned int c) {
+    const unsigned int begin = M.chunkBounds[c], end = M.chunkBounds[c + 1];
+    if (kind == MfJobBoard::finish) {
+        finishBlocks(j, begin, end);
     } else {
-        node.waitBlock->lock();
-        node.done = 1;
-        node.waitBlock->signal();
-        node.waitBlock->unlock();
+        updateColumns(j, begin, end);
+    }
+}
+
+// Claims and runs chunks of the board's current job while any is left; true when it ran one.
+template <typename T>
+bool Worker<T>::helpOnce() {
+    std::uint64_t state = jobs->state.load(std::memory_order_acquire);
+    bool ran = false;
+    for (;;) {
+        const unsigned int next = static_cast<unsigned int>(state & 0xFFFFu);
+        const unsigned int count = static_cast<unsigned int>((state >> 16) & 0xFFFFu);
+        if (next >= count) return ran;
+        if (!jobs->state.compare_exchange_weak(state, state + 1, std::memory_order_acq_rel,
+                                               std::memory_order_acquire)) {
+            continue;
+        }
+        // The chunk is claimed and unfinished, so the owner is still at this job: kind and node are its.
+        runChunk(jobs->kind.load(std::memory_order_relaxed), jobs->node.load(std::memory_order_relaxed),
+                 next);
+        jobs->finished.fetch_add(1, std::memory_order_release);
+        ran = true;
+        state = jobs->state.load(std::memory_order_acquire);
+    }
+}
+
+// Splits step `kind` of node j (m blocks or columns) into chunks of about equal work, posts them, works on
+// them with whoever helps and returns when all are done. The chunks are fixed by the node alone and every
+// tile is written by exactly one chunk, so the results do not depend on who runs which.
+template <typename T>
+void Worker<T>::shareOut(unsigned int kind, unsigned int j, unsigned int m) {
+    const unsigned int k0 = M.colPointers[j];
+    const unsigned int* rows = M.colRows.data() + k0;
+    unsigned int* const bounds = M.chunkBounds.data();
+    // Work of item a: s_r for a block to solve; s_s·Σ_{c ≥ a} s_{r_c} for a column of updates.
+    double total = 0.0, tail = 0.0;
+    for (unsigned int a = m; a >= 1; --a) {
+        tail += sizes[rows[a]];
+        total += kind == MfJobBoard::finish ? sizes[rows[a]] : sizes[rows[a]] * tail;
+    }
+    const unsigned int wanted = std::min(m, 4u * M.numOwners);  // at most 1024: 16 bits of the state
+    unsigned int chunks = 0;
+    bounds[0] = 1;
+    double sum = 0.0;
+    tail = 0.0;
+    for (unsigned int a = m; a >= 1; --a) tail += sizes[rows[a]];
+    for (unsigned int a = 1; a <= m; ++a) {
+        sum += kind == MfJobBoard::finish ? sizes[rows[a]] : sizes[rows[a]] * tail;
+        tail -= sizes[rows[a]];
+        if (a == m || sum >= total * (chunks + 1) / wanted) bounds[++chunks] = a + 1;
+    }
+    jobs->kind.store(kind, std::memory_order_relaxed);
+    jobs->node.store(j, std::memory_order_relaxed);
+    jobs->finished.store(0, std::memory_order_relaxed);
+    const std::uint64_t generation = (jobs->state.load(std::memory_order_relaxed) >> 32) + 1;
+    jobs->state.store(generation << 32 | static_cast<std::uint64_t>(chunks) << 16, std::memory_order_release);
+    helpOnce();
+    for (unsigned int spins = 1; jobs->finished.load(std::memory_order_acquire) < chunks; ++spins) {
+        _mm_pause();
+        if (spins % 64 == 0) std::this_thread::yield();
+    }
+}
+
+// A thread without top nodes, once its parts are done: helps with the shared steps of the top's nodes until
+// the top owner closes the board.
+template <typename T>
+void Worker<T>::helpUntilClosed() {
+    const bool crowded = M.numOwners > processorCount();
+    for (unsigned int idle = 1;; ++idle) {
+        if (helpOnce()) {
+            idle = 0;
+            continue;
+        }
+        if (jobs->closed.load(std::memory_order_acquire)) return;
+        _mm_pause();
+        if (crowded || idle % 64 == 0) std::this_thread::yield();
     }
 }
 
 }  // namespace
 
+// L(i, j) for pattern entry e = (i, j) of a part column j, in place in its tile: the input block, minus
+// LD(i, k)·L(j, k)ᵀ for the columns k < j common to rows i and j (row j's entries looked up in row i's map,
+// in ascending k: the order of the serial factorization), then solved with L_jj: LD(i, j) = W·L_jj⁻ᵀ and L(i,
+// j) = LD(i, j)·D_j⁻¹. Row i's earlier entries in the columns of j's part must be finished and mapped.
+template <typename T>
+void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j) {
+    const unsigned int s_i = sizes[i], p_i = fc::padded<T>(s_i), s_j = sizes[j], p_j = fc::padded<T>(s_j);
+    T* const Lij = L.blockPointers[e];
+    loadTile(Lij, M.inputTiles, M.inputBlocks[e], static_cast<unsigned long>(p_i) * p_j);
+    const unsigned int* cols = S.rowIndices;
+    const unsigned int jDiag = S.colPointers[j + 1] - 1;
+    for (unsigned int q = S.colPointers[j]; q < jDiag; ++q) {
+        const unsigned int k = cols[q];
+        if (rowOf[k] != i) continue;
+        const unsigned int p_k = fc::padded<T>(sizes[k]);
+        subtractProduct(LD.blockPointers[entryOf[k]], L.blockPointers[q], p_k, Lij, p_j, s_i, s_j, sizes[k]);
+    }
+    rowOf[j] = i;
+    entryOf[j] = e;
+    const T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[j];
+    const T* const Ljj = L.blockPointers[jDiag];
+    T* const LDij = LD.blockPointers[e];
+    LD.blockFlags[e] = 1;
+    if (finishFrontBlock(Ljj, Lij, LDij, s_i, s_j, recip)) return;
+    fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);
+    fc::copyTile(LDij, Lij, static_cast<unsigned long>(p_i) * p_j);  // with its zero padding
+    for (unsigned int c = 0; c < s_j; ++c) {
+        const T q = recip[c];
+        for (unsigned int r = 0; r < s_i; ++r) Lij[static_cast<unsigned long>(r) * p_j + c] *= q;
+    }
+}
+
+// The diagonal block of part row i (every off-diagonal entry of the row finished): L_ii·D_i·L_iiᵀ =
+// A(i, i) − Σ_k L(i, k)·LD(i, k)ᵀ (on the lower triangle), factored in place; LD(i, i) = L_ii·D_i and the
+// reciprocal pivots of block i.
+template <typename T>
+void Worker<T>::diagonalRow(unsigned int i) {
+    const unsigned int s_i = sizes[i], p_i = fc::padded<T>(s_i);
+    const unsigned int iBegin = S.colPointers[i], iDiag = S.colPointers[i + 1] - 1;
+    T* const Lii = L.blockPointers[iDiag];
+    T* const di = d + offsets[i];
+    __builtin_prefetch(di, 1);
+    loadTile(Lii, M.inputTiles, M.inputBlocks[iDiag], static_cast<unsigned long>(p_i) * p_i);
+    for (unsigned int e = iBegin; e < iDiag; ++e) {
+        const int p_k = static_cast<int>(fc::padded<T>(sizes[S.rowIndices[e]]));
+        fc::subtractABtLower(L.blockPointers[e], p_k, LD.blockPointers[e], p_k, Lii, static_cast<int>(p_i),
+                             static_cast<int>(s_i), static_cast<int>(sizes[S.rowIndices[e]]));
+    }
+    fc::factorDiagonalBlock(Lii, p_i, s_i, di);
+    T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[i];
+    for (unsigned int c = 0; c < s_i; ++c) {
+        if (isBadPivot(di[c])) {
+            lowerBadBlock(*badBlock, i);
+            break;
+        }
+    }
+    for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
+    for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);
+    T* const LDii = LD.blockPointers[iDiag];
+    for (unsigned int r = 0; r < s_i; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p_i;
+        for (unsigned int c = 0; c < s_i; ++c) LDii[row + c] = Lii[row + c] * di[c];
+        for (unsigned int c = s_i; c < p_i; ++c) LDii[row + c] = T(0);
+    }
+    if (p_i > s_i) {
+        std::memset(static_cast<void*>(LDii + static_cast<unsigned long>(s_i) * p_i), 0,
+                    static_cast<unsigned long>(p_i - s_i) * p_i * sizeof(T));
+    }
+    LD.blockFlags[iDiag] = 1;
+}
+
+// Part x, by the serial row kernels in place in L (no fronts, no copies):
+//  1. its rows ascending: every entry of such a row lies in the part (the columns of a row are descendants
+//     of the row);
+//  2. the rows above the part that reach into it (x's off-diagonal rows r_1 < … < r_m, all top nodes): their
+//     entries in the part's columns, then the part's contribution to the pairs r_a ≥ r_b,
+//     −Σ_k LD(r_a, k)·L(r_b, k)ᵀ over the part's columns k, subtracted into x's update list when the top
+//     belongs to another thread, otherwise straight into the fronts of the top nodes r_b;
+//  3. publishes x.
+template <typename T>
+void Worker<T>::runPart(unsigned int x) {
+    MfNode<T>* const nodes = M.nodes.data();
+    const unsigned int* cols = S.rowIndices;
+    const unsigned int* const part = M.part.data();
+    for (unsigned int u = M.partBegin[x]; u < M.partEnd[x]; ++u) {
+        const unsigned int i = M.partNodes[u];
+        if (skipped(i)) break;  // ascending: the rest are skipped too
+        const unsigned int iDiag = S.colPointers[i + 1] - 1;
+        for (unsigned int e = S.colPointers[i]; e < iDiag; ++e) offDiagonalEntry(i, e, cols[e]);
+        diagonalRow(i);
+    }
+
+    const unsigned int k0 = M.colPointers[x];
+    const unsigned int m = M.colPointers[x + 1] - k0 - 1;
+    const unsigned int* rows = M.colRows.data() + k0;  // rows[1 .. m]
+    MfNode<T>& node = nodes[x];
+    if (m > 0 && !skipped(rows[1])) {
+        MfUpdateEntry<T>* const U = node.updates;
+        if (U) {
+            const MfUpdateEntry<T>& last = U[static_cast<unsigned long>(m) * (m + 1) / 2 - 1];
+            const unsigned long p = fc::padded<T>(sizes[last.row]);
+            std::memset(static_cast<void*>(U[0].block), 0,
+                        (static_cast<unsigned long>(last.block - U[0].block) + p * p) * sizeof(T));
+        } else {
+            for (unsigned int b = 1; b <= m; ++b) {
+                M.front(rows[b]);  // assembled before the first update
+                cursors[b] = 0;
+            }
+        }
+        unsigned int* const segBegin = segments;  // [m + 2]: row r_a's part entries from segBegin[a]
+        unsigned int* const seg = segments + m + 2;
+        unsigned int used = 0;
+        for (unsigned int a = 1; a <= m; ++a) {
+            const unsigned int i = rows[a], s_i = sizes[i], p_i = fc::padded<T>(s_i);
+            if (skipped(i)) break;
+            segBegin[a] = used;
+            const unsigned int iDiag = S.colPointers[i + 1] - 1;
+            for (unsigned int e = S.colPointers[i]; e < iDiag; ++e) {
+                const unsigned int j = cols[e];
+                if (part[j] != x) continue;
+                offDiagonalEntry(i, e, j);
+                seg[used++] = e;
+            }
+            segBegin[a + 1] = used;
+            // The pairs (r_a, r_b), b ≤ a: the list entry of (r_a, r_b) is at Σ_{b' < b} (m − b' + 1) + a −
+            // b.
+            unsigned long column = 0;
+            for (unsigned int b = 1; b <= a; column += m - b + 1, ++b) {
+                const unsigned int s = rows[b], s_s = sizes[s], p_s = fc::padded<T>(s_s);
+                T* C;
+                if (U) {
+                    C = U[column + a - b].block;
+                } else {
+                    const unsigned int* sRows = M.colRows.data() + M.colPointers[s];
+                    unsigned int pos = cursors[b];
+                    while (sRows[pos] != i) ++pos;  // forward scan: i ascends
+                    cursors[b] = pos;
+                    C = nodes[s].frontBlocks[pos];
+                }
+                if (b == a) {
+                    for (unsigned int q = segBegin[a]; q < segBegin[a + 1]; ++q) {
+                        const unsigned int e = seg[q];
+                        const int p_k = static_cast<int>(fc::padded<T>(sizes[cols[e]]));
+                        fc::subtractABtLower(L.blockPointers[e], p_k, LD.blockPointers[e], p_k, C,
+                                             static_cast<int>(p_i), static_cast<int>(s_i),
+                                             static_cast<int>(sizes[cols[e]]));
+                    }
+                } else {
+                    for (unsigned int q = segBegin[b]; q < segBegin[b + 1]; ++q) {
+                        const unsigned int k = cols[seg[q]];
+                        if (rowOf[k] != i) continue;
+                        const unsigned int p_k = fc::padded<T>(sizes[k]);
+                        subtractProduct(LD.blockPointers[entryOf[k]], L.blockPointers[seg[q]], p_k, C, p_s,
+                                        s_i, s_s, sizes[k]);
+                    }
+                }
+            }
+        }
+    }
+    publish(node);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // Factorization driver
 // ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// data.badPivot from the first bad pivot of block `bad` (noNode: none). That block was factored in full, so
+// its pivots are in data.diagonal.
+template <typename T>
+void recordBadPivot(TamberData<T>& data, unsigned int bad) {
+    typename TamberData<T>::BadPivot& record = data.badPivot;
+    record = typename TamberData<T>::BadPivot();
+    if (bad == noNode) return;
+    const unsigned long offset = data.factor.blockOffsets[bad];
+    const unsigned int size = data.matrix.blockSizes[bad];
+    for (unsigned int c = 0; c < size; ++c) {
+        const T value = data.diagonal.data[offset + c];
+        if (!isBadPivot(value)) continue;
+        record.scalar = offset + c;
+        record.block = bad;
+        record.local = c;
+        record.value = static_cast<double>(value);
+        return;
+    }
+}
+
+}  // namespace
 
 template <typename T>
 bool Tamber::prepareMultifrontal(TamberData<T>& data) {
@@ -843,10 +1294,13 @@ void Tamber::factorMF(TamberData<T>& data) {
         M.nodes[j].assembled = 0;
     }
 
+    unsigned int bad = noNode;
     if (nb > 0) {
         M.threadMarks.resize(M.numOwners);
         M.threadStacks.resize(M.numOwners);
         M.threadReciprocals.resize(M.numOwners);
+        M.threadMaps.resize(M.numOwners);
+        M.threadSegments.resize(M.numOwners);
         unsigned long largest = 2;
         for (unsigned long j = 0; j < nb; ++j)
             largest = std::max<unsigned long>(largest, factorCommon::padded<T>(sizes[j]));
@@ -855,7 +1309,15 @@ void Tamber::factorMF(TamberData<T>& data) {
             M.threadStacks[t] = data.scratchPad.getIntArray(t, nb + 1 + M.maxColumn);
             M.threadReciprocals[t] = reciprocalSlot(data.scratchPad, reciprocalSlotBase + t, largest,
                                                     static_cast<const T*>(nullptr));
+            M.threadMaps[t] =
+                reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(mapSlotBase + t, 2 * nb));
+            M.threadSegments[t] = reinterpret_cast<unsigned int*>(
+                data.scratchPad.getIntArray(segmentSlotBase + t, numEntries + M.maxColumn + 2));
         }
+
+        M.jobs.closed.store(0, std::memory_order_relaxed);
+        M.jobs.state.store(M.jobs.state.load(std::memory_order_relaxed) & ~0xFFFFFFFFull,
+                           std::memory_order_relaxed);
 
         // The task lives on this frame for the length of the call, so that a factorization allocates
         // nothing; its one reference is the creator's and ends with the frame.
@@ -870,13 +1332,30 @@ void Tamber::factorMF(TamberData<T>& data) {
         task.execute();
         const std::uint64_t end = kiv::Timer::ticks();
         factorTime = wrapper.setupTime + static_cast<double>(end - threadedStart) * kiv::Timer::clockSpeed();
+        bad = wrapper.badBlock.load(std::memory_order_relaxed);
     } else {
         factorTime = static_cast<double>(kiv::Timer::ticks() - start) * kiv::Timer::clockSpeed();
     }
-    data.isFactored = 1;
+    recordBadPivot(data, bad);
+    data.isFactored = bad != noNode && data.stopAtBadPivot ? 0 : 1;
     solveTime = 0.0;
 }
 
+template <typename T>
+unsigned int Tamber::chooseThreads(TamberData<T>& data, unsigned int maxThreads) {
+    const unsigned int processors = std::max(1u, processorCount());
+    const unsigned int threads = std::min({maxThreads == 0 ? processors : maxThreads, processors, maxOwners});
+    if (threads <= 1 || data.skeleton.n == 0) return 1;
+    MultifrontManager<T>& M = data.multifront;
+    if (!M.isPreparedFor(data.skeleton, data.matrix.blockSizes, threads)) {
+        M.prepare(data.skeleton, data.matrix.blockSizes, threads);
+    }
+    if (M.totalWork < parallelMinWork) return 1;
+    return M.totalWork >= parallelMinGain * (M.predictedTime + dispatchWork) ? threads : 1;
+}
+
+template unsigned int Tamber::chooseThreads<float>(TamberData<float>&, unsigned int);
+template unsigned int Tamber::chooseThreads<double>(TamberData<double>&, unsigned int);
 template bool Tamber::prepareMultifrontal<float>(TamberData<float>&);
 template bool Tamber::prepareMultifrontal<double>(TamberData<double>&);
 template void Tamber::factorMF<float>(TamberData<float>&);
@@ -897,12 +1376,7 @@ void MfWrapper<T>::doThreadedFactor() {
     unsigned char* const marks = M.threadMarks[t];  // 0 unseen, 1 pushed, 2 being processed
     int* const stack = M.threadStacks[t];
     std::memset(marks, 0, numBlocks);
-    unsigned long top = 0;
-    for (const kivTamber::MfRoot& root : M.roots) {
-        if (root.thread != t) continue;
-        marks[root.node] = 1;
-        stack[top++] = static_cast<int>(root.node);
-    }
+    constexpr unsigned int noNode = MultifrontManager<T>::noNode;
 
     kivTamber::Worker<T> worker{M,
                                 D.skeleton,
@@ -914,12 +1388,33 @@ void MfWrapper<T>::doThreadedFactor() {
                                 D.diagonal.data,
                                 reinterpret_cast<unsigned int*>(stack + numBlocks + 1),
                                 M.threadReciprocals[t],
-                                static_cast<unsigned char>(t)};
+                                static_cast<unsigned char>(t),
+                                &badBlock,
+                                D.stopAtBadPivot != 0,
+                                M.threadMaps[t],
+                                M.threadMaps[t] + numBlocks,
+                                M.threadSegments[t],
+                                M.numSplitNodes > 0 ? &M.jobs : nullptr};
+    std::fill(worker.rowOf, worker.rowOf + numBlocks, noNode);
+
+    // The parts of this thread by the serial kernels, then its top nodes (those of the top owner) by fronts.
+    for (unsigned int u = M.threadPartBegin[t]; u < M.threadPartBegin[t + 1]; ++u)
+        worker.runPart(M.threadParts[u]);
+    if (worker.jobs && t != M.topOwner) {
+        worker.helpUntilClosed();
+        return;
+    }
+    unsigned long top = 0;
+    for (const kivTamber::MfRoot& root : M.roots) {
+        if (root.thread != t || M.part[root.node] != noNode) continue;
+        marks[root.node] = 1;
+        stack[top++] = static_cast<int>(root.node);
+    }
+
     const MfNode<T>* const nodes = M.nodes.data();
     const unsigned int* const firstChild = M.firstChild.data();
     const unsigned int* const sibling = M.sibling.data();
 
-    constexpr unsigned int noNode = MultifrontManager<T>::noNode;
     while (top > 0) {
         // Descend to the first unfinished child of this thread, as deep as it goes.
         unsigned int c = firstChild[stack[top - 1]];
@@ -941,13 +1436,14 @@ void MfWrapper<T>::doThreadedFactor() {
         // Pop; continue with the next unmarked sibling of this thread.
         if (--top == 0) break;
         for (unsigned int y = sibling[j]; y != noNode; y = sibling[y]) {
-            if (nodes[y].owner == t && marks[y] == 0) {
+            if (nodes[y].owner == t && marks[y] == 0 && !nodes[y].done) {
                 marks[y] = 1;
                 stack[top++] = static_cast<int>(y);
                 break;
             }
         }
     }
+    if (worker.jobs) M.jobs.closed.store(1, std::memory_order_release);
 }
 
 template class MfWrapper<float>;

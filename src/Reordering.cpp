@@ -1,8 +1,10 @@
 #include "Reordering.h"
 
+#include <ccolamd.h>
 #include <colamd.h>
 #include <kiv/ByteAllocator.h>
 #include <kiv/VectorPOD.h>
+#include <metis.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -11,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+#include "ScratchSlots.h"
 #include "TreeUpdate.h"
 
 namespace kivTamber {
@@ -42,6 +45,16 @@ unsigned int* unsignedSlot(ScratchPad& pad, unsigned long slot, unsigned long co
     return reinterpret_cast<unsigned int*>(pad.getIntArray(slot, count));
 }
 
+template <typename V>
+void grow(kiv::VectorPOD<V>& v, unsigned long n) {
+    if (v.size() < n) v.resize(n);
+}
+
+void computeInverse(const unsigned int* forward, unsigned int n, kiv::VectorPOD<unsigned int>& inverse) {
+    grow(inverse, n);
+    for (unsigned int k = 0; k < n; ++k) inverse[forward[k]] = k;
+}
+
 }  // namespace
 
 void setSymamdMemoryFunctions(AllocateFunction allocate, ReleaseFunction release) {
@@ -57,8 +70,9 @@ void setSymamdMemoryFunctions(AllocateFunction allocate, ReleaseFunction release
 bool computeSymamdPermutation(const SkeletonMatrix& S, Permutation& P, ScratchPad& pad) {
     const unsigned long n = S.n;
     const unsigned long nnz = n == 0 ? 0 : S.colPointers[n];
-    int* p = pad.getIntArray(0, n + 1);
-    int* A = pad.getIntArray(1, nnz);  // sized for every stored entry, more than the strictly lower part
+    int* p = pad.getIntArray(ScratchSlots::symamdPointers, n + 1);
+    int* A = pad.getIntArray(ScratchSlots::symamdIndices,
+                             nnz);  // sized for every stored entry, more than the strictly lower part
 
     // n + 8 entries of capacity in arrays of n + 9: symamd writes n + 1 entries of its output.
     P.reserve(n + 8, 1);
@@ -155,7 +169,7 @@ bool zeroLeafSwap(const SkeletonMatrix& S, SkeletonMatrix& T, EliminationTree& t
 
     // 2-4. T sized (kept when large enough), its counts and column pointers cleared.
     T.resize(n, entries, S.blockWords != nullptr);
-    unsigned int* count = unsignedSlot(pad, 0, n);
+    unsigned int* count = unsignedSlot(pad, ScratchSlots::zeroLeafCounts, n);
     unsigned int* cp = T.colPointers;
     if (entries > 0) std::memset(T.fillFlags, 0, entries);
     for (unsigned long k = 0; k < n; ++k) count[k] = 0;
@@ -440,6 +454,418 @@ bool centroidOrder(unsigned int n, unsigned int firstConstraint, const unsigned 
         while (next < end) forward[k++] = list[next++];
     }
     return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The block graph, the safe-order rule and its repair.
+// ---------------------------------------------------------------------------------------------------------
+
+void buildBlockGraph(unsigned int n, unsigned int firstConstraint, const unsigned int* colPointers,
+                     const unsigned int* rowIndices, BlockGraph& g, kiv::VectorPOD<unsigned int>& fill) {
+    g.n = n;
+    g.firstConstraint = firstConstraint;
+    g.ptr.resize(n + 1);
+    grow(fill, n);
+    unsigned int* count = fill.data();
+    for (unsigned int v = 0; v < n; ++v) count[v] = 0;
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int e = colPointers[j]; e + 1 < colPointers[j + 1]; ++e) {
+            ++count[j];
+            ++count[rowIndices[e]];
+        }
+    }
+    g.ptr[0] = 0;
+    for (unsigned int v = 0; v < n; ++v) g.ptr[v + 1] = g.ptr[v] + count[v];
+    g.adj.resize(n == 0 ? 0 : g.ptr[n]);
+    for (unsigned int v = 0; v < n; ++v) count[v] = g.ptr[v];
+    // Column j ascending: j's smaller neighbours are written at its own turn, its larger ones afterwards, in
+    // ascending order, so every list comes out ascending.
+    for (unsigned int j = 0; j < n; ++j) {
+        for (unsigned int e = colPointers[j]; e + 1 < colPointers[j + 1]; ++e) {
+            const unsigned int i = rowIndices[e];
+            g.adj[count[j]++] = i;
+            g.adj[count[i]++] = j;
+        }
+    }
+}
+
+unsigned int lastBody(const BlockGraph& g, unsigned int c, const unsigned int* inverse) {
+    unsigned int best = kNoBlock;
+    for (const unsigned int* u = g.begin(c); u != g.end(c) && g.isBody(*u); ++u) {
+        if (best == kNoBlock || inverse[*u] > inverse[best]) best = *u;
+    }
+    return best;
+}
+
+unsigned int lastOtherConstraint(const BlockGraph& g, unsigned int b, unsigned int c,
+                                 const unsigned int* inverse) {
+    unsigned int best = kNoBlock;
+    for (const unsigned int* u = g.end(b); u != g.begin(b) && !g.isBody(*(u - 1));) {
+        --u;
+        if (*u != c && (best == kNoBlock || inverse[*u] > inverse[best])) best = *u;
+    }
+    return best;
+}
+
+bool satisfiesRule(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                   unsigned int k, bool allowR) {
+    const unsigned int c = forward[k];
+    if (inverse[lastBody(g, c, inverse)] < k) return true;  // S
+    if (!allowR || k == 0) return false;
+    const unsigned int b = forward[k - 1];
+    if (!g.isBody(b) || !g.adjacent(c, b)) return false;
+    const unsigned int other = lastOtherConstraint(g, b, c, inverse);
+    return other == kNoBlock || inverse[other] < k;  // R
+}
+
+unsigned int firstRuleOffence(const BlockGraph& g, const unsigned int* forward, const unsigned int* inverse,
+                              bool allowR) {
+    for (unsigned int k = 0; k < g.n; ++k) {
+        if (!g.isBody(forward[k]) && !satisfiesRule(g, forward, inverse, k, allowR)) return k;
+    }
+    return g.n;
+}
+
+unsigned long repairRule(const BlockGraph& g, kiv::VectorPOD<unsigned int>& order, RepairWork& w,
+                         bool allowR) {
+    const unsigned int n = g.n;
+    unsigned long moved = 0;
+    grow(w.anchor, n);
+    grow(w.sorted, n);
+    grow(w.sortedAnchor, n);
+    grow(w.start, n + 1);
+    w.isOffender.resize(n);
+    unsigned char* isOffender = w.isOffender.data();
+    for (unsigned int v = 0; v < n; ++v) isOffender[v] = 0;
+    for (;;) {
+        computeInverse(order.data(), n, w.inverse);
+        const unsigned int* inverse = w.inverse.data();
+        w.offenders.clear();
+        for (unsigned int k = 0; k < n; ++k) {
+            if (!g.isBody(order[k]) && !satisfiesRule(g, order.data(), inverse, k, allowR)) {
+                w.anchor[w.offenders.size()] = inverse[lastBody(g, order[k], inverse)];
+                w.offenders.push_back(order[k]);
+            }
+        }
+        const unsigned long count = w.offenders.size();
+        if (count == 0) return moved;
+        moved += count;
+        // Offenders by anchor position (counting sort, stable: equal anchors keep their current order).
+        unsigned int* start = w.start.data();
+        for (unsigned int k = 0; k <= n; ++k) start[k] = 0;
+        for (unsigned long q = 0; q < count; ++q) ++start[w.anchor[q] + 1];
+        for (unsigned int k = 0; k < n; ++k) start[k + 1] += start[k];
+        for (unsigned long q = 0; q < count; ++q) {
+            const unsigned int at = start[w.anchor[q]]++;
+            w.sorted[at] = w.offenders[q];
+            w.sortedAnchor[at] = w.anchor[q];
+            isOffender[w.offenders[q]] = 1;
+        }
+        // Rebuild: before each body (and at the end) come the offenders anchored at an earlier body, behind
+        // the constraints that already follow that body.
+        w.rebuilt.resize(n);
+        unsigned long next = 0, out = 0;
+        for (unsigned int k = 0; k < n; ++k) {
+            const unsigned int v = order[k];
+            if (isOffender[v]) continue;
+            if (g.isBody(v)) {
+                while (next < count && w.sortedAnchor[next] < k) w.rebuilt[out++] = w.sorted[next++];
+            }
+            w.rebuilt[out++] = v;
+        }
+        while (next < count) w.rebuilt[out++] = w.sorted[next++];
+        for (unsigned long q = 0; q < count; ++q) isOffender[w.offenders[q]] = 0;
+        order.swap(w.rebuilt);
+    }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The standard ordering's steps and the symamd path.
+// ---------------------------------------------------------------------------------------------------------
+
+struct SafeOrderWork::Arrays {
+    kiv::VectorPOD<unsigned int> work1, work2, work3, work4, work5, saved;
+    kiv::VectorPOD<unsigned char> flags;
+    kiv::VectorPOD<int> ip, iA, iperm, imember;
+    kiv::VectorPOD<idx_t> xadj, adjncy, vwgt, mperm, miperm;
+};
+
+SafeOrderWork::SafeOrderWork() : arrays(new Arrays) {}
+
+SafeOrderWork::~SafeOrderWork() {
+    delete arrays;
+}
+
+unsigned int peelAndMinimumDegree(const BlockGraph& g, bool peel, kiv::VectorPOD<unsigned int>& order,
+                                  SafeOrderWork& work, unsigned int& remainingBodies, bool& fallback) {
+    SafeOrderWork::Arrays& A = *work.arrays;
+    auto& flags = A.flags;
+    auto& work1 = A.work1;
+    auto& work2 = A.work2;
+    auto& work3 = A.work3;
+    auto& work4 = A.work4;
+    auto& ip = A.ip;
+    auto& iA = A.iA;
+    auto& iperm = A.iperm;
+    auto& imember = A.imember;
+    const unsigned int n = g.n;
+    remainingBodies = 0;
+    fallback = false;
+    order.resize(n);
+    flags.resize(n);
+    unsigned char* placed = flags.data();
+    for (unsigned int v = 0; v < n; ++v) placed[v] = 0;
+    unsigned int pos = 0;
+
+    // 1. Peel. A body with at most one unplaced neighbour is eliminated without fill. When that neighbour is
+    // a constraint with at most one other unplaced neighbour, the constraint follows at once (rule R: it is
+    // the body's last constraint, and the body's others were placed the same way), again without fill;
+    // otherwise the body goes alone and the constraint stays for step 2. No step makes fill, so the unplaced
+    // part of the graph stays the elimination graph and the degrees stay exact.
+    if (peel) {
+        grow(work1, n);
+        unsigned int* degree = work1.data();  // unplaced neighbours
+        kiv::VectorPOD<unsigned int>& stack = work2;
+        stack.clear();
+        for (unsigned int v = n; v-- > 0;) {
+            degree[v] = static_cast<unsigned int>(g.end(v) - g.begin(v));
+            if (g.isBody(v) && degree[v] <= 1) stack.push_back(v);  // popped in ascending order
+        }
+        auto release = [&](unsigned int v) {
+            if (--degree[v] == 1 && g.isBody(v)) stack.push_back(v);
+        };
+        auto firstUnplaced = [&](unsigned int v, unsigned int skip) {
+            for (const unsigned int* u = g.begin(v); u != g.end(v); ++u) {
+                if (!placed[*u] && *u != skip) return *u;
+            }
+            return kNoBlock;
+        };
+        while (!stack.empty()) {
+            const unsigned int b = stack.back();
+            stack.pop_back();
+            if (placed[b]) continue;
+            placed[b] = 1;
+            order[pos++] = b;
+            const unsigned int w = firstUnplaced(b, kNoBlock);
+            if (w == kNoBlock) continue;
+            if (g.isBody(w) || degree[w] > 2) {  // b alone; w loses a neighbour
+                release(w);
+                continue;
+            }
+            placed[w] = 1;  // the constraint right after its body (R)
+            order[pos++] = w;
+            const unsigned int x = firstUnplaced(w, b);
+            if (x != kNoBlock) release(x);
+        }
+    }
+    const unsigned int peeled = pos;
+
+    // 2. The rest, bodies first (constraint sets 0 and 1 of csymamd).
+    const unsigned int m = n - pos;
+    if (m == 0) return peeled;
+    grow(work3, n);
+    unsigned int* local = work3.data();
+    kiv::VectorPOD<unsigned int>& rest = work4;
+    rest.clear();
+    for (unsigned int v = 0; v < n; ++v) {
+        if (placed[v]) continue;
+        local[v] = static_cast<unsigned int>(rest.size());
+        rest.push_back(v);
+        if (g.isBody(v)) ++remainingBodies;
+    }
+    // Strictly lower part of the remaining graph: column l lists the remaining neighbours of larger index.
+    ip.resize(m + 1);
+    unsigned long lower = 0;
+    for (unsigned int l = 0; l < m; ++l) {
+        const unsigned int v = rest[l];
+        for (const unsigned int* u = g.begin(v); u != g.end(v); ++u) lower += (*u > v && !placed[*u]) ? 1 : 0;
+    }
+    iA.resize(lower == 0 ? 1 : lower);
+    imember.resize(m);
+    iperm.resize(m + 1);
+    ip[0] = 0;
+    unsigned long at = 0;
+    for (unsigned int l = 0; l < m; ++l) {
+        const unsigned int v = rest[l];
+        for (const unsigned int* u = g.begin(v); u != g.end(v); ++u) {
+            if (*u > v && !placed[*u]) iA[at++] = static_cast<int>(local[*u]);
+        }
+        ip[l + 1] = static_cast<int>(at);
+        imember[l] = g.isBody(v) ? 0 : 1;
+    }
+    int stats[CCOLAMD_STATS];
+    const int ok = csymamd(static_cast<int>(m), iA.data(), ip.data(), iperm.data(), nullptr, stats,
+                           &std::calloc, &std::free, imember.data(), -1);
+    if (ok) {
+        for (unsigned int k = 0; k < m; ++k) order[pos + k] = rest[static_cast<unsigned int>(iperm[k])];
+    } else {
+        // Out of memory in csymamd: the remainder in the user's numbering, bodies first (rule S).
+        fallback = true;
+        for (unsigned int k = 0; k < m; ++k) order[pos + k] = rest[k];
+    }
+    return peeled;
+}
+
+bool constraintNestedDissection(const BlockGraph& g, const unsigned int* sizes,
+                                const kiv::VectorPOD<unsigned int>& order, unsigned int placedCount,
+                                unsigned int remainingBodies, kiv::VectorPOD<unsigned int>& candidate,
+                                SafeOrderWork& work) {
+    SafeOrderWork::Arrays& A = *work.arrays;
+    auto& work1 = A.work1;
+    auto& work2 = A.work2;
+    auto& work3 = A.work3;
+    auto& work4 = A.work4;
+    auto& work5 = A.work5;
+    auto& saved = A.saved;
+    auto& xadj = A.xadj;
+    auto& adjncy = A.adjncy;
+    auto& vwgt = A.vwgt;
+    auto& mperm = A.mperm;
+    auto& miperm = A.miperm;
+    const unsigned int n = g.n;
+    const unsigned char* placed = A.flags.data();
+    candidate.resize(n);
+    for (unsigned int k = 0; k < placedCount + remainingBodies; ++k) candidate[k] = order[k];
+
+    // Groups of remaining bodies coupled among themselves (union-find); eliminating a group joins all the
+    // constraints that touch it.
+    grow(work1, n);
+    unsigned int* root = work1.data();
+    auto find = [root](unsigned int v) {
+        unsigned int r = v;
+        while (root[r] != r) r = root[r];
+        while (root[v] != r) {
+            const unsigned int next = root[v];
+            root[v] = r;
+            v = next;
+        }
+        return r;
+    };
+    for (unsigned int v = 0; v < g.firstConstraint; ++v) root[v] = v;
+    for (unsigned int v = 0; v < g.firstConstraint; ++v) {
+        if (placed[v]) continue;
+        for (const unsigned int* u = g.begin(v); u != g.end(v) && g.isBody(*u); ++u) {
+            if (!placed[*u]) {
+                const unsigned int a = find(v), b = find(*u);
+                if (a != b) root[a] = b;
+            }
+        }
+    }
+
+    // Local numbering of the remaining constraints, in the order csymamd left them.
+    const unsigned int mc = n - placedCount - remainingBodies;
+    grow(work3, n);
+    unsigned int* local = work3.data();
+    for (unsigned int k = 0; k < mc; ++k) local[order[placedCount + remainingBodies + k]] = k;
+
+    // Group → constraints (CSR over the group roots), each constraint once per group.
+    grow(work2, n + 1);
+    unsigned int* groupPtr = work2.data();
+    grow(work4, n);
+    unsigned int* stamp = work4.data();
+    for (unsigned int v = 0; v <= n; ++v) groupPtr[v] = 0;
+    for (unsigned int v = 0; v < n; ++v) stamp[v] = kNoBlock;
+    for (unsigned int k = 0; k < mc; ++k) {
+        const unsigned int c = order[placedCount + remainingBodies + k];
+        for (const unsigned int* u = g.begin(c); u != g.end(c) && g.isBody(*u); ++u) {
+            const unsigned int r = find(*u);
+            if (stamp[r] != c) {
+                stamp[r] = c;
+                ++groupPtr[r + 1];
+            }
+        }
+    }
+    for (unsigned int v = 0; v < n; ++v) groupPtr[v + 1] += groupPtr[v];
+    grow(work5, groupPtr[n]);
+    unsigned int* groupList = work5.data();
+    kiv::VectorPOD<unsigned int>& cursor = saved;
+    grow(cursor, n);
+    for (unsigned int v = 0; v < n; ++v) {
+        cursor[v] = groupPtr[v];
+        stamp[v] = kNoBlock;
+    }
+    for (unsigned int k = 0; k < mc; ++k) {
+        const unsigned int c = order[placedCount + remainingBodies + k];
+        for (const unsigned int* u = g.begin(c); u != g.end(c) && g.isBody(*u); ++u) {
+            const unsigned int r = find(*u);
+            if (stamp[r] != c) {
+                stamp[r] = c;
+                groupList[cursor[r]++] = c;
+            }
+        }
+    }
+
+    // The constraint graph: neighbours through a shared group, and direct constraint couplings.
+    xadj.resize(mc + 1);
+    adjncy.clear();
+    vwgt.resize(mc);
+    for (unsigned int v = 0; v < n; ++v) stamp[v] = kNoBlock;
+    for (unsigned int k = 0; k < mc; ++k) {
+        const unsigned int c = order[placedCount + remainingBodies + k];
+        xadj[k] = static_cast<idx_t>(adjncy.size());
+        vwgt[k] = static_cast<idx_t>(sizes[c]);
+        stamp[c] = c;
+        for (const unsigned int* u = g.begin(c); u != g.end(c); ++u) {
+            if (g.isBody(*u)) {
+                const unsigned int r = find(*u);
+                for (unsigned int q = groupPtr[r]; q < groupPtr[r + 1]; ++q) {
+                    const unsigned int d = groupList[q];
+                    if (stamp[d] != c) {
+                        stamp[d] = c;
+                        adjncy.push_back(static_cast<idx_t>(local[d]));
+                    }
+                }
+            } else if (!placed[*u] && stamp[*u] != c) {
+                stamp[*u] = c;
+                adjncy.push_back(static_cast<idx_t>(local[*u]));
+            }
+        }
+    }
+    xadj[mc] = static_cast<idx_t>(adjncy.size());
+    if (adjncy.empty()) adjncy.push_back(0);  // METIS wants a valid pointer
+    mperm.resize(mc);
+    miperm.resize(mc);
+    idx_t metisOptions[METIS_NOPTIONS];
+    METIS_SetDefaultOptions(metisOptions);
+    metisOptions[METIS_OPTION_NUMBERING] = 0;
+    idx_t nv = static_cast<idx_t>(mc);
+    if (METIS_NodeND(&nv, xadj.data(), adjncy.data(), vwgt.data(), metisOptions, mperm.data(),
+                     miperm.data()) != METIS_OK)
+        return false;
+    for (unsigned int k = 0; k < mc; ++k)
+        candidate[placedCount + remainingBodies + k] =
+            order[placedCount + remainingBodies + static_cast<unsigned int>(mperm[k])];
+    return true;
+}
+
+unsigned long symamdSafeOrder(const BlockGraph& g, const unsigned int* colPointers,
+                              const unsigned int* rowIndices, bool allowR,
+                              kiv::VectorPOD<unsigned int>& order, SymamdWork& w, bool& swapFailed,
+                              bool& fallback) {
+    const unsigned int n = g.n;
+    const unsigned long entries = n == 0 ? 0 : colPointers[n];
+    SkeletonMatrix& userSkeleton = w.userPattern;
+    Permutation& perm = w.permutation;
+    kiv::VectorPOD<unsigned int>& saved = w.saved;
+    swapFailed = false;
+    userSkeleton.resize(n, entries, false);
+    userSkeleton.colPointers[0] = 0;
+    if (n > 0) std::memcpy(userSkeleton.colPointers, colPointers, (n + 1ul) * sizeof(unsigned int));
+    if (entries > 0) {
+        std::memcpy(userSkeleton.rowIndices, rowIndices, entries * sizeof(unsigned int));
+        std::memset(userSkeleton.fillFlags, 0, entries);
+    }
+    fallback = !computeSymamdPermutation(userSkeleton, perm, w.pad);
+    saved.resize(n);
+    if (n > 0) std::memcpy(saved.data(), perm.forward, n * sizeof(unsigned int));
+    order.resize(n);
+    if (zeroLeafSwap(userSkeleton, w.permuted, w.tree, g.firstConstraint, perm, w.pad)) {
+        if (n > 0) std::memcpy(order.data(), perm.forward, n * sizeof(unsigned int));
+    } else {
+        swapFailed = true;
+        order.swap(saved);
+    }
+    return repairRule(g, order, w.repair, allowR);
 }
 
 }  // namespace Reordering

@@ -9,11 +9,11 @@
 #include <cstring>
 #include <limits>
 #include <new>
-#include <thread>
 #include <type_traits>
 
 #include "Analysis.h"
 #include "RankMod.h"
+#include "ScalarBlocks.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
 
@@ -134,14 +134,14 @@ struct Solver<T>::Impl {
 
     // Activity: desired (per user scalar row) and as held by the factor; a count of the inactive desired.
     std::vector<unsigned char> desiredActive, factorActive;
-    bool factorAllActive = true;  // no equation of factorActive is switched off (the common case: no lookups)
     bool switchPending = false;
 
     // Factor state.
     bool valuesChanged = true;  // since the last factorization
     bool factorValid = false;
     bool rankModPrepared = false;
-    RankMod rankMod;  // double only
+    unsigned int chosenThreads = 0;  // the automatic thread count of this structure (0: not chosen yet)
+    RankMod rankMod;                 // double only
     RankMod::EquationList switchOff, switchOn;
 
     // Save areas for a masked or regularised factorization (sized at analyze).
@@ -151,13 +151,22 @@ struct Solver<T>::Impl {
     std::vector<T> savedDiagonal;             // [N]
 
     // Work vectors of the solves (grown to N·k).
-    std::vector<T> permutedB, permutedX, residual, best;
-    std::vector<double> residualNorms;
+    std::vector<T> permutedB, permutedX, residual, correction, best;
+    std::vector<double> residualNorms, bestNorm, bestScaled;
+    std::vector<unsigned char> improving;
 
     Impl() = default;
 
     // ---- structure ----
-    Status analyzeProblem(const Analysis::Problem& problem, unsigned int bodies);
+    Status analyzeProblem(const Analysis::Problem& problem, unsigned int bodies, bool peel = true);
+    void forgetStructure();
+
+    // A scalar matrix given to analyzeScalar: its block problem and the block values its scalars scatter to.
+    Analysis::ScalarProblem scalar;
+    bool scalarInput = false;
+    bool problemInput = false;        // analysed from an Analysis::Problem
+    unsigned long scalarEntries = 0;  // colPointers[n] of the scalar matrix
+    std::vector<T> scalarBlockValues;
     void layoutSlots();
     Slot slotOf(unsigned int i, unsigned int j) const;
     Status writeSlot(const Slot& s, const T* values, const char* what, unsigned int id1, unsigned int id2);
@@ -186,6 +195,12 @@ struct Solver<T>::Impl {
     PivotLocation locate(unsigned long p, double value) const;
     Status applySwitches();
     Status solveMany(const T* b, T* x, unsigned int k, unsigned long ld);
+    void solveFactor(T* v, unsigned int k);
+    double normInf(const T* v) const {
+        double m = 0;
+        for (unsigned long p = 0; p < N; ++p) m = std::max(m, std::fabs(static_cast<double>(v[p])));
+        return m;
+    }
     void residualOf(const T* b, const T* x, T* r) const;
     double scaledResidual(const T* b, const T* x, const T* r) const;
     double normA = -1.0;
@@ -197,9 +212,10 @@ struct Solver<T>::Impl {
 // ---------------------------------------------------------------------------------------------------------
 
 template <typename T>
-Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigned int bodies) {
+Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigned int bodies, bool peel) {
     const std::uint64_t start = kiv::Timer::ticks();
     Analysis::Options o;
+    o.peel = peel;
     o.mergeBlocks = options.mergeBlocks;
     switch (options.ordering) {
         case OrderingMethod::automatic:
@@ -298,11 +314,11 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
     savedDiagonal.assign(N, T(0));
     desiredActive.assign(N, 1);
     factorActive.assign(N, 1);
-    factorAllActive = true;
     switchPending = false;
     valuesChanged = true;
     factorValid = false;
     rankModPrepared = false;
+    chosenThreads = 0;
     normA = -1.0;
 
     report = SolverReport();
@@ -326,8 +342,9 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
     } else {
         report.ordering = "centroid";
     }
-    // Rough model of this code's serial factorization: about 0.15 ns per flop and 8 ns per factor block.
-    report.predictedFactorSeconds = 0.15e-9 * r.cost.flops + 8e-9 * static_cast<double>(r.cost.blockEntries);
+    // The analysis's time model of the serial factorization, in flops, at the 0.20 ns per flop it was fitted
+    // with (a machine-dependent constant: only a guide to the order of magnitude).
+    report.predictedFactorSeconds = 0.20e-9 * r.cost.modelFlops();
     report.analyzeSeconds = secondsSince(start);
     analyzed = true;
     return Status();
@@ -380,7 +397,9 @@ Status Solver<T>::Impl::writeSlot(const Slot& s, const T* values, const char* wh
 
 template <typename T>
 bool Solver<T>::Impl::anyInactive() const {
-    return N > 0 && std::memchr(desiredActive.data(), 0, N) != nullptr;
+    for (unsigned long p = 0; p < N; ++p)
+        if (!desiredActive[p]) return true;
+    return false;
 }
 
 // Replaces every switched-off equation p of the matrix by a unit equation (row and column p zero, 1 on the
@@ -514,9 +533,9 @@ Status Solver<T>::Impl::factorNow() {
     report.badPivot = PivotLocation();
     unsigned int threads = options.threads;
     if (threads == 0) {
-        // Small systems stay serial: the threaded factorization pays off only on large fronts.
-        const unsigned int hw = std::max(1u, std::thread::hardware_concurrency());
-        threads = report.flops > 2e8 ? std::min(hw, 4u) : 1u;
+        // Decided once per structure from the predicted work (small systems stay serial).
+        if (chosenThreads == 0) chosenThreads = tamber.chooseThreads(data, options.maxThreads);
+        threads = chosenThreads;
     }
     const bool masked = anyInactive();
     const bool regularized = options.regularization > 0.0;
@@ -555,7 +574,6 @@ Status Solver<T>::Impl::factorNow() {
         }
     }
     factorActive = desiredActive;
-    factorAllActive = !masked;
     switchPending = false;
     valuesChanged = false;
     report.factorSeconds = secondsSince(start);
@@ -642,7 +660,6 @@ Status Solver<T>::Impl::updateInPlace() {
             }
             const bool ok = rankMod.apply(data, switchOff, switchOn, RankMod::batched);
             factorActive = desiredActive;
-            factorAllActive = !anyInactive();
             if (!ok) {
                 factorValid = false;
                 valuesChanged = true;  // the next solve asks for a factorization
@@ -685,40 +702,6 @@ double Solver<T>::Impl::matrixNormInf() {
     std::vector<double>& rows = residualNorms;  // reused as row sums, N values
     rows.assign(N, 0.0);
     const unsigned int nb = static_cast<unsigned int>(A.numBlockCols);
-    if (factorAllActive) {
-        // Every equation active: |A| summed tile by tile without looking up the activity of each entry.
-        for (unsigned int j = 0; j < nb; ++j) {
-            const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
-            const unsigned int diagonalTile = A.colPointers[j + 1] - 1;
-            for (unsigned int e = A.colPointers[j]; e < diagonalTile; ++e) {
-                const unsigned int i = A.rowIndices[e], oi = A.blockOffsets[i], si = A.blockSizes[i];
-                const unsigned long ld = A.blockStrides[i];
-                const T* tile = A.blockPointers[e];
-                for (unsigned int c = 0; c < sj; ++c) {
-                    double column = 0.0;
-                    for (unsigned int r = 0; r < si; ++r) {
-                        const double v = std::fabs(static_cast<double>(tile[c * ld + r]));
-                        rows[oi + r] += v;
-                        column += v;
-                    }
-                    rows[oj + c] += column;
-                }
-            }
-            const unsigned long ld = A.blockStrides[j];
-            const T* tile = A.blockPointers[diagonalTile];
-            for (unsigned int c = 0; c < sj; ++c) {
-                for (unsigned int r = 0; r < c; ++r) {  // the triangle r < c, each entry for both its rows
-                    const double v = std::fabs(static_cast<double>(tile[c * ld + r]));
-                    rows[oj + r] += v;
-                    rows[oj + c] += v;
-                }
-                rows[oj + c] += std::fabs(static_cast<double>(tile[c * ld + c]));
-            }
-        }
-        normA = 0.0;
-        for (unsigned long p = 0; p < N; ++p) normA = std::max(normA, rows[p]);
-        return normA;
-    }
     for (unsigned int j = 0; j < nb; ++j) {
         const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
         for (unsigned int e = A.colPointers[j]; e < A.colPointers[j + 1]; ++e) {
@@ -745,10 +728,6 @@ double Solver<T>::Impl::matrixNormInf() {
 template <typename T>
 void Solver<T>::Impl::residualOf(const T* b, const T* x, T* r) const {
     data.matrix.multiply(x, r);
-    if (factorAllActive) {
-        for (unsigned long p = 0; p < N; ++p) r[p] = b[p] - r[p];
-        return;
-    }
     for (unsigned long p = 0; p < N; ++p) r[p] = factorActive[factorToUser[p]] ? b[p] - r[p] : T(0);
 }
 
@@ -781,6 +760,17 @@ Status Solver<T>::Impl::checkSolvable() {
     return Status();
 }
 
+// Solves the factor for the k columns of `v` (factor order, leading dimension N): all at once in double
+// precision (each column gets exactly the operations of a single solve), one by one in single precision.
+template <typename T>
+void Solver<T>::Impl::solveFactor(T* v, unsigned int k) {
+    if constexpr (std::is_same<T, double>::value) {
+        TamberSolve::solveMany(data, v, k, N);
+    } else {
+        for (unsigned int c = 0; c < k; ++c) tamber.solve(data, v + static_cast<unsigned long>(c) * N);
+    }
+}
+
 template <typename T>
 Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned long ld) {
     if (b == nullptr || x == nullptr)
@@ -790,68 +780,85 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
                     N);
     Status st = checkSolvable();
     if (!st) return st;
+    if (k == 0) return Status();
     const std::uint64_t start = kiv::Timer::ticks();
-    if (permutedB.size() < N) {
-        permutedB.resize(N);
-        permutedX.resize(N);
-        residual.resize(N);
-        best.resize(N);
-    }
+    const unsigned long total = static_cast<unsigned long>(k) * N;
     const unsigned int steps = options.refinementSteps;
-    double refineSeconds = 0.0, worst = steps > 0 ? 0.0 : -1.0;
-    unsigned int stepsRun = 0;
-    if (steps > 0) matrixNormInf();
-    for (unsigned int c = 0; c < k; ++c) {
-        const T* bc = b + c * ld;
-        T* xc = x + c * ld;
-        T* pb = permutedB.data();
-        T* px = permutedX.data();
-        analyzer.permuteVector(bc, pb);
-        for (unsigned long p = 0; !factorAllActive && p < N; ++p)
-            if (!factorActive[factorToUser[p]]) pb[p] = T(0);
-        std::memcpy(px, pb, N * sizeof(T));
-        if constexpr (std::is_same<T, double>::value)
-            TamberSolve::solve(data, px);
-        else
-            tamber.solve(data, px);
-        if (steps > 0) {
-            const std::uint64_t refineStart = kiv::Timer::ticks();
-            // Iterative refinement against the true matrix, keeping the iterate of smallest residual. The
-            // best iterate and the next one live in two buffers that swap roles (no copies).
-            T* r = residual.data();
-            residualOf(pb, px, r);
-            double bestNorm = 0;
-            for (unsigned long p = 0; p < N; ++p)
-                bestNorm = std::max(bestNorm, std::fabs(static_cast<double>(r[p])));
-            double bestScaled = scaledResidual(pb, px, r);
-            T* trial = px == best.data() ? permutedX.data() : best.data();
-            // A scaled residual at the rounding level of T cannot be lowered by a correction in T: stop
-            // there, as the classical refinement loops do (that saves the correction's solve and product).
-            const double roundoff = static_cast<double>(std::numeric_limits<T>::epsilon());
-            for (unsigned int it = 0; it < steps && bestNorm > 0 && bestScaled > roundoff; ++it) {
-                T* d = r;  // the correction δ = A⁻¹·r, solved in place of r (recomputed below)
-                if constexpr (std::is_same<T, double>::value)
-                    TamberSolve::solve(data, d);
-                else
-                    tamber.solve(data, d);
-                for (unsigned long p = 0; p < N; ++p) trial[p] = px[p] + d[p];
-                residualOf(pb, trial, r);
-                double norm = 0;
-                for (unsigned long p = 0; p < N; ++p)
-                    norm = std::max(norm, std::fabs(static_cast<double>(r[p])));
-                ++stepsRun;
-                if (!(norm < bestNorm)) break;  // no progress (or NaN): keep the best iterate
-                bestNorm = norm;
-                bestScaled = scaledResidual(pb, trial, r);
-                std::swap(px, trial);
-            }
-            worst = std::max(worst, bestScaled);
-            refineSeconds += secondsSince(refineStart);
-        }
-        analyzer.unpermuteVector(px, xc);
+    // Work vectors grow to the largest k seen, then stay.
+    auto atLeast = [](auto& v, unsigned long n) {
+        if (v.size() < n) v.resize(n);
+    };
+    atLeast(permutedB, total);
+    atLeast(permutedX, total);
+    if (steps > 0) {
+        atLeast(residual, total);
+        atLeast(correction, total);
+        atLeast(best, total);
+        atLeast(bestNorm, k);
+        atLeast(bestScaled, k);
+        atLeast(improving, k);
     }
-    report.solveSeconds = secondsSince(start) - refineSeconds;
-    report.refineSeconds = refineSeconds;
+    T* const PB = permutedB.data();
+    T* const PX = permutedX.data();
+    for (unsigned int c = 0; c < k; ++c) {
+        T* pb = PB + static_cast<unsigned long>(c) * N;
+        analyzer.permuteVector(b + c * ld, pb);
+        for (unsigned long p = 0; p < N; ++p)
+            if (!factorActive[factorToUser[p]]) pb[p] = T(0);
+    }
+    std::memcpy(PX, PB, total * sizeof(T));
+    solveFactor(PX, k);
+    const std::uint64_t refineStart = kiv::Timer::ticks();
+    double worst = -1.0;
+    unsigned int stepsRun = 0;
+    const T* result = PX;
+    if (steps > 0) {
+        // Iterative refinement against the true matrix; each column keeps its iterate of smallest residual
+        // and stops at the first step that does not lower it.
+        matrixNormInf();
+        T* const R = residual.data();
+        T* const D = correction.data();
+        T* const B = best.data();
+        unsigned int live = 0;
+        for (unsigned int c = 0; c < k; ++c) {
+            const unsigned long o = static_cast<unsigned long>(c) * N;
+            residualOf(PB + o, PX + o, R + o);
+            bestNorm[c] = normInf(R + o);
+            bestScaled[c] = scaledResidual(PB + o, PX + o, R + o);
+            improving[c] = bestNorm[c] > 0;
+            live += improving[c];
+        }
+        std::memcpy(B, PX, total * sizeof(T));
+        for (unsigned int it = 0; it < steps && live > 0; ++it) {
+            std::memcpy(D, R, total * sizeof(T));
+            solveFactor(D, k);
+            ++stepsRun;
+            live = 0;
+            for (unsigned int c = 0; c < k; ++c) {
+                if (!improving[c]) continue;
+                const unsigned long o = static_cast<unsigned long>(c) * N;
+                T* px = PX + o;
+                for (unsigned long p = 0; p < N; ++p) px[p] += D[o + p];
+                residualOf(PB + o, px, R + o);
+                const double norm = normInf(R + o);
+                if (!(norm < bestNorm[c])) {  // no progress (or NaN): keep the best iterate
+                    improving[c] = 0;
+                    continue;
+                }
+                bestNorm[c] = norm;
+                bestScaled[c] = scaledResidual(PB + o, px, R + o);
+                std::memcpy(B + o, px, N * sizeof(T));
+                improving[c] = norm > 0;
+                live += improving[c];
+            }
+        }
+        for (unsigned int c = 0; c < k; ++c) worst = std::max(worst, bestScaled[c]);
+        result = B;
+    }
+    for (unsigned int c = 0; c < k; ++c)
+        analyzer.unpermuteVector(result + static_cast<unsigned long>(c) * N, x + c * ld);
+    report.solveSeconds = kiv::Timer::seconds(start, refineStart);
+    report.refineSeconds = secondsSince(refineStart);
     report.refinementSteps = stepsRun;
     report.residual = worst;
     return Status();
@@ -881,6 +888,8 @@ Status Solver<T>::setOptions(const SolverOptions& o) {
     if (o.refinementSteps > 100)
         return fail(StatusCode::invalidArgument, "refinementSteps %u is more than 100", o.refinementSteps);
     if (o.threads > 256) return fail(StatusCode::invalidArgument, "threads %u is more than 256", o.threads);
+    if (o.maxThreads > 256)
+        return fail(StatusCode::invalidArgument, "maxThreads %u is more than 256", o.maxThreads);
     if (static_cast<unsigned int>(o.ordering) > static_cast<unsigned int>(OrderingMethod::centroid))
         return fail(StatusCode::invalidArgument, "unknown ordering %u",
                     static_cast<unsigned int>(o.ordering));
@@ -965,6 +974,8 @@ Status Solver<T>::analyze(const SystemStructure& s) {
                               colPointers.data(), rowIndices.data(), sizes.data()};
     Status st = m.analyzeProblem(problem, static_cast<unsigned int>(nb));
     if (!st) return st;
+    m.scalarInput = false;
+    m.problemInput = false;
 
     // Where each item of the structure goes, and its place in the arrays of setValues.
     m.bodySlots.assign(nb, Slot());
@@ -1021,16 +1032,8 @@ Status Solver<T>::analyze(const Analysis::Problem& problem) {
     own.blockSizes = sizes.data();
     Status st = m.analyzeProblem(own, problem.firstConstraint);
     if (!st) return st;
-    m.bodySlots.clear();
-    m.jacobianSlots.clear();
-    m.couplingSlots.clear();
-    m.complianceSlots.clear();
-    m.jacobianValueOffsets.assign(1, 0);
-    m.couplingValueOffsets.assign(1, 0);
-    m.complianceValueOffsets.assign(1, 0);
-    m.compliantIndex.assign(n - problem.firstConstraint, ~0u);
-    m.bodyValues = m.jacobianValues = m.couplingValues = m.complianceValues = 0;
-    m.negated.clear();
+    m.forgetStructure();
+    m.problemInput = true;
     return Status();
 }
 
@@ -1156,6 +1159,33 @@ Status Solver<T>::setValues(const T* bodies, const T* jacobians, const T* coupli
 }
 
 template <typename T>
+Status Solver<T>::setPatternValues(const T* values, const unsigned long* valuePointers) {
+    Impl& m = *impl_;
+    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setPatternValues before a successful analyze");
+    if (!m.problemInput)
+        return fail(StatusCode::invalidArgument,
+                    "setPatternValues needs a structure given as an Analysis::Problem");
+    if (values == nullptr || valuePointers == nullptr)
+        return fail(StatusCode::invalidArgument, "setPatternValues: values or value pointers are null");
+    if (m.options.checkValues) {
+        const unsigned long entries = m.analyzer.numEntries();
+        for (unsigned long e = 0; e < entries; ++e) {
+            const unsigned long count =
+                static_cast<unsigned long>(m.analyzer.entryRows(e)) * m.analyzer.entryCols(e);
+            const T* v = values + valuePointers[e];
+            for (unsigned long k = 0; k < count; ++k)
+                if (!std::isfinite(v[k]))
+                    return fail(StatusCode::nonFiniteValue, "setPatternValues: entry %lu, value %lu is %g", e,
+                                k, static_cast<double>(v[k]));
+        }
+    }
+    m.analyzer.setBlocks(m.data, values, valuePointers);
+    m.valuesChanged = true;
+    m.normA = -1.0;
+    return Status();
+}
+
+template <typename T>
 unsigned long Solver<T>::bodyValueCount() const {
     return impl_->bodyValues;
 }
@@ -1266,14 +1296,96 @@ const PivotLocation& Solver<T>::badPivot() const {
 }
 
 template <typename T>
-Status Solver<T>::analyzeScalar(unsigned int, unsigned int, const unsigned int*, const unsigned int*,
-                                const unsigned int*, unsigned int) {
-    return fail(StatusCode::invalidArgument, "analyzeScalar is not available yet");
+void Solver<T>::Impl::forgetStructure() {
+    bodySlots.clear();
+    jacobianSlots.clear();
+    couplingSlots.clear();
+    complianceSlots.clear();
+    jacobianValueOffsets.assign(1, 0);
+    couplingValueOffsets.assign(1, 0);
+    complianceValueOffsets.assign(1, 0);
+    compliantIndex.assign(numConstraints, ~0u);
+    bodyValues = jacobianValues = couplingValues = complianceValues = 0;
+    negated.clear();
+    scalarInput = false;
+    problemInput = false;
 }
 
 template <typename T>
-Status Solver<T>::setScalarValues(const T*) {
-    return fail(StatusCode::invalidArgument, "setScalarValues is not available yet");
+Status Solver<T>::analyzeScalar(unsigned int n, unsigned int firstConstraintRow,
+                                const unsigned int* colPointers, const unsigned int* rowIndices,
+                                const unsigned int* blockSizes, unsigned int numBlocks) {
+    Impl& m = *impl_;
+    if (n == 0 || colPointers == nullptr || rowIndices == nullptr)
+        return fail(StatusCode::badStructure, "analyzeScalar: empty matrix or null arrays (n = %u)", n);
+    if (firstConstraintRow > n)
+        return fail(StatusCode::badStructure, "analyzeScalar: first constraint row %u is beyond the %u rows",
+                    firstConstraintRow, n);
+    std::string why;
+    Analysis::DetectedBlocks found;
+    std::vector<unsigned int> sizes;
+    unsigned int multiRowConstraints = 0;
+    std::string detected;
+    try {
+        if (blockSizes == nullptr) {
+            if (!Analysis::detectBlocks(n, firstConstraintRow, colPointers, rowIndices, found, &why))
+                return fail(StatusCode::badStructure, "%s", why.c_str());
+            sizes = found.blockSizes;
+            multiRowConstraints = found.multiRowConstraintBlocks;
+            char text[160];
+            std::snprintf(text, sizeof text,
+                          "; blocks detected: %u of up to %u rows (%u of more than one row)", found.numBlocks,
+                          found.largestBlock, found.multiRowBlocks);
+            detected = text;
+        } else {
+            if (numBlocks == 0)
+                return fail(StatusCode::badStructure, "analyzeScalar: block sizes given for 0 blocks");
+            sizes.assign(blockSizes, blockSizes + numBlocks);
+            unsigned long at = 0;
+            for (unsigned int b = 0; b < numBlocks; ++b) {
+                if (at >= firstConstraintRow && sizes[b] > 1) ++multiRowConstraints;
+                at += sizes[b];
+            }
+        }
+        Analysis::ScalarProblem sp;
+        if (!sp.build(n, firstConstraintRow, colPointers, rowIndices, static_cast<unsigned int>(sizes.size()),
+                      sizes.data(), &why))
+            return fail(StatusCode::badStructure, "%s", why.c_str());
+        // A block of constraint rows need not have a full-rank Jacobian block on each single body: every
+        // constraint then follows all its bodies.
+        Status st = m.analyzeProblem(sp.problem(), sp.firstConstraint(), multiRowConstraints == 0);
+        if (!st) return st;
+        m.forgetStructure();
+        m.scalar = std::move(sp);
+        m.scalarInput = true;
+        m.scalarEntries = colPointers[n];
+        m.scalarBlockValues.assign(m.scalar.numValues(), T(0));
+        m.report.ordering += detected;
+    } catch (const std::bad_alloc&) {
+        return fail(StatusCode::outOfMemory, "out of memory while analysing a scalar matrix of %u rows", n);
+    }
+    return Status();
+}
+
+template <typename T>
+Status Solver<T>::setScalarValues(const T* values) {
+    Impl& m = *impl_;
+    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setScalarValues before a successful analyze");
+    if (!m.scalarInput)
+        return fail(StatusCode::invalidArgument, "setScalarValues needs a structure from analyzeScalar");
+    if (values == nullptr) return fail(StatusCode::invalidArgument, "setScalarValues: values are null");
+    const unsigned long count = m.scalarEntries;
+    if (m.options.checkValues)
+        for (unsigned long k = 0; k < count; ++k)
+            if (!std::isfinite(values[k]))
+                return fail(StatusCode::nonFiniteValue, "setScalarValues: value %lu is %g", k,
+                            static_cast<double>(values[k]));
+    // Two copies: the scalars into the block values, those into the factorization's input.
+    m.scalar.scatter(values, m.scalarBlockValues.data());
+    m.analyzer.setBlocks(m.data, m.scalarBlockValues.data(), m.scalar.valuePointers().data());
+    m.valuesChanged = true;
+    m.normA = -1.0;
+    return Status();
 }
 
 template class Solver<float>;

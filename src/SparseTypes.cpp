@@ -97,7 +97,8 @@ SparseMatrix<T>::SparseMatrix()
       numBlockRows(0),
       valueCapacity(0),
       colCapacity(0),
-      blockCapacity(0) {}
+      blockCapacity(0),
+      valueExtent(0) {}
 
 template <typename T>
 SparseMatrix<T>::~SparseMatrix() {
@@ -128,6 +129,7 @@ void SparseMatrix<T>::setSize(unsigned long numCols, unsigned long numRows, unsi
         valueCapacity = valueCount;
         values = alignTo16(valuesRaw);
         std::memset(static_cast<void*>(values), 0, valueCount * sizeof(T));
+        valueExtent = 0;
     }
 
     if (blockCount > blockCapacity) {
@@ -166,7 +168,8 @@ void SparseMatrix<T>::setSize(unsigned long numCols, unsigned long numRows, unsi
 
 template <typename T>
 void SparseMatrix<T>::clear() {
-    if (values) std::memset(static_cast<void*>(values), 0, valueCapacity * sizeof(T));
+    if (values && valueExtent > 0) std::memset(static_cast<void*>(values), 0, valueExtent * sizeof(T));
+    valueExtent = 0;
     if (colPointers) {
         const unsigned long bytes = (colCapacity + 1) * sizeof(unsigned int);
         std::memset(colPointers, 0, bytes);
@@ -202,9 +205,10 @@ T* SparseMatrix<T>::acquireBlock(unsigned long col, unsigned long row, unsigned 
     blockStrides[row] = Precision<T>::stride(blockSizes[row]);
 
     // No check against valueCapacity: the caller sized the value storage.
-    if (k + 1 < blockCapacity) {
-        blockPointers[k + 1] = block + static_cast<unsigned long>(blockStrides[row]) * blockStrides[col];
-    }
+    T* const end = block + static_cast<unsigned long>(blockStrides[row]) * blockStrides[col];
+    if (k + 1 < blockCapacity) blockPointers[k + 1] = end;
+    const unsigned long reach = static_cast<unsigned long>(end - values);
+    if (reach > valueExtent) valueExtent = reach;
 
     // colPointers[0] is never written: it stays 0 from setSize/clear.
     if (col > 0 && colPointers[col] == 0) colPointers[col] = static_cast<unsigned int>(k);

@@ -1,7 +1,6 @@
 // Triangular and diagonal solves with a finished factorization, and the solve driver of Tamber.
 #include "TamberSolve.h"
 
-#include <emmintrin.h>
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -11,143 +10,16 @@
 #include <type_traits>
 
 #include "Kernels.h"
+#include "KernelsFixed.h"
 
 namespace kivTamber {
 namespace {
 
-// x / u, skipping the division when u is exactly 1 (the unit diagonal of the factor's tiles): x / 1 is x
-// bit for bit, and the division would sit in the dependency chain of every row.
-inline double divideByDiagonal(double x, double u) {
-    return u == 1.0 ? x : x / u;
-}
-
-// Sum of the two lanes: even part + odd part.
-inline double laneSum(__m128d v) {
-    return _mm_cvtsd_f64(_mm_add_sd(v, _mm_unpackhi_pd(v, v)));
-}
-
-// ---------------------------------------------------------------------------------------------------------
-// Paired (two-lane) column kernels of the double solves. Preconditions of TamberSolve.h: even leading
-// dimensions, zero padding, and one more entry of x after every slice that is processed with an odd size.
-// ---------------------------------------------------------------------------------------------------------
-
-// x_j ← x_j − Bᵀ·x_i for an s_i × s_j tile B (leading dimension ld), two r and two q at a time.
-inline void forwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xi, unsigned int si,
-                                     double* xj, unsigned int sj) {
-    unsigned int r = 0;
-    // Two pairs of r at a time: four independent sums in flight (the same sums as pair by pair).
-    for (; r + 2 < sj; r += 4) {
-        const double* b0 = B + static_cast<unsigned long>(r) * ld;
-        const double* b1 = b0 + ld;
-        const double* b2 = b1 + ld;
-        const double* b3 = b2 + ld;
-        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd(), a2 = _mm_setzero_pd(), a3 = _mm_setzero_pd();
-        for (unsigned int q = 0; q < si; q += 2) {
-            const __m128d v = _mm_loadu_pd(xi + q);
-            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));
-            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));
-            a2 = _mm_add_pd(a2, _mm_mul_pd(_mm_loadu_pd(b2 + q), v));
-            a3 = _mm_add_pd(a3, _mm_mul_pd(_mm_loadu_pd(b3 + q), v));
-        }
-        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
-        _mm_storeu_pd(xj + r + 2, _mm_set_pd(xj[r + 3] - laneSum(a3), xj[r + 2] - laneSum(a2)));
-    }
-    for (; r < sj; r += 2) {
-        const double* b0 = B + static_cast<unsigned long>(r) * ld;
-        const double* b1 = b0 + ld;
-        __m128d a0 = _mm_setzero_pd();
-        __m128d a1 = _mm_setzero_pd();
-        for (unsigned int q = 0; q < si; q += 2) {
-            const __m128d v = _mm_loadu_pd(xi + q);
-            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));  // B(q, r)·x_i(q)
-            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));  // B(q, r+1)·x_i(q)
-        }
-        // One store of the pair: the next column loads it as a pair, which two single stores would stall.
-        const double x0 = xj[r] - laneSum(a0);
-        const double x1 = xj[r + 1] - laneSum(a1);
-        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
-    }
-}
-
-// x_j ← U_jj⁻ᵀ·x_j with the unit upper tile U (leading dimension ld), two r and two q at a time. Pair
-// (r, r+1) sums over q < r in pairs; x_j(r+1) then also takes U(r, r+1)·x_j(r). The diagonal is not read.
-inline void forwardDiagonalPaired(const double* U, unsigned int ld, double* xj, unsigned int sj) {
-    for (unsigned int r = 0; r < sj; r += 2) {
-        const double* u0 = U + static_cast<unsigned long>(r) * ld;
-        const double* u1 = u0 + ld;
-        __m128d a0 = _mm_setzero_pd();
-        __m128d a1 = _mm_setzero_pd();
-        for (unsigned int q = 0; q < r; q += 2) {
-            const __m128d v = _mm_loadu_pd(xj + q);
-            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(u0 + q), v));
-            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(u1 + q), v));
-        }
-        const double x0 = xj[r] - laneSum(a0);
-        const double x1 = xj[r + 1] - (laneSum(a1) + u1[r] * x0);
-        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));  // as a pair (see forwardOffDiagonalPaired)
-    }
-}
-
-// x_j ← U_jj⁻¹·x_j with the upper tile U (leading dimension ld), dividing by its stored diagonal. An odd top
-// row is divided alone (its padding partner has a zero diagonal); the rest runs in pairs (r, r+1) from the
-// bottom, each pair then updating the rows above it two at a time.
-inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj, unsigned int sj) {
-    unsigned int r = sj;
-    if (sj & 1u) {
-        r = sj - 1;
-        const double* u0 = U + static_cast<unsigned long>(r) * ld;
-        xj[r] = divideByDiagonal(xj[r], u0[r]);
-        const __m128d s0 = _mm_set1_pd(xj[r]);
-        for (unsigned int q = 0; q < r; q += 2)
-            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), _mm_mul_pd(_mm_loadu_pd(u0 + q), s0)));
-    }
-    while (r >= 2) {
-        r -= 2;
-        const double* u0 = U + static_cast<unsigned long>(r) * ld;
-        const double* u1 = u0 + ld;
-        const double x1 = divideByDiagonal(xj[r + 1], u1[r + 1]);
-        const double x0 = divideByDiagonal(xj[r] - u1[r] * x1, u0[r]);
-        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
-        const __m128d s0 = _mm_set1_pd(x0);
-        const __m128d s1 = _mm_set1_pd(x1);
-        for (unsigned int q = 0; q < r; q += 2) {
-            const __m128d t =
-                _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(u0 + q), s0), _mm_mul_pd(_mm_loadu_pd(u1 + q), s1));
-            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), t));
-        }
-    }
-}
-
-// x_i ← x_i − B·x_j for an s_i × s_j tile B (leading dimension ld): for each pair of q the products over
-// pairs of r are accumulated and subtracted once.
-inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xj, unsigned int sj,
-                                      double* xi, unsigned int si) {
-    unsigned int q = 0;
-    // Two pairs of q at a time: two independent sums in flight (the same sums as pair by pair).
-    for (; q + 2 < si; q += 4) {
-        __m128d acc0 = _mm_setzero_pd(), acc1 = _mm_setzero_pd();
-        for (unsigned int r = 0; r < sj; r += 2) {
-            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
-            const __m128d x0 = _mm_set1_pd(xj[r]), x1 = _mm_set1_pd(xj[r + 1]);
-            acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_loadu_pd(b0), x0));
-            acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_loadu_pd(b0 + 2), x0));
-            acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x1));
-            acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_loadu_pd(b0 + ld + 2), x1));
-        }
-        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc0));
-        _mm_storeu_pd(xi + q + 2, _mm_sub_pd(_mm_loadu_pd(xi + q + 2), acc1));
-    }
-    for (; q < si; q += 2) {
-        __m128d acc = _mm_setzero_pd();
-        for (unsigned int r = 0; r < sj; r += 2) {
-            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
-            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), _mm_set1_pd(xj[r])));  // B(q.., r)·x_j(r)
-            acc = _mm_add_pd(
-                acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), _mm_set1_pd(xj[r + 1])));  // B(q.., r+1)·x_j(r+1)
-        }
-        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
-    }
-}
+using kernels::backwardDiagonalPaired;
+using kernels::backwardOffDiagonalPaired;
+using kernels::divideByDiagonal;
+using kernels::forwardDiagonalPaired;
+using kernels::forwardOffDiagonalPaired;
 
 // ---------------------------------------------------------------------------------------------------------
 // Scalar column kernels (no padding touched).
@@ -202,6 +74,20 @@ void backwardColumnScalar(const SparseMatrix<double>& U, double* x, unsigned int
         }
     }
 }
+
+// Brings the tiles of container column j (back to back in storage, diagonal tile last) towards the cache,
+// for a pass that reaches that column a few columns later; reads nothing, changes no result.
+inline void prefetchColumn(const SparseMatrix<double>& U, unsigned int j) {
+    const unsigned int diag = U.colPointers[j + 1] - 1;
+    const char* p = reinterpret_cast<const char*>(U.blockPointers[U.colPointers[j]]);
+    const unsigned long p_j = U.blockStrides[j];
+    const char* end = reinterpret_cast<const char*>(U.blockPointers[diag] + p_j * p_j);
+    for (; p < end; p += 64) __builtin_prefetch(p, 0, 3);
+}
+
+// Columns ahead of the backward pass that are prefetched: the pass runs from the highest column down,
+// against the direction the hardware prefetcher follows on its own.
+constexpr unsigned int backwardPrefetchDistance = 4;
 
 // Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.
 inline unsigned int rowsBelow(const SparseMatrix<double>& U, unsigned int j, unsigned int limit) {
@@ -417,6 +303,7 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
     // An odd last column first, scalar: its padding column would read past the end of x.
     if (U.blockSizes[n - 1] & 1u) backwardColumnScalar(U, x, --j);
     while (j-- > 0) {
+        if (j >= backwardPrefetchDistance) prefetchColumn(U, j - backwardPrefetchDistance);
         const unsigned int sj = U.blockSizes[j];
         double* xj = x + U.blockOffsets[j];
         const unsigned int diag = U.colPointers[j + 1] - 1;
@@ -441,6 +328,60 @@ bool solve(const TamberData<double>& data, DenseVector<double>& x) {
     forwardSolve(data.factor, x.data);
     diagSolve(data.diagonal, x);
     backwardTSolve(data.factor, x.data);
+    return true;
+}
+
+bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+    if (numRhs == 1) return solve(data, x);
+    const SparseMatrix<double>& U = data.factor;
+    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
+    // Each right-hand side gets the operations of the single solve in the same order: the loops over the
+    // right-hand sides sit inside the loops over the tiles, so a tile is read once for all of them.
+    if (n > 0) {
+        const unsigned int paired = (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
+        for (unsigned int j = 0; j < paired; ++j) {
+            const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
+            const unsigned int diag = U.colPointers[j + 1] - 1;
+            for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+                const unsigned int i = U.rowIndices[k];
+                const double* B = U.blockPointers[k];
+                const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
+                for (unsigned int r = 0; r < numRhs; ++r) {
+                    double* xr = x + r * ld;
+                    forwardOffDiagonalPaired(B, ldi, xr + offi, si, xr + offj, sj);
+                }
+            }
+            for (unsigned int r = 0; r < numRhs; ++r)
+                forwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
+        }
+        if (paired < n) {
+            for (unsigned int r = 0; r < numRhs; ++r)
+                forwardColumnScalar(U, x + r * ld, n - 1, U.blockSizes[n - 1]);
+        }
+    }
+    for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
+    if (n == 0) return true;
+    unsigned int j = n;
+    if (U.blockSizes[n - 1] & 1u) {
+        --j;
+        for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(U, x + r * ld, j);
+    }
+    while (j-- > 0) {
+        if (j >= backwardPrefetchDistance) prefetchColumn(U, j - backwardPrefetchDistance);
+        const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
+        const unsigned int diag = U.colPointers[j + 1] - 1;
+        for (unsigned int r = 0; r < numRhs; ++r)
+            backwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
+        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k];
+            const double* B = U.blockPointers[k];
+            const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
+            for (unsigned int r = 0; r < numRhs; ++r) {
+                double* xr = x + r * ld;
+                backwardOffDiagonalPaired(B, ldi, xr + offj, sj, xr + offi, si);
+            }
+        }
+    }
     return true;
 }
 

@@ -307,6 +307,7 @@ TEST(AnalysisApi, EveryOrderingSatisfiesTheRuleAssemblesAndFactorsWithoutZeroPiv
                 options.ordering = kOrderings[o];
                 options.peel = peel;
                 options.nestedDissectionThreshold = seed % 2 ? 0.0 : 5e7;  // exercise nested dissection too
+                options.mergeBlocks = false;  // data's blocks are the problem's (merging: BlockMerge_test)
                 const Report report = analyzer.analyze(problem, options, data);
                 ASSERT_TRUE(report.ok && report.message.empty()) << report.message;
                 std::string why;
@@ -335,6 +336,7 @@ TEST(AnalysisApi, EveryOrderingSatisfiesTheRuleAssemblesAndFactorsWithoutZeroPiv
         Options options;
         options.ordering = Ordering::user;
         options.userOrder = order.data();
+        options.mergeBlocks = false;
         for (int attempt = 0; attempt < 2; ++attempt) {
             std::string why;
             const bool legal = checkOrder(problem, order.data(), &why);
@@ -511,9 +513,8 @@ TEST(AnalysisApi, InputErrorsAndRefusedOrdersAreReportedAndLeaveTheDataUnchanged
         EXPECT_EQ(r.ok, expected == nullptr);
         EXPECT_EQ(r.message, expected ? expected : "");
         EXPECT_EQ(why, expected ? expected : "");
-        EXPECT_TRUE(expected
-                        ? snapshot(data, analyzer) == before
-                        : std::equal(options.userOrder, options.userOrder + 5, data.permutation.forward));
+        EXPECT_TRUE(expected ? snapshot(data, analyzer) == before
+                             : std::equal(options.userOrder, options.userOrder + 5, analyzer.order()));
     };
     using P = ListProblem&;
     const struct {
@@ -669,3 +670,29 @@ TEST(AnalysisApi, RealKktMatrixFactorsWithTheRightInertia) {
 }
 
 }  // namespace
+
+// Sizes whose matrix cannot be stored are answered with ok = false and a message, not an exception, and
+// leave the data and the analyzer as they were: two coupled bodies of 65,536 rows (3 tiles of 2^32 values,
+// beyond the memory of any machine this runs on) and one body of 2^32 − 1 rows (a tile of 2^64 values).
+TEST(AnalysisApi, HugeBlocksAreRefusedWithAMessage) {
+    const ListProblem good = patternOf(3, 6, {{3, {0, 1}}, {1, {1, 2}}});
+    Analyzer analyzer;
+    TamberData<double> data;
+    ASSERT_TRUE(analyzer.analyze(good.problem(), Options(), data).ok);
+    const auto before = snapshot(data, analyzer);
+    const Blocks cp{0, 1, 3}, ri{0, 0, 1}, sizes{65536, 65536};
+    Report r = analyzer.analyze({2, 2, cp.data(), ri.data(), sizes.data()}, Options(), data);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.message.rfind("the matrix of the problem needs 12884901888 values (103 GB), more than the "
+                              "memory of this machine",
+                              0),
+              0u)
+        << r.message;
+    EXPECT_TRUE(snapshot(data, analyzer) == before);
+    const Blocks one{0, 1}, diagonal{0}, huge{4294967295u};
+    r = analyzer.analyze({1, 1, one.data(), diagonal.data(), huge.data()}, Options(), data);
+    EXPECT_FALSE(r.ok);
+    EXPECT_EQ(r.message,
+              "the matrix of the problem needs more values than a 64-bit count holds; nothing was changed");
+    EXPECT_TRUE(snapshot(data, analyzer) == before);
+}

@@ -119,6 +119,12 @@ const std::vector<Case>& cases() {
     return all;
 }
 
+Options unmerged() {
+    Options o;
+    o.mergeBlocks = false;
+    return o;
+}
+
 Options merging(unsigned int maxSize, double operationFlops) {
     Options o;
     o.mergeBlocks = true;
@@ -197,7 +203,7 @@ TEST(BlockMerge, MergedFactorsSolveLikeTheUnmergedAndReproduceA) {
         const unsigned int n = static_cast<unsigned int>(c.sizes.size()), N = c.dense.n;
         const std::vector<double> b = randomVector(n, N);
         Solver plain;
-        plain.run(c, Options());
+        plain.run(c, unmerged());
         const std::vector<double> x0 = plain.solve(b);
         for (const Options& options : kSettings) {
             SCOPED_TRACE(c.name + ", limits " + std::to_string(options.maxMergedSize) + " " +
@@ -296,7 +302,7 @@ TEST(BlockMerge, RankModOnMergedDataMatchesUnmerged) {
         if (c.firstConstraint == n) continue;
         SCOPED_TRACE(c.name);
         Solver plain, merged;
-        plain.run(c, Options());
+        plain.run(c, unmerged());
         merged.run(c, kSettings[1]);
         RankMod plainMod, mergedMod;
         ASSERT_TRUE(plainMod.prepare(plain.data, 4));
@@ -306,9 +312,9 @@ TEST(BlockMerge, RankModOnMergedDataMatchesUnmerged) {
         for (unsigned int k = 0; k < 5; ++k) {
             const unsigned int ub = c.firstConstraint + rng() % (n - c.firstConstraint);
             const unsigned int l = rng() % c.sizes[ub];
-            unsigned int g = 0, q = 0;
-            ASSERT_TRUE(merged.analyzer.factorPosition(ub, l, g, q));
-            mergedOff.push_back({g, q});
+            RankMod::Equation eq;
+            ASSERT_TRUE(RankMod::toFactorNumbering(merged.analyzer, ub, l, eq));
+            mergedOff.push_back(eq);
             plainOff.push_back(RankMod::toFactorNumbering(plain.data, ub, l));
         }
         const std::vector<double> b = randomVector(n + 7, c.dense.n);
@@ -370,7 +376,7 @@ TEST(BlockMerge, CriterionLowersTheModelledTime) {
         const Case c = fromScene(scene.kind, scene.size, 1, scene.name);
         SCOPED_TRACE(c.name);
         Solver plain, merged, dear;
-        plain.run(c, Options());
+        plain.run(c, unmerged());
         merged.run(c, merging(Options().maxMergedSize, w));
         dear.run(c, merging(Options().maxMergedSize, 1e3 * w));
         EXPECT_LT(merged.report.mergedBlocks, plain.report.mergedBlocks);
@@ -385,7 +391,7 @@ TEST(BlockMerge, NoMergeGivesTheUnmergedStructure) {
     for (const Case& c : cases()) {
         SCOPED_TRACE(c.name);
         Solver plain, merged;
-        plain.run(c, Options());
+        plain.run(c, unmerged());
         merged.run(c, merging(1, 1e6));
         const unsigned int n = static_cast<unsigned int>(c.sizes.size());
         ASSERT_EQ(merged.report.mergedBlocks, n);
@@ -412,3 +418,54 @@ TEST(BlockMerge, NoMergeGivesTheUnmergedStructure) {
 }
 
 }  // namespace
+
+// The cost the analysis decides on is the cost of the factor it builds: the report's cost equals the one
+// counted on data.skeleton with data's block sizes (merged, explicit zeros included), it is the cost of the
+// kept candidate, and the kept candidate has the smaller modelled time. Random and scene patterns, merged
+// and not, with nested dissection forced into the decision.
+TEST(BlockMerge, DecidedCostIsTheCostOfTheFactorBuilt) {
+    std::vector<Case> more = {fromScene(scenes::SceneKind::cloth, 16, 1, "cloth"),
+                              fromScene(scenes::SceneKind::boxWall, 8, 1, "boxwall")};
+    unsigned long decided = 0, nestedKept = 0;
+    auto check = [&](const Case& c) {
+        for (const bool merge : {true, false}) {
+            for (const double threshold : {0.0, 5e7}) {
+                SCOPED_TRACE(c.name + (merge ? " merged" : " unmerged") + " threshold " +
+                             std::to_string(threshold));
+                Options options;
+                options.mergeBlocks = merge;
+                options.nestedDissectionThreshold = threshold;
+                Analyzer analyzer;
+                TamberData<double> data;
+                const Report r = analyzer.analyze(c.problem(), options, data);
+                ASSERT_TRUE(r.ok) << r.message;
+                const FactorCost built = factorCost(data.skeleton, data.matrix.blockSizes);
+                ASSERT_EQ(std::make_tuple(r.cost.blocks, r.cost.blockEntries, r.cost.scalarEntries),
+                          std::make_tuple(built.blocks, built.blockEntries, built.scalarEntries));
+                ASSERT_DOUBLE_EQ(r.cost.flops, built.flops);
+                ASSERT_DOUBLE_EQ(r.cost.blockOperations, built.blockOperations);
+                ASSERT_EQ(r.cost.scalarEntries, r.unmergedCost.scalarEntries + r.explicitZeros);
+                ASSERT_EQ(r.mergedBlocks, built.blocks);
+                const FactorCost& kept =
+                    r.usedNestedDissection ? r.nestedDissectionCost : r.minimumDegreeCost;
+                ASSERT_EQ(kept.scalarEntries, r.cost.scalarEntries);
+                ASSERT_DOUBLE_EQ(kept.flops, r.cost.flops);
+                if (r.nestedDissectionCost.blocks > 0) {
+                    ++decided;
+                    const double w = options.mergeOperationFlops;
+                    const FactorCost& other =
+                        r.usedNestedDissection ? r.minimumDegreeCost : r.nestedDissectionCost;
+                    EXPECT_LE(kept.modelFlops(w), other.modelFlops(w));
+                    nestedKept += r.usedNestedDissection;
+                }
+                if (!merge) {
+                    EXPECT_EQ(r.explicitZeros, 0ul);
+                }
+            }
+        }
+    };
+    for (const Case& c : cases()) check(c);
+    for (const Case& c : more) check(c);
+    EXPECT_GT(decided, 10ul);  // the decision was taken, not just skipped
+    RecordProperty("nestedDissectionKept", static_cast<int>(nestedKept));
+}

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string>
 #include <vector>
@@ -161,6 +162,27 @@ TEST_P(FactorSerialRandom, RefactorizationAllocatesNothing) {
 
 INSTANTIATE_TEST_SUITE_P(Systems, FactorSerialRandom, ::testing::ValuesIn(allCases()), caseName);
 
+// The layout of the filled pattern at the block sizes of `sys`: tiles back to back in pattern order at their
+// padded sizes, block index = pattern entry.
+template <typename T>
+void checkLayout(const BlockSystem& sys, const TamberData<T>& data, const SparseMatrix<T>& X) {
+    const SkeletonMatrix& S = data.skeleton;
+    ASSERT_TRUE(X.numBlocks == S.numEntries() && X.numBlockCols == sys.nb && X.numBlockRows == sys.nb);
+    const T* next = X.values;
+    for (unsigned int i = 0; i < sys.nb; ++i) {
+        const unsigned int p_i = sizeof(T) == 8 ? (sys.sizes[i] + 1) & ~1u : sys.sizes[i];
+        ASSERT_TRUE(X.colPointers[i + 1] == S.colPointers[i + 1] && X.blockSizes[i] == sys.sizes[i] &&
+                    X.blockStrides[i] == p_i && X.blockOffsets[i] == sys.offsets[i])
+            << i;
+        for (unsigned int e = S.colPointers[i]; e < S.colPointers[i + 1]; ++e) {
+            const unsigned int j = S.rowIndices[e];
+            ASSERT_TRUE(X.rowIndices[e] == j && X.blockPointers[e] == next) << e;
+            next += p_i * (sizeof(T) == 8 ? (sys.sizes[j] + 1) & ~1u : sys.sizes[j]);
+        }
+    }
+    EXPECT_TRUE(sys.nb == 0 || X.blockSizes[sys.nb] == sys.N);
+}
+
 // Brute-force counts for the work estimate: fill blocks = filled entries missing from A; work = per
 // off-diagonal entry (i, j) one solve plus |{k < j : (i, k) and (j, k) in the pattern}|, by set intersection.
 TEST(FactorSerialEstimate, CountsMatchBruteForce) {
@@ -194,22 +216,14 @@ TEST(FactorSerialEstimate, CountsMatchBruteForce) {
         EXPECT_EQ(gotWork, work);
         EXPECT_EQ(tamber.estimateWork(data, nullptr), fill);
 
-        // The layout: one placeholder block per pattern entry, in pattern order.
-        const SparseMatrix<double>& L = data.factor;
-        ASSERT_TRUE(L.numBlocks == data.skeleton.numEntries() && L.numBlockCols == sys.nb &&
-                    L.numBlockRows == sys.nb);
-        for (unsigned int i = 0; i < sys.nb; ++i)
-            ASSERT_TRUE(L.colPointers[i + 1] == data.skeleton.colPointers[i + 1] && L.blockSizes[i] == 1 &&
-                        L.blockStrides[i] == 2);
-        for (unsigned int e = 0; e < L.numBlocks; ++e)
-            ASSERT_TRUE(L.rowIndices[e] == data.skeleton.rowIndices[e] &&
-                        L.blockPointers[e] == L.values + 4 * e);
-        EXPECT_TRUE(sys.nb == 0 || L.blockSizes[sys.nb] == sys.nb);
+        // The layout of the factor and of LD: one tile per pattern entry, in pattern order, at the true
+        // sizes.
+        for (const SparseMatrix<double>* X : {&data.factor, &data.scaledFactor}) checkLayout(sys, data, *X);
     }
 }
 
 // A tridiagonal block chain has no fill (every row subtree is the previous block; one solve per off-diagonal
-// block, no common columns; float placeholders are 1×1); a block-diagonal matrix has no work at all, and each
+// block, no common columns); a block-diagonal matrix has no work at all, and each
 // diagonal block is factored alone.
 TEST(FactorSerialEstimate, NoFillChainAndBlockDiagonal) {
     BlockSystem sys = testing::makeSpdSystem(7, 6, 3, 0.0);
@@ -220,8 +234,7 @@ TEST(FactorSerialEstimate, NoFillChainAndBlockDiagonal) {
     unsigned int work = 0;
     EXPECT_EQ(tamber.estimateWork(data, &work), 0u);
     EXPECT_EQ(work, 5u);
-    for (unsigned int e = 0; e < data.factor.numBlocks; ++e)
-        EXPECT_EQ(data.factor.blockPointers[e], data.factor.values + e);
+    checkLayout(sys, data, data.factor);
     const BlockSystem diag = testing::makeSpdSystem(3, 9, 7, 0.0);
     TamberData<double> dataD;
     diag.fillData(dataD);
@@ -253,9 +266,9 @@ TEST(FactorSerialEdge, EmptySystemAndTimers) {
     EXPECT_EQ(tamber.getSolveTime(), 0.0);
 }
 
-// No pivoting: a zero pivot (a constraint eliminated before its body) gives non-finite values and the
-// factorization still completes.
-TEST(FactorSerialEdge, ZeroPivotPropagatesWithoutReport) {
+// No pivoting: a zero pivot (a constraint eliminated before its body) gives non-finite values; without the
+// stop flag the factorization still completes, and it reports the first bad pivot.
+TEST(FactorSerialEdge, ZeroPivotPropagatesAndIsReported) {
     testing::DenseSymmetric A(2);
     A.setSymmetric(1, 0, 1.0);  // [[0, 1], [1, 0]]
     const BlockSystem sys = testing::makeFromDense({1, 1}, A);
@@ -266,6 +279,171 @@ TEST(FactorSerialEdge, ZeroPivotPropagatesWithoutReport) {
     EXPECT_EQ(data.isFactored, 1);
     EXPECT_EQ(data.diagonal.data[0], 0.0);
     EXPECT_FALSE(std::isfinite(data.diagonal.data[1]));
+    EXPECT_TRUE(data.badPivot.scalar == 0 && data.badPivot.block == 0 && data.badPivot.local == 0 &&
+                data.badPivot.value == 0.0);
+}
+
+// Every bit of the factor: the tiles of L and LD (back to back in pattern order, padding included), then the
+// pivots.
+template <typename T>
+std::vector<T> factorBits(const TamberData<T>& data) {
+    std::vector<T> v;
+    const unsigned long nb = data.factor.numBlockCols, blocks = data.factor.numBlocks;
+    for (const SparseMatrix<T>* X : {&data.factor, &data.scaledFactor}) {
+        if (blocks == 0) continue;
+        const unsigned long p = X->blockStrides[nb - 1];
+        v.insert(v.end(), X->values, X->blockPointers[blocks - 1] + p * p);
+    }
+    v.insert(v.end(), data.diagonal.data, data.diagonal.data + data.diagonal.size);
+    return v;
+}
+
+// Bit-for-bit equality (NaN equals NaN of the same bits).
+template <typename T>
+bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+}
+
+// A zero pivot planted at scalar `local` of block `block` (its row and column of A zeroed, so d is exactly 0
+// there whatever came before): reported with its place and value; with stopAtBadPivot the factorization stops
+// right after that block's diagonal factorization (later pivots untouched, isFactored 0) and the pivots up to
+// it are those of the complete run; a clean system gives the same bits with and without the flag.
+TEST(FactorSerialEdge, StopsAtTheFirstBadPivot) {
+    for (unsigned long seed = 0; seed < 12; ++seed) {
+        BlockSystem sys = testing::makeSpdSystem(seed, 30 + seed, 1 + seed % 6, 0.2);
+        SCOPED_TRACE(testing::describe(sys));
+        Tamber tamber;
+        TamberData<double> clean, flagged;
+        sys.fillData(clean);
+        sys.fillData(flagged);
+        flagged.stopAtBadPivot = 1;
+        tamber.factorSerial(clean);
+        tamber.factorSerial(flagged);
+        EXPECT_TRUE(flagged.isFactored == 1 &&
+                    flagged.badPivot.scalar == TamberData<double>::BadPivot::noPivot);
+        EXPECT_TRUE(sameBits(factorBits(clean), factorBits(flagged)));
+
+        const unsigned int block = 2 + static_cast<unsigned int>(seed % 5), local = sys.sizes[block] - 1;
+        const unsigned int r = sys.offsets[block] + local;
+        for (unsigned int c = 0; c < sys.N; ++c) sys.dense.setSymmetric(r, c, 0.0);
+        TamberData<double> full, stopped;
+        for (TamberData<double>* data : {&full, &stopped}) {
+            sys.fillData(*data);
+            tamber.factorSerial(*data);  // sizes the pivots; then a sentinel in every pivot
+            std::fill(data->diagonal.data, data->diagonal.data + sys.N, 7.0);
+            data->isFactored = 0;
+        }
+        stopped.stopAtBadPivot = 1;
+        tamber.factorSerial(full);
+        tamber.factorSerial(stopped);
+        EXPECT_EQ(full.isFactored, 1);
+        EXPECT_EQ(stopped.isFactored, 0);
+        for (const TamberData<double>* data : {&full, &stopped}) {
+            EXPECT_TRUE(data->badPivot.scalar == r && data->badPivot.block == block &&
+                        data->badPivot.local == local && data->badPivot.value == 0.0);
+        }
+        for (unsigned int k = 0; k < sys.N; ++k) {
+            if (k < sys.offsets[block + 1]) {
+                ASSERT_EQ(stopped.diagonal.data[k], full.diagonal.data[k]) << k;
+            } else {
+                ASSERT_EQ(stopped.diagonal.data[k], 7.0) << k;  // never reached
+            }
+        }
+        // The next factorization without the flag completes and reports the same pivot.
+        stopped.stopAtBadPivot = 0;
+        tamber.factorSerial(stopped);
+        EXPECT_TRUE(stopped.isFactored == 1 && stopped.badPivot.scalar == r);
+        EXPECT_TRUE(sameBits(factorBits(stopped), factorBits(full)));
+    }
+}
+
+// The layout is made once per structure: a work estimate lays L and LD out (allocating nothing and zeroing
+// nothing when the object already holds that layout); new values on the same structure reuse it, allocate
+// nothing and give the bits of a fresh object; a changed structure (here one coupling added to the last
+// row, found only when the factorization reaches that row) is laid out anew and factored right.
+TEST(FactorSerialLayout, MadeOncePerStructure) {
+    for (unsigned long seed = 0; seed < 8; ++seed) {
+        BlockSystem sys = seed % 2 ? testing::makeSpdSystem(seed, 40, 1 + seed % 7, 0.1)
+                                   : testing::makeSaddlePointSystem(seed, 20, 12, 1 + seed % 7);
+        SCOPED_TRACE(testing::describe(sys));
+        Tamber tamber;
+        TamberData<double> data;
+        sys.fillData(data);
+        tamber.estimateWork(data, nullptr);
+        tamber.factorSerial(data);
+        const std::vector<double> bits = factorBits(data);
+        const double* values = data.factor.values;
+
+        std::uint64_t before = kiv::ByteAllocator::allocationCount();
+        unsigned int work = 0;
+        tamber.estimateWork(data, nullptr);
+        tamber.estimateWork(data, &work);
+        EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
+        EXPECT_TRUE(sameBits(factorBits(data), bits));  // nothing zeroed, nothing moved
+
+        sys.refillValues(data.matrix, 0.5);
+        data.isFactored = 0;
+        before = kiv::ByteAllocator::allocationCount();
+        tamber.factorSerial(data);
+        EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
+        EXPECT_EQ(data.factor.values, values);
+        TamberData<double> fresh;
+        sys.fillData(fresh);
+        fresh.matrix.clear();
+        sys.fillMatrix(fresh.matrix);
+        sys.refillValues(fresh.matrix, 0.5);
+        tamber.estimateWork(fresh, nullptr);
+        tamber.factorSerial(fresh);
+        EXPECT_TRUE(sameBits(factorBits(fresh), factorBits(data)));
+
+        // One more coupling in the last row (zero values: the matrix stays the same, its structure does not).
+        BlockSystem wider = sys;
+        std::vector<unsigned int>& last = wider.lowerRows[sys.nb - 1];
+        for (unsigned int j = 0; j + 1 < sys.nb; ++j) {
+            if (!std::binary_search(last.begin(), last.end(), j)) {
+                last.insert(std::lower_bound(last.begin(), last.end(), j), j);
+                break;
+            }
+        }
+        wider.fillData(data);
+        tamber.factorSerial(data);
+        checkFactor(wider, data);
+        checkLayout(wider, data, data.factor);
+        checkLayout(wider, data, data.scaledFactor);
+        TamberData<double> freshWider;
+        wider.fillData(freshWider);
+        tamber.estimateWork(freshWider, nullptr);
+        tamber.factorSerial(freshWider);
+        EXPECT_TRUE(sameBits(factorBits(freshWider), factorBits(data)));
+        // The last row's first coupling moved to another column, where that keeps the counts of the filled
+        // pattern: only the row check of the last row can find the change.
+        for (unsigned int j = 0; j + 1 < sys.nb; ++j) {
+            BlockSystem moved = sys;
+            std::vector<unsigned int>& row = moved.lowerRows[sys.nb - 1];
+            if (row.empty() || std::binary_search(row.begin(), row.end(), j)) continue;
+            const unsigned int dropped = row.front();
+            row.erase(row.begin());
+            row.insert(std::lower_bound(row.begin(), row.end(), j), j);
+            for (unsigned int r = sys.offsets[sys.nb - 1]; r < sys.N; ++r)
+                for (unsigned int c = sys.offsets[dropped]; c < sys.offsets[dropped + 1]; ++c)
+                    moved.dense.setSymmetric(r, c, 0.0);
+            TamberData<double> probe;
+            moved.fillData(probe);
+            if (probe.skeleton.numEntries() != data.skeleton.numEntries()) continue;
+            moved.fillData(data);
+            tamber.factorSerial(data);
+            checkFactor(moved, data);
+            checkLayout(moved, data, data.factor);
+            tamber.estimateWork(probe, nullptr);
+            tamber.factorSerial(probe);
+            EXPECT_TRUE(sameBits(factorBits(probe), factorBits(data)));
+            break;
+        }
+        // And back to the first structure without a work estimate.
+        sys.fillData(data);
+        tamber.factorSerial(data);
+        checkFactor(sys, data);
+    }
 }
 
 // A real SPD matrix (power network admittance, 494 unknowns) grouped into blocks of 3 in its natural order.

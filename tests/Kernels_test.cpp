@@ -31,6 +31,15 @@ struct Buffer {
     Buffer(const Buffer&) = delete;
     Buffer& operator=(const Buffer&) = delete;
     std::vector<T> snapshot() const { return std::vector<T>(raw, raw + size); }
+    // The same bits everywhere, except that any NaN matches any NaN: the sign and payload of a NaN depend
+    // on which operand of a commutative operation the compiler puts first, which no source order fixes.
+    bool sameValues(const std::vector<T>& v) const {
+        for (int i = 0; i < size; ++i) {
+            if (std::isnan(raw[i]) && std::isnan(v[i])) continue;
+            if (std::memcmp(raw + i, v.data() + i, sizeof(T)) != 0) return false;
+        }
+        return true;
+    }
     bool sameBits(const std::vector<T>& v) const { return std::memcmp(raw, v.data(), size * sizeof(T)) == 0; }
     int size;
     T* raw;
@@ -362,3 +371,177 @@ TEST(Kernels, NonPositiveSizesLeaveOutputUntouched) {
 }
 
 }  // namespace
+
+// ---------------------------------------------------------------------------------------------------------
+// Size-specialised kernels: the fast form against the reference form, bit for bit, at every block size
+// 1 … 12 (the unrolled sizes and the general loops), on random values with some NaN and infinities planted,
+// over whole guarded buffers (padding and guards included); a NaN matches any NaN.
+// ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Padded size of a block of s rows.
+template <typename T>
+int paddedOf(int s) {
+    return sizeof(T) == sizeof(double) ? (s + 1) & ~1 : s;
+}
+
+// Random entries in rows × cols of a tile of stride p (padding left as it is), with a few non-finite values
+// when `special`: about one entry in twelve becomes NaN, +inf or −inf.
+template <typename T>
+void fillTile(T* M, int p, int rows, int cols, Rng& rng, bool special) {
+    for (int r = 0; r < rows; ++r)
+        for (int c = 0; c < cols; ++c) {
+            T v = static_cast<T>(rng());
+            if (special && rng.between(0, 11) == 0) {
+                const int kind = rng.between(0, 2);
+                v = kind == 0 ? std::numeric_limits<T>::quiet_NaN()
+                              : (kind == 1 ? 1 : -1) * std::numeric_limits<T>::infinity();
+            }
+            M[r * p + c] = v;
+        }
+}
+
+// A zeroed, NaN-guarded tile buffer of rows × p elements.
+template <typename T>
+void zero(Buffer<T>& b, int count) {
+    for (int i = 0; i < count; ++i) b.data[i] = T(0);
+}
+
+// Runs `setUp` into two identical sets of buffers, then fast on one and reference on the other, and
+// compares every buffer bit for bit.
+template <typename T, typename Body>
+void sameBitsAtEverySize(const char* name, Body body) {
+    for (int s = 1; s <= 12; ++s)
+        for (unsigned seed = 0; seed < 24; ++seed) {
+            SCOPED_TRACE(::testing::Message() << name << " s " << s << " seed " << seed);
+            body(s, seed, seed % 3 == 2);
+            if (::testing::Test::HasFatalFailure()) return;
+        }
+}
+
+}  // namespace
+
+TEST(KernelsSized, DiagonalFactorizationFastEqualsReference) {
+    auto run = [](auto zeroT) {
+        using T = decltype(zeroT);
+        sameBitsAtEverySize<T>("factorDiagonalBlock", [](int s, unsigned seed, bool special) {
+            Rng rng(seed * 31 + s);
+            const int p = paddedOf<T>(s);
+            Buffer<T> W1(p * p), W2(p * p), d1(p), d2(p);
+            zero(W1, p * p);
+            fillTile(W1.data, p, s, s, rng, special);
+            for (int r = 0; r < s; ++r) {
+                W1.data[r * p + r] += T(4);  // mostly well-conditioned
+                for (int c = r + 1; c < s; ++c) W1.data[r * p + c] = std::numeric_limits<T>::quiet_NaN();
+            }
+            std::memcpy(W2.raw, W1.raw, W1.size * sizeof(T));
+            kernels::fast::factorDiagonalBlock(W1.data, p, s, d1.data);
+            kernels::reference::factorDiagonalBlock(W2.data, p, s, d2.data);
+            ASSERT_TRUE(W1.sameValues(W2.snapshot()) && d1.sameValues(d2.snapshot()));
+        });
+    };
+    run(0.0);
+    run(0.0f);
+}
+
+TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
+    sameBitsAtEverySize<double>("solveUnitDiagonal/finishSmallBlock", [](int s, unsigned seed, bool special) {
+        Rng rng(seed * 17 + s);
+        const int p = paddedOf<double>(s), rows = 1 + static_cast<int>(seed % 7);
+        const int rowsPadded = paddedOf<double>(rows);
+        Buffer<double> L(p * p), W1(rowsPadded * p), W2(rowsPadded * p), LD1(rowsPadded * p),
+            LD2(rowsPadded * p), recip(p), d(p);
+        zero(L, p * p);
+        zero(W1, rowsPadded * p);
+        zero(LD1, rowsPadded * p);
+        zero(LD2, rowsPadded * p);
+        fillTile(L.data, p, s, s, rng, special);
+        for (int r = 0; r < s; ++r) {
+            L.data[r * p + r] = std::numeric_limits<double>::quiet_NaN();  // the unit diagonal is not read
+            for (int c = r + 1; c < p; ++c) L.data[r * p + c] = 0.0;
+        }
+        fillTile(W1.data, p, rows, s, rng, special);
+        zero(recip, p);
+        zero(d, p);
+        fillTile(d.data, p, 1, s, rng, special);
+        for (int c = 0; c < s; ++c) recip.data[c] = 1.0 / d.data[c];
+        std::memcpy(W2.raw, W1.raw, W1.size * sizeof(double));
+        kernels::fast::solveUnitDiagonal(L.data, p, W1.data, rows, s);
+        kernels::reference::solveUnitDiagonal(L.data, p, W2.data, rows, s);
+        ASSERT_TRUE(W1.sameValues(W2.snapshot()));
+        const bool fastDone =
+            kernels::fast::finishSmallBlock(L.data, W1.data, LD1.data, rows, s, recip.data, d.data);
+        const bool refDone =
+            kernels::reference::finishSmallBlock(L.data, W2.data, LD2.data, rows, s, recip.data, d.data);
+        ASSERT_EQ(fastDone, s <= 6);
+        ASSERT_EQ(refDone, s <= 6);
+        ASSERT_TRUE(W1.sameValues(W2.snapshot()) && LD1.sameValues(LD2.snapshot()));
+    });
+}
+
+TEST(KernelsSized, ScalingAndLowerUpdateFastEqualReference) {
+    auto run = [](auto zeroT) {
+        using T = decltype(zeroT);
+        sameBitsAtEverySize<T>("scaleColumns/subtractABtLower", [](int s, unsigned seed, bool special) {
+            Rng rng(seed * 13 + s);
+            const int p = paddedOf<T>(s), k = 1 + static_cast<int>(seed % 12), pk = paddedOf<T>(k);
+            Buffer<T> X(p * pk), Y1(p * pk), Y2(p * pk), d(pk), B(p * pk), C1(p * p), C2(p * p);
+            zero(X, p * pk);
+            zero(B, p * pk);
+            zero(d, pk);
+            zero(C1, p * p);
+            fillTile(X.data, pk, s, k, rng, special);
+            fillTile(B.data, pk, s, k, rng, special);
+            fillTile(d.data, pk, 1, k, rng, special);
+            fillTile(C1.data, p, s, s, rng, special);
+            std::memcpy(C2.raw, C1.raw, C1.size * sizeof(T));
+            kernels::fast::scaleColumns(X.data, d.data, Y1.data, s, k, pk);
+            kernels::reference::scaleColumns(X.data, d.data, Y2.data, s, k, pk);
+            ASSERT_TRUE(Y1.sameValues(Y2.snapshot()));
+            kernels::fast::subtractABtLower(X.data, pk, B.data, pk, C1.data, p, s, k);
+            kernels::reference::subtractABtLower(X.data, pk, B.data, pk, C2.data, p, s, k);
+            ASSERT_TRUE(C1.sameValues(C2.snapshot()));
+        });
+    };
+    run(0.0);
+    run(0.0f);
+}
+
+// The paired solve steps on a tile between two slices of x, each followed by one more entry (the next
+// block's first one, which the pairs read across an odd size).
+TEST(KernelsSized, SolveStepsFastEqualReference) {
+    sameBitsAtEverySize<double>("solve steps", [](int s, unsigned seed, bool special) {
+        Rng rng(seed * 7 + s);
+        const int sj = s, si = 1 + static_cast<int>(seed % 12);
+        const int pj = paddedOf<double>(sj), pi = paddedOf<double>(si);
+        Buffer<double> B(pj * pi), U(pj * pj), x1(pi + pj), x2(pi + pj);
+        zero(B, pj * pi);
+        zero(U, pj * pj);
+        fillTile(B.data, pi, sj, si, rng, special);  // column-major s_i × s_j: row r of the view is column r
+        fillTile(U.data, pj, sj, sj, rng, special);
+        for (int r = 0; r < sj; ++r) {
+            for (int q = r + 1; q < pj; ++q) U.data[r * pj + q] = 0.0;  // row r of the view: U(q ≤ r, r)
+            if (rng.between(0, 2) == 0) U.data[r * pj + r] = 1.0;  // the unit diagonal skips its division
+        }
+        fillTile(x1.data, pi + pj, 1, pi + pj, rng, special);
+        double* xi1 = x1.data;
+        double* xj1 = x1.data + pi;
+        double* xi2 = x2.data;
+        double* xj2 = x2.data + pi;
+        auto same = [&] { return x1.sameValues(x2.snapshot()); };
+        std::memcpy(x2.raw, x1.raw, x1.size * sizeof(double));
+        kernels::fast::forwardOffDiagonal(B.data, pi, xi1, si, xj1, sj);
+        kernels::reference::forwardOffDiagonal(B.data, pi, xi2, si, xj2, sj);
+        ASSERT_TRUE(same()) << "forwardOffDiagonal";
+        kernels::fast::forwardDiagonal(U.data, pj, xj1, sj);
+        kernels::reference::forwardDiagonal(U.data, pj, xj2, sj);
+        ASSERT_TRUE(same()) << "forwardDiagonal";
+        kernels::fast::backwardDiagonal(U.data, pj, xj1, sj);
+        kernels::reference::backwardDiagonal(U.data, pj, xj2, sj);
+        ASSERT_TRUE(same()) << "backwardDiagonal";
+        kernels::fast::backwardOffDiagonal(B.data, pi, xj1, sj, xi1, si);
+        kernels::reference::backwardOffDiagonal(B.data, pi, xj2, sj, xi2, si);
+        ASSERT_TRUE(same()) << "backwardOffDiagonal";
+    });
+}

@@ -13,6 +13,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 #include <random>
 #include <string>
@@ -354,6 +355,188 @@ TEST(MultifrontThreads, TwoSystemsFromTwoThreadsAndConditionWaitingBeyondTheProc
         EXPECT_EQ(da.multifront.spinBlocks, processors == 0 || threads <= processors) << threads;
         EXPECT_LE(difference(ra, da), tolerance<double>());
     }
+}
+
+// Every top node shared out (no least work) or none: the same bits, since every tile gets the same
+// products in the same order whoever computes them; equal to serial within rounding; the same bits on every
+// repeat. Dense tops (a few large fronts over many parts) and the random shapes.
+TEST(MultifrontThreads, SharedTopStepsGiveTheSameBitsAsUnsharedForEveryThreadCount) {
+    std::vector<BlockSystem> systems;
+    systems.push_back(partsAndTop(11, 6, 10, 12));
+    systems.push_back(makeShape(Shape::dissection, 12, 120));
+    systems.push_back(makeShape(Shape::saddle, 13, 120));
+    systems.push_back(makeShape(Shape::spd, 14, 60));
+    unsigned long sharedNodes = 0;
+    for (const BlockSystem& sys : systems) {
+        SCOPED_TRACE(testing::describe(sys));
+        TamberData<double> serial, shared, unshared;
+        sys.fillData(serial);
+        sys.fillData(shared);
+        sys.fillData(unshared);
+        Tamber tamber;
+        tamber.factorSerial(serial);
+        shared.multifront.minSharedWork = 0.0;
+        unshared.multifront.intraFrontSplit = false;
+        for (unsigned int threads : {1u, 2u, 3u, 4u, 8u, 16u}) {
+            SCOPED_TRACE(std::to_string(threads) + " threads");
+            shared.numThreads = unshared.numThreads = threads;
+            tamber.factorMF(unshared);
+            tamber.factorMF(shared);
+            if (threads == 1) {
+                EXPECT_EQ(shared.multifront.numSplitNodes, 0u);
+            }
+            sharedNodes += shared.multifront.numSplitNodes;
+            EXPECT_EQ(unshared.multifront.numSplitNodes, 0u);
+            const std::vector<double> bits = snapshot(unshared);
+            ASSERT_TRUE(snapshot(shared) == bits);
+            EXPECT_LE(difference(serial, shared), tolerance<double>());
+            for (int run = 0; run < 8; ++run) {
+                tamber.factorMF(shared);
+                ASSERT_TRUE(snapshot(shared) == bits) << "run " << run;
+            }
+        }
+    }
+    EXPECT_GT(sharedNodes, 20u);
+}
+
+// Four different systems factored from four threads at once, each with its own thread count, over and over:
+// every result has the bits of the same factorization run alone.
+TEST(MultifrontThreads, ConcurrentFactorizationsOfDifferentSystemsEqualOneAtATime) {
+    const BlockSystem systems[4] = {partsAndTop(21, 4, 10, 6), makeShape(Shape::saddle, 22, 100),
+                                    makeShape(Shape::dissection, 23, 90), partsAndTop(24, 3, 14, 8)};
+    const unsigned int threads[4] = {2, 3, 1, 4};
+    std::vector<std::vector<double>> alone(4);
+    TamberData<double> data[4];
+    for (int k = 0; k < 4; ++k) {
+        systems[k].fillData(data[k]);
+        data[k].numThreads = threads[k];
+        data[k].multifront.minSharedWork = 0.0;  // the shared top steps too
+        Tamber tamber;
+        tamber.factorMF(data[k]);
+        alone[k] = snapshot(data[k]);
+    }
+    std::atomic<unsigned int> mismatches{0};
+    auto factorMany = [&](int k) {
+        Tamber tamber;
+        for (int run = 0; run < 25; ++run) {
+            tamber.factorMF(data[k]);
+            if (snapshot(data[k]) != alone[k]) ++mismatches;
+        }
+    };
+    std::vector<std::thread> callers;
+    for (int k = 0; k < 4; ++k) callers.emplace_back(factorMany, k);
+    for (std::thread& c : callers) c.join();
+    EXPECT_EQ(mismatches.load(), 0u);
+}
+
+// The automatic choice: serial for small systems and for a single chain, the processors (at most the asked
+// number) for a wide tree with enough work; the manager is then prepared for that count, and asking again
+// allocates nothing.
+TEST(MultifrontChoice, SmallSystemsStaySerialLargeWideOnesGetThreads) {
+    const unsigned int processors = std::thread::hardware_concurrency();
+    Tamber tamber;
+    TamberData<double> small, chain, wide;
+    makeShape(Shape::dissection, 31, 40).fillData(small);
+    EXPECT_EQ(tamber.chooseThreads(small, 8), 1u);
+    makeShape(Shape::chain, 32, 600).fillData(chain);
+    EXPECT_EQ(tamber.chooseThreads(chain, 8), 1u);
+    partsAndTop(33, 8, 60, 6).fillData(wide);
+    EXPECT_EQ(tamber.chooseThreads(wide, 1), 1u);
+    const unsigned int chosen = tamber.chooseThreads(wide, 0);
+    if (processors < 2) {
+        EXPECT_EQ(chosen, 1u);
+        return;
+    }
+    EXPECT_EQ(chosen, processors) << "work " << wide.multifront.totalWork << ", predicted "
+                                  << wide.multifront.predictedTime;
+    EXPECT_EQ(tamber.chooseThreads(wide, 2), 2u);
+    EXPECT_TRUE(wide.multifront.isPreparedFor(wide.skeleton, wide.matrix.blockSizes, 2));
+    const unsigned long preparations = wide.multifront.preparations;
+    const std::uint64_t allocations = kiv::ByteAllocator::allocationCount();
+    g_newCalls = 0;
+    g_countNew = true;
+    for (int step = 0; step < 5; ++step) EXPECT_EQ(tamber.chooseThreads(wide, 2), 2u);
+    g_countNew = false;
+    EXPECT_EQ(g_newCalls.load() + kiv::ByteAllocator::allocationCount() - allocations, 0u);
+    EXPECT_EQ(wide.multifront.preparations, preparations);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The first bad pivot
+// ---------------------------------------------------------------------------------------------------------
+
+// Element (c, c) of the input's diagonal tile of block b.
+template <typename T>
+T& inputDiagonal(TamberData<T>& d, unsigned int b, unsigned int c) {
+    const SparseMatrix<T>& A = d.matrix;
+    return A.blockPointers[A.colPointers[b + 1] - 1][static_cast<unsigned long>(c) * A.blockStrides[b] + c];
+}
+
+// A zero pivot in a leaf of one part and non-finite ones in a later part and in the top: the smallest scalar
+// index is reported, with or without stopping, for every thread count and every repeat; the nodes before it
+// keep the bits of a clean factorization; stopping leaves the data unfactored.
+TEST(MultifrontBadPivot, SmallestIndexFoundForEveryThreadCountStoppingOrNot) {
+    const BlockSystem sys = partsAndTop(5, 4, 12, 4);
+    SCOPED_TRACE(testing::describe(sys));
+    const unsigned int zeroBlock = 12;  // the first leaf of the second part: its pivots are its input's
+    const unsigned int nanBlock = 30, nanLocal = sys.sizes[nanBlock] - 1, topBlock = sys.nb - 1;
+    const unsigned long expected = sys.offsets[zeroBlock];
+    for (unsigned int threads : {1u, 2u, 3u, 4u, 8u, 16u}) {
+        SCOPED_TRACE(std::to_string(threads) + " threads");
+        TamberData<double> clean, bad;
+        sys.fillData(clean);
+        sys.fillData(bad);
+        for (unsigned int c = 0; c < sys.sizes[zeroBlock]; ++c)
+            for (unsigned int r = 0; r < sys.sizes[zeroBlock]; ++r)
+                bad.matrix
+                    .blockPointers[bad.matrix.colPointers[zeroBlock + 1] - 1]
+                                  [static_cast<unsigned long>(r) * bad.matrix.blockStrides[zeroBlock] + c] =
+                    0.0;
+        inputDiagonal(bad, nanBlock, nanLocal) = std::nan("");
+        inputDiagonal(bad, topBlock, 0) = std::numeric_limits<double>::infinity();
+        Tamber tamber;
+        clean.numThreads = bad.numThreads = threads;
+        tamber.factorMF(clean);
+        EXPECT_EQ(clean.badPivot.scalar, TamberData<double>::BadPivot::noPivot);
+        const std::vector<double> cleanBits(clean.diagonal.data, clean.diagonal.data + expected);
+        for (unsigned char stop : {0, 1}) {
+            bad.stopAtBadPivot = stop;
+            for (int run = 0; run < 6; ++run) {
+                bad.isFactored = 0;
+                bad.badPivot.scalar = 0;
+                tamber.factorMF(bad);
+                ASSERT_EQ(bad.badPivot.scalar, expected) << "stop " << int(stop) << " run " << run;
+                EXPECT_EQ(bad.badPivot.block, zeroBlock);
+                EXPECT_EQ(bad.badPivot.local, 0u);
+                EXPECT_EQ(bad.badPivot.value, 0.0);
+                EXPECT_EQ(bad.isFactored, stop ? 0 : 1);
+                EXPECT_TRUE(std::equal(cleanBits.begin(), cleanBits.end(), bad.diagonal.data));
+            }
+        }
+        // Only the non-finite pivot of the later part: found inside its block, at its local index.
+        sys.fillData(bad);
+        inputDiagonal(bad, nanBlock, nanLocal) = std::nan("");
+        bad.stopAtBadPivot = 1;
+        tamber.factorMF(bad);
+        EXPECT_EQ(bad.badPivot.scalar, sys.offsets[nanBlock] + nanLocal);
+        EXPECT_EQ(bad.badPivot.block, nanBlock);
+        EXPECT_EQ(bad.badPivot.local, nanLocal);
+        EXPECT_TRUE(std::isnan(bad.badPivot.value));
+        // Good values again: no bad pivot, factored.
+        sys.fillData(bad);
+        tamber.factorMF(bad);
+        EXPECT_EQ(bad.badPivot.scalar, TamberData<double>::BadPivot::noPivot);
+        EXPECT_EQ(bad.isFactored, 1);
+    }
+    TamberData<float> single;  // float through the same path
+    sys.fillData(single);
+    inputDiagonal(single, nanBlock, 0) = std::numeric_limits<float>::quiet_NaN();
+    single.numThreads = 2;
+    single.stopAtBadPivot = 1;
+    Tamber tamber;
+    tamber.factorMF(single);
+    EXPECT_EQ(single.badPivot.scalar, sys.offsets[nanBlock]);
+    EXPECT_EQ(single.isFactored, 0);
 }
 
 // ---------------------------------------------------------------------------------------------------------

@@ -14,7 +14,11 @@
 #include <vector>
 
 #include "Analysis.h"
+#include "testing/BlockSystems.h"
 #include "testing/DenseReference.h"
+#ifdef KIVTAMBER_HAVE_IO
+#include "MatrixMarket.h"
+#endif
 
 // Counts every operator new of this program, so that the steady state can be shown to allocate nothing.
 // new and delete are replaced together (malloc and free), so sanitizers see matching pairs.
@@ -485,5 +489,156 @@ TEST(SolverAllocation, SteadyStateAllocatesNothing) {
     EXPECT_EQ(gNewCount.load() - newBefore, 0u);
     EXPECT_EQ(kiv::ByteAllocator::allocationCount() - kivBefore, 0u);
 }
+
+// A general block pattern (Analysis::Problem) with every block at once, and block by block through setBlock
+// in either triangle: the dense reference's solution.
+TEST(SolverProblem, PatternValuesSolveLikeTheDenseReference) {
+    RandomSystem sys(51, 25, true, true);
+    const unsigned int nb = sys.structure.numBodies(), n = nb + sys.structure.numConstraints();
+    std::vector<unsigned int> cp(1, 0), ri, sizes(n);
+    std::vector<unsigned long> vp;
+    std::vector<double> values;
+    for (unsigned int j = 0; j < n; ++j) {
+        sizes[j] = static_cast<unsigned int>(sys.offsets[j + 1] - sys.offsets[j]);
+        for (unsigned int i = 0; i <= j; ++i) {
+            bool coupled = i == j;
+            for (unsigned long r = sys.offsets[i]; r < sys.offsets[i + 1] && !coupled; ++r)
+                for (unsigned long c = sys.offsets[j]; c < sys.offsets[j + 1] && !coupled; ++c)
+                    coupled = sys.dense(static_cast<unsigned int>(r), static_cast<unsigned int>(c)) != 0.0;
+            if (!coupled) continue;
+            ri.push_back(i);
+            vp.push_back(values.size());
+            for (unsigned long r = sys.offsets[i]; r < sys.offsets[i + 1]; ++r)
+                for (unsigned long c = sys.offsets[j]; c < sys.offsets[j + 1]; ++c)
+                    values.push_back(sys.dense(static_cast<unsigned int>(r), static_cast<unsigned int>(c)));
+        }
+        cp.push_back(static_cast<unsigned int>(ri.size()));
+    }
+    Analysis::Problem problem{n, nb, cp.data(), ri.data(), sizes.data()};
+    Solver<double> solver;
+    SolverOptions o;
+    o.checkValues = true;
+    ASSERT_TRUE(solver.setOptions(o));
+    Status st = solver.analyze(problem);
+    ASSERT_TRUE(st) << st.message;
+    ASSERT_TRUE(solver.setPatternValues(values.data(), vp.data()));
+    ASSERT_TRUE(st = solver.factor()) << st.message;
+    const std::vector<double> b = tst::randomVector(sys.dense.n, 4);
+    std::vector<double> x(b.size()), y(b.size());
+    ASSERT_TRUE(solver.solve(b.data(), x.data()));
+    std::vector<unsigned char> all(b.size(), 1);
+    EXPECT_LT(maxRelativeError(x, denseSolution(sys.dense, b, all)), 1e-9);
+    // The same blocks one by one, each given as its transpose A(j, i): the same factor, the same solution.
+    for (unsigned int j = 0; j < n; ++j)
+        for (unsigned int e = cp[j]; e < cp[j + 1]; ++e) {
+            const unsigned int i = ri[e];
+            std::vector<double> t(static_cast<unsigned long>(sizes[i]) * sizes[j]);
+            for (unsigned int r = 0; r < sizes[i]; ++r)
+                for (unsigned int c = 0; c < sizes[j]; ++c)
+                    t[c * sizes[i] + r] = values[vp[e] + r * sizes[j] + c];
+            ASSERT_TRUE(solver.setBlock(j, i, t.data()));
+        }
+    ASSERT_TRUE(solver.factor());
+    ASSERT_TRUE(solver.solve(b.data(), y.data()));
+    EXPECT_EQ(x, y);
+    EXPECT_EQ(solver.setValues(values.data(), nullptr).code, StatusCode::invalidArgument);
+    EXPECT_EQ(solver.setBody(0, values.data()).code, StatusCode::invalidArgument);
+    values[vp[1]] = std::nan("");
+    EXPECT_EQ(solver.setPatternValues(values.data(), vp.data()).code, StatusCode::nonFiniteValue);
+    ASSERT_TRUE(solver.solve(b.data(), y.data())) << "a refused call leaves the factor valid";
+}
+
+// A scalar matrix (lower, upper or full compressed columns) through analyzeScalar with block detection,
+// and with blocks given: the same solution as the dense reference.
+TEST(SolverScalar, DetectedBlocksSolveLikeTheDenseReference) {
+    RandomSystem sys(41, 30, true, true);
+    const unsigned int n = sys.dense.n;
+    const unsigned int firstConstraintRow = static_cast<unsigned int>(sys.offsets[sys.structure.numBodies()]);
+    const std::vector<double> b = tst::randomVector(n, 3);
+    std::vector<unsigned char> all(n, 1);
+    const std::vector<double> ref = denseSolution(sys.dense, b, all);
+    for (int triangle = 0; triangle < 3; ++triangle) {  // lower, upper, full
+        std::vector<unsigned int> cp(1, 0), ri;
+        std::vector<double> v;
+        for (unsigned int j = 0; j < n; ++j) {
+            for (unsigned int i = 0; i < n; ++i) {
+                const bool keep = triangle == 0 ? i >= j : triangle == 1 ? i <= j : true;
+                if (keep && (sys.dense(i, j) != 0.0 || i == j)) ri.push_back(i), v.push_back(sys.dense(i, j));
+            }
+            cp.push_back(static_cast<unsigned int>(ri.size()));
+        }
+        Solver<double> solver;
+        Status st = solver.analyzeScalar(n, firstConstraintRow, cp.data(), ri.data());
+        ASSERT_TRUE(st) << st.message;
+        EXPECT_NE(solver.report().ordering.find("blocks detected"), std::string::npos)
+            << solver.report().ordering;
+        ASSERT_TRUE(solver.setScalarValues(v.data()));
+        ASSERT_TRUE(st = solver.factor()) << st.message;
+        std::vector<double> x(n);
+        ASSERT_TRUE(solver.solve(b.data(), x.data()));
+        EXPECT_LT(maxRelativeError(x, ref), 1e-9) << "triangle " << triangle;
+        // The blocks of the structure given by hand: the same solution within rounding.
+        std::vector<unsigned int> sizes;
+        for (unsigned int s : sys.structure.bodySizes) sizes.push_back(s);
+        for (unsigned int s : sys.structure.constraintSizes) sizes.push_back(s);
+        Solver<double> byHand;
+        ASSERT_TRUE(st = byHand.analyzeScalar(n, firstConstraintRow, cp.data(), ri.data(), sizes.data(),
+                                              static_cast<unsigned int>(sizes.size())))
+            << st.message;
+        ASSERT_TRUE(byHand.setScalarValues(v.data()));
+        ASSERT_TRUE(byHand.factor());
+        std::vector<double> y(n);
+        ASSERT_TRUE(byHand.solve(b.data(), y.data()));
+        EXPECT_LT(maxRelativeError(y, ref), 1e-9);
+    }
+    Solver<double> solver;
+    std::vector<unsigned int> cp{0, 1}, ri{3};
+    EXPECT_EQ(solver.analyzeScalar(1, 0, cp.data(), ri.data()).code, StatusCode::badStructure);
+    EXPECT_EQ(solver.setScalarValues(nullptr).code, StatusCode::notAnalyzed);
+}
+
+#ifdef KIVTAMBER_HAVE_IO
+// Quadratic programs whose Hessian is only semidefinite: the regularised mode factors them and refinement
+// against the true matrix brings the residual down to rounding level.
+TEST(SolverScalar, RegularisedModeOnRealQuadraticPrograms) {
+    const char* dir = tst::realDataDir();
+    if (dir == nullptr) GTEST_SKIP() << "no real matrices";
+    struct Case {
+        const char* file;
+        unsigned int bodyRows;
+    };
+    for (const Case& c :
+         {Case{"CONT-101_kkt.mtx", 10197}, Case{"DTOC3_kkt.mtx.gz", 14999}, Case{"CVXQP3_M_kkt.mtx", 1000}}) {
+        io::SymmetricMatrix A;
+        std::string message;
+        ASSERT_TRUE(io::readMatrixMarket(std::string(dir) + "/" + c.file, A, message)) << message;
+        std::vector<unsigned int> cp(A.colPointers.begin(), A.colPointers.end());
+        std::vector<double> ones(A.n, 1.0), b(A.n), x(A.n), r(A.n);
+        A.multiply(ones.data(), b.data());
+        Solver<double> solver;
+        SolverOptions o;
+        o.regularization = 1e-8;
+        o.refinementSteps = 10;
+        ASSERT_TRUE(solver.setOptions(o));
+        Status st = solver.analyzeScalar(A.n, c.bodyRows, cp.data(), A.rowIndices.data());
+        ASSERT_TRUE(st) << c.file << ": " << st.message;
+        ASSERT_TRUE(solver.setScalarValues(A.values.data()));
+        ASSERT_TRUE(st = solver.factor()) << c.file << ": " << st.message;
+        ASSERT_TRUE(st = solver.solve(b.data(), x.data())) << st.message;
+        A.multiply(x.data(), r.data());
+        double nr = 0, nx = 0, nb = 0;
+        for (unsigned int i = 0; i < A.n; ++i) {
+            nr = std::max(nr, std::fabs(b[i] - r[i]));
+            nx = std::max(nx, std::fabs(x[i]));
+            nb = std::max(nb, std::fabs(b[i]));
+        }
+        const double scaled = nr / (A.normInf() * nx + nb);
+        std::printf("%s: n %u, %s, regularised residual %.2e after %u refinement steps (report %.2e)\n",
+                    c.file, A.n, solver.report().ordering.c_str(), scaled, solver.report().refinementSteps,
+                    solver.report().residual);
+        EXPECT_LT(scaled, 1e-12) << c.file;
+    }
+}
+#endif
 
 }  // namespace

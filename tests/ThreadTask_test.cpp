@@ -177,7 +177,50 @@ TEST(ThreadTask, ExceptionOnCallingThreadWaitsForTheOthers) {
     }
 }
 
-TEST(ThreadTask, ConcurrentCallersAreSerialised) {
+TEST(ThreadTask, ConcurrentCallersRunAtOnceWithoutNewThreadsOnceThePoolIsLarge) {
+    // Two callers whose tasks can only finish together: every worker of both waits until all 2 + 3 have
+    // arrived, which a pool that ran one execution after the other would never allow.
+    std::atomic<unsigned> arrived{0};
+    std::atomic<bool> failed{false};
+    auto body = [&] {
+        arrived.fetch_add(1);
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (arrived.load() < 5 && !failed.load()) {
+            if (std::chrono::steady_clock::now() > deadline) failed.store(true);
+            std::this_thread::yield();
+        }
+    };
+    auto caller = [&body](unsigned n) {
+        kiv::ThreadTask task("together", body, n);
+        task.execute();
+    };
+    std::thread a(caller, 2u), b(caller, 3u);
+    a.join();
+    b.join();
+    EXPECT_FALSE(failed.load()) << "the two executions did not run at the same time";
+    EXPECT_EQ(arrived.load(), 5u);
+    EXPECT_GE(kiv::ThreadTask::poolSize(), 3u);
+
+    // The pool now holds enough threads for both: repeating starts none and indices stay distinct.
+    const std::uint64_t created = kiv::ThreadTask::threadsCreated();
+    std::atomic<unsigned> errors{0};
+    auto repeat = [&errors](unsigned n) {
+        std::atomic<unsigned> mask{0};
+        auto indices = [&mask] { mask.fetch_or(1u << kiv::ThreadTask::currentThreadIndex()); };
+        kiv::ThreadTask task("repeat", indices, n);
+        for (int i = 0; i < 300; ++i, mask.store(0)) {
+            task.execute();
+            errors += mask.load() != (1u << n) - 1;
+        }
+    };
+    std::thread c(repeat, 2u), d(repeat, 2u);
+    c.join();
+    d.join();
+    EXPECT_EQ(errors.load(), 0u);
+    EXPECT_EQ(kiv::ThreadTask::threadsCreated(), created);
+}
+
+TEST(ThreadTask, ConcurrentCallersSeeOnlyTheirOwnWorkers) {
     // Two threads execute their own tasks; each must always see all of its own workers and nobody else's.
     std::atomic<unsigned> errors{0};
     auto caller = [&errors](unsigned n) {

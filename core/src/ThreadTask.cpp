@@ -58,14 +58,16 @@ bool spinUntil(Done done, std::uint64_t budget) noexcept {
 
 }  // namespace
 
-// Process-wide pool of worker threads. Worker k (k ≥ 1) is pool thread k−1 and
-// serves as worker k of every task; the dispatching thread is worker 0.
-// Protocol: under dispatch_ the caller stores the task, sets remaining_ to
-// N−1 and, for workers 1 … N−1, stores a new generation into the worker's
-// word (under the worker's mutex, then a notify). A worker that sees its word
-// change runs the task and counts remaining_ down; the one that reaches zero
-// notifies done_. The caller's acquire load of remaining_ == 0 orders every
-// worker's writes before execute() returns.
+// Process-wide pool of worker threads, shared by all callers without a queue: an execution with N workers
+// claims N−1 idle pool threads (starting the missing ones, once) and a completion record, runs, and hands
+// them back, so that executions from different threads run at the same time, each on pool threads of its
+// own. A claim is a short critical section; the task itself runs outside of it.
+// Protocol: the caller writes each claimed worker's assignment (task, index, record, polling budget), then
+// stores a new generation into the worker's word (under the worker's mutex, then a notify). A worker that
+// sees its word change reads its assignment, runs the task and counts the record's `remaining` down; the one
+// that reaches zero notifies the record's condition. The caller's acquire load of remaining == 0 orders
+// every worker's writes before execute() returns. Workers go back to the idle list last in, first out, so
+// that a thread that executes repeatedly gets the same pool threads again.
 class ThreadPool {
 public:
     static ThreadPool& instance();
@@ -85,6 +87,17 @@ public:
 private:
     static constexpr std::uint64_t kStop = ~std::uint64_t{0};
 
+    struct Worker;
+
+    // The completion record of one execution. Owned by the pool and never freed (a worker may still take
+    // its mutex after the caller has returned); reused by later executions.
+    struct alignas(64) Team {
+        std::atomic<unsigned> remaining{0};
+        std::mutex doneMutex;
+        std::condition_variable done;
+        std::vector<Worker*> members;  // the claimed workers; capacity grows only
+    };
+
     // One cache line or more per worker, so that polling one worker's word
     // never contends with another's.
     struct alignas(64) Worker {
@@ -92,24 +105,28 @@ private:
         std::mutex mutex;
         std::condition_variable wake;
         std::thread thread;
+        // The assignment of the current generation, written by the claiming caller before it publishes the
+        // generation.
+        ThreadTask* task = nullptr;
+        Team* team = nullptr;
         unsigned index = 0;
+        std::uint64_t spinTicks = 0;
     };
 
-    void grow(unsigned numWorkers);
+    void startWorkers(unsigned count);
     void workerLoop(Worker* worker) noexcept;
-    void waitForWorkers() noexcept;
+    void waitForWorkers(Team& team, std::uint64_t spinTicks) noexcept;
 
-    std::mutex dispatch_;  // serialises executions, growth and shutdown
+    std::mutex claim_;  // guards the lists below, growth and shutdown
     std::vector<std::unique_ptr<Worker>> workers_;
+    std::vector<Worker*> idle_;
+    std::vector<std::unique_ptr<Team>> teams_;
+    std::vector<Team*> idleTeams_;
     std::atomic<unsigned> size_{0};
-    std::uint64_t generation_ = 0;  // last generation handed out; under dispatch_
-    ThreadTask* task_ = nullptr;    // task of the current generation
-    std::uint64_t spinTicks_ = 0;   // polling budget of the current generation
-    // Polling only pays when every worker has a processor of its own.
+    // Threads running tasks of the pool now (callers and workers): polling only pays when every one of them
+    // has a processor of its own.
+    std::atomic<unsigned> busy_{0};
     const unsigned processors_ = std::thread::hardware_concurrency();
-    alignas(64) std::atomic<unsigned> remaining_{0};  // counted down by every worker
-    std::mutex doneMutex_;
-    std::condition_variable done_;
     ThreadPool* abandoned_ = nullptr;  // pool of the parent process, kept reachable
 
     static std::atomic<ThreadPool*> current_;
@@ -162,20 +179,21 @@ unsigned ThreadPool::currentSize() noexcept {
     return pool ? pool->size() : 0;
 }
 
-void ThreadPool::grow(unsigned numWorkers) {
-    workers_.reserve(numWorkers);
-    while (workers_.size() < numWorkers) {
+// Under claim_: starts `count` more pool threads, all idle.
+void ThreadPool::startWorkers(unsigned count) {
+    workers_.reserve(workers_.size() + count);
+    idle_.reserve(workers_.size() + count);
+    for (unsigned k = 0; k < count; ++k) {
         auto worker = std::make_unique<Worker>();
-        worker->index = static_cast<unsigned>(workers_.size()) + 1;
         worker->thread = std::thread(&ThreadPool::workerLoop, this, worker.get());
         g_threadsCreated.fetch_add(1, std::memory_order_relaxed);
+        idle_.push_back(worker.get());          // cannot throw: reserved
         workers_.push_back(std::move(worker));  // cannot throw: reserved
         size_.store(static_cast<unsigned>(workers_.size()), std::memory_order_relaxed);
     }
 }
 
 void ThreadPool::workerLoop(Worker* worker) noexcept {
-    t_index = worker->index;
     std::uint64_t seen = 0;
     std::uint64_t budget = 0;  // the last task's polling budget
     for (;;) {
@@ -190,58 +208,92 @@ void ThreadPool::workerLoop(Worker* worker) noexcept {
         }
         seen = g;
         if (g == kStop) return;
-        ThreadTask* task = task_;
-        budget = spinTicks_;
+        ThreadTask* task = worker->task;
+        Team* team = worker->team;
+        budget = worker->spinTicks;
+        t_index = worker->index;
         t_inPoolTask = true;
         task->run();
         t_inPoolTask = false;
-        if (remaining_.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        t_index = 0;
+        if (team->remaining.fetch_sub(1, std::memory_order_acq_rel) == 1) {
             // Taking the mutex orders this notify after the caller's check of
-            // remaining_ if it is about to sleep; nothing of the task is
-            // touched any more (the caller may have returned already).
-            { std::lock_guard<std::mutex> lock(doneMutex_); }
-            done_.notify_one();
+            // remaining if it is about to sleep; nothing of the task or of this
+            // worker's assignment is touched any more (the caller may have
+            // returned and the worker may be claimed again already).
+            { std::lock_guard<std::mutex> lock(team->doneMutex); }
+            team->done.notify_one();
         }
     }
 }
 
-void ThreadPool::waitForWorkers() noexcept {
-    auto finished = [this] { return remaining_.load(std::memory_order_acquire) == 0; };
-    if (spinUntil(finished, spinTicks_)) return;
-    std::unique_lock<std::mutex> lock(doneMutex_);
-    while (!finished()) done_.wait(lock);
+void ThreadPool::waitForWorkers(Team& team, std::uint64_t spinTicks) noexcept {
+    auto finished = [&team] { return team.remaining.load(std::memory_order_acquire) == 0; };
+    if (spinUntil(finished, spinTicks)) return;
+    std::unique_lock<std::mutex> lock(team.doneMutex);
+    while (!finished()) team.done.wait(lock);
 }
 
 void ThreadPool::execute(ThreadTask& task) {
     const unsigned n = task.numThreads();
-    std::lock_guard<std::mutex> lock(dispatch_);
-    if (workers_.size() < n - 1) grow(n - 1);
-    task_ = &task;
-    spinTicks_ = processors_ != 0 && n > processors_ ? 0 : g_spinTicks.load(std::memory_order_relaxed);
-    remaining_.store(n - 1, std::memory_order_relaxed);
-    const std::uint64_t g = ++generation_;
+    Team* team;
+    {
+        std::lock_guard<std::mutex> lock(claim_);
+        if (idleTeams_.empty()) {
+            teams_.reserve(teams_.size() + 1);
+            idleTeams_.reserve(teams_.size() + 1);
+            teams_.push_back(std::make_unique<Team>());
+            idleTeams_.push_back(teams_.back().get());
+        }
+        team = idleTeams_.back();
+        idleTeams_.pop_back();
+        if (idle_.size() < n - 1) startWorkers(n - 1 - static_cast<unsigned>(idle_.size()));
+        team->members.reserve(n - 1);
+        team->members.clear();
+        for (unsigned k = 0; k + 1 < n; ++k) {
+            team->members.push_back(idle_.back());  // cannot throw: reserved
+            idle_.pop_back();
+        }
+    }
+    const unsigned busy = busy_.fetch_add(n, std::memory_order_relaxed) + n;
+    const std::uint64_t spinTicks =
+        processors_ != 0 && busy > processors_ ? 0 : g_spinTicks.load(std::memory_order_relaxed);
+    team->remaining.store(n - 1, std::memory_order_relaxed);
     for (unsigned k = 0; k + 1 < n; ++k) {
-        Worker& worker = *workers_[k];
+        Worker& worker = *team->members[k];
+        worker.task = &task;
+        worker.team = team;
+        worker.index = k + 1;
+        worker.spinTicks = spinTicks;
         {
             std::lock_guard<std::mutex> workerLock(worker.mutex);
-            worker.generation.store(g, std::memory_order_release);
+            worker.generation.store(worker.generation.load(std::memory_order_relaxed) + 1,
+                                    std::memory_order_release);
         }
         worker.wake.notify_one();
     }
+    auto handBack = [this, team, n] {
+        busy_.fetch_sub(n, std::memory_order_relaxed);
+        std::lock_guard<std::mutex> lock(claim_);
+        for (unsigned k = n - 1; k-- > 0;) idle_.push_back(team->members[k]);  // capacity: every worker
+        idleTeams_.push_back(team);                                            // capacity: every record
+    };
     t_inPoolTask = true;
     try {
         task.run();
     } catch (...) {
         t_inPoolTask = false;
-        waitForWorkers();
+        waitForWorkers(*team, spinTicks);
+        handBack();
         throw;
     }
     t_inPoolTask = false;
-    waitForWorkers();
+    waitForWorkers(*team, spinTicks);
+    handBack();
 }
 
 void ThreadPool::shutdown() noexcept {
-    std::lock_guard<std::mutex> lock(dispatch_);
+    std::lock_guard<std::mutex> lock(claim_);
     for (auto& worker : workers_) {
         {
             std::lock_guard<std::mutex> workerLock(worker->mutex);
@@ -251,6 +303,7 @@ void ThreadPool::shutdown() noexcept {
     }
     for (auto& worker : workers_) worker->thread.join();
     workers_.clear();
+    idle_.clear();
     size_.store(0, std::memory_order_relaxed);
 }
 

@@ -70,14 +70,17 @@ bool groupIntoBlocks(const SymmetricMatrix& matrix, unsigned int bodyRows, unsig
         ++out.colPointers[j + 1ul];
         out.rowIndices[e] = i;
         out.valuePointers[e] = total;
+        // Each product is below 2^32 (block sizes come from N < 2^32 rows); stopping at the limit keeps the
+        // sum far from overflowing.
         total += static_cast<unsigned long>(out.blockSizes[i]) * out.blockSizes[j];
+        if (total > (1ul << 27)) break;
     }
     out.valuePointers[pairs.size()] = total;
     for (unsigned int j = 0; j < n; ++j) out.colPointers[j + 1ul] += out.colPointers[j];
     if (total > (1ul << 27)) {
-        message = "blocks of " + std::to_string(blockSize) + " rows need " + std::to_string(total) +
-                  " values, more than the tool's limit of " + std::to_string(1ul << 27) +
-                  "; choose a smaller block size";
+        message = "blocks of " + std::to_string(blockSize) +
+                  " rows need more values than the tool's limit of " + std::to_string(1ul << 27) +
+                  " (1 GiB); choose a smaller block size";
         return false;
     }
 

@@ -10,10 +10,42 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 
 namespace kivTamber {
 namespace io {
+std::string quoted(const char* b, const char* e) {
+    while (b < e && (*b == ' ' || *b == '\t' || *b == '\r' || *b == '\v' || *b == '\f')) ++b;
+    while (e > b && (e[-1] == ' ' || e[-1] == '\t' || e[-1] == '\r' || e[-1] == '\v' || e[-1] == '\f')) --e;
+    return "\"" + printable(b, e, 60) + "\"";
+}
+std::string quoted(const std::string& s) {
+    return quoted(s.data(), s.data() + s.size());
+}
+
+std::string printable(const char* b, const char* e, std::size_t limit) {
+    const bool cut = static_cast<std::size_t>(e - b) > limit;
+    if (cut) e = b + (limit > 3 ? limit - 3 : 0);
+    std::string s;
+    for (; b < e; ++b) {
+        const unsigned char c = static_cast<unsigned char>(*b);
+        if (c >= 0x20 && c < 0x7f) {
+            s += *b;
+        } else {
+            char hex[8];
+            std::snprintf(hex, sizeof hex, "\\x%02x", c);
+            s += hex;
+        }
+    }
+    return cut ? s + "..." : s;
+}
+std::string printable(const std::string& s, std::size_t limit) {
+    return printable(s.data(), s.data() + s.size(), limit);
+}
+
 namespace {
+
+enum class IntegerWord { ok, notInteger, outOfRange };
 
 // ---------------------------------------------------------------------------------------------------------
 // Text, lines and words
@@ -23,7 +55,7 @@ namespace {
 bool readFile(const std::string& path, std::string& text, std::string& message) {
     gzFile file = gzopen(path.c_str(), "rb");
     if (file == nullptr) {
-        message = path + ": cannot open (" + std::strerror(errno != 0 ? errno : ENOENT) + ")";
+        message = fileName(path) + ": cannot open (" + std::strerror(errno != 0 ? errno : ENOENT) + ")";
         return false;
     }
     gzbuffer(file, 1u << 18);
@@ -39,7 +71,7 @@ bool readFile(const std::string& path, std::string& text, std::string& message) 
                 // zlib puts the path in front of some of its messages: drop it, it is already there.
                 std::string why = what != nullptr ? what : "unknown";
                 if (why.compare(0, path.size() + 2, path + ": ") == 0) why.erase(0, path.size() + 2);
-                message = path + ": read error (" + why + ")";
+                message = fileName(path) + ": read error (" + printable(why, 200) + ")";
                 gzclose(file);
                 return false;
             }
@@ -48,7 +80,7 @@ bool readFile(const std::string& path, std::string& text, std::string& message) 
     }
     // A truncated gzip stream shows up at the close.
     if (gzclose(file) != Z_OK) {
-        message = path + ": read error (truncated or corrupt compressed data)";
+        message = fileName(path) + ": read error (truncated or corrupt compressed data)";
         return false;
     }
     return true;
@@ -113,32 +145,24 @@ struct Words {
     }
 };
 
-// A line for a message: quoted, cut to 60 characters, bytes outside printable ASCII written as \xNN (a
-// binary file must not put control characters on the user's terminal).
-std::string quoted(const char* b, const char* e) {
-    while (b < e && isSpace(*b)) ++b;
-    while (e > b && isSpace(e[-1])) --e;
-    const bool cut = e - b > 60;
-    if (cut) e = b + 57;
-    std::string s = "\"";
-    for (; b < e; ++b) {
-        const unsigned char c = static_cast<unsigned char>(*b);
-        if (c >= 0x20 && c < 0x7f) {
-            s += *b;
-        } else {
-            char hex[8];
-            std::snprintf(hex, sizeof hex, "\\x%02x", c);
-            s += hex;
-        }
-    }
-    return s + (cut ? "...\"" : "\"");
-}
-std::string quoted(const std::string& s) {
-    return quoted(s.data(), s.data() + s.size());
+std::string at(const std::string& name, unsigned long line) {
+    return fileName(name) + ":" + std::to_string(line) + ": ";
 }
 
-std::string at(const std::string& name, unsigned long line) {
-    return name + ":" + std::to_string(line) + ": ";
+// "NAME:LINE:COLUMN: " for the word starting at `word` of the line starting at `lineBegin` (columns count
+// bytes from 1).
+std::string at(const std::string& name, unsigned long line, const char* lineBegin, const char* word) {
+    return fileName(name) + ":" + std::to_string(line) + ":" + std::to_string(word - lineBegin + 1) + ": ";
+}
+
+// What is wrong with integer word `k` of a line, for a message: "WHAT "WORD" is not an integer" or
+// "WHAT "WORD" out of range MIN..MAX".
+std::string badInteger(const char* what, IntegerWord status, const char* b, const char* e, long long minimum,
+                       long long maximum) {
+    return std::string(what) + " " + quoted(b, e) +
+           (status == IntegerWord::notInteger
+                ? std::string(" is not an integer")
+                : " out of range " + std::to_string(minimum) + ".." + std::to_string(maximum));
 }
 
 std::string lower(std::string s) {
@@ -146,17 +170,39 @@ std::string lower(std::string s) {
     return s;
 }
 
-// An integer word: optional sign, then digits only. Saturates at ±2^62 (beyond every range checked here).
-bool parseInteger(const char* b, const char* e, long long& value) {
+// An integer word: optional sign, then digits only, exactly in [minimum, maximum]. The digits accumulate as
+// an unsigned 64-bit magnitude with the overflow checked before each step, so no word wraps around: a word
+// of any length that lies outside the range is `outOfRange`, never some value inside it.
+IntegerWord parseInteger(const char* b, const char* e, long long minimum, long long maximum,
+                         long long& value) {
     bool negative = false;
     if (b < e && (*b == '+' || *b == '-')) negative = *b++ == '-';
-    if (b == e) return false;
-    long long v = 0;
+    if (b == e) return IntegerWord::notInteger;
+    unsigned long long v = 0;
+    bool overflow = false;
     for (; b < e; ++b) {
-        if (*b < '0' || *b > '9') return false;
-        if (v < (1ll << 62)) v = v * 10 + (*b - '0');
+        if (*b < '0' || *b > '9') return IntegerWord::notInteger;
+        const unsigned long long d = static_cast<unsigned long long>(*b - '0');
+        if (v > (~0ull - d) / 10)
+            overflow = true;  // keep scanning: a later non-digit still makes it "not an integer"
+        else
+            v = v * 10 + d;
     }
-    value = negative ? -v : v;
+    // Every range checked here lies inside ±(2^63 − 1), so a larger magnitude is out of range either way.
+    if (overflow || v > static_cast<unsigned long long>(std::numeric_limits<long long>::max()))
+        return IntegerWord::outOfRange;
+    const long long x = negative ? -static_cast<long long>(v) : static_cast<long long>(v);
+    if (x < minimum || x > maximum) return IntegerWord::outOfRange;
+    value = x;
+    return IntegerWord::ok;
+}
+
+// Sign and digits only (an integer field's value: any length, the value is read as a number).
+bool isIntegerWord(const char* b, const char* e) {
+    if (b < e && (*b == '+' || *b == '-')) ++b;
+    if (b == e) return false;
+    for (; b < e; ++b)
+        if (*b < '0' || *b > '9') return false;
     return true;
 }
 
@@ -170,18 +216,14 @@ bool parseNumber(const char* b, const char* e, double& value) {
 
 // Checks a value word of a matrix or vector; returns an empty string or what is wrong.
 std::string checkValue(const char* b, const char* e, bool integerField, double& value) {
-    const std::string word(b, e);
-    if (integerField) {
-        long long v = 0;
-        if (!parseInteger(b, e, v)) {
-            double d = 0.0;
-            if (parseNumber(b, e, d))
-                return "value \"" + word + "\" is not an integer (the field is integer)";
-            return "value \"" + word + "\" is not a number";
-        }
+    if (integerField && !isIntegerWord(b, e)) {
+        double d = 0.0;
+        if (parseNumber(b, e, d))
+            return "value " + quoted(b, e) + " is not an integer (the field is integer)";
+        return "value " + quoted(b, e) + " is not a number";
     }
-    if (!parseNumber(b, e, value)) return "value \"" + word + "\" is not a number";
-    if (!std::isfinite(value)) return "value \"" + word + "\" is not finite";
+    if (!parseNumber(b, e, value)) return "value " + quoted(b, e) + " is not a number";
+    if (!std::isfinite(value)) return "value " + quoted(b, e) + " is not finite";
     return std::string();
 }
 
@@ -229,21 +271,21 @@ bool readBanner(const std::string& name, Lines& lines, bool wantArray, Banner& b
     const std::string symmetry = lower(w.word(4));
     const std::string line = at(name, 1);
     if (object != "matrix") {
-        message = line + "unsupported object \"" + w.word(1) + "\" (only \"matrix\")";
+        message = line + "unsupported object " + quoted(w.word(1)) + " (only \"matrix\")";
         return false;
     }
     if (banner.format != (wantArray ? "array" : "coordinate")) {
-        message = line + "unsupported format \"" + w.word(2) + "\"" +
+        message = line + "unsupported format " + quoted(w.word(2)) +
                   (wantArray ? " for a vector (only \"array\")" : " (only \"coordinate\")");
         return false;
     }
     if (field != "real" && field != "integer") {
-        message = line + "unsupported field \"" + w.word(3) + "\" (only \"real\" or \"integer\")";
+        message = line + "unsupported field " + quoted(w.word(3)) + " (only \"real\" or \"integer\")";
         return false;
     }
     banner.integer = field == "integer";
     if (wantArray ? symmetry != "general" : symmetry != "symmetric" && symmetry != "general") {
-        message = line + "unsupported symmetry \"" + w.word(4) + "\"" +
+        message = line + "unsupported symmetry " + quoted(w.word(4)) +
                   (wantArray ? " for a vector (only \"general\")" : " (only \"symmetric\" or \"general\")");
         return false;
     }
@@ -334,6 +376,10 @@ double SymmetricMatrix::normInf() const {
 // Matrix Market
 // ---------------------------------------------------------------------------------------------------------
 
+bool readText(const std::string& path, std::string& text, std::string& message) {
+    return readFile(path, text, message);
+}
+
 bool parseMatrixMarket(const std::string& name, const std::string& text, SymmetricMatrix& matrix,
                        std::string& message) {
     Lines lines(text);
@@ -349,10 +395,22 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
     }
     const unsigned long sizeLine = lines.line();
     const Words size(b, e);
-    long long rows = 0, cols = 0, declared = 0;
-    if (size.count != 3 || !parseInteger(size.begin[0], size.end[0], rows) ||
-        !parseInteger(size.begin[1], size.end[1], cols) ||
-        !parseInteger(size.begin[2], size.end[2], declared) || rows < 0 || cols < 0 || declared < 0) {
+    long long counts[3] = {0, 0, 0};  // rows, columns, entries
+    const long long maxima[3] = {0xFFFFFFFEll, 0xFFFFFFFEll, std::numeric_limits<long long>::max()};
+    const char* const names[3] = {"row count", "column count", "entry count"};
+    for (unsigned int k = 0; k < 3 && size.count == 3; ++k) {
+        const IntegerWord status = parseInteger(size.begin[k], size.end[k], 0, maxima[k], counts[k]);
+        if (status == IntegerWord::outOfRange) {
+            message = at(name, sizeLine, b, size.begin[k]) +
+                      badInteger(names[k], status, size.begin[k], size.end[k], 0, maxima[k]);
+            return false;
+        }
+        if (status != IntegerWord::ok) break;
+    }
+    long long rows = counts[0], cols = counts[1], declared = counts[2];
+    if (size.count != 3 || parseInteger(size.begin[0], size.end[0], 0, maxima[0], rows) != IntegerWord::ok ||
+        parseInteger(size.begin[1], size.end[1], 0, maxima[1], cols) != IntegerWord::ok ||
+        parseInteger(size.begin[2], size.end[2], 0, maxima[2], declared) != IntegerWord::ok) {
         message = at(name, sizeLine) + "bad size line " + quoted(b, e) +
                   " (expected \"rows columns entries\", three non-negative integers)";
         return false;
@@ -364,10 +422,6 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
     }
     if (rows == 0) {
         message = at(name, sizeLine) + "empty matrix (0 rows)";
-        return false;
-    }
-    if (rows > 0xFFFFFFFEll) {
-        message = at(name, sizeLine) + "too many rows (" + std::to_string(rows) + ", at most 4294967294)";
         return false;
     }
     const unsigned int n = static_cast<unsigned int>(rows);
@@ -391,7 +445,6 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
     // Entries.
     std::vector<Entry> entries;
     entries.reserve(static_cast<std::size_t>(std::min<long long>(declared, 1ll << 24)));
-    const std::string range = " out of range 1.." + std::to_string(n);
     while (nextContentLine(lines, b, e, '%')) {
         const std::string here = at(name, lines.line());
         if (static_cast<long long>(entries.size()) == declared) {
@@ -410,20 +463,18 @@ bool parseMatrixMarket(const std::string& name, const std::string& text, Symmetr
         }
         long long index[2] = {0, 0};
         for (int k = 0; k < 2; ++k) {
-            const char* what = k == 0 ? "row index " : "column index ";
-            if (!parseInteger(w.begin[k], w.end[k], index[k])) {
-                message = here + what + "\"" + w.word(k) + "\" is not an integer";
-                return false;
-            }
-            if (index[k] < 1 || index[k] > static_cast<long long>(n)) {
-                message = here + what + std::to_string(index[k]) + range;
+            const IntegerWord status = parseInteger(w.begin[k], w.end[k], 1, n, index[k]);
+            if (status != IntegerWord::ok) {
+                message =
+                    at(name, lines.line(), b, w.begin[k]) +
+                    badInteger(k == 0 ? "row index" : "column index", status, w.begin[k], w.end[k], 1, n);
                 return false;
             }
         }
         double value = 0.0;
         const std::string bad = checkValue(w.begin[2], w.end[2], banner.integer, value);
         if (!bad.empty()) {
-            message = here + bad;
+            message = at(name, lines.line(), b, w.begin[2]) + bad;
             return false;
         }
         Entry x;
@@ -537,16 +588,28 @@ bool parseRowSplit(const std::string& name, const std::string& text, unsigned in
         const std::string key = w.word(0);
         const int k = key == "n1" ? 0 : key == "n2" ? 1 : -1;
         if (k < 0) {
-            message = here + "unknown key \"" + key + "\" (expected \"n1 <count>\" or \"n2 <count>\")";
+            message = here + "unknown key " + quoted(key) + " (expected \"n1 <count>\" or \"n2 <count>\")";
             return false;
         }
         if (given[k] != 0) {
             message = here + key + " given twice (first on line " + std::to_string(given[k]) + ")";
             return false;
         }
-        if (w.count < 2 || !parseInteger(w.begin[1], w.end[1], count[k]) || count[k] < 0) {
-            message = here + "count " + (w.count < 2 ? std::string("missing") : "\"" + w.word(1) + "\"") +
+        if (w.count < 2) {
+            message = here + "count missing of " + key + " is not a non-negative integer";
+            return false;
+        }
+        // Each count lies in 0..n, so their sum cannot overflow.
+        const IntegerWord status = parseInteger(w.begin[1], w.end[1], 0, n, count[k]);
+        if (status == IntegerWord::notInteger || (status == IntegerWord::outOfRange && *w.begin[1] == '-')) {
+            message = at(name, lines.line(), b, w.begin[1]) + "count " + quoted(w.begin[1], w.end[1]) +
                       " of " + key + " is not a non-negative integer";
+            return false;
+        }
+        if (status != IntegerWord::ok) {
+            message = at(name, lines.line(), b, w.begin[1]) + "count " + quoted(w.begin[1], w.end[1]) +
+                      " of " + key + " out of range 0.." + std::to_string(n) + " (the matrix has " +
+                      std::to_string(n) + " rows)";
             return false;
         }
         if (w.count > 2) {
@@ -601,13 +664,27 @@ bool parseVector(const std::string& name, const std::string& text, unsigned int 
             return false;
         }
         const Words size(b, e);
-        long long rows = 0, cols = 0;
-        if (size.count != 2 || !parseInteger(size.begin[0], size.end[0], rows) ||
-            !parseInteger(size.begin[1], size.end[1], cols) || rows < 0 || cols < 0) {
+        long long dims[2] = {0, 0};  // rows, columns
+        const long long maximum = std::numeric_limits<long long>::max();
+        for (unsigned int k = 0; k < 2 && size.count == 2; ++k) {
+            const IntegerWord status = parseInteger(size.begin[k], size.end[k], 0, maximum, dims[k]);
+            if (status == IntegerWord::outOfRange && *size.begin[k] != '-') {
+                message = at(name, lines.line(), b, size.begin[k]) +
+                          badInteger(k == 0 ? "row count" : "column count", status, size.begin[k],
+                                     size.end[k], 0, maximum);
+                return false;
+            }
+            if (status != IntegerWord::ok) {
+                dims[0] = -1;
+                break;
+            }
+        }
+        if (size.count != 2 || dims[0] < 0) {
             message = at(name, lines.line()) + "bad size line " + quoted(b, e) +
                       " (expected \"rows columns\", two non-negative integers)";
             return false;
         }
+        const long long rows = dims[0], cols = dims[1];
         if (cols != 1 || rows != static_cast<long long>(n)) {
             message = at(name, lines.line()) + "the vector is " + std::to_string(rows) + " x " +
                       std::to_string(cols) + ", the matrix needs " + std::to_string(n) + " x 1";
@@ -634,7 +711,7 @@ bool parseVector(const std::string& name, const std::string& text, unsigned int 
         double value = 0.0;
         const std::string bad = checkValue(w.begin[0], w.end[0], banner.integer, value);
         if (!bad.empty()) {
-            message = here + bad;
+            message = at(name, lines.line(), b, w.begin[0]) + bad;
             return false;
         }
         values.push_back(value);
@@ -655,13 +732,13 @@ bool readVector(const std::string& path, unsigned int n, std::vector<double>& va
 bool writeVector(const std::string& path, const double* values, unsigned long n, std::string& message) {
     std::FILE* file = std::fopen(path.c_str(), "w");
     if (file == nullptr) {
-        message = path + ": cannot write (" + std::strerror(errno) + ")";
+        message = fileName(path) + ": cannot write (" + std::strerror(errno) + ")";
         return false;
     }
     bool ok = true;
     for (unsigned long k = 0; k < n && ok; ++k) ok = std::fprintf(file, "%.17g\n", values[k]) > 0;
     ok = std::fclose(file) == 0 && ok;
-    if (!ok) message = path + ": write error (" + std::strerror(errno) + ")";
+    if (!ok) message = fileName(path) + ": write error (" + std::strerror(errno) + ")";
     return ok;
 }
 

@@ -8,6 +8,7 @@
 #ifndef KIVTAMBER_TOOLS_MATRIXMARKET_H
 #define KIVTAMBER_TOOLS_MATRIXMARKET_H
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -35,6 +36,10 @@ struct SymmetricMatrix {
     // ‖A‖∞, the largest absolute row sum of the full matrix.
     double normInf() const;
 };
+
+// Reads a whole file into `text`, gunzipping it when it is gzip-compressed (a plain file reads as it is).
+// Fails with "FILE: cannot open (why)" or "FILE: read error (why)" (a truncated or corrupt stream included).
+bool readText(const std::string& path, std::string& text, std::string& message);
 
 // Reads a Matrix Market file: the banner "%%MatrixMarket matrix coordinate FIELD SYMMETRY" (words in any
 // case) with FIELD real or integer and SYMMETRY symmetric or general, '%' comment lines, the size line
@@ -75,6 +80,19 @@ bool parseRowSplit(const std::string& name, const std::string& text, unsigned in
 bool readVector(const std::string& path, unsigned int n, std::vector<double>& values, std::string& message);
 bool parseVector(const std::string& name, const std::string& text, unsigned int n,
                  std::vector<double>& values, std::string& message);
+
+// Text from a file or a command line made safe for a message: bytes outside printable ASCII written as
+// \xNN (a NUL cannot cut the message, control bytes never reach the terminal) and, when longer than `limit`
+// bytes, cut to limit − 3 of them followed by "...". Every word a message of the tool shows goes through it.
+std::string printable(const char* begin, const char* end, std::size_t limit);
+std::string printable(const std::string& text, std::size_t limit);
+// A word for a message: blanks at both ends dropped, printable(…, 60), in double quotes.
+std::string quoted(const char* begin, const char* end);
+std::string quoted(const std::string& text);
+// How a file name appears in messages: printable(path, 1024).
+inline std::string fileName(const std::string& path) {
+    return printable(path, 1024);
+}
 
 // Writes one value per line with "%.17g" (a double reads back exactly). Returns false with `message` when
 // the file cannot be written.

@@ -18,6 +18,7 @@
 
 #include "Analysis.h"
 #include "BlockGrouping.h"
+#include "ConditionEstimate.h"
 #include "MatrixMarket.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
@@ -28,14 +29,16 @@ using namespace kivTamber;
 
 // Exit codes.
 constexpr int exitSolved = 0;
-constexpr int exitFailure = 1;   // an output file could not be written, out of memory
-constexpr int exitBadInput = 2;  // bad command line, malformed file, rejected by the analysis
-constexpr int exitBadPivot = 3;  // the factorization met a zero or non-finite pivot
+constexpr int exitFailure = 1;     // an output file could not be written, out of memory
+constexpr int exitBadInput = 2;    // bad command line, malformed file, rejected by the analysis
+constexpr int exitBadPivot = 3;    // the factorization met a zero or non-finite pivot
+constexpr int exitInaccurate = 4;  // solved, but the answer cannot be trusted (or float cannot hold A, b)
 
 const char* const usageText =
     "usage: tamber-solve MATRIX.mtx[.gz] [--blocks FILE] [--block-size K]\n"
     "                    [--rhs FILE | --rhs-ones | --rhs-random SEED] [--out FILE] [--float]\n"
-    "                    [--threads N] [--refine K] [--ordering default|symamd|natural] [--help]\n";
+    "                    [--threads N] [--refine K] [--ordering default|symamd|natural]\n"
+    "                    [--max-error E] [--help]\n";
 
 void usage(std::FILE* to) {
     std::fputs(usageText, to);
@@ -61,16 +64,23 @@ void usage(std::FILE* to) {
         "  --ordering NAME     default: peeling, constrained minimum degree, nested dissection;\n"
         "                      symamd: minimum degree with the zero-leaf swap and a repair;\n"
         "                      natural: the file's order (bodies, then constraints).\n"
+        "  --max-error E       largest estimated relative error of x accepted (default 1e-6; 1e-3 with\n"
+        "                      --float); the estimate is condition estimate x scaled residual.\n"
         "\n"
         "Prints the sizes, the timings in ms (read: the files; analysis: block grouping, ordering and\n"
-        "assembly; factor: factor layout and numeric factorization; solve; refine) and the scaled residual\n"
-        "|A x - b|_inf / (|A|_inf |x|_inf + |b|_inf) before and after refinement.\n"
+        "assembly; factor: factor layout and numeric factorization; solve; refine; check: the condition\n"
+        "estimate), the scaled residual |A x - b|_inf / (|A|_inf |x|_inf + |b|_inf) before and after\n"
+        "refinement, and the accuracy check.\n"
         "\n"
-        "Exit codes: 0 solved; 1 an output file could not be written; 2 bad command line, malformed input\n"
-        "file (\"FILE:LINE: what is wrong\") or a problem the analysis rejects; 3 a zero or non-finite "
-        "pivot\n"
-        "(its row, block and index in the block are named, 1-based, in the file's numbering; no solution is\n"
-        "written).\n",
+        "Messages number rows and blocks from 1 in the file's order (block b holds consecutive rows of one\n"
+        "kind, bodies first); a message of the analysis, marked \"analysis:\", numbers blocks from 0.\n"
+        "\n"
+        "Exit codes: 0 solved and the accuracy check passed; 1 an output file could not be written, out of\n"
+        "memory; 2 bad command line, malformed input file (\"FILE:LINE: what is wrong\") or a problem the\n"
+        "analysis rejects; 3 a zero or non-finite pivot (its row, block and elimination step are named; no\n"
+        "solution is written); 4 the answer cannot be trusted: the estimated error exceeds --max-error, or\n"
+        "with --float A or b does not fit in float (a warning says why and whether double would do; the\n"
+        "solution, if computed, is still written).\n",
         to);
 }
 
@@ -85,6 +95,7 @@ struct Settings {
     unsigned int threads = 1;
     unsigned int refine = 0;
     bool useFloat = false;
+    double maxError = 0.0;  // 0: the default of the precision
     Analysis::Ordering ordering = Analysis::Ordering::standard;
     const char* orderingName = "default";
 };
@@ -165,17 +176,31 @@ bool parseArguments(int argc, char** argv, Settings& s, int& code) {
                 return fail("--ordering needs one of default, symamd, natural");
             }
             ++k;
+        } else if (arg == "--max-error") {
+            char* end = nullptr;
+            const double e = next != nullptr ? std::strtod(next, &end) : 0.0;
+            if (next == nullptr || end == next || *end != '\0' || !(e > 0.0) || !std::isfinite(e))
+                return fail("--max-error needs a positive number");
+            s.maxError = e;
+            ++k;
         } else if (arg.size() > 1 && arg[0] == '-') {
-            return fail("unknown option " + arg);
+            return fail("unknown option " + io::quoted(arg));
         } else if (s.matrixPath.empty()) {
             s.matrixPath = arg;
         } else {
-            return fail("more than one matrix file (" + s.matrixPath + ", " + arg + ")");
+            return fail("more than one matrix file (" + io::quoted(s.matrixPath) + ", " + io::quoted(arg) +
+                        ")");
         }
     }
     if (s.matrixPath.empty()) return fail("no matrix file");
     if (rhsOptions > 1) return fail("give at most one of --rhs, --rhs-ones, --rhs-random");
     return true;
+}
+
+std::string format3(double v) {
+    char text[32];
+    std::snprintf(text, sizeof text, "%.3g", v);
+    return text;
 }
 
 double milliseconds(std::chrono::steady_clock::time_point start) {
@@ -219,12 +244,12 @@ struct Run {
     io::BlockedProblem blocked;
     std::vector<double> b;
     double normA = 0.0;
-    double readMs = 0.0, analysisMs = 0.0, factorMs = 0.0, solveMs = 0.0, refineMs = 0.0;
+    double readMs = 0.0, analysisMs = 0.0, factorMs = 0.0, solveMs = 0.0, refineMs = 0.0, checkMs = 0.0;
 };
 
 void printTimes(const Run& run, bool solved) {
     std::printf("time (ms): read %.3f, analysis %.3f, factor %.3f", run.readMs, run.analysisMs, run.factorMs);
-    if (solved) std::printf(", solve %.3f, refine %.3f", run.solveMs, run.refineMs);
+    if (solved) std::printf(", solve %.3f, refine %.3f, check %.3f", run.solveMs, run.refineMs, run.checkMs);
     std::printf("\n");
     std::fflush(stdout);
 }
@@ -235,15 +260,67 @@ double diagonalEntry(const io::SymmetricMatrix& A, unsigned int r) {
     return k < A.colPointers[r + 1ul] && A.rowIndices[k] == r ? A.values[k] : 0.0;
 }
 
-// Names a pivot for a message: "<kind> pivot at row R (block B, local L) of the matrix (pivot K of N in
-// elimination order...)", everything 1-based in the file's numbering.
-std::string describePivot(const TamberSolve::PivotReport& p, const char* kind, const char* extra) {
-    char text[400];
-    std::snprintf(text, sizeof text,
-                  "%s pivot at row %lu (block %u, local %u) of the matrix (pivot %lu of %lu in elimination "
-                  "order%s)",
-                  kind, p.userScalar + 1, p.userBlock + 1, p.local + 1, p.scalar + 1, p.scanned, extra);
+// A pivot of the factorization: data's block and the index inside it, its elimination step and value.
+struct Pivot {
+    unsigned int block = 0, local = 0;
+    unsigned long step = 0;  // 0-based index into data.diagonal
+    double value = 0.0;
+};
+
+// Names a pivot for a message: "KIND pivot at row R (block B, local L) of the matrix: elimination step K
+// of N, d = V", rows and blocks 1-based in the file's numbering (through the analysis's own map from its
+// blocks to the user's, which also knows about merged blocks).
+std::string describePivot(const Analysis::Analyzer& analyzer, const io::BlockedProblem& P, const Pivot& p,
+                          const char* kind, unsigned int N) {
+    unsigned int userBlock = 0, local = 0;
+    if (!analyzer.userPosition(p.block, p.local, userBlock, local)) {
+        userBlock = p.block;  // not reached for data prepared by analyzer
+        local = p.local;
+    }
+    const unsigned long row = static_cast<unsigned long>(P.blockOffsets[userBlock]) + local;
+    char text[300];
+    std::snprintf(
+        text, sizeof text,
+        "%s pivot at row %lu (block %u, local %u) of the matrix: elimination step %lu of %u, d = %.3g", kind,
+        row + 1, userBlock + 1, local + 1, p.step + 1, N, p.value);
     return text;
+}
+
+// The row (0-based, file's numbering) of a pivot.
+unsigned int pivotRow(const Analysis::Analyzer& analyzer, const io::BlockedProblem& P, const Pivot& p) {
+    unsigned int userBlock = p.block, local = p.local;
+    analyzer.userPosition(p.block, p.local, userBlock, local);
+    return P.blockOffsets[userBlock] + local;
+}
+
+// The estimated relative forward error |x - x*|_inf / |x|_inf of x (user numbering) for the factored data.
+template <typename T>
+double forwardErrorBound(const Run& run, const Analysis::Analyzer& analyzer, Tamber& tamber,
+                         TamberData<T>& data, const std::vector<double>& x) {
+    const io::SymmetricMatrix& A = run.A;
+    const unsigned int N = A.n;
+    std::vector<double> r(N), scale(N), f(N), fp(N);
+    std::vector<unsigned int> rowCount(N, 0);
+    A.multiply(x.data(), r.data());
+    for (unsigned int c = 0; c < N; ++c)
+        for (unsigned long k = A.colPointers[c]; k < A.colPointers[c + 1]; ++k) {
+            const unsigned int i = A.rowIndices[k];
+            const double a = std::fabs(A.values[k]);
+            scale[i] += a * std::fabs(x[c]);  // (|A| |x|)_i
+            ++rowCount[i];
+            if (i != c) {
+                scale[c] += a * std::fabs(x[i]);
+                ++rowCount[c];
+            }
+        }
+    const double c = 1.0 + *std::max_element(rowCount.begin(), rowCount.end());
+    const double epsilon = std::numeric_limits<double>::epsilon();
+    for (unsigned int i = 0; i < N; ++i)
+        f[i] = std::fabs(run.b[i] - r[i]) + c * epsilon * (scale[i] + std::fabs(run.b[i]));
+    analyzer.permuteVector(f.data(), fp.data());
+    const double bound = estimateInverseNorm1(tamber, data, 5, fp.data());
+    const double size = normInf(x);
+    return size > 0.0 ? bound / size : bound > 0.0 ? std::numeric_limits<double>::infinity() : 0.0;
 }
 
 // Analysis, assembly, factorization, pivot scan, solve and refinement in precision T.
@@ -260,7 +337,20 @@ int solveIn(Run& run) {
     TamberData<T> data;
     const Analysis::Report report = analyzer.analyze(P.problem(), options, data);
     if (!report.ok) {
-        std::fprintf(stderr, "%s: %s\n", s.matrixPath.c_str(), report.message.c_str());
+        const std::string name = io::fileName(s.matrixPath);
+        std::fprintf(stderr, "%s: analysis: %s\n", name.c_str(), io::printable(report.message, 2000).c_str());
+        if (s.blockSize == 1)
+            std::fprintf(stderr,
+                         "%s: note: the analysis numbers blocks from 0: its block b is row b+1 of the file\n",
+                         name.c_str());
+        else
+            std::fprintf(
+                stderr,
+                "%s: note: the analysis numbers blocks from 0: its block b < %u holds rows %u*b+1 .. "
+                "%u*b+%u of the file, block b >= %u rows %u+%u*(b-%u)+1 .. (bodies first, then "
+                "constraints)\n",
+                name.c_str(), P.firstConstraint, s.blockSize, s.blockSize, s.blockSize, P.firstConstraint,
+                run.split.bodyRows, s.blockSize, P.firstConstraint);
         return exitBadInput;
     }
     analyzer.setBlocks(data, P.values.data(), P.valuePointers.data());
@@ -282,46 +372,74 @@ int solveIn(Run& run) {
     tamber.estimateWork(data, nullptr);
     data.useMultifrontal = s.threads > 1 ? 1 : 0;
     data.numThreads = s.threads;
+    data.stopAtBadPivot = 1;  // stop at the first zero or non-finite pivot, in time of the work up to it
     if (data.useMultifrontal)
         tamber.factorMF(data);
     else
         tamber.factorSerial(data);
     run.factorMs = milliseconds(clock);
 
-    // A zero or non-finite pivot makes the solution meaningless: name it and stop.
-    TamberSolve::PivotReport bad;
-    if (TamberSolve::findBadPivot(data, bad)) {
+    // A zero or non-finite pivot makes the solution meaningless: name it and stop. The factorization
+    // records the first one; a factorization that does not (it ran to the end) is scanned for it.
+    const std::string name = io::fileName(s.matrixPath);
+    Pivot bad;
+    bool found = false;
+    if (data.badPivot.scalar != TamberData<T>::BadPivot::noPivot) {
+        bad.block = data.badPivot.block;
+        bad.local = data.badPivot.local;
+        bad.step = data.badPivot.scalar;
+        bad.value = data.badPivot.value;
+        found = true;
+    } else {
+        TamberSolve::PivotReport scan;
+        if (TamberSolve::findBadPivot(data, scan)) {
+            bad.block = scan.block;
+            bad.local = scan.local;
+            bad.step = scan.scalar;
+            bad.value = scan.value;
+            found = true;
+        }
+    }
+    if (found) {
         printTimes(run, false);
-        char extra[64] = "";
-        if (bad.count > 1) std::snprintf(extra, sizeof extra, "; %lu bad pivots in all", bad.count);
-        std::fprintf(stderr, "%s: %s\n", s.matrixPath.c_str(),
-                     describePivot(bad, TamberSolve::pivotKindName(bad.kind), extra).c_str());
-        const unsigned int row = static_cast<unsigned int>(bad.userScalar);
-        if (row < run.split.bodyRows && diagonalEntry(run.A, row) == 0.0) {
+        const char* kind = bad.value == 0.0 ? "zero" : "non-finite";
+        std::fprintf(stderr, "%s: %s\n", name.c_str(), describePivot(analyzer, P, bad, kind, N).c_str());
+        const unsigned int row = pivotRow(analyzer, P, bad);
+        if (bad.value != 0.0 && s.useFloat)
+            std::fprintf(stderr,
+                         "%s: note: the factorization left the range of float; double may be needed (run "
+                         "without --float)\n",
+                         name.c_str());
+        else if (row < run.split.bodyRows && diagonalEntry(run.A, row) == 0.0) {
             if (s.blocksPath.empty())
-                std::fprintf(
-                    stderr,
-                    "%s: note: A(%u, %u) is zero; if the rows with a zero diagonal are constraint rows, "
-                    "name them with --blocks\n",
-                    s.matrixPath.c_str(), row + 1, row + 1);
+                std::fprintf(stderr,
+                             "%s: note: A(%u, %u) is zero; if the rows with a zero diagonal are constraint "
+                             "rows, name them with --blocks\n",
+                             name.c_str(), row + 1, row + 1);
             else
                 std::fprintf(
                     stderr,
                     "%s: note: body row %u has a zero diagonal entry; an order without pivoting needs "
                     "invertible leading body blocks\n",
-                    s.matrixPath.c_str(), row + 1);
+                    name.c_str(), row + 1);
         }
         return exitBadPivot;
     }
-    // A pivot that lost all its digits still gives a solution, but a doubtful one: warn and go on.
+    // A pivot at the rounding level of the terms it was computed from has no correct digit: warn and go on
+    // (the accuracy check below decides whether the answer can be trusted).
     const double epsilon = std::numeric_limits<T>::epsilon();
-    if (TamberSolve::findBadPivot(data, bad, epsilon * run.normA)) {
+    TinyPivot tiny;
+    if (findTinyPivot(data, epsilon, tiny)) {
         std::fflush(stdout);
-        char extra[128];
-        std::snprintf(extra, sizeof extra, "; |d| = %.3g <= eps |A|_inf = %.3g", std::fabs(bad.value),
-                      epsilon * run.normA);
-        std::fprintf(stderr, "%s: warning: %s; the solution may be inaccurate\n", s.matrixPath.c_str(),
-                     describePivot(bad, "tiny", extra).c_str());
+        Pivot p;
+        p.block = tiny.block;
+        p.local = tiny.local;
+        p.step = tiny.scalar;
+        p.value = tiny.value;
+        std::fprintf(stderr,
+                     "%s: warning: %s; |d| <= eps (|a_kk| + sum_j l_kj^2 |d_j|) = %.3g: no digit of it is "
+                     "reliable\n",
+                     name.c_str(), describePivot(analyzer, P, p, "tiny", N).c_str(), epsilon * tiny.scale);
     }
 
     // Solve in the elimination order.
@@ -371,12 +489,26 @@ int solveIn(Run& run) {
         }
     }
     run.refineMs = milliseconds(clock);
+    const double after = s.refine > 0 ? scaledResidual(run.A, run.normA, x, run.b, work) : before;
+
+    // Accuracy. cond(A) = |A|_1 |A^-1|_1 is estimated from a few solves with the factor; the error of x is
+    // bounded by |x - x*|_inf <= | |A^-1| f |_inf with f = |r| + c eps (|A| |x| + |b|) (r = b - A x in
+    // double, c the largest row count + 1), estimated the same way with the weights f: tighter than
+    // cond(A) x residual when the rows are badly scaled, and it tells whether refinement converged.
+    clock = std::chrono::steady_clock::now();
+    const double condition = matrixNorm1(data) * estimateInverseNorm1(tamber, data);
+    const double errorBound = forwardErrorBound(run, analyzer, tamber, data, x);
+    run.checkMs = milliseconds(clock);
+    const double maxError = s.maxError > 0.0 ? s.maxError : s.useFloat ? 1e-3 : 1e-6;
+    bool finite = true;
+    for (double v : x) finite = finite && std::isfinite(v);
+    const bool trusted = finite && errorBound <= maxError;
 
     printTimes(run, true);
     std::printf("residual: %.3e\n", before);
-    if (s.refine > 0)
-        std::printf("residual after refinement: %.3e (at most %u steps)\n",
-                    scaledResidual(run.A, run.normA, x, run.b, work), s.refine);
+    if (s.refine > 0) std::printf("residual after refinement: %.3e (at most %u steps)\n", after, s.refine);
+    std::printf("accuracy: condition estimate %.3e, error bound %.3e (limit %.3g)\n", condition, errorBound,
+                maxError);
     if (s.rhs == Settings::Rhs::timesOnes) {
         double error = 0.0;
         for (double v : x) error = std::max(error, std::fabs(v - 1.0));
@@ -388,7 +520,31 @@ int solveIn(Run& run) {
             std::fprintf(stderr, "%s\n", message.c_str());
             return exitFailure;
         }
-        std::printf("solution: written to %s\n", s.outPath.c_str());
+        std::printf("solution: written to %s\n", io::fileName(s.outPath).c_str());
+    }
+    if (!trusted) {
+        std::fflush(stdout);
+        const double doubleLevel = condition * std::numeric_limits<double>::epsilon();
+        std::string why;
+        if (!finite)
+            why = "the solution holds non-finite values";
+        else
+            why = "estimated relative error " + format3(errorBound) + " above " + format3(maxError) +
+                  " (condition estimate " + format3(condition) + ", residual " + format3(after) + ")";
+        std::string advice;
+        if (s.useFloat && std::isfinite(condition) && doubleLevel <= maxError)
+            advice =
+                condition * std::numeric_limits<float>::epsilon() < 0.1
+                    ? "; double would be needed (run without --float)"
+                    : "; double would be needed (run without --float), and may not suffice: in float the "
+                      "condition estimate is only a lower bound";
+        else if (!s.useFloat && std::isfinite(condition) && doubleLevel <= maxError && s.refine == 0)
+            advice = "; --refine may help";
+        else
+            advice = "; the matrix is too ill-conditioned for this precision";
+        std::fprintf(stderr, "%s: warning: the solution cannot be trusted: %s%s\n", name.c_str(), why.c_str(),
+                     advice.c_str());
+        return exitInaccurate;
     }
     return exitSolved;
 }
@@ -445,8 +601,9 @@ int run(int argc, char** argv) {
     run.analysisMs = milliseconds(clock);
 
     const io::BlockedProblem& P = run.blocked;
-    std::printf("matrix: %s, n %u, nnz %lu (%lu in the lower triangle), %s\n", s.matrixPath.c_str(), N,
-                run.A.fullEntries(), run.A.numEntries(), run.A.general ? "general" : "symmetric");
+    std::printf("matrix: %s, n %u, nnz %lu (%lu in the lower triangle), %s\n",
+                io::fileName(s.matrixPath).c_str(), N, run.A.fullEntries(), run.A.numEntries(),
+                run.A.general ? "general" : "symmetric");
     std::printf("blocks: %u (%u body, %u constraint), block size %u, %lu block entries; constraint rows %u\n",
                 P.numBlocks, P.firstConstraint, P.numBlocks - P.firstConstraint, s.blockSize, P.numEntries(),
                 N - run.split.bodyRows);
@@ -454,17 +611,36 @@ int run(int argc, char** argv) {
     if (s.rhs == Settings::Rhs::random)
         std::printf("right-hand side: random, seed %lu\n", s.seed);
     else if (s.rhs == Settings::Rhs::file)
-        std::printf("right-hand side: %s\n", s.rhsPath.c_str());
+        std::printf("right-hand side: %s\n", io::fileName(s.rhsPath).c_str());
     else
         std::printf("right-hand side: %s\n", rhsName[static_cast<int>(s.rhs)]);
     std::fflush(stdout);
 
-    return s.useFloat ? solveIn<float>(run) : solveIn<double>(run);
+    if (s.useFloat) {
+        // Values beyond the range of float turn into infinities before the solve starts. (Values below its
+        // smallest normal number only lose digits, as the tiniest entries of a row may.)
+        double largest = 0.0;
+        for (double v : run.A.values) largest = std::max(largest, std::fabs(v));
+        for (double v : run.b) largest = std::max(largest, std::fabs(v));
+        if (largest > std::numeric_limits<float>::max()) {
+            std::fprintf(
+                stderr,
+                "%s: warning: A or b holds values beyond the range of float (largest |value| %.3g, float "
+                "holds up to %.3g); double would be needed (run without --float)\n",
+                io::fileName(s.matrixPath).c_str(), largest,
+                static_cast<double>(std::numeric_limits<float>::max()));
+            return exitInaccurate;
+        }
+        return solveIn<float>(run);
+    }
+    return solveIn<double>(run);
 }
 
 }  // namespace
 
-int main(int argc, char** argv) {
+// The whole tool as a function: main's body, callable in-process by the fuzz target of the tool
+// (fuzz/ToolFuzz.cpp builds this file with KIVTAMBER_SOLVE_NO_MAIN). Returns the exit code.
+int tamberSolveMain(int argc, char** argv) {
     try {
         return run(argc, argv);
     } catch (const std::bad_alloc&) {
@@ -473,3 +649,9 @@ int main(int argc, char** argv) {
         return exitFailure;
     }
 }
+
+#ifndef KIVTAMBER_SOLVE_NO_MAIN
+int main(int argc, char** argv) {
+    return tamberSolveMain(argc, argv);
+}
+#endif

@@ -1,20 +1,22 @@
 // Named task that runs one callback on N threads at once and waits for all.
 //
 // The threads come from one process-wide pool: the calling thread serves as
-// worker 0 and pool threads serve as workers 1 … N−1. The pool starts empty,
-// grows on demand to the largest N−1 ever requested and is reused by every
+// worker 0 and pool threads serve as workers 1 … N−1. An execution claims
+// N−1 idle pool threads for its length and hands them back afterwards, so
+// executions from different calling threads run at the same time, each on
+// pool threads of its own (there is no queue). The pool starts empty, grows
+// on demand to the most threads ever claimed at once and is reused by every
 // later task, so that once it is large enough execute() neither starts an OS
-// thread nor allocates: a dispatch is a generation bump per worker, a wake of
-// the sleeping ones and a countdown that the caller waits on. Idle workers poll
-// for a short, bounded while after a task (catching back-to-back tasks without
-// a wake-up, which costs tens of microseconds) and then sleep on a condition
-// variable; they never burn CPU between tasks. Tasks with more workers than
-// the machine has processors never poll.
+// thread nor allocates: a dispatch is a claim under a short lock, a generation
+// bump per worker, a wake of the sleeping ones and a countdown that the caller
+// waits on. Idle workers poll for a short, bounded while after a task
+// (catching back-to-back tasks without a wake-up, which costs tens of
+// microseconds) and then sleep on a condition variable; they never burn CPU
+// between tasks. Executions that would make the running threads outnumber the
+// machine's processors never poll.
 //
-// Executions are serialised process-wide: while one task runs, execute() from
-// another thread blocks until it has finished. execute() of a task with more
-// than one thread from inside a running callback is fatal (it could never get
-// its workers); a one-thread task runs inline and may be nested.
+// execute() of a task with more than one thread from inside a running
+// callback is fatal; a one-thread task runs inline and may be nested.
 //
 // The pool's threads are joined by a static destructor at process exit. A
 // child process created by fork() starts with an empty pool.

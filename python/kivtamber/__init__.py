@@ -1,0 +1,221 @@
+"""kivtamber: sparse symmetric saddle-point systems solved by a block L·D·Lᵀ factorization without pivoting.
+
+The systems are those of constraint solvers,
+
+        [ M   Jᵀ ]     M: body blocks (and optional body-body couplings K),
+    A = [        ]     J: Jacobian blocks J(c, b) of the constraints,
+        [ J  −C  ]     C: optional compliance blocks of soft constraints,
+
+with the unknowns numbered bodies first, then constraints.
+
+For a SciPy user, one call:
+
+    x = kivtamber.solve(A, b)        # A scipy.sparse symmetric (lower, upper or full), b a NumPy array
+
+For a solver kept from step to step:
+
+    s = kivtamber.Structure()
+    b0, b1 = s.add_body(6), s.add_body(6)
+    joint = s.add_constraint(3)
+    s.add_jacobian(joint, b0); s.add_jacobian(joint, b1)
+    solver = kivtamber.Solver(numpy.float64)       # options as keywords: refinement_steps=2, ...
+    solver.analyze(s)
+    # every step:
+    solver.set_body(b0, M0); solver.set_body(b1, M1)       # 6×6 arrays
+    solver.set_jacobian(joint, b0, J0); solver.set_jacobian(joint, b1, J1)   # 3×6 arrays
+    solver.factor()
+    x = solver.solve(rhs)                                  # 15 values (or 15 × k)
+
+Arrays must have the solver's dtype exactly (float32 or float64; a mismatch is a TypeError, never a silent
+conversion); any memory order is accepted. The caller's arrays are only read. Failures raise ValueError
+(invalid arguments, shapes, structures, non-finite values), RuntimeError (a call in the wrong state, such as
+a solve before a factorization) or FactorizationError (a zero or non-finite pivot), each with the library's
+message.
+"""
+
+import numpy as _np
+
+from . import _kivtamber
+from ._kivtamber import FactorizationError, Structure
+
+__all__ = ["Solver", "Structure", "FactorizationError", "solve"]
+__version__ = "0.1.0"
+
+_DTYPES = (_np.dtype(_np.float32), _np.dtype(_np.float64))
+
+
+def _canonical_csc(A, call):
+    """A square symmetric matrix (scipy.sparse or a dense 2-D ndarray) as a SciPy CSC matrix with sorted
+    indices and no duplicates, holding the same triangle(s) as A or their transpose (a CSR matrix is read as
+    the CSC matrix of its transpose, which for a symmetric matrix is the same matrix). Copies only what it
+    must; never modifies A."""
+    import scipy.sparse as sp
+
+    if isinstance(A, _np.ndarray):
+        if A.ndim != 2:
+            raise ValueError(f"{call}: A must be a 2-D matrix, got shape {A.shape}")
+        A = sp.csc_matrix(A)
+    elif not sp.issparse(A):
+        raise TypeError(f"{call}: A must be a scipy.sparse matrix or a 2-D numpy.ndarray, "
+                        f"got {type(A).__name__}")
+    if len(A.shape) != 2 or A.shape[0] != A.shape[1]:
+        raise ValueError(f"{call}: A must be square, got shape {A.shape}")
+    if A.format == "csc":
+        C = A
+    elif A.format == "csr":
+        C = sp.csc_matrix((A.data, A.indices, A.indptr), shape=A.shape)
+    else:
+        C = A.tocsc()
+    if not C.has_canonical_format:
+        C = C.copy()
+        C.sum_duplicates()
+    return C
+
+
+def _index_array(values, call, name):
+    a = _np.asarray(values)
+    if a.ndim != 1 or (a.size and a.dtype.kind not in "iu"):
+        raise TypeError(f"{call}: {name} must be a 1-D sequence of integers")
+    if a.size and a.min() < 0:
+        raise ValueError(f"{call}: {name} holds a negative value ({a.min()})")
+    return a.astype(_np.uint32)
+
+
+class Solver(_kivtamber.Solver):
+    """The solver object of one linear system, kept from step to step.
+
+    Solver(dtype=numpy.float64, **options); options (also for set_options): ordering ('automatic',
+    'minimum_degree', 'natural', 'centroid'), merge_blocks, threads (0 = by predicted work), refinement_steps,
+    check_values (scan every value for NaN and infinities), regularization (δ > 0 factors
+    A + diag(+δ on body rows, −δ on constraint rows) and refines against A), switching ('automatic', 'update',
+    'refactor').
+
+    Structure: analyze(Structure) for bodies and constraints, or analyze_matrix(A, first_constraint_row) for
+    a scipy.sparse matrix with its body rows first. Values: set_body, set_jacobian, set_body_coupling,
+    set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in the
+    structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then factor()
+    and solve(b) for b of shape (N,) or (N, k). set_active / set_constraint_active switch constraint equations
+    off and on (a switched-off equation's unknown solves to 0). report() is a dict of what the object chose and
+    measured: ordering, fill, flops, inertia, timings, the first bad pivot.
+    """
+
+    def analyze_matrix(self, A, first_constraint_row, block_sizes=None):
+        """Analyses a symmetric scipy.sparse matrix (lower, upper or full; or a dense 2-D array) whose rows
+        below first_constraint_row are body rows and the rest constraint rows. block_sizes groups the rows
+        into blocks (no block mixing body and constraint rows); without it the analysis detects blocks of
+        consecutive rows with identical patterns. Values then come from set_matrix_values(A)."""
+        C = _canonical_csc(A, "analyze_matrix")
+        sizes = None if block_sizes is None else _index_array(block_sizes, "analyze_matrix", "block_sizes")
+        self._analyze_csc(C.shape[0], first_constraint_row, C.indptr, C.indices, sizes)
+        self._pattern = (C.indptr.copy(), C.indices.copy())
+
+    def set_matrix_values(self, A):
+        """The values of a matrix with the pattern given to analyze_matrix (same triangle(s), same format
+        family); A's dtype must be the solver's."""
+        pattern = getattr(self, "_pattern", None)
+        if pattern is None:
+            raise RuntimeError("set_matrix_values: no matrix was given to analyze_matrix")
+        C = _canonical_csc(A, "set_matrix_values")
+        if not (_np.array_equal(C.indptr, pattern[0]) and _np.array_equal(C.indices, pattern[1])):
+            raise ValueError("set_matrix_values: the pattern of A differs from the one given to analyze_matrix")
+        self.set_scalar_values(C.data)
+
+    def __repr__(self):
+        state = f"rows={self.size}" if self.is_analyzed else "not analyzed"
+        return f"kivtamber.Solver(dtype={self.dtype}, {state})"
+
+
+def _permuted(C, perm):
+    """P·A·Pᵀ for the symmetric matrix held by the canonical CSC matrix C (new row i is old row perm[i]).
+    A single triangle stays a single triangle (the lower one); a full matrix stays full."""
+    import scipy.sparse as sp
+
+    n = C.shape[0]
+    inverse = _np.empty(n, dtype=_np.int64)
+    inverse[perm] = _np.arange(n)
+    cols = _np.repeat(_np.arange(n), _np.diff(C.indptr))
+    rows = C.indices
+    full = bool((rows < cols).any() and (rows > cols).any())
+    r, c = inverse[rows], inverse[cols]
+    if not full:
+        r, c = _np.maximum(r, c), _np.minimum(r, c)
+    P = sp.csc_matrix((C.data, (r, c)), shape=C.shape)
+    P.sum_duplicates()
+    return P
+
+
+def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=None, return_report=False,
+          **options):
+    """x = A⁻¹·b for a symmetric saddle-point (or positive definite) matrix A.
+
+    A: scipy.sparse matrix (any format) or dense 2-D numpy.ndarray, float32 or float64, symmetric, stored as
+    its lower triangle, its upper triangle or in full (a full matrix must be exactly symmetric). b: numpy
+    array of A's dtype, shape (n,) or (n, k). Returns x of b's shape and dtype; b is not modified.
+
+    Rows whose diagonal entry is zero (or not stored) are taken as constraint rows and the others as body
+    rows; the system is solved with the bodies first and the solution returned in A's numbering. Give
+    first_constraint_row to say instead that rows below it are the body rows (as they stand). block_sizes
+    groups consecutive rows of A into blocks (each all body or all constraint rows); otherwise blocks are
+    detected. regularization: δ for the regularised mode; None (default) factors without it and, if a zero
+    pivot stops the factorization, factors again with a small δ and more refinement steps. Further keywords
+    are Solver options. return_report=True returns (x, solver.report()).
+    """
+    C = _canonical_csc(A, "solve")
+    n = C.shape[0]
+    if C.dtype not in _DTYPES:
+        raise TypeError(f"solve: A has dtype {C.dtype}; kivtamber solves float32 and float64 systems "
+                        f"(convert A explicitly with .astype)")
+    if not isinstance(b, _np.ndarray):
+        raise TypeError(f"solve: b must be a numpy.ndarray of {C.dtype}, got {type(b).__name__}")
+    if b.dtype != C.dtype:
+        raise TypeError(f"solve: b has dtype {b.dtype} and A {C.dtype}; convert one of them explicitly")
+    if b.ndim not in (1, 2) or b.shape[0] != n:
+        raise ValueError(f"solve: b must have shape ({n},) or ({n}, k), got {b.shape}")
+
+    perm = None
+    sizes = None if block_sizes is None else _index_array(block_sizes, "solve", "block_sizes")
+    if first_constraint_row is None:
+        is_body = C.diagonal() != 0
+        first_constraint_row = int(_np.count_nonzero(is_body))
+        if not is_body[:first_constraint_row].all():
+            perm = _np.concatenate([_np.flatnonzero(is_body), _np.flatnonzero(~is_body)])
+            if sizes is not None:
+                if int(sizes.sum(dtype=_np.uint64)) != n:
+                    raise ValueError(f"solve: block_sizes sum to {int(sizes.sum(dtype=_np.uint64))}, "
+                                     f"A has {n} rows")
+                starts = _np.concatenate([[0], _np.cumsum(sizes[:-1], dtype=_np.int64)])
+                block_is_body = is_body[starts]
+                mixed = _np.add.reduceat(is_body.astype(_np.int64), starts) % sizes != 0
+                if mixed.any():
+                    k = int(_np.flatnonzero(mixed)[0])
+                    raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes "
+                                     f"rows with and without a diagonal entry")
+                sizes = _np.concatenate([sizes[block_is_body], sizes[~block_is_body]])
+            C = _permuted(C, perm)
+            b = b[perm]
+
+    settings = {"check_values": True}
+    settings.update(options)
+    if regularization is not None:
+        settings["regularization"] = regularization
+    solver = Solver(C.dtype, **settings)
+    solver._analyze_csc(n, first_constraint_row, C.indptr, C.indices, sizes)
+    solver.set_scalar_values(C.data)
+    try:
+        solver.factor()
+    except FactorizationError:
+        if regularization is not None or not settings["check_values"]:
+            raise
+        # The values are finite (checked), so the pivot broke down numerically: a body part that is only
+        # semidefinite. Factor the regularised matrix and refine against A.
+        scale = float(_np.abs(C.data).max()) if C.nnz else 1.0
+        delta = (1e-10 if C.dtype == _np.float64 else 1e-4) * scale
+        steps = max(solver.options["refinement_steps"], 10)
+        solver.set_options(regularization=delta, refinement_steps=steps)
+        solver.factor()
+    x = solver.solve(b)
+    if perm is not None:
+        y = _np.empty_like(x)
+        y[perm] = x
+        x = y
+    return (x, solver.report()) if return_report else x

@@ -1,0 +1,785 @@
+// kivtamber._kivtamber: the solver object (Solver.h) for NumPy arrays.
+//
+// One Python type `Solver` holds a Solver<float> or a Solver<double>, chosen by its dtype at construction.
+// Values are taken from NumPy arrays of exactly that dtype (a float64 array given to a float32 solver is a
+// TypeError: precision is never changed behind the caller's back), in any memory order: C-contiguous arrays
+// are read in place, others (Fortran order, strided views) through one copy in the same precision. The
+// caller's arrays are only read; solves return new arrays.
+//
+// Errors: every Status that is not ok becomes a Python exception carrying the library's message
+// (ValueError for invalid arguments, bad structures and non-finite values; RuntimeError for a call in the
+// wrong state; FactorizationError, a RuntimeError, for zero and non-finite pivots and failed switches;
+// MemoryError for out of memory). Shapes and ids are checked here before any pointer is handed on, since the
+// library reads as many values as the block it is told about holds.
+//
+// Threads: the GIL is released during analysis, factorization and solves. A mutex per object serialises
+// the calls into the library, so that two Python threads sharing one solver wait for each other instead of
+// racing; it is taken only around library calls, never while Python code may run.
+#include <kivTamber/Solver.h>
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+#include <pybind11/stl.h>
+
+#include <climits>
+#include <cmath>
+#include <cstring>
+#include <ctime>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace py = pybind11;
+
+namespace kivTamber {
+namespace {
+
+// ---------------------------------------------------------------------------------------------------------
+// Exceptions
+// ---------------------------------------------------------------------------------------------------------
+
+// kivtamber.FactorizationError; created at module initialisation, alive as long as the interpreter.
+struct FactorizationErrorTag {};
+PyObject* factorizationError = nullptr;
+
+[[noreturn]] void raise(PyObject* type, const std::string& message) {
+    PyErr_SetString(type, message.c_str());
+    throw py::error_already_set();
+}
+
+py::object pivotDict(const PivotLocation& p) {
+    if (!p.found) return py::none();
+    py::dict d;
+    d["kind"] = p.isConstraint ? "constraint" : "body";
+    d["id"] = p.id;
+    d["row"] = p.row;
+    d["user_row"] = p.userRow;
+    d["step"] = p.step;
+    d["value"] = p.value;
+    return std::move(d);
+}
+
+// Raises the exception that corresponds to a failed status; returns on success. `pivot` is attached to a
+// FactorizationError as its `pivot` attribute (None when there is none).
+void check(const Status& status, const PivotLocation* pivot = nullptr) {
+    if (status.ok()) return;
+    const std::string message = status.message.empty() ? statusCodeName(status.code) : status.message;
+    switch (status.code) {
+        case StatusCode::invalidArgument:
+        case StatusCode::badStructure:
+        case StatusCode::nonFiniteValue:
+            raise(PyExc_ValueError, message);
+        case StatusCode::notAnalyzed:
+        case StatusCode::notFactored:
+            raise(PyExc_RuntimeError, message);
+        case StatusCode::outOfMemory:
+            raise(PyExc_MemoryError, message);
+        case StatusCode::zeroPivot:
+        case StatusCode::nonFinitePivot:
+        case StatusCode::updateFailed: {
+            py::object type = py::reinterpret_borrow<py::object>(factorizationError);
+            py::object error = type(message);
+            error.attr("pivot") = pivot ? pivotDict(*pivot) : py::none();
+            error.attr("code") = statusCodeName(status.code);
+            PyErr_SetObject(factorizationError, error.ptr());
+            throw py::error_already_set();
+        }
+        default:
+            raise(PyExc_RuntimeError, message);
+    }
+}
+
+std::string notAnalyzed(const char* call) {
+    return std::string(call) + ": the solver holds no structure yet (call analyze or analyze_matrix first)";
+}
+
+// An id or count from Python as a 32-bit unsigned value; ValueError naming `what` otherwise (a negative id
+// would otherwise reach the caller as pybind11's unhelpful "incompatible function arguments").
+unsigned int toUnsigned(long long value, const char* what) {
+    if (value < 0 || value > static_cast<long long>(UINT_MAX))
+        raise(PyExc_ValueError, std::string(what) + " " + std::to_string(value) + " is out of range");
+    return static_cast<unsigned int>(value);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Options
+// ---------------------------------------------------------------------------------------------------------
+
+const char* const orderingNames[] = {"automatic", "minimum_degree", "natural", "centroid"};
+const char* const switchingNames[] = {"automatic", "update", "refactor"};
+
+template <std::size_t N>
+unsigned int parseName(const py::handle& value, const char* const (&names)[N], const char* option) {
+    std::string valid;
+    if (py::isinstance<py::str>(value)) {
+        const std::string s = value.cast<std::string>();
+        for (std::size_t i = 0; i < N; ++i)
+            if (s == names[i]) return static_cast<unsigned int>(i);
+    }
+    for (std::size_t i = 0; i < N; ++i) valid += std::string(i ? ", " : "") + "'" + names[i] + "'";
+    raise(PyExc_ValueError, std::string("option ") + option + " must be one of " + valid + ", not " +
+                                py::repr(value).cast<std::string>());
+}
+
+template <typename V>
+V optionValue(const py::handle& value, const char* option, const char* kind) {
+    try {
+        return value.cast<V>();
+    } catch (const py::cast_error&) {
+        raise(PyExc_TypeError, std::string("option ") + option + " must be " + kind + ", not " +
+                                   py::repr(value).cast<std::string>());
+    }
+}
+
+// Applies keyword options to `options` (unknown names are a TypeError, as for any Python call).
+void parseOptions(const py::kwargs& kwargs, SolverOptions& options) {
+    for (auto item : kwargs) {
+        const std::string key = item.first.cast<std::string>();
+        const py::handle value = item.second;
+        if (key == "ordering") {
+            options.ordering = static_cast<OrderingMethod>(parseName(value, orderingNames, "ordering"));
+        } else if (key == "switching") {
+            options.switching = static_cast<SwitchMethod>(parseName(value, switchingNames, "switching"));
+        } else if (key == "merge_blocks") {
+            options.mergeBlocks = optionValue<bool>(value, "merge_blocks", "a bool");
+        } else if (key == "check_values") {
+            options.checkValues = optionValue<bool>(value, "check_values", "a bool");
+        } else if (key == "threads" || key == "refinement_steps") {
+            const long long v = optionValue<long long>(value, key.c_str(), "an int");
+            (key == "threads" ? options.threads : options.refinementSteps) = toUnsigned(v, key.c_str());
+        } else if (key == "regularization") {
+            options.regularization = optionValue<double>(value, "regularization", "a float");
+        } else {
+            raise(PyExc_TypeError, "unknown option '" + key +
+                                       "' (options: ordering, merge_blocks, threads, refinement_steps, "
+                                       "check_values, regularization, switching)");
+        }
+    }
+}
+
+py::dict optionsDict(const SolverOptions& o) {
+    py::dict d;
+    d["ordering"] = orderingNames[static_cast<unsigned int>(o.ordering)];
+    d["merge_blocks"] = o.mergeBlocks;
+    d["threads"] = o.threads;
+    d["refinement_steps"] = o.refinementSteps;
+    d["check_values"] = o.checkValues;
+    d["regularization"] = o.regularization;
+    d["switching"] = switchingNames[static_cast<unsigned int>(o.switching)];
+    return d;
+}
+
+py::dict reportDict(const SolverReport& r) {
+    py::dict d;
+    d["bodies"] = r.bodies;
+    d["constraints"] = r.constraints;
+    d["rows"] = r.rows;
+    d["ordering"] = r.ordering;
+    d["blocks"] = r.blocks;
+    d["factor_blocks"] = r.factorBlocks;
+    d["factor_entries"] = r.factorEntries;
+    d["explicit_zeros"] = r.explicitZeros;
+    d["flops"] = r.flops;
+    d["predicted_factor_seconds"] = r.predictedFactorSeconds;
+    d["analyze_seconds"] = r.analyzeSeconds;
+    d["path"] = r.path;
+    d["threads"] = r.threads;
+    d["factor_seconds"] = r.factorSeconds;
+    d["factorizations"] = r.factorizations;
+    d["inertia"] = py::make_tuple(r.positivePivots, r.negativePivots, r.zeroPivots);
+    d["smallest_pivot"] = pivotDict(r.smallestPivot);
+    d["bad_pivot"] = pivotDict(r.badPivot);
+    d["regularized"] = r.regularized;
+    d["solve_seconds"] = r.solveSeconds;
+    d["refine_seconds"] = r.refineSeconds;
+    d["refinement_steps"] = r.refinementSteps;
+    d["residual"] = r.residual;
+    d["switched_off"] = r.switchedOff;
+    d["switched_on"] = r.switchedOn;
+    d["switch_path"] = r.switchPath;
+    d["switch_seconds"] = r.switchSeconds;
+    return d;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Arrays
+// ---------------------------------------------------------------------------------------------------------
+
+template <typename T>
+const char* dtypeName() {
+    return sizeof(T) == 4 ? "float32" : "float64";
+}
+
+std::string shapeString(const py::array& a) {
+    std::string s = "(";
+    for (py::ssize_t i = 0; i < a.ndim(); ++i) s += (i ? ", " : "") + std::to_string(a.shape(i));
+    return s + (a.ndim() == 1 ? ",)" : ")");
+}
+
+// `value` as a NumPy array of exactly the dtype T (TypeError otherwise, naming `what`).
+template <typename T>
+py::array asArrayOf(const py::handle& value, const std::string& what) {
+    if (!py::isinstance<py::array>(value))
+        raise(PyExc_TypeError, what + ": expected a numpy.ndarray of " + dtypeName<T>() + ", got " +
+                                   py::str(py::type::handle_of(value)).cast<std::string>());
+    py::array a = py::reinterpret_borrow<py::array>(value);
+    if (!py::isinstance<py::array_t<T>>(a))
+        raise(PyExc_TypeError, what + ": the array has dtype " +
+                                   py::str(py::handle(a.dtype())).cast<std::string>() +
+                                   ", the solver holds " + dtypeName<T>() +
+                                   " (convert it explicitly with .astype(numpy." + dtypeName<T>() + "))");
+    return a;
+}
+
+// The values of `a` in C order: the array itself when it is C-contiguous, otherwise a C-ordered copy in the
+// same precision (kept alive by the returned array).
+template <typename T>
+py::array_t<T, py::array::c_style> cOrdered(const py::array& a) {
+    return py::array_t<T, py::array::c_style>::ensure(a);
+}
+
+// Values of one s_r × s_c block: a 2-D array of that shape (ValueError otherwise).
+template <typename T>
+py::array_t<T, py::array::c_style> blockValues(const py::handle& value, unsigned int rows, unsigned int cols,
+                                               const std::string& what) {
+    py::array a = asArrayOf<T>(value, what);
+    if (a.ndim() != 2 || a.shape(0) != static_cast<py::ssize_t>(rows) ||
+        a.shape(1) != static_cast<py::ssize_t>(cols))
+        raise(PyExc_ValueError, what + ": expected an array of shape (" + std::to_string(rows) + ", " +
+                                    std::to_string(cols) + "), got shape " + shapeString(a));
+    return cOrdered<T>(a);
+}
+
+// `count` values in any shape (read in C order): for the concatenated arrays of set_values.
+template <typename T>
+py::array_t<T, py::array::c_style> flatValues(const py::handle& value, unsigned long count,
+                                              const std::string& what) {
+    py::array a = asArrayOf<T>(value, what);
+    if (static_cast<unsigned long>(a.size()) != count)
+        raise(PyExc_ValueError, what + ": expected " + std::to_string(count) +
+                                    " values, got an array of shape " + shapeString(a) + " (" +
+                                    std::to_string(a.size()) + " values)");
+    return cOrdered<T>(a);
+}
+
+// Copies the N × k values of b (1-D or 2-D, any strides) into x, column-major with leading dimension N.
+template <typename T>
+void copyColumns(const py::array& b, T* x) {
+    const auto* base = static_cast<const char*>(b.data());
+    const py::ssize_t n = b.shape(0), k = b.ndim() == 2 ? b.shape(1) : 1;
+    const py::ssize_t s0 = b.strides(0), s1 = b.ndim() == 2 ? b.strides(1) : 0;
+    for (py::ssize_t j = 0; j < k; ++j) {
+        const char* column = base + j * s1;
+        if (s0 == static_cast<py::ssize_t>(sizeof(T))) {
+            std::memcpy(x + j * n, column, static_cast<std::size_t>(n) * sizeof(T));
+        } else {
+            for (py::ssize_t i = 0; i < n; ++i) std::memcpy(x + j * n + i, column + i * s0, sizeof(T));
+        }
+    }
+}
+
+template <typename T>
+bool allFinite(const T* x, std::size_t n) {
+    for (std::size_t i = 0; i < n; ++i)
+        if (!std::isfinite(x[i])) return false;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The solver object
+// ---------------------------------------------------------------------------------------------------------
+
+template <typename S>
+struct ScalarOfSolver;
+template <typename T>
+struct ScalarOfSolver<Solver<T>> {
+    using type = T;
+};
+// The scalar type of a (possibly const) Solver<T> reference.
+template <typename S>
+using ScalarOf = typename ScalarOfSolver<std::remove_cv_t<std::remove_reference_t<S>>>::type;
+
+class PySolver {
+public:
+    PySolver(const py::object& dtype, const py::kwargs& kwargs) {
+        const py::dtype dt = py::dtype::from_args(dtype);
+        if (dt.is(py::dtype::of<double>()) || dt.equal(py::dtype::of<double>())) {
+            double_ = std::make_unique<Solver<double>>();
+        } else if (dt.equal(py::dtype::of<float>())) {
+            float_ = std::make_unique<Solver<float>>();
+        } else {
+            raise(PyExc_TypeError, "Solver: dtype must be numpy.float32 or numpy.float64, not " +
+                                       py::str(py::handle(dt)).cast<std::string>());
+        }
+        setOptions(kwargs);
+    }
+
+    py::dtype dtype() const { return double_ ? py::dtype::of<double>() : py::dtype::of<float>(); }
+
+    template <typename F>
+    auto visit(F&& f) {
+        return double_ ? f(*double_) : f(*float_);
+    }
+    template <typename F>
+    auto visit(F&& f) const {
+        return double_ ? f(static_cast<const Solver<double>&>(*double_))
+                       : f(static_cast<const Solver<float>&>(*float_));
+    }
+
+    // A call under the object's mutex with the GIL held (cheap calls).
+    template <typename F>
+    auto withLock(F&& f) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return f();
+    }
+    // A call under the mutex without the GIL (analysis, factorization, solves).
+    template <typename F>
+    auto withoutGil(F&& f) {
+        py::gil_scoped_release release;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return f();
+    }
+    // The same for a call on whichever solver the object holds.
+    template <typename F>
+    auto locked(F&& f) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return visit(f);
+    }
+    template <typename F>
+    auto released(F&& f) {
+        py::gil_scoped_release release;
+        std::lock_guard<std::mutex> lock(mutex_);
+        return visit(f);
+    }
+
+    void setOptions(const py::kwargs& kwargs) {
+        SolverOptions options = visit([](auto& s) { return s.options(); });
+        parseOptions(kwargs, options);
+        check(locked([&](auto& s) { return s.setOptions(options); }));
+    }
+    py::dict options() const {
+        return optionsDict(visit([](auto& s) { return s.options(); }));
+    }
+
+    void analyze(const SystemStructure& structure) {
+        const SystemStructure copy = structure;  // the Python object may change while the GIL is released
+        check(released([&](auto& s) { return s.analyze(copy); }));
+        blockSizes_ = copy.bodySizes;
+        blockSizes_.insert(blockSizes_.end(), copy.constraintSizes.begin(), copy.constraintSizes.end());
+        numBodies_ = copy.numBodies();
+        scalarValues_ = 0;
+    }
+
+    void analyzeCsc(long long n, long long firstConstraintRow, const py::handle& colPointers,
+                    const py::handle& rowIndices, const py::handle& blockSizes) {
+        const unsigned int rows = toUnsigned(n, "n");
+        const unsigned int first = toUnsigned(firstConstraintRow, "first_constraint_row");
+        using Indices = py::array_t<unsigned int, py::array::c_style | py::array::forcecast>;
+        Indices cp = Indices::ensure(colPointers), ri = Indices::ensure(rowIndices), bs;
+        if (!cp || !ri) raise(PyExc_TypeError, "analyze_matrix: index arrays must be integer arrays");
+        if (static_cast<unsigned long>(cp.size()) != static_cast<unsigned long>(rows) + 1)
+            raise(PyExc_ValueError, "analyze_matrix: " + std::to_string(cp.size()) +
+                                        " column pointers for n = " + std::to_string(rows) + " (need n + 1)");
+        const unsigned long entries = cp.data()[rows];
+        if (static_cast<unsigned long>(ri.size()) != entries)
+            raise(PyExc_ValueError, "analyze_matrix: " + std::to_string(ri.size()) +
+                                        " row indices, the column pointers end at " +
+                                        std::to_string(entries));
+        const unsigned int* sizes = nullptr;
+        unsigned int numBlocks = 0;
+        if (!blockSizes.is_none()) {
+            bs = Indices::ensure(blockSizes);
+            if (!bs || bs.ndim() != 1)
+                raise(PyExc_TypeError, "analyze_matrix: block_sizes must be a 1-D integer array");
+            sizes = bs.data();
+            numBlocks = toUnsigned(static_cast<long long>(bs.size()), "number of blocks");
+        }
+        check(released(
+            [&](auto& s) { return s.analyzeScalar(rows, first, cp.data(), ri.data(), sizes, numBlocks); }));
+        if (sizes) {
+            blockSizes_.assign(sizes, sizes + numBlocks);
+            numBodies_ = 0;
+            for (unsigned int i = 0, row = 0; i < numBlocks && row < first; row += sizes[i++]) ++numBodies_;
+        } else {
+            blockSizes_.clear();
+            numBodies_ = 0;
+        }
+        scalarValues_ = entries;
+    }
+
+    // ---- values ----
+
+    // The block sizes the shape checks need; a matrix whose blocks the analysis detected has none here.
+    void requireSizes(const char* what) const {
+        if (blockSizes_.empty() && analyzedAny())
+            raise(PyExc_ValueError,
+                  std::string(what) +
+                      ": the blocks of this matrix were detected by the analysis; set "
+                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
+    }
+    unsigned int bodySize(long long body, const char* what) const {
+        requireSizes(what);
+        if (body < 0 || body >= static_cast<long long>(numBodies_))
+            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
+                                        std::to_string(numBodies_) + " bodies)");
+        return blockSizes_[static_cast<std::size_t>(body)];
+    }
+    unsigned int constraintSize(long long constraint, const char* what) const {
+        requireSizes(what);
+        const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
+        if (constraint < 0 || constraint >= count)
+            raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
+                                        " (" + std::to_string(count) + " constraints)");
+        return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
+    }
+    unsigned int blockSize(long long block, const char* what) const {
+        requireSizes(what);
+        if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
+            raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
+                                        std::to_string(blockSizes_.size()) + " blocks)");
+        return blockSizes_[static_cast<std::size_t>(block)];
+    }
+    bool analyzedAny() const {
+        return visit([](auto& s) { return s.isAnalyzed(); });
+    }
+
+    void setBody(long long body, const py::handle& values) {
+        const unsigned int s = bodySize(body, "set_body");
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            auto a = blockValues<T>(values, s, s, "set_body");
+            check(withLock([&]() { return solver.setBody(static_cast<unsigned int>(body), a.data()); }));
+        });
+    }
+    void setJacobian(long long constraint, long long body, const py::handle& values) {
+        const unsigned int sc = constraintSize(constraint, "set_jacobian"),
+                           sb = bodySize(body, "set_jacobian");
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            auto a = blockValues<T>(values, sc, sb, "set_jacobian");
+            check(withLock([&]() {
+                return solver.setJacobian(static_cast<unsigned int>(constraint),
+                                          static_cast<unsigned int>(body), a.data());
+            }));
+        });
+    }
+    void setBodyCoupling(long long body1, long long body2, const py::handle& values) {
+        const unsigned int s1 = bodySize(body1, "set_body_coupling"),
+                           s2 = bodySize(body2, "set_body_coupling");
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            auto a = blockValues<T>(values, s1, s2, "set_body_coupling");
+            check(withLock([&]() {
+                return solver.setBodyCoupling(static_cast<unsigned int>(body1),
+                                              static_cast<unsigned int>(body2), a.data());
+            }));
+        });
+    }
+    void setCompliance(long long constraint, const py::handle& values) {
+        const unsigned int s = constraintSize(constraint, "set_compliance");
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            auto a = blockValues<T>(values, s, s, "set_compliance");
+            check(withLock(
+                [&]() { return solver.setCompliance(static_cast<unsigned int>(constraint), a.data()); }));
+        });
+    }
+    void setBlock(long long i, long long j, const py::handle& values) {
+        const unsigned int si = blockSize(i, "set_block"), sj = blockSize(j, "set_block");
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            auto a = blockValues<T>(values, si, sj, "set_block");
+            check(withLock([&]() {
+                return solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a.data());
+            }));
+        });
+    }
+    void setValues(const py::handle& bodies, const py::handle& jacobians, const py::handle& couplings,
+                   const py::handle& compliances) {
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            using Flat = py::array_t<T, py::array::c_style>;
+            Flat arrays[4];
+            const py::handle given[4] = {bodies, jacobians, couplings, compliances};
+            const unsigned long counts[4] = {solver.bodyValueCount(), solver.jacobianValueCount(),
+                                             solver.couplingValueCount(), solver.complianceValueCount()};
+            const char* names[4] = {"set_values: bodies", "set_values: jacobians", "set_values: couplings",
+                                    "set_values: compliances"};
+            const T* pointers[4] = {nullptr, nullptr, nullptr, nullptr};
+            for (int k = 0; k < 4; ++k) {
+                if (given[k].is_none()) continue;
+                arrays[k] = flatValues<T>(given[k], counts[k], names[k]);
+                pointers[k] = arrays[k].data();
+            }
+            check(withLock(
+                [&]() { return solver.setValues(pointers[0], pointers[1], pointers[2], pointers[3]); }));
+        });
+    }
+    void setScalarValues(const py::handle& values) {
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("set_scalar_values"));
+            if (scalarValues_ == 0) {
+                raise(PyExc_ValueError,
+                      "set_scalar_values: the solver holds a body/constraint structure, not a "
+                      "matrix given to analyze_matrix");
+            }
+            auto a = flatValues<T>(values, scalarValues_, "set_scalar_values");
+            check(withLock([&]() { return solver.setScalarValues(a.data()); }));
+        });
+    }
+
+    // ---- switching ----
+
+    void setActive(long long constraint, long long row, bool on) {
+        const unsigned int c = toUnsigned(constraint, "constraint"), r = toUnsigned(row, "row");
+        check(locked([&](auto& s) { return s.setActive(c, r, on); }));
+    }
+    void setConstraintActive(long long constraint, bool on) {
+        const unsigned int c = toUnsigned(constraint, "constraint");
+        check(locked([&](auto& s) { return s.setConstraintActive(c, on); }));
+    }
+    bool isActive(long long constraint, long long row) {
+        constraintSize(constraint, "is_active");
+        const unsigned int c = toUnsigned(constraint, "constraint"), r = toUnsigned(row, "row");
+        if (r >= blockSizes_[numBodies_ + c])
+            raise(PyExc_ValueError, "is_active: constraint " + std::to_string(c) + " has " +
+                                        std::to_string(blockSizes_[numBodies_ + c]) + " rows, not row " +
+                                        std::to_string(r));
+        return locked([&](auto& s) { return s.isActive(c, r); });
+    }
+
+    // ---- factorization and solves ----
+
+    void factor() {
+        const Status st = released([](auto& s) { return s.factor(); });
+        if (!st.ok()) {
+            const PivotLocation pivot = visit([](auto& s) { return s.badPivot(); });
+            check(st, &pivot);
+        }
+    }
+
+    py::array solve(const py::handle& rhs) {
+        return visit([&](auto& solver) -> py::array {
+            using T = ScalarOf<decltype(solver)>;
+            py::array b = asArrayOf<T>(rhs, "solve");
+            const unsigned long n = solver.size();
+            if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("solve"));
+            if ((b.ndim() != 1 && b.ndim() != 2) || static_cast<unsigned long>(b.shape(0)) != n)
+                raise(PyExc_ValueError, "solve: expected a right-hand side of shape (" + std::to_string(n) +
+                                            ",) or (" + std::to_string(n) + ", k), got shape " +
+                                            shapeString(b));
+            const py::ssize_t k = b.ndim() == 2 ? b.shape(1) : 1;
+            if (k > static_cast<py::ssize_t>(UINT_MAX))
+                raise(PyExc_ValueError, "solve: too many right-hand sides (" + std::to_string(k) + ")");
+            py::array_t<T, py::array::f_style> x(b.ndim() == 2 ? std::vector<py::ssize_t>{b.shape(0), k}
+                                                               : std::vector<py::ssize_t>{b.shape(0)});
+            T* data = x.mutable_data();
+            copyColumns<T>(b, data);
+            if (solver.options().checkValues && !allFinite(data, static_cast<std::size_t>(n * k)))
+                raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
+            if (k == 0) return std::move(x);
+            const Status st = withoutGil([&]() {
+                return b.ndim() == 1 ? solver.solve(data)
+                                     : solver.solve(data, data, static_cast<unsigned int>(k), n);
+            });
+            if (!st.ok()) {
+                const PivotLocation pivot = solver.badPivot();
+                check(st, &pivot);
+            }
+            return std::move(x);
+        });
+    }
+
+    // ---- sizes and report ----
+
+    unsigned long size() const {
+        return visit([](auto& s) { return s.size(); });
+    }
+    unsigned int numBodies() const {
+        return visit([](auto& s) { return s.numBodies(); });
+    }
+    unsigned int numConstraints() const {
+        return visit([](auto& s) { return s.numConstraints(); });
+    }
+    unsigned long bodyOffset(long long body) const {
+        if (body < 0 || body >= static_cast<long long>(numBodies()))
+            raise(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
+                                        std::to_string(numBodies()) + " bodies)");
+        return visit([&](auto& s) { return s.bodyOffset(static_cast<unsigned int>(body)); });
+    }
+    unsigned long constraintOffset(long long constraint) const {
+        if (constraint < 0 || constraint >= static_cast<long long>(numConstraints()))
+            raise(PyExc_ValueError, "constraint_offset: unknown constraint " + std::to_string(constraint) +
+                                        " (" + std::to_string(numConstraints()) + " constraints)");
+        return visit([&](auto& s) { return s.constraintOffset(static_cast<unsigned int>(constraint)); });
+    }
+    py::dict report() {
+        return reportDict(locked([](auto& s) { return s.report(); }));
+    }
+    py::object badPivot() {
+        return pivotDict(locked([](auto& s) { return s.badPivot(); }));
+    }
+    unsigned long valueCount(int kind) const {
+        return visit([&](auto& s) {
+            switch (kind) {
+                case 0:
+                    return s.bodyValueCount();
+                case 1:
+                    return s.jacobianValueCount();
+                case 2:
+                    return s.couplingValueCount();
+                default:
+                    return s.complianceValueCount();
+            }
+        });
+    }
+
+    // The benchmark's baseline: `steps` steps of setValues, factor, solve driven from C++ on this very object
+    // with the arrays' own storage (no Python between the calls). Returns the seconds of each step, of the
+    // wall clock or (threadClock) of the calling thread's processor time.
+    std::vector<double> nativeSteps(const py::handle& bodies, const py::handle& jacobians,
+                                    const py::handle& rhs, long long steps, bool threadClock) {
+        const unsigned int count = toUnsigned(steps, "steps");
+        return visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            auto mb = flatValues<T>(bodies, solver.bodyValueCount(), "bodies");
+            auto mj = flatValues<T>(jacobians, solver.jacobianValueCount(), "jacobians");
+            auto b = flatValues<T>(rhs, solver.size(), "rhs");
+            std::vector<T> x(solver.size());
+            std::vector<double> seconds(count);
+            Status st;
+            withoutGil([&]() {
+                for (unsigned int k = 0; k < count && st.ok(); ++k) {
+                    const double t0 = now(threadClock);
+                    st = solver.setValues(mb.data(), mj.data());
+                    if (st.ok()) st = solver.factor();
+                    if (st.ok()) st = solver.solve(b.data(), x.data());
+                    seconds[k] = now(threadClock) - t0;
+                }
+                return 0;
+            });
+            check(st);
+            return seconds;
+        });
+    }
+
+    static double now(bool threadClock) {
+        timespec t{};
+        clock_gettime(threadClock ? CLOCK_THREAD_CPUTIME_ID : CLOCK_MONOTONIC, &t);
+        return static_cast<double>(t.tv_sec) + 1e-9 * static_cast<double>(t.tv_nsec);
+    }
+
+private:
+    std::unique_ptr<Solver<float>> float_;
+    std::unique_ptr<Solver<double>> double_;
+    std::mutex mutex_;
+    // What the shape checks need: block sizes (bodies first) and the number of bodies among them, empty when
+    // the analysis detected the blocks itself; the number of values of an analysed scalar matrix.
+    std::vector<unsigned int> blockSizes_;
+    unsigned int numBodies_ = 0;
+    unsigned long scalarValues_ = 0;
+};
+
+}  // namespace
+}  // namespace kivTamber
+
+PYBIND11_MODULE(_kivtamber, m) {
+    using namespace kivTamber;
+    m.doc() = "The solver object of libkivTamber for NumPy arrays (use the package kivtamber).";
+
+    static py::exception<FactorizationErrorTag> factorizationErrorType(m, "FactorizationError",
+                                                                       PyExc_RuntimeError);
+    factorizationError = factorizationErrorType.ptr();
+    factorizationErrorType.doc() =
+        "The factorization met a zero or non-finite pivot, or switching equations in place failed. "
+        "Attributes: pivot (dict naming the pivot, or None), code (the library's status name).";
+
+    py::class_<SystemStructure>(
+        m, "Structure",
+        "The structure of a body/constraint system: bodies, constraints (each with its "
+        "rows), the Jacobian blocks J(c, b) coupling them and body-body couplings. A "
+        "plain recorder: Solver.analyze checks it and names the first offending id.")
+        .def(py::init<>())
+        .def(
+            "add_body",
+            [](SystemStructure& s, long long size) { return s.addBody(toUnsigned(size, "body size")); },
+            py::arg("size"), "Adds a body with `size` unknowns; returns its id (0, 1, ...).")
+        .def(
+            "add_constraint",
+            [](SystemStructure& s, long long rows, bool compliant) {
+                return s.addConstraint(toUnsigned(rows, "constraint rows"), compliant);
+            },
+            py::arg("rows"), py::arg("compliant") = false,
+            "Adds a constraint with `rows` equations; returns its id. compliant: it has a compliance block "
+            "C(c, c) (a soft constraint), otherwise its diagonal block is zero.")
+        .def(
+            "add_jacobian",
+            [](SystemStructure& s, long long constraint, long long body) {
+                s.addJacobian(toUnsigned(constraint, "constraint"), toUnsigned(body, "body"));
+            },
+            py::arg("constraint"), py::arg("body"), "Records the Jacobian block J(constraint, body).")
+        .def(
+            "add_body_coupling",
+            [](SystemStructure& s, long long body1, long long body2) {
+                s.addBodyCoupling(toUnsigned(body1, "body"), toUnsigned(body2, "body"));
+            },
+            py::arg("body1"), py::arg("body2"), "Records a body-body coupling K(body1, body2).")
+        .def_property_readonly("num_bodies", &SystemStructure::numBodies)
+        .def_property_readonly("num_constraints", &SystemStructure::numConstraints)
+        .def_property_readonly("body_sizes", [](const SystemStructure& s) { return s.bodySizes; })
+        .def_property_readonly("constraint_sizes", [](const SystemStructure& s) { return s.constraintSizes; })
+        .def_property_readonly("compliant",
+                               [](const SystemStructure& s) {
+                                   std::vector<bool> c(s.compliant.begin(), s.compliant.end());
+                                   return c;
+                               })
+        .def_property_readonly("jacobians", [](const SystemStructure& s) { return s.jacobians; })
+        .def_property_readonly("couplings", [](const SystemStructure& s) { return s.couplings; })
+        .def("__repr__", [](const SystemStructure& s) {
+            return "Structure(bodies=" + std::to_string(s.numBodies()) +
+                   ", constraints=" + std::to_string(s.numConstraints()) +
+                   ", jacobians=" + std::to_string(s.jacobians.size()) +
+                   ", couplings=" + std::to_string(s.couplings.size()) + ")";
+        });
+
+    py::class_<PySolver>(m, "Solver")
+        .def(py::init<const py::object&, const py::kwargs&>(), py::arg("dtype") = py::dtype::of<double>())
+        .def_property_readonly("dtype", &PySolver::dtype)
+        .def("set_options", &PySolver::setOptions)
+        .def_property_readonly("options", &PySolver::options)
+        .def("analyze", &PySolver::analyze, py::arg("structure"))
+        .def("_analyze_csc", &PySolver::analyzeCsc, py::arg("n"), py::arg("first_constraint_row"),
+             py::arg("col_pointers"), py::arg("row_indices"), py::arg("block_sizes") = py::none())
+        .def_property_readonly("is_analyzed", &PySolver::analyzedAny)
+        .def("set_body", &PySolver::setBody, py::arg("body"), py::arg("values"))
+        .def("set_jacobian", &PySolver::setJacobian, py::arg("constraint"), py::arg("body"),
+             py::arg("values"))
+        .def("set_body_coupling", &PySolver::setBodyCoupling, py::arg("body1"), py::arg("body2"),
+             py::arg("values"))
+        .def("set_compliance", &PySolver::setCompliance, py::arg("constraint"), py::arg("values"))
+        .def("set_block", &PySolver::setBlock, py::arg("i"), py::arg("j"), py::arg("values"))
+        .def("set_values", &PySolver::setValues, py::arg("bodies") = py::none(),
+             py::arg("jacobians") = py::none(), py::arg("couplings") = py::none(),
+             py::arg("compliances") = py::none())
+        .def("set_scalar_values", &PySolver::setScalarValues, py::arg("values"))
+        .def_property_readonly("body_value_count", [](const PySolver& s) { return s.valueCount(0); })
+        .def_property_readonly("jacobian_value_count", [](const PySolver& s) { return s.valueCount(1); })
+        .def_property_readonly("coupling_value_count", [](const PySolver& s) { return s.valueCount(2); })
+        .def_property_readonly("compliance_value_count", [](const PySolver& s) { return s.valueCount(3); })
+        .def("set_active", &PySolver::setActive, py::arg("constraint"), py::arg("row"), py::arg("on"))
+        .def("set_constraint_active", &PySolver::setConstraintActive, py::arg("constraint"), py::arg("on"))
+        .def("is_active", &PySolver::isActive, py::arg("constraint"), py::arg("row"))
+        .def("factor", &PySolver::factor)
+        .def("solve", &PySolver::solve, py::arg("b"))
+        .def_property_readonly("size", &PySolver::size)
+        .def_property_readonly("num_bodies", &PySolver::numBodies)
+        .def_property_readonly("num_constraints", &PySolver::numConstraints)
+        .def("body_offset", &PySolver::bodyOffset, py::arg("body"))
+        .def("constraint_offset", &PySolver::constraintOffset, py::arg("constraint"))
+        .def("report", &PySolver::report)
+        .def("bad_pivot", &PySolver::badPivot)
+        .def("_native_steps", &PySolver::nativeSteps, py::arg("bodies"), py::arg("jacobians"), py::arg("rhs"),
+             py::arg("steps"), py::arg("thread_clock") = false);
+}

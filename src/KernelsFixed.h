@@ -1,0 +1,565 @@
+// Size-specialised and hand-vectorised kernels of the block factorizations and of the double solves
+// (internal to the library; part of the Kernels unit). Each has a plain reference implementation with the
+// same operations in the same order in src/KernelsRef.cpp (declared in include/Kernels.h, namespace
+// kernels::reference), and Kernels_test compares their bits at every block size 1 to 12.
+//
+// Only SSE2 is used, which every x86-64 processor has, and the build turns FMA contraction off: the results
+// are the same bits on every x86-64 machine.
+#ifndef KIVTAMBER_SRC_KERNELSFIXED_H
+#define KIVTAMBER_SRC_KERNELSFIXED_H
+
+#include <emmintrin.h>
+
+#include "Kernels.h"
+
+// Complete unrolling of the loops over compile-time sizes, so that the rows of a small block live in
+// registers as straight-line code: the compiler's own limits stop short of that at the sizes 5 and 6.
+#define KIVTAMBER_UNROLL _Pragma("GCC unroll 16")
+
+namespace kivTamber {
+namespace kernels {
+
+// to[0 .. count) = from[0 .. count) for tiles: 16-byte aligned and, for double, of even length; whole 16-byte
+// moves inline, since a library call costs more than the copy for the small tiles of physics systems.
+inline void copyTile(double* to, const double* from, unsigned long count) {
+    for (unsigned long q = 0; q < count; q += 2) _mm_store_pd(to + q, _mm_load_pd(from + q));
+}
+inline void copyTile(float* to, const float* from, unsigned long count) {
+    for (unsigned long q = 0; q < count; ++q) to[q] = from[q];
+}
+
+// W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
+// row by row, forward substitution with the strictly lower part.
+// float: tamber_SM_UD, which divides by the stored diagonal of L_jj; that diagonal is exactly 1, so the
+// quotients are exact.
+inline void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i,
+                              unsigned int s_j) {
+    tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
+                 static_cast<int>(s_j));
+}
+// double: the same loops inline (the unit diagonal is not read). S > 0 fixes s_j at compile time, so that the
+// loops over c and t unroll into straight code; the arithmetic and its order are the same for every S.
+template <int S>
+inline void solveUnitDiagonalFixed(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i,
+                                   unsigned int s_jDynamic) {
+    if (S > 0) {
+        // Two rows at a time, one per lane: their recurrences are independent and overlap. Rows are worked
+        // on in registers: storing single elements and loading them back in pairs would stall on store
+        // forwarding.
+        unsigned int r = 0;
+        for (; r + 1 < s_i; r += 2) {
+            double* w0 = W + static_cast<unsigned long>(r) * p_j;
+            double* w1 = w0 + p_j;
+            __m128d v[S > 0 ? S : 1];
+            KIVTAMBER_UNROLL
+            for (int c = 0; c < S; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+            KIVTAMBER_UNROLL
+            for (int c = 1; c < S; ++c) {
+                const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+                __m128d sum = _mm_setzero_pd();
+                KIVTAMBER_UNROLL
+                for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
+                v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t, in both rows
+            }
+            KIVTAMBER_UNROLL
+            for (int c = 1; c < S; ++c) {
+                _mm_storel_pd(w0 + c, v[c]);
+                _mm_storeh_pd(w1 + c, v[c]);
+            }
+        }
+        for (; r < s_i; ++r) {
+            double* w = W + static_cast<unsigned long>(r) * p_j;
+            double v[S > 0 ? S : 1];
+            KIVTAMBER_UNROLL
+            for (int c = 0; c < S; ++c) v[c] = w[c];
+            KIVTAMBER_UNROLL
+            for (int c = 1; c < S; ++c) {
+                const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+                double sum = 0.0;
+                KIVTAMBER_UNROLL
+                for (int t = 0; t < c; ++t) sum += l[t] * v[t];
+                v[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
+            }
+            KIVTAMBER_UNROLL
+            for (int c = 1; c < S; ++c) w[c] = v[c];
+        }
+        return;
+    }
+    // Larger blocks: four rows at a time in two SSE registers, so that four independent sums are in flight.
+    const unsigned int s_j = s_jDynamic;
+    unsigned int r = 0;
+    for (; r + 3 < s_i; r += 4) {
+        double* w0 = W + static_cast<unsigned long>(r) * p_j;
+        double* w1 = w0 + p_j;
+        double* w2 = w1 + p_j;
+        double* w3 = w2 + p_j;
+        for (unsigned int c = 1; c < s_j; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+            __m128d sum01 = _mm_setzero_pd(), sum23 = _mm_setzero_pd();
+            for (unsigned int t = 0; t < c; ++t) {
+                const __m128d lt = _mm_set1_pd(l[t]);
+                sum01 = _mm_add_pd(sum01, _mm_mul_pd(lt, _mm_set_pd(w1[t], w0[t])));
+                sum23 = _mm_add_pd(sum23, _mm_mul_pd(lt, _mm_set_pd(w3[t], w2[t])));
+            }
+            const __m128d v01 = _mm_sub_pd(_mm_set_pd(w1[c], w0[c]), sum01);
+            const __m128d v23 = _mm_sub_pd(_mm_set_pd(w3[c], w2[c]), sum23);
+            _mm_storel_pd(w0 + c, v01);
+            _mm_storeh_pd(w1 + c, v01);
+            _mm_storel_pd(w2 + c, v23);
+            _mm_storeh_pd(w3 + c, v23);
+        }
+    }
+    for (; r < s_i; ++r) {
+        double* w = W + static_cast<unsigned long>(r) * p_j;
+        for (unsigned int c = 1; c < s_j; ++c) {
+            const double* l = Ljj + static_cast<unsigned long>(c) * p_j;
+            double sum = 0.0;
+            for (unsigned int t = 0; t < c; ++t) sum += l[t] * w[t];
+            w[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
+        }
+    }
+}
+inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, unsigned int s_i,
+                              unsigned int s_j) {
+    switch (s_j) {
+        case 1:
+            return;  // nothing below the unit diagonal
+        case 2:
+            return solveUnitDiagonalFixed<2>(Ljj, p_j, W, s_i, s_j);
+        case 3:
+            return solveUnitDiagonalFixed<3>(Ljj, p_j, W, s_i, s_j);
+        case 4:
+            return solveUnitDiagonalFixed<4>(Ljj, p_j, W, s_i, s_j);
+        case 5:
+            return solveUnitDiagonalFixed<5>(Ljj, p_j, W, s_i, s_j);
+        case 6:
+            return solveUnitDiagonalFixed<6>(Ljj, p_j, W, s_i, s_j);
+        default:
+            return solveUnitDiagonalFixed<0>(Ljj, p_j, W, s_i, s_j);
+    }
+}
+
+// Writes the unit lower block held in l (entries c < r of row r) to W (row stride p): the diagonal 1, the
+// strict upper triangle 0. For double, whole pairs of columns (the padding column of an odd S written 0, as
+// it already is), so that the next reads of the block, in pairs, do not stall on store forwarding.
+template <int S>
+inline void storeUnitLower(double* W, unsigned int p, const double (*l)[S > 0 ? S : 1]) {
+    constexpr int P = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < S; ++r) {
+        double* const w = W + static_cast<unsigned long>(r) * p;
+        KIVTAMBER_UNROLL
+        for (int c = 0; c < P; c += 2) {
+            const double v0 = c < r ? l[r][c] : c == r ? 1.0 : 0.0;
+            const double v1 = c + 1 < r ? l[r][c + 1] : c + 1 == r ? 1.0 : 0.0;
+            _mm_store_pd(w + c, _mm_set_pd(v1, v0));
+        }
+    }
+}
+template <int S>
+inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S : 1]) {
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < S; ++r) {
+        float* const w = W + static_cast<unsigned long>(r) * p;
+        KIVTAMBER_UNROLL
+        for (int c = 0; c < r; ++c) w[c] = l[r][c];
+        w[r] = 1.0f;
+        KIVTAMBER_UNROLL
+        for (int c = r + 1; c < S; ++c) w[c] = 0.0f;
+    }
+}
+
+// Rows w0 and w1 of an s × S block (S ≤ 6 fixed, row stride P = S rounded up to even, zero padding), one per
+// lane: v[c] = (w0[c], w1[c]) for c < P, then v ← v·L_jj⁻ᵀ with the unit lower block L_jj (row stride P),
+// the sums of solveUnitDiagonal in the same order. The caller stores v, transposed back to rows in pairs.
+template <int S>
+inline void solveRowPair(const double* Ljj, const double* w0, const double* w1, __m128d* v) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
+    for (unsigned int c = 0; c < P; ++c) v[c] = _mm_set_pd(w1[c], w0[c]);
+    KIVTAMBER_UNROLL
+    for (int c = 1; c < S; ++c) {
+        const double* l = Ljj + static_cast<unsigned long>(c) * P;
+        __m128d sum = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int t = 0; t < c; ++t) sum = _mm_add_pd(sum, _mm_mul_pd(_mm_set1_pd(l[t]), v[t]));
+        v[c] = _mm_sub_pd(v[c], sum);  // w_c -= Σ_{t<c} l_ct·w_t
+    }
+}
+// The same for one row: v[c] = w[c], then v ← v·L_jj⁻ᵀ.
+template <int S>
+inline void solveRow(const double* Ljj, const double* w, double* v) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
+    for (unsigned int c = 0; c < P; ++c) v[c] = w[c];
+    KIVTAMBER_UNROLL
+    for (int c = 1; c < S; ++c) {
+        const double* l = Ljj + static_cast<unsigned long>(c) * P;
+        double sum = 0.0;
+        KIVTAMBER_UNROLL
+        for (int t = 0; t < c; ++t) sum += l[t] * v[t];
+        v[c] -= sum;
+    }
+}
+
+// W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
+// diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
+// 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries
+// l_rc = w_rc / d_c (c < r) with the running updates of the next entry of the row, then
+// d_r -= Σ_{t<r} d_t·l_rt². Divides by d itself: a zero pivot gives non-finite values.
+// S > 0 fixes s at compile time (straight code for the small blocks of the scenes); same arithmetic for every
+// S.
+template <typename T, int S>
+inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d) {
+    if (S > 0) {
+        // Rows and pivots in registers (see solveUnitDiagonalFixed); the same operations in the same order.
+        T l[S > 0 ? S : 1][S > 0 ? S : 1];
+        T dd[S > 0 ? S : 1];
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < S; ++r) {
+            const T* const w = W + static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
+            for (int c = 0; c <= r; ++c) l[r][c] = w[c];
+            dd[r] = w[r];
+        }
+        // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
+        // divisions of one column are independent of each other and overlap, instead of forming one chain
+        // per row.
+        KIVTAMBER_UNROLL
+        for (int c = 0; c < S; ++c) {
+            if (c > 0) {
+                T sum = T(0);
+                KIVTAMBER_UNROLL
+                for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
+                dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
+            }
+            KIVTAMBER_UNROLL
+            for (int r = c + 1; r < S; ++r) {
+                if (c > 0) {
+                    T sum = T(0);
+                    KIVTAMBER_UNROLL
+                    for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
+                    l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+                }
+                l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
+            }
+        }
+        storeUnitLower<S>(W, p, l);
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < S; ++r) d[r] = dd[r];
+        return;
+    }
+    const unsigned int s = sDynamic;
+    for (unsigned int r = 0; r < s; ++r) {
+        T* const w = W + static_cast<unsigned long>(r) * p;
+        d[r] = w[r];
+        w[r] = T(1);
+    }
+    // Column by column, as in the fixed sizes above (the same operations per entry as row by row).
+    for (unsigned int c = 0; c < s; ++c) {
+        const T* const wc = W + static_cast<unsigned long>(c) * p;
+        if (c > 0) {
+            T sum = T(0);
+            for (unsigned int t = 0; t < c; ++t) sum += d[t] * wc[t] * wc[t];
+            d[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
+        }
+        for (unsigned int r = c + 1; r < s; ++r) {
+            T* const w = W + static_cast<unsigned long>(r) * p;
+            if (c > 0) {
+                T sum = T(0);
+                for (unsigned int t = 0; t < c; ++t) sum += w[t] * d[t] * wc[t];
+                w[c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+            }
+            w[c] = w[c] / d[c];  // l_rc = w_rc / d_c
+        }
+    }
+    for (unsigned int r = 0; r < s; ++r) {
+        T* const w = W + static_cast<unsigned long>(r) * p;
+        for (unsigned int c = r + 1; c < s; ++c) w[c] = T(0);
+    }
+}
+template <typename T>
+inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
+    switch (s) {
+        case 1:
+            return factorDiagonalBlockFixed<T, 1>(W, p, s, d);
+        case 2:
+            return factorDiagonalBlockFixed<T, 2>(W, p, s, d);
+        case 3:
+            return factorDiagonalBlockFixed<T, 3>(W, p, s, d);
+        case 4:
+            return factorDiagonalBlockFixed<T, 4>(W, p, s, d);
+        case 5:
+            return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
+        case 6:
+            return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
+        default:
+            return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
+    }
+}
+
+// Y = X·diag(d) for an s_i × s_k block (row stride p_k), padding columns of Y zero. S > 0 fixes s_k at
+// compile time; the arithmetic is the same for every S.
+template <typename T, int S>
+inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __restrict Y, unsigned int s_i,
+                         unsigned int s_kDynamic, unsigned int p_k) {
+    if (S > 0) {  // whole padded rows against the pivots with zero padding: X's padding is zero, so is Y's
+        constexpr unsigned int p = S <= 0 ? 1 : S % 2 == 0 || sizeof(T) == sizeof(float) ? S : S + 1;
+        T dd[p];
+        KIVTAMBER_UNROLL
+        for (unsigned int c = 0; c < p; ++c) dd[c] = c < static_cast<unsigned int>(S) ? d[c] : T(0);
+        for (unsigned int r = 0; r < s_i; ++r) {
+            const unsigned long row = static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
+            for (unsigned int c = 0; c < p; ++c) Y[row + c] = X[row + c] * dd[c];  // l_rc·d_c
+        }
+        return;
+    }
+    const unsigned int s_k = s_kDynamic;
+    const unsigned int p = p_k;
+    for (unsigned int r = 0; r < s_i; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
+        for (unsigned int c = s_k; c < p; ++c) Y[row + c] = T(0);
+    }
+}
+
+// scaleColumns for any s: fixed for the sizes 1 to 4 and 6, the general loop otherwise. X's padding columns
+// must be zero (the fixed sizes multiply them by the zero padding of the pivots).
+template <typename T>
+inline void scaleColumnsAnySize(const T* X, const T* d, T* Y, unsigned int rows, unsigned int s,
+                                unsigned int p) {
+    switch (s) {
+        case 1:
+            return scaleColumns<T, 1>(X, d, Y, rows, s, p);
+        case 2:
+            return scaleColumns<T, 2>(X, d, Y, rows, s, p);
+        case 3:
+            return scaleColumns<T, 3>(X, d, Y, rows, s, p);
+        case 4:
+            return scaleColumns<T, 4>(X, d, Y, rows, s, p);
+        case 6:
+            return scaleColumns<T, 6>(X, d, Y, rows, s, p);
+        default:
+            return scaleColumns<T, 0>(X, d, Y, rows, s, p);
+    }
+}
+
+// The end of an off-diagonal block L(i, j) of a small double block column j, in one pass with the rows in
+// registers: W ← W·L_jj⁻ᵀ (solveUnitDiagonal), L(i, j) = W·diag(recip) and LD(i, j) = L(i, j)·D_j
+// (scaleColumns), the same operations as those routines, two rows at a time; stores are whole pairs of
+// columns, so that the next reads of the tiles do not stall on store forwarding.
+// W: the s_i × S tile of L(i, j) (row stride P), Ljj its unit lower diagonal block, LDij the tile of LD(i,
+// j), recip: P reciprocal pivots (padding 0), dj: the S pivots.
+template <int S>
+void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned int s_i, const double* recip,
+                           const double* dj) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    alignas(16) double dd[P];
+    KIVTAMBER_UNROLL
+    for (unsigned int c = 0; c < P; ++c) dd[c] = c < static_cast<unsigned int>(S) ? dj[c] : 0.0;
+    unsigned int r = 0;
+    for (; r + 1 < s_i; r += 2) {
+        double* w0 = W + static_cast<unsigned long>(r) * P;
+        double* w1 = w0 + P;
+        __m128d v[P];
+        solveRowPair<S>(Ljj, w0, w1, v);
+        double* ld0 = LDij + static_cast<unsigned long>(r) * P;
+        double* ld1 = ld0 + P;
+        KIVTAMBER_UNROLL
+        for (unsigned int c = 0; c < P; c += 2) {
+            const __m128d q = _mm_loadu_pd(recip + c), dc = _mm_load_pd(dd + c);
+            const __m128d x0 = _mm_mul_pd(_mm_unpacklo_pd(v[c], v[c + 1]), q);  // l_rc = w_rc / d_c
+            const __m128d x1 = _mm_mul_pd(_mm_unpackhi_pd(v[c], v[c + 1]), q);
+            _mm_store_pd(w0 + c, x0);
+            _mm_store_pd(w1 + c, x1);
+            _mm_store_pd(ld0 + c, _mm_mul_pd(x0, dc));  // l_rc·d_c
+            _mm_store_pd(ld1 + c, _mm_mul_pd(x1, dc));
+        }
+    }
+    if (r < s_i) {
+        double* w = W + static_cast<unsigned long>(r) * P;
+        double v[P];
+        solveRow<S>(Ljj, w, v);
+        double* ld = LDij + static_cast<unsigned long>(r) * P;
+        KIVTAMBER_UNROLL
+        for (unsigned int c = 0; c < P; ++c) {
+            w[c] = v[c] * recip[c];
+            ld[c] = w[c] * dd[c];
+        }
+    }
+}
+
+// finishSmallBlockFixed for block sizes 1 to 6 of double; false (nothing done) otherwise.
+inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
+                             const double* recip, const double* dj) {
+    switch (s_j) {
+        case 1:
+            finishSmallBlockFixed<1>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 2:
+            finishSmallBlockFixed<2>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 3:
+            finishSmallBlockFixed<3>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 4:
+            finishSmallBlockFixed<4>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 5:
+            finishSmallBlockFixed<5>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 6:
+            finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        default:
+            return false;
+    }
+}
+inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigned int, const float*,
+                             const float*) {
+    return false;  // float keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal)
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Paired (two-lane) column kernels of the double solves.
+// ---------------------------------------------------------------------------------------------------------
+
+// x / u, skipping the division when u is exactly 1 (the unit diagonal of the factor's tiles): x / 1 is x
+// bit for bit, and the division would sit in the dependency chain of every row.
+inline double divideByDiagonal(double x, double u) {
+    return u == 1.0 ? x : x / u;
+}
+
+// Sum of the two lanes: even part + odd part.
+inline double laneSum(__m128d v) {
+    return _mm_cvtsd_f64(_mm_add_sd(v, _mm_unpackhi_pd(v, v)));
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Paired (two-lane) column kernels of the double solves. Preconditions of TamberSolve.h: even leading
+// dimensions, zero padding, and one more entry of x after every slice that is processed with an odd size.
+// ---------------------------------------------------------------------------------------------------------
+
+// x_j ← x_j − Bᵀ·x_i for an s_i × s_j tile B (leading dimension ld), two r and two q at a time.
+inline void forwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xi, unsigned int si,
+                                     double* xj, unsigned int sj) {
+    unsigned int r = 0;
+    // Two pairs of r at a time: four independent sums in flight (the same sums as pair by pair).
+    for (; r + 2 < sj; r += 4) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        const double* b2 = b1 + ld;
+        const double* b3 = b2 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd(), a2 = _mm_setzero_pd(), a3 = _mm_setzero_pd();
+        for (unsigned int q = 0; q < si; q += 2) {
+            const __m128d v = _mm_loadu_pd(xi + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));
+            a2 = _mm_add_pd(a2, _mm_mul_pd(_mm_loadu_pd(b2 + q), v));
+            a3 = _mm_add_pd(a3, _mm_mul_pd(_mm_loadu_pd(b3 + q), v));
+        }
+        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
+        _mm_storeu_pd(xj + r + 2, _mm_set_pd(xj[r + 3] - laneSum(a3), xj[r + 2] - laneSum(a2)));
+    }
+    for (; r < sj; r += 2) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        __m128d a0 = _mm_setzero_pd();
+        __m128d a1 = _mm_setzero_pd();
+        for (unsigned int q = 0; q < si; q += 2) {
+            const __m128d v = _mm_loadu_pd(xi + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v));  // B(q, r)·x_i(q)
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v));  // B(q, r+1)·x_i(q)
+        }
+        // One store of the pair: the next column loads it as a pair, which two single stores would stall.
+        const double x0 = xj[r] - laneSum(a0);
+        const double x1 = xj[r + 1] - laneSum(a1);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+    }
+}
+
+// x_j ← U_jj⁻ᵀ·x_j with the unit upper tile U (leading dimension ld), two r and two q at a time. Pair
+// (r, r+1) sums over q < r in pairs; x_j(r+1) then also takes U(r, r+1)·x_j(r). The diagonal is not read.
+inline void forwardDiagonalPaired(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    for (unsigned int r = 0; r < sj; r += 2) {
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        __m128d a0 = _mm_setzero_pd();
+        __m128d a1 = _mm_setzero_pd();
+        for (unsigned int q = 0; q < r; q += 2) {
+            const __m128d v = _mm_loadu_pd(xj + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(u0 + q), v));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(u1 + q), v));
+        }
+        const double x0 = xj[r] - laneSum(a0);
+        const double x1 = xj[r + 1] - (laneSum(a1) + u1[r] * x0);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));  // as a pair (see forwardOffDiagonalPaired)
+    }
+}
+
+// x_j ← U_jj⁻¹·x_j with the upper tile U (leading dimension ld), dividing by its stored diagonal. An odd top
+// row is divided alone (its padding partner has a zero diagonal); the rest runs in pairs (r, r+1) from the
+// bottom, each pair then updating the rows above it two at a time.
+inline void backwardDiagonalPaired(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    unsigned int r = sj;
+    if (sj & 1u) {
+        r = sj - 1;
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        xj[r] = divideByDiagonal(xj[r], u0[r]);
+        const __m128d s0 = _mm_set1_pd(xj[r]);
+        for (unsigned int q = 0; q < r; q += 2)
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), _mm_mul_pd(_mm_loadu_pd(u0 + q), s0)));
+    }
+    while (r >= 2) {
+        r -= 2;
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        const double x1 = divideByDiagonal(xj[r + 1], u1[r + 1]);
+        const double x0 = divideByDiagonal(xj[r] - u1[r] * x1, u0[r]);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+        const __m128d s0 = _mm_set1_pd(x0);
+        const __m128d s1 = _mm_set1_pd(x1);
+        for (unsigned int q = 0; q < r; q += 2) {
+            const __m128d t =
+                _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(u0 + q), s0), _mm_mul_pd(_mm_loadu_pd(u1 + q), s1));
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), t));
+        }
+    }
+}
+
+// x_i ← x_i − B·x_j for an s_i × s_j tile B (leading dimension ld): for each pair of q the products over
+// pairs of r are accumulated and subtracted once.
+inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const double* xj, unsigned int sj,
+                                      double* xi, unsigned int si) {
+    unsigned int q = 0;
+    // Two pairs of q at a time: two independent sums in flight (the same sums as pair by pair).
+    for (; q + 2 < si; q += 4) {
+        __m128d acc0 = _mm_setzero_pd(), acc1 = _mm_setzero_pd();
+        for (unsigned int r = 0; r < sj; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            const __m128d x0 = _mm_set1_pd(xj[r]), x1 = _mm_set1_pd(xj[r + 1]);
+            acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_loadu_pd(b0), x0));
+            acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_loadu_pd(b0 + 2), x0));
+            acc0 = _mm_add_pd(acc0, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x1));
+            acc1 = _mm_add_pd(acc1, _mm_mul_pd(_mm_loadu_pd(b0 + ld + 2), x1));
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc0));
+        _mm_storeu_pd(xi + q + 2, _mm_sub_pd(_mm_loadu_pd(xi + q + 2), acc1));
+    }
+    for (; q < si; q += 2) {
+        __m128d acc = _mm_setzero_pd();
+        for (unsigned int r = 0; r < sj; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), _mm_set1_pd(xj[r])));  // B(q.., r)·x_j(r)
+            acc = _mm_add_pd(
+                acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), _mm_set1_pd(xj[r + 1])));  // B(q.., r+1)·x_j(r+1)
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
+    }
+}
+
+}  // namespace kernels
+}  // namespace kivTamber
+
+#endif  // KIVTAMBER_SRC_KERNELSFIXED_H

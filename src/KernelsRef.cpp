@@ -1,0 +1,209 @@
+// Reference forms of the size-specialised kernels (include/Kernels.h, namespace kernels::reference): plain
+// scalar loops, one entry at a time, with the operations of the fast forms in src/KernelsFixed.h and
+// src/Kernels.cpp in the same order. Written for reading, not for speed; the tests compare the two bit for
+// bit.
+#include "Kernels.h"
+
+namespace kivTamber {
+namespace kernels {
+namespace reference {
+
+namespace {
+
+inline unsigned int evenUp(unsigned int s) {
+    return (s + 1) & ~1u;
+}
+
+// Row by row: row r's entries l_rc (c < r) from the finished rows c, then its pivot.
+template <typename T>
+void factorDiagonal(T* W, unsigned int p, unsigned int s, T* d, bool zeroPaddingColumn) {
+    for (unsigned int r = 0; r < s; ++r) {
+        T* const w = W + static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < r; ++c) {
+            const T* const l = W + static_cast<unsigned long>(c) * p;  // row c of L, final
+            if (c > 0) {
+                T sum = T(0);
+                for (unsigned int t = 0; t < c; ++t) sum += w[t] * d[t] * l[t];
+                w[c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+            }
+            w[c] = w[c] / d[c];  // l_rc = w_rc / d_c
+        }
+        d[r] = w[r];
+        if (r > 0) {
+            T sum = T(0);
+            for (unsigned int t = 0; t < r; ++t) sum += d[t] * w[t] * w[t];
+            d[r] -= sum;  // d_r -= Σ_{t<r} d_t·l_rt²
+        }
+        w[r] = T(1);
+        for (unsigned int c = r + 1; c < s; ++c) w[c] = T(0);
+        if (zeroPaddingColumn) w[s] = T(0);
+    }
+}
+
+}  // namespace
+
+void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d) {
+    factorDiagonal(W, p, s, d, s % 2 == 1 && s <= 6);  // the unrolled sizes store whole pairs of columns
+}
+
+void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d) {
+    factorDiagonal(W, p, s, d, false);
+}
+
+void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s) {
+    for (unsigned int r = 0; r < rows; ++r) {
+        double* const w = W + static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 1; c < s; ++c) {
+            const double* const l = L + static_cast<unsigned long>(c) * p;
+            double sum = 0.0;
+            for (unsigned int t = 0; t < c; ++t) sum += l[t] * w[t];
+            w[c] -= sum;  // w_c -= Σ_{t<c} l_ct·w_t
+        }
+    }
+}
+
+bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip, const double* d) {
+    if (s < 1 || s > 6) return false;
+    const unsigned int p = evenUp(s);
+    solveUnitDiagonal(L, p, W, rows, s);
+    for (unsigned int r = 0; r < rows; ++r) {
+        double* const w = W + static_cast<unsigned long>(r) * p;
+        double* const ld = LD + static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < p; ++c) {
+            w[c] = w[c] * recip[c];               // l_rc = w_rc / d_c
+            ld[c] = w[c] * (c < s ? d[c] : 0.0);  // l_rc·d_c
+        }
+    }
+    return true;
+}
+
+void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
+                  unsigned int p) {
+    for (unsigned int r = 0; r < rows; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < p; ++c) Y[row + c] = c < s ? X[row + c] * d[c] : 0.0;
+    }
+}
+
+void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
+                  unsigned int p) {
+    for (unsigned int r = 0; r < rows; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < p; ++c) Y[row + c] = c < s ? X[row + c] * d[c] : 0.0f;
+    }
+}
+
+void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k) {
+    if (n <= 0 || k <= 0) return;
+    if (n == 1 || k == 1) {  // the product kernel's scalar shapes, on the whole square
+        for (int i = 0; i < n; ++i) {
+            for (int j = 0; j < n; ++j) {
+                double sum = 0.0;
+                for (int q = 0; q < k; ++q)
+                    sum += A[static_cast<long>(i) * lda + q] * B[static_cast<long>(j) * ldb + q];
+                if (n == 1) {
+                    C[j] -= sum;  // one row: the sum first
+                } else {
+                    C[static_cast<long>(i) * ldc + j] -=
+                        A[static_cast<long>(i) * lda] * B[static_cast<long>(j) * ldb];
+                }
+            }
+        }
+        return;
+    }
+    // 2×2 blocks reaching the diagonal or below it: every entry c − (even-q sum + odd-q sum), sizes rounded
+    // up to even over the zero padding.
+    const int nr = static_cast<int>(evenUp(static_cast<unsigned int>(n)));
+    const int kr = static_cast<int>(evenUp(static_cast<unsigned int>(k)));
+    for (int i = 0; i < nr; ++i) {
+        const int jEnd = (i & ~1) + 2;
+        for (int j = 0; j < jEnd; ++j) {
+            double even = 0.0, odd = 0.0;
+            for (int q = 0; q < kr; q += 2) {
+                even += A[static_cast<long>(i) * lda + q] * B[static_cast<long>(j) * ldb + q];
+                odd += A[static_cast<long>(i) * lda + q + 1] * B[static_cast<long>(j) * ldb + q + 1];
+            }
+            C[static_cast<long>(i) * ldc + j] -= even + odd;
+        }
+    }
+}
+
+void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k) {
+    for (int i = 0; i < n; ++i) {
+        for (int j = 0; j <= i; ++j) {
+            float c = C[static_cast<long>(i) * ldc + j];
+            for (int q = 0; q < k; ++q)
+                c -= A[static_cast<long>(i) * lda + q] * B[static_cast<long>(j) * ldb + q];
+            C[static_cast<long>(i) * ldc + j] = c;
+        }
+    }
+}
+
+void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
+                        unsigned int sj) {
+    for (unsigned int r = 0; r < evenUp(sj); ++r) {
+        const double* const b = B + static_cast<unsigned long>(r) * ld;
+        double even = 0.0, odd = 0.0;
+        for (unsigned int q = 0; q < si; q += 2) {
+            even += b[q] * xi[q];  // B(q, r)·x_i(q)
+            odd += b[q + 1] * xi[q + 1];
+        }
+        xj[r] = xj[r] - (even + odd);
+    }
+}
+
+void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    for (unsigned int r = 0; r < sj; r += 2) {
+        const double* const u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* const u1 = u0 + ld;
+        double even0 = 0.0, odd0 = 0.0, even1 = 0.0, odd1 = 0.0;
+        for (unsigned int q = 0; q < r; q += 2) {
+            even0 += u0[q] * xj[q];
+            odd0 += u0[q + 1] * xj[q + 1];
+            even1 += u1[q] * xj[q];
+            odd1 += u1[q + 1] * xj[q + 1];
+        }
+        const double x0 = xj[r] - (even0 + odd0);
+        const double x1 = xj[r + 1] - ((even1 + odd1) + u1[r] * x0);
+        xj[r] = x0;
+        xj[r + 1] = x1;
+    }
+}
+
+void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    auto divide = [](double x, double u) { return u == 1.0 ? x : x / u; };
+    unsigned int r = sj;
+    if (sj % 2 == 1) {  // the top row of an odd tile alone
+        r = sj - 1;
+        const double* const u0 = U + static_cast<unsigned long>(r) * ld;
+        xj[r] = divide(xj[r], u0[r]);
+        for (unsigned int q = 0; q < r; ++q) xj[q] = xj[q] - u0[q] * xj[r];
+    }
+    while (r >= 2) {
+        r -= 2;
+        const double* const u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* const u1 = u0 + ld;
+        const double x1 = divide(xj[r + 1], u1[r + 1]);
+        const double x0 = divide(xj[r] - u1[r] * x1, u0[r]);
+        xj[r] = x0;
+        xj[r + 1] = x1;
+        for (unsigned int q = 0; q < r; ++q) xj[q] = xj[q] - (u0[q] * x0 + u1[q] * x1);
+    }
+}
+
+void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
+                         unsigned int si) {
+    for (unsigned int q = 0; q < evenUp(si); ++q) {
+        double sum = 0.0;
+        for (unsigned int r = 0; r < sj; r += 2) {
+            sum += B[static_cast<unsigned long>(r) * ld + q] * xj[r];  // B(q, r)·x_j(r)
+            sum += B[static_cast<unsigned long>(r + 1) * ld + q] * xj[r + 1];
+        }
+        xi[q] = xi[q] - sum;
+    }
+}
+
+}  // namespace reference
+}  // namespace kernels
+}  // namespace kivTamber
