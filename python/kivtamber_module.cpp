@@ -20,8 +20,10 @@
 #include <pybind11/pybind11.h>
 #include <pybind11/stl.h>
 
+#include <algorithm>
 #include <climits>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <ctime>
 #include <memory>
@@ -284,6 +286,138 @@ bool allFinite(const T* x, std::size_t n) {
     for (std::size_t i = 0; i < n; ++i)
         if (!std::isfinite(x[i])) return false;
     return true;
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The lower triangle of a symmetric CSC matrix
+// ---------------------------------------------------------------------------------------------------------
+
+using IndexArray = py::array_t<std::int32_t, py::array::c_style | py::array::forcecast>;
+
+// The lower triangle L (entries i >= j) of the symmetric matrix held by a CSC matrix with sorted, unique row
+// indices in each column: n, colPointers [n + 1], rowIndices and values [colPointers[n]], holding its lower
+// triangle, its upper triangle or both. Returns (triangle, L's column pointers, row indices, values,
+// diagonal) with triangle "lower", "upper" or "full" ("lower" also for a diagonal matrix) and diagonal [n]
+// the diagonal entries (0 where none is stored). A full matrix must be symmetric to rounding:
+// |a_ij − a_ji| <= tolerance·max |a| for every pair, an entry without a partner counting against a zero;
+// otherwise ValueError naming the worst pair. One pass over the entries (two for the full case).
+template <typename T>
+py::tuple lowerTriangle(std::size_t n, const std::int32_t* cp, const std::int32_t* ri, const T* values,
+                        double tolerance) {
+    bool upper = false, lower = false;
+    for (std::size_t j = 0; j < n; ++j) {
+        if (cp[j] == cp[j + 1]) continue;
+        upper |= ri[cp[j]] < static_cast<std::int32_t>(j);
+        lower |= ri[cp[j + 1] - 1] > static_cast<std::int32_t>(j);
+    }
+    py::array_t<T> diagonal(static_cast<py::ssize_t>(n));
+    T* d = diagonal.mutable_data();
+    std::fill(d, d + n, T(0));
+    const std::size_t nnz = static_cast<std::size_t>(cp[n]);
+    if (!upper) {  // lower or diagonal: L is the matrix itself
+        for (std::size_t j = 0; j < n; ++j)
+            if (cp[j] < cp[j + 1] && ri[cp[j]] == static_cast<std::int32_t>(j)) d[j] = values[cp[j]];
+        return py::make_tuple("lower", py::none(), py::none(), py::none(), diagonal);
+    }
+    // Entries of L per column.
+    std::vector<std::int32_t> counts(n + 1, 0);
+    if (!lower) {  // upper only: L = the transpose (entry (i, j), i <= j, goes to column i)
+        for (std::size_t k = 0; k < nnz; ++k) ++counts[static_cast<std::size_t>(ri[k]) + 1];
+    } else {
+        for (std::size_t j = 0; j < n; ++j)
+            for (std::int32_t k = cp[j]; k < cp[j + 1]; ++k)
+                counts[j + 1] += ri[k] >= static_cast<std::int32_t>(j);
+    }
+    IndexArray lp(static_cast<py::ssize_t>(n + 1));
+    std::int32_t* p = lp.mutable_data();
+    p[0] = 0;
+    for (std::size_t j = 0; j < n; ++j) p[j + 1] = p[j] + counts[j + 1];
+    const std::size_t entries = static_cast<std::size_t>(p[n]);
+    IndexArray li(static_cast<py::ssize_t>(entries));
+    py::array_t<T> lv(static_cast<py::ssize_t>(entries));
+    std::int32_t* i_ = li.mutable_data();
+    T* v = lv.mutable_data();
+    if (!lower) {
+        std::vector<std::int32_t> next(p, p + n);
+        for (std::size_t j = 0; j < n; ++j)  // columns ascending: rows of each column of L come out sorted
+            for (std::int32_t k = cp[j]; k < cp[j + 1]; ++k) {
+                const std::int32_t at = next[static_cast<std::size_t>(ri[k])]++;
+                i_[at] = static_cast<std::int32_t>(j);
+                v[at] = values[k];
+            }
+    } else {
+        for (std::size_t j = 0, at = 0; j < n; ++j)
+            for (std::int32_t k = cp[j]; k < cp[j + 1]; ++k)
+                if (ri[k] >= static_cast<std::int32_t>(j)) i_[at] = ri[k], v[at++] = values[k];
+        // Every upper entry (i, j) against its partner (j, i) in column i of L. Columns are visited in
+        // ascending order, so the partners asked of one column of L come in ascending rows: one cursor per
+        // column, after its diagonal, and an entry of L a cursor passes has no upper partner.
+        double scale = 0.0;
+        for (std::size_t k = 0; k < nnz; ++k)
+            scale = std::max(scale, std::fabs(static_cast<double>(values[k])));
+        const double limit = tolerance * scale;
+        double worst = 0.0;
+        std::size_t wi = 0, wj = 0;
+        auto compare = [&](std::size_t i, std::size_t j, double a, double b) {  // a = A(i, j), b = A(j, i)
+            const double diff = std::fabs(a - b);
+            if (diff > worst) worst = diff, wi = i, wj = j;
+        };
+        std::vector<std::int32_t> cursor(p, p + n);
+        for (std::size_t j = 0; j < n; ++j)
+            if (cursor[j] < p[j + 1] && i_[cursor[j]] == static_cast<std::int32_t>(j)) ++cursor[j];
+        for (std::size_t j = 0; j < n; ++j) {
+            for (std::int32_t k = cp[j]; k < cp[j + 1] && ri[k] < static_cast<std::int32_t>(j); ++k) {
+                const std::size_t i = static_cast<std::size_t>(ri[k]);
+                std::int32_t& c = cursor[i];
+                for (; c < p[i + 1] && i_[c] < static_cast<std::int32_t>(j); ++c)
+                    compare(static_cast<std::size_t>(i_[c]), i, static_cast<double>(v[c]), 0.0);
+                if (c < p[i + 1] && i_[c] == static_cast<std::int32_t>(j)) {
+                    compare(i, j, static_cast<double>(values[k]), static_cast<double>(v[c]));
+                    ++c;
+                } else {
+                    compare(i, j, static_cast<double>(values[k]), 0.0);
+                }
+            }
+        }
+        for (std::size_t i = 0; i < n; ++i)
+            for (std::int32_t c = cursor[i]; c < p[i + 1]; ++c)
+                compare(static_cast<std::size_t>(i_[c]), i, static_cast<double>(v[c]), 0.0);
+        if (worst > limit)
+            raise(PyExc_ValueError, "A is not symmetric: |A[" + std::to_string(wi) + ", " +
+                                        std::to_string(wj) + "] - A[" + std::to_string(wj) + ", " +
+                                        std::to_string(wi) + "]| = " + std::to_string(worst) +
+                                        " (largest |entry| " + std::to_string(scale) + ")");
+    }
+    for (std::size_t j = 0; j < n; ++j)
+        if (p[j] < p[j + 1] && i_[p[j]] == static_cast<std::int32_t>(j)) d[j] = v[p[j]];
+    return py::make_tuple(lower ? "full" : "upper", lp, li, lv, diagonal);
+}
+
+py::tuple lowerTriangleOf(const py::handle& colPointers, const py::handle& rowIndices,
+                          const py::handle& values, double tolerance) {
+    IndexArray cp = IndexArray::ensure(colPointers), ri = IndexArray::ensure(rowIndices);
+    if (!cp || !ri || cp.ndim() != 1 || cp.size() < 1)
+        raise(PyExc_TypeError, "lower triangle: index arrays must be 1-D integer arrays");
+    const std::size_t n = static_cast<std::size_t>(cp.size() - 1);
+    const std::int32_t* p = cp.data();
+    if (p[0] != 0 || static_cast<py::ssize_t>(p[n]) != ri.size())
+        raise(PyExc_ValueError, "lower triangle: the column pointers do not match the row indices");
+    for (std::size_t j = 0; j < n; ++j)
+        if (p[j + 1] < p[j]) raise(PyExc_ValueError, "lower triangle: column pointers decrease");
+    for (py::ssize_t k = 0; k < ri.size(); ++k)
+        if (ri.data()[k] < 0 || static_cast<std::size_t>(ri.data()[k]) >= n)
+            raise(PyExc_ValueError, "lower triangle: row index out of range");
+    if (py::isinstance<py::array_t<double>>(values)) {
+        auto v = py::array_t<double, py::array::c_style>::ensure(values);
+        if (v.size() != ri.size()) raise(PyExc_ValueError, "lower triangle: one value per row index");
+        return lowerTriangle<double>(n, p, ri.data(), v.data(), tolerance);
+    }
+    if (py::isinstance<py::array_t<float>>(values)) {
+        auto v = py::array_t<float, py::array::c_style>::ensure(values);
+        if (v.size() != ri.size()) raise(PyExc_ValueError, "lower triangle: one value per row index");
+        return lowerTriangle<float>(n, p, ri.data(), v.data(), tolerance);
+    }
+    raise(PyExc_TypeError, "lower triangle: values must be float32 or float64");
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -782,4 +916,7 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("bad_pivot", &PySolver::badPivot)
         .def("_native_steps", &PySolver::nativeSteps, py::arg("bodies"), py::arg("jacobians"), py::arg("rhs"),
              py::arg("steps"), py::arg("thread_clock") = false);
+
+    m.def("_lower_triangle", &lowerTriangleOf, py::arg("col_pointers"), py::arg("row_indices"),
+          py::arg("values"), py::arg("tolerance"));
 }

@@ -29,15 +29,19 @@ build build -DCMAKE_BUILD_TYPE=Release
 echo "== Release tests"
 (cd build && ctest --output-on-failure -j "$jobs" --no-tests=error)
 
-# The Python module, built by the Release build for Debian's interpreter (the one with Debian's NumPy and
-# SciPy); its suite runs in Release only (the sanitizer builds leave the module out).
+# The Python module, built for Debian's interpreter (the one with Debian's NumPy and SciPy): its pytest
+# suite on the module of a build folder; extra environment (the sanitizer runtimes) from the arguments.
+pytests() { # dir, env assignments...
+  local dir=$1; shift
+  if [ ! -f "$root/$dir/python/kivtamber/__init__.py" ]; then
+    echo "the Python module was not built in $dir (see the CMake output of that build)" >&2
+    exit 1
+  fi
+  env "$@" KIVTAMBER_DATA_DIR="${KIVTAMBER_DATA_DIR:-$root/../shared/data/real}" PYTHONPATH="$root/$dir/python" \
+    /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/python/tests"
+}
 echo "== Python module tests"
-if [ ! -f build/python/kivtamber/__init__.py ]; then
-  echo "the Python module was not built (see the CMake output of the Release build)" >&2
-  exit 1
-fi
-KIVTAMBER_DATA_DIR="${KIVTAMBER_DATA_DIR:-$root/../shared/data/real}" PYTHONPATH="$root/build/python" \
-  /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/python/tests"
+pytests build
 
 if [ "${SKIP_SANITIZERS:-0}" = "1" ]; then exit 0; fi
 
@@ -47,6 +51,12 @@ build build-asan -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKIVTAMBER_SANITIZE=address 
 echo "== AddressSanitizer + UndefinedBehaviorSanitizer tests"
 (cd build-asan && ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
   ctest --output-on-failure -j "$jobs" --no-tests=error)
+# The interpreter is not instrumented: the runtimes are preloaded, and leak checking is off (the interpreter
+# keeps its objects at exit by design).
+echo "== AddressSanitizer + UndefinedBehaviorSanitizer: Python module tests"
+cxx=$(grep -m1 '^CMAKE_CXX_COMPILER:' build-asan/CMakeCache.txt | cut -d= -f2)
+pytests build-asan LD_PRELOAD="$("$cxx" -print-file-name=libasan.so):$("$cxx" -print-file-name=libubsan.so)" \
+  ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
 
 # ---------------------------------------------------------------------------------------------------------
 # Fuzz targets of tamber-solve (fuzz/): the seed corpora replayed in the sanitizer build (plain replay

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "Analysis.h"
+#include "ConditionEstimate.h"
 #include "RankMod.h"
 #include "ScalarBlocks.h"
 #include "Tamber.h"
@@ -155,6 +156,9 @@ struct Solver<T>::Impl {
     std::vector<T> permutedB, permutedX, residual, best;
     std::vector<double> residualNorms, bestNorm, bestScaled;
     std::vector<unsigned char> improving;
+    std::vector<T*> current, trial;
+    std::vector<T> conditionWork;  // [2N]
+    std::vector<double> normWork;  // [N]  // per right-hand side: its best iterate and the next one
 
     Impl() = default;
 
@@ -826,6 +830,8 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
         atLeast(bestNorm, k);
         atLeast(bestScaled, k);
         atLeast(improving, k);
+        atLeast(current, k);
+        atLeast(trial, k);
     }
     T* const PB = permutedB.data();
     T* const PX = permutedX.data();
@@ -840,53 +846,53 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
     const std::uint64_t refineStart = kiv::Timer::ticks();
     double worst = -1.0;
     unsigned int stepsRun = 0;
-    const T* result = PX;
     if (steps > 0) {
-        // Iterative refinement against the true matrix; each column keeps its iterate of smallest residual
-        // and stops at the first step that does not lower it, or as soon as its scaled residual is at the
-        // rounding level of T: a correction computed in T cannot lower it further (the classical stopping
-        // rule; it saves the correction's solve and product when the plain solve is already that good).
+        // Iterative refinement against the true matrix. Each right-hand side keeps its iterate of smallest
+        // residual and stops at the first step that does not lower it, or once its scaled residual is at the
+        // rounding level of T (a correction computed in T cannot lower it further). The best iterate and the
+        // next one swap buffers instead of being copied; the corrections are solved in place of the
+        // residuals, all columns in one pass.
         matrixNormInf();
         const double roundoff = static_cast<double>(std::numeric_limits<T>::epsilon());
         T* const R = residual.data();
-        T* const B = best.data();
         unsigned int live = 0;
         for (unsigned int c = 0; c < k; ++c) {
             const unsigned long o = static_cast<unsigned long>(c) * N;
-            residualOf(PB + o, PX + o, R + o);
+            current[c] = PX + o;
+            trial[c] = best.data() + o;
+            residualOf(PB + o, current[c], R + o);
             bestNorm[c] = normInf(R + o);
-            bestScaled[c] = scaledResidual(PB + o, PX + o, R + o);
+            bestScaled[c] = scaledResidual(PB + o, current[c], R + o);
             improving[c] = bestNorm[c] > 0 && bestScaled[c] > roundoff;
             live += improving[c];
         }
-        if (live > 0) std::memcpy(B, PX, total * sizeof(T));
         for (unsigned int it = 0; it < steps && live > 0; ++it) {
-            solveFactor(R, k);  // the corrections δ = A⁻¹·r, in place of the residuals (recomputed below)
+            solveFactor(R, k);  // δ = A⁻¹·r per column (the columns that stopped are solved and ignored)
             ++stepsRun;
             live = 0;
             for (unsigned int c = 0; c < k; ++c) {
                 if (!improving[c]) continue;
                 const unsigned long o = static_cast<unsigned long>(c) * N;
-                T* px = PX + o;
-                for (unsigned long p = 0; p < N; ++p) px[p] += R[o + p];
-                residualOf(PB + o, px, R + o);
+                const T* px = current[c];
+                T* next = trial[c];
+                for (unsigned long p = 0; p < N; ++p) next[p] = px[p] + R[o + p];
+                residualOf(PB + o, next, R + o);
                 const double norm = normInf(R + o);
                 if (!(norm < bestNorm[c])) {  // no progress (or NaN): keep the best iterate
                     improving[c] = 0;
                     continue;
                 }
                 bestNorm[c] = norm;
-                bestScaled[c] = scaledResidual(PB + o, px, R + o);
-                std::memcpy(B + o, px, N * sizeof(T));
+                bestScaled[c] = scaledResidual(PB + o, next, R + o);
+                std::swap(current[c], trial[c]);
                 improving[c] = norm > 0 && bestScaled[c] > roundoff;
                 live += improving[c];
             }
         }
         for (unsigned int c = 0; c < k; ++c) worst = std::max(worst, bestScaled[c]);
-        if (stepsRun > 0) result = B;
     }
     for (unsigned int c = 0; c < k; ++c)
-        analyzer.unpermuteVector(result + static_cast<unsigned long>(c) * N, x + c * ld);
+        analyzer.unpermuteVector(steps > 0 ? current[c] : PX + static_cast<unsigned long>(c) * N, x + c * ld);
     report.solveSeconds = kiv::Timer::seconds(start, refineStart);
     report.refineSeconds = secondsSince(refineStart);
     report.refinementSteps = stepsRun;
@@ -1292,6 +1298,28 @@ Status Solver<T>::solve(T* x) {
 template <typename T>
 Status Solver<T>::solve(const T* b, T* x, unsigned int k, unsigned long ld) {
     return impl_->solveMany(b, x, k, ld);
+}
+
+template <typename T>
+Status Solver<T>::estimateCondition(double& kappa) {
+    Impl& m = *impl_;
+    Status st = m.checkSolvable();
+    if (!st) return st;
+    try {
+        m.conditionWork.resize(2 * m.N);
+        m.normWork.resize(m.N);
+    } catch (const std::bad_alloc&) {
+        return fail(StatusCode::outOfMemory, "out of memory for the condition estimate (%lu rows)", m.N);
+    }
+    // With switched-off equations the factored matrix is the masked one: mask it again for the norm.
+    const bool masked = !m.factorAllActive;
+    if (masked) m.maskInactive();
+    const double normA = matrixNorm1(m.data, m.normWork.data());
+    if (masked) m.restoreMasked();
+    const double inverse = estimateInverseNorm1(m.tamber, m.data, m.conditionWork.data());
+    kappa = normA * inverse;
+    m.report.conditionEstimate = kappa;
+    return Status();
 }
 
 template <typename T>

@@ -72,6 +72,22 @@ def _canonical_csc(A, call):
     return C
 
 
+def _lower(C, call):
+    """The lower triangle of the symmetric matrix held by the canonical CSC matrix C (its lower triangle,
+    its upper triangle or both) as CSC arrays (column pointers, row indices, values), and its diagonal.
+    A matrix given in full must be symmetric to rounding (|a_ij − a_ji| ≤ c·ε·max |a|): the factorization
+    reads one triangle only, so a disagreeing other triangle would otherwise be ignored without a word."""
+    tolerance = (64 if C.dtype == _np.float64 else 8) * float(_np.finfo(C.dtype).eps)
+    try:
+        triangle, indptr, indices, data, diagonal = _kivtamber._lower_triangle(C.indptr, C.indices, C.data,
+                                                                               tolerance)
+    except ValueError as error:
+        raise ValueError(f"{call}: {error}") from None
+    if triangle == "lower":
+        return C.indptr, C.indices, C.data, diagonal
+    return indptr, indices, data, diagonal
+
+
 def _index_array(values, call, name):
     a = _np.asarray(values)
     if a.ndim != 1 or (a.size and a.dtype.kind not in "iu"):
@@ -111,11 +127,14 @@ class Solver(_kivtamber.Solver):
 
     def set_matrix_values(self, A):
         """The values of a matrix with the pattern given to analyze_matrix (same triangle(s), same format
-        family); A's dtype must be the solver's."""
+        family); A's dtype must be the solver's. With check_values set, a matrix given in full is also
+        checked for symmetry (the factorization reads its lower triangle only)."""
         pattern = getattr(self, "_pattern", None)
         if pattern is None:
             raise RuntimeError("set_matrix_values: no matrix was given to analyze_matrix")
         C = _canonical_csc(A, "set_matrix_values")
+        if self.options["check_values"] and C.dtype in _DTYPES:
+            _lower(C, "set_matrix_values")
         if not (_np.array_equal(C.indptr, pattern[0]) and _np.array_equal(C.indices, pattern[1])):
             raise ValueError("set_matrix_values: the pattern of A differs from the one given to analyze_matrix")
         self.set_scalar_values(C.data)
@@ -125,23 +144,95 @@ class Solver(_kivtamber.Solver):
         return f"kivtamber.Solver(dtype={self.dtype}, {state})"
 
 
-def _permuted(C, perm):
-    """P·A·Pᵀ for the symmetric matrix held by the canonical CSC matrix C (new row i is old row perm[i]).
-    A single triangle stays a single triangle (the lower one); a full matrix stays full."""
+def _permuted(indptr, indices, data, perm):
+    """P·L·Pᵀ folded back into its lower triangle, for the lower triangle L of a symmetric matrix in CSC
+    arrays (new row i is old row perm[i]); CSC arrays with sorted rows."""
     import scipy.sparse as sp
 
-    n = C.shape[0]
+    n = len(indptr) - 1
     inverse = _np.empty(n, dtype=_np.int64)
     inverse[perm] = _np.arange(n)
-    cols = _np.repeat(_np.arange(n), _np.diff(C.indptr))
-    rows = C.indices
-    full = bool((rows < cols).any() and (rows > cols).any())
-    r, c = inverse[rows], inverse[cols]
-    if not full:
-        r, c = _np.maximum(r, c), _np.minimum(r, c)
-    P = sp.csc_matrix((C.data, (r, c)), shape=C.shape)
+    r = inverse[indices]
+    c = inverse[_np.repeat(_np.arange(n), _np.diff(indptr))]
+    P = sp.csc_matrix((data, (_np.maximum(r, c), _np.minimum(r, c))), shape=(n, n))
     P.sum_duplicates()
-    return P
+    return P.indptr, P.indices, P.data
+
+
+def _alternating_roles(indptr, indices, is_body):
+    """Body rows for a matrix whose zero-diagonal rows are not all constraints: a breadth-first search from
+    the rows with a nonzero diagonal (bodies) through the others gives alternate layers alternate roles
+    (their neighbours are constraints, the further neighbours of those bodies with a zero diagonal, and so
+    on); rows no body reaches are taken as bodies. This is the split of a KKT matrix [P Aᵀ; A 0] whose P has
+    zero rows: those rows couple to constraints only."""
+    import scipy.sparse as sp
+
+    n = len(indptr) - 1
+    cols = _np.repeat(_np.arange(n), _np.diff(indptr))
+    off = indices != cols
+    rows, cols = indices[off], cols[off]
+    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int32), (_np.concatenate([rows, cols]),
+                                                                   _np.concatenate([cols, rows]))), shape=(n, n))
+    role = _np.where(is_body, 0, -1)
+    frontier, layer = is_body.astype(_np.int32), 0  # int32: a row's count of neighbours in the frontier
+    while frontier.any():
+        new = ((S @ frontier) > 0) & (role < 0)
+        layer += 1
+        role[new] = layer % 2
+        frontier = new.astype(_np.int32)
+    return role != 1
+
+
+def _bodies_first(L, is_body, sizes):
+    """The permutation that moves the body rows first (None when they already are), the lower triangle L
+    (CSC arrays) and block sizes permuted alike, and the number of body rows. ValueError for a block that
+    mixes body and constraint rows."""
+    n = len(is_body)
+    first = int(_np.count_nonzero(is_body))
+    if is_body[:first].all():
+        return None, L, sizes, first
+    perm = _np.concatenate([_np.flatnonzero(is_body), _np.flatnonzero(~is_body)])
+    if sizes is not None:
+        total = int(sizes.sum(dtype=_np.uint64))
+        if total != n:
+            raise ValueError(f"solve: block_sizes sum to {total}, A has {n} rows")
+        starts = _np.concatenate([[0], _np.cumsum(sizes[:-1], dtype=_np.int64)])
+        mixed = _np.add.reduceat(is_body.astype(_np.int64), starts) % sizes != 0
+        if mixed.any():
+            k = int(_np.flatnonzero(mixed)[0])
+            raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes rows with "
+                             f"and without a diagonal entry")
+        block_is_body = is_body[starts]
+        sizes = _np.concatenate([sizes[block_is_body], sizes[~block_is_body]])
+    return perm, _permuted(*L, perm), sizes, first
+
+
+def _solve_regularized(solver, b, scale):
+    """The solve of a matrix whose factorization met a zero pivot (its values are finite, so a body part that
+    is only semidefinite): factor A + diag(±δ) and refine against A, for a few δ from small to large, keeping
+    the solution with the smallest residual. A small δ leaves the factor inaccurate (refinement diverges and
+    the plain solve is kept), a large one makes refinement converge slowly; which δ is best depends on the
+    conditioning, hence the search. Stops at the first residual near the precision."""
+    eps = float(_np.finfo(solver.dtype).eps)
+    relative = (1e-12, 1e-10, 1e-8, 1e-6) if solver.dtype == _np.float64 else (1e-6, 1e-5, 1e-4, 1e-3)
+    steps = max(solver.options["refinement_steps"], 10)
+    best, best_residual, error = None, _np.inf, None
+    for delta in relative:
+        solver.set_options(regularization=delta * scale, refinement_steps=steps)
+        try:
+            solver.factor()
+        except FactorizationError as failure:
+            error = failure
+            continue
+        x = solver.solve(b)
+        residual = solver.report()["residual"]
+        if residual < best_residual:
+            best, best_residual = x, residual
+        if residual <= 64 * eps:
+            break
+    if best is None:
+        raise error
+    return best
 
 
 def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=None, return_report=False,
@@ -171,49 +262,45 @@ def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=N
         raise TypeError(f"solve: b has dtype {b.dtype} and A {C.dtype}; convert one of them explicitly")
     if b.ndim not in (1, 2) or b.shape[0] != n:
         raise ValueError(f"solve: b must have shape ({n},) or ({n}, k), got {b.shape}")
+    if not _np.isfinite(C.data).all():
+        k = int(_np.flatnonzero(~_np.isfinite(C.data))[0])
+        raise ValueError(f"solve: A holds a non-finite value ({C.data[k]}) in column "
+                         f"{int(_np.searchsorted(C.indptr, k, side='right')) - 1}, row {int(C.indices[k])}")
+    if not _np.isfinite(b).all():
+        raise ValueError("solve: b holds a NaN or infinite value")
+    *L, diagonal = _lower(C, "solve")
 
-    perm = None
     sizes = None if block_sizes is None else _index_array(block_sizes, "solve", "block_sizes")
-    if first_constraint_row is None:
-        is_body = C.diagonal() != 0
-        first_constraint_row = int(_np.count_nonzero(is_body))
-        if not is_body[:first_constraint_row].all():
-            perm = _np.concatenate([_np.flatnonzero(is_body), _np.flatnonzero(~is_body)])
-            if sizes is not None:
-                if int(sizes.sum(dtype=_np.uint64)) != n:
-                    raise ValueError(f"solve: block_sizes sum to {int(sizes.sum(dtype=_np.uint64))}, "
-                                     f"A has {n} rows")
-                starts = _np.concatenate([[0], _np.cumsum(sizes[:-1], dtype=_np.int64)])
-                block_is_body = is_body[starts]
-                mixed = _np.add.reduceat(is_body.astype(_np.int64), starts) % sizes != 0
-                if mixed.any():
-                    k = int(_np.flatnonzero(mixed)[0])
-                    raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes "
-                                     f"rows with and without a diagonal entry")
-                sizes = _np.concatenate([sizes[block_is_body], sizes[~block_is_body]])
-            C = _permuted(C, perm)
-            b = b[perm]
-
-    settings = {"check_values": True}
-    settings.update(options)
+    settings = dict(options)
     if regularization is not None:
         settings["regularization"] = regularization
     solver = Solver(C.dtype, **settings)
-    solver._analyze_csc(n, first_constraint_row, C.indptr, C.indices, sizes)
-    solver.set_scalar_values(C.data)
+    perm = None
+    if first_constraint_row is not None:
+        solver._analyze_csc(n, first_constraint_row, L[0], L[1], sizes)
+    else:
+        is_body = diagonal != 0
+        try:
+            perm, P, psizes, first = _bodies_first(L, is_body, sizes)
+            solver._analyze_csc(n, first, P[0], P[1], psizes)
+        except ValueError:
+            # Some rows with a zero diagonal couple to no row with a nonzero one and cannot be constraints
+            # (their pivots would be zero in every order): bodies whose diagonal happens to be zero (a
+            # semidefinite body part), which the regularised mode below handles.
+            is_body = _alternating_roles(L[0], L[1], is_body)
+            perm, P, psizes, first = _bodies_first(L, is_body, sizes)
+            solver._analyze_csc(n, first, P[0], P[1], psizes)
+        L = P
+        if perm is not None:
+            b = b[perm]
+    solver.set_scalar_values(L[2])
     try:
         solver.factor()
+        x = solver.solve(b)
     except FactorizationError:
-        if regularization is not None or not settings["check_values"]:
+        if regularization is not None:
             raise
-        # The values are finite (checked), so the pivot broke down numerically: a body part that is only
-        # semidefinite. Factor the regularised matrix and refine against A.
-        scale = float(_np.abs(C.data).max()) if C.nnz else 1.0
-        delta = (1e-10 if C.dtype == _np.float64 else 1e-4) * scale
-        steps = max(solver.options["refinement_steps"], 10)
-        solver.set_options(regularization=delta, refinement_steps=steps)
-        solver.factor()
-    x = solver.solve(b)
+        x = _solve_regularized(solver, b, float(_np.abs(L[2]).max()) if len(L[2]) else 1.0)
     if perm is not None:
         y = _np.empty_like(x)
         y[perm] = x

@@ -123,10 +123,10 @@ def real_matrices():
 
 
 def read_matrix(path):
-    """The lower triangle of a Matrix Market file as CSC, and the full symmetric matrix as CSC."""
+    """The lower triangle of a symmetric Matrix Market file as CSC, and the full matrix as CSC (mmread
+    returns a symmetric file in full)."""
     import scipy.io
     import scipy.sparse as sp
 
-    lower = sp.csc_matrix(scipy.io.mmread(str(path)))
-    full = (lower + sp.tril(lower, -1).T).tocsc()
-    return lower, full
+    full = sp.csc_matrix(scipy.io.mmread(str(path)))
+    return sp.tril(full).tocsc(), full

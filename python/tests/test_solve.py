@@ -63,3 +63,50 @@ def test_real_matrices_against_spsolve(name, path, n1):
     if n1 is not None:  # the body/constraint split of the .blocks file instead of the one read off the diagonal
         ours = scaled_residual(full, kivtamber.solve(full, b, first_constraint_row=n1), b)
         assert ours <= max(10 * theirs, 1e-15), (ours, theirs)
+
+
+@pytest.mark.parametrize("dtype", [np.float64, np.float32])
+def test_lower_triangle_equals_scipys_and_rounding_asymmetry_is_accepted(dtype):
+    rng = np.random.default_rng(3)
+    R = sp.random(60, 60, density=0.1, random_state=4, format="csc")
+    S = (R + R.T + sp.identity(60)).astype(dtype).tocsc()
+    reference = sp.tril(S).tocsc()
+    for given in (S, sp.tril(S).tocsc(), sp.triu(S).tocsc()):
+        indptr, indices, data, diagonal = kivtamber._lower(given, "test")
+        np.testing.assert_array_equal(indptr, reference.indptr)
+        np.testing.assert_array_equal(indices, reference.indices)
+        np.testing.assert_array_equal(data, reference.data)
+        np.testing.assert_array_equal(diagonal, S.diagonal())
+    rounded = S.copy()
+    rounded.data *= 1 + np.finfo(dtype).eps * rng.choice([-1, 0, 1], size=S.nnz)  # both triangles, rounding
+    kivtamber._lower(rounded, "test")
+    # Full, with an explicit zero (0, 1) whose partner is not stored: accepted.
+    lonely = sp.csc_matrix((np.array([1, 1, 1, 5, 5, 0], dtype), ([0, 1, 2, 2, 0, 0], [0, 1, 2, 0, 2, 1])),
+                           shape=(3, 3))
+    assert lonely.nnz == 6
+    indptr, indices, data, _ = kivtamber._lower(lonely, "test")
+    assert list(indices) == [0, 2, 1, 2] and list(data) == [1, 5, 1, 1]
+    broken = S.tolil()
+    broken[5, 40] = 1.0  # (40, 5) is zero or something else
+    with pytest.raises(ValueError, match="not symmetric"):
+        kivtamber._lower(sp.csc_matrix(broken), "test")
+
+
+def test_semidefinite_body_part_without_the_split_given():
+    """[P Aᵀ; A 0] with zero rows in P (those rows couple to constraints only): they are found to be bodies,
+    the regularised mode takes over, and the residual is that of a direct solve."""
+    rng = np.random.default_rng(6)
+    n1, n2 = 40, 15
+    p = rng.standard_normal((n1, n1))
+    P = p @ p.T
+    P[:8, :] = P[:, :8] = 0.0  # eight unknowns with no quadratic term
+    A = np.zeros((n2, n1))
+    A[np.arange(n2), 8 + rng.permutation(n1 - 8)[:n2]] = 1.0
+    A[:, :8] = rng.standard_normal((n2, 8))  # full column rank there: K is nonsingular
+    K = np.block([[P, A.T], [A, np.zeros((n2, n2))]])
+    perm = rng.permutation(n1 + n2)
+    K = K[np.ix_(perm, perm)]
+    b = rng.standard_normal(n1 + n2)
+    x, report = kivtamber.solve(sp.tril(sp.csc_matrix(K)), b, return_report=True)
+    assert report["regularized"] and report["inertia"] == (n1, n2, 0)
+    assert scaled_residual(K, x, b) <= max(10 * scaled_residual(K, np.linalg.solve(K, b), b), 1e-15)
