@@ -564,19 +564,9 @@ Status Solver<T>::Impl::factorNow() {
     report.regularized = regularized;
     report.factorizations += 1;
 
-    // The first bad pivot: from the factorization when it tracked one, otherwise from a scan.
-    unsigned long bad = data.badPivot.scalar;
-    double badValue = data.badPivot.value;
-    if (bad == TamberData<T>::BadPivot::noPivot) {
-        const T* d = data.diagonal.data;
-        for (unsigned long p = 0; p < N; ++p) {
-            if (d[p] == T(0) || !std::isfinite(d[p])) {
-                bad = p;
-                badValue = static_cast<double>(d[p]);
-                break;
-            }
-        }
-    }
+    // The first bad pivot, as both factorizations record it (no second pass over the pivots).
+    const unsigned long bad = data.badPivot.scalar;
+    const double badValue = data.badPivot.value;
     factorActive = desiredActive;
     factorAllActive = !masked;
     switchPending = false;
