@@ -133,8 +133,8 @@ def main():
     parser.add_argument("--dtype", choices=["float64", "float32"], default="float64")
     parser.add_argument("--threads", type=int, default=1)
     parser.add_argument("--wall", action="store_true",
-                        help="time by the wall clock (default: the calling thread's processor time, which other "
-                        "processes on a busy machine disturb less; meaningful for --threads 1 only)")
+                        help="time by the wall clock (default: the calling thread's processor time, which "
+                        "other processes on a busy machine disturb less; meaningful for --threads 1 only)")
     args = parser.parse_args()
     rng = np.random.default_rng(7)
     print(f"per step: set_values + factor + solve, {args.dtype}, threads={args.threads}, "

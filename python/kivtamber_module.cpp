@@ -147,15 +147,18 @@ void parseOptions(const py::kwargs& kwargs, SolverOptions& options) {
             options.mergeBlocks = optionValue<bool>(value, "merge_blocks", "a bool");
         } else if (key == "check_values") {
             options.checkValues = optionValue<bool>(value, "check_values", "a bool");
-        } else if (key == "threads" || key == "refinement_steps") {
+        } else if (key == "threads" || key == "max_threads" || key == "refinement_steps") {
             const long long v = optionValue<long long>(value, key.c_str(), "an int");
-            (key == "threads" ? options.threads : options.refinementSteps) = toUnsigned(v, key.c_str());
+            (key == "threads"       ? options.threads
+             : key == "max_threads" ? options.maxThreads
+                                    : options.refinementSteps) = toUnsigned(v, key.c_str());
         } else if (key == "regularization") {
             options.regularization = optionValue<double>(value, "regularization", "a float");
         } else {
-            raise(PyExc_TypeError, "unknown option '" + key +
-                                       "' (options: ordering, merge_blocks, threads, refinement_steps, "
-                                       "check_values, regularization, switching)");
+            raise(PyExc_TypeError,
+                  "unknown option '" + key +
+                      "' (options: ordering, merge_blocks, threads, max_threads, refinement_steps, "
+                      "check_values, regularization, switching)");
         }
     }
 }
@@ -165,6 +168,7 @@ py::dict optionsDict(const SolverOptions& o) {
     d["ordering"] = orderingNames[static_cast<unsigned int>(o.ordering)];
     d["merge_blocks"] = o.mergeBlocks;
     d["threads"] = o.threads;
+    d["max_threads"] = o.maxThreads;
     d["refinement_steps"] = o.refinementSteps;
     d["check_values"] = o.checkValues;
     d["regularization"] = o.regularization;

@@ -101,18 +101,18 @@ class Solver(_kivtamber.Solver):
     """The solver object of one linear system, kept from step to step.
 
     Solver(dtype=numpy.float64, **options); options (also for set_options): ordering ('automatic',
-    'minimum_degree', 'natural', 'centroid'), merge_blocks, threads (0 = by predicted work), refinement_steps,
-    check_values (scan every value for NaN and infinities), regularization (δ > 0 factors
-    A + diag(+δ on body rows, −δ on constraint rows) and refines against A), switching ('automatic', 'update',
-    'refactor').
+    'minimum_degree', 'natural', 'centroid'), merge_blocks, threads (0 = by predicted work, at most
+    max_threads; 0 = the machine's processors), refinement_steps, check_values (scan every value for NaN and
+    infinities), regularization (δ > 0 factors A + diag(+δ on body rows, −δ on constraint rows) and refines
+    against A), switching ('automatic', 'update', 'refactor').
 
     Structure: analyze(Structure) for bodies and constraints, or analyze_matrix(A, first_constraint_row) for
     a scipy.sparse matrix with its body rows first. Values: set_body, set_jacobian, set_body_coupling,
-    set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in the
-    structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then factor()
-    and solve(b) for b of shape (N,) or (N, k). set_active / set_constraint_active switch constraint equations
-    off and on (a switched-off equation's unknown solves to 0). report() is a dict of what the object chose and
-    measured: ordering, fill, flops, inertia, timings, the first bad pivot.
+    set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in
+    the structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then
+    factor() and solve(b) for b of shape (N,) or (N, k). set_active / set_constraint_active switch constraint
+    equations off and on (a switched-off equation's unknown solves to 0). report() is a dict of what the
+    object chose and measured: ordering, fill, flops, inertia, timings, the first bad pivot.
     """
 
     def analyze_matrix(self, A, first_constraint_row, block_sizes=None):
@@ -136,7 +136,8 @@ class Solver(_kivtamber.Solver):
         if self.options["check_values"] and C.dtype in _DTYPES:
             _lower(C, "set_matrix_values")
         if not (_np.array_equal(C.indptr, pattern[0]) and _np.array_equal(C.indices, pattern[1])):
-            raise ValueError("set_matrix_values: the pattern of A differs from the one given to analyze_matrix")
+            raise ValueError("set_matrix_values: the pattern of A differs from the one given to "
+                             "analyze_matrix")
         self.set_scalar_values(C.data)
 
     def __repr__(self):
@@ -171,8 +172,8 @@ def _alternating_roles(indptr, indices, is_body):
     cols = _np.repeat(_np.arange(n), _np.diff(indptr))
     off = indices != cols
     rows, cols = indices[off], cols[off]
-    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int32), (_np.concatenate([rows, cols]),
-                                                                   _np.concatenate([cols, rows]))), shape=(n, n))
+    both = (_np.concatenate([rows, cols]), _np.concatenate([cols, rows]))
+    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int32), both), shape=(n, n))
     role = _np.where(is_body, 0, -1)
     frontier, layer = is_body.astype(_np.int32), 0  # int32: a row's count of neighbours in the frontier
     while frontier.any():
@@ -200,8 +201,8 @@ def _bodies_first(L, is_body, sizes):
         mixed = _np.add.reduceat(is_body.astype(_np.int64), starts) % sizes != 0
         if mixed.any():
             k = int(_np.flatnonzero(mixed)[0])
-            raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes rows with "
-                             f"and without a diagonal entry")
+            raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes rows "
+                             f"with and without a diagonal entry")
         block_is_body = is_body[starts]
         sizes = _np.concatenate([sizes[block_is_body], sizes[~block_is_body]])
     return perm, _permuted(*L, perm), sizes, first

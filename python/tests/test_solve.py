@@ -47,7 +47,8 @@ def test_solve_with_blocks_rows_given_and_dense_input():
         np.testing.assert_allclose(x, reference, rtol=0, atol=1e-11 * np.abs(reference).max())
         assert report["rows"] == system.n
     # Blocks given in A's own row order survive the reordering into bodies first.
-    perm = np.concatenate([np.arange(system.first_constraint_row, system.n), np.arange(system.first_constraint_row)])
+    nb = system.first_constraint_row
+    perm = np.concatenate([np.arange(nb, system.n), np.arange(nb)])
     x = kivtamber.solve(system.A[np.ix_(perm, perm)], b[perm],
                         block_sizes=system.constraint_sizes + system.body_sizes)
     np.testing.assert_allclose(x, reference[perm], rtol=0, atol=1e-11 * np.abs(reference).max())
@@ -60,7 +61,7 @@ def test_real_matrices_against_spsolve(name, path, n1):
     ours = scaled_residual(full, kivtamber.solve(lower, b), b)
     theirs = scaled_residual(full, spla.spsolve(full, b), b)
     assert ours <= max(10 * theirs, 1e-15), (ours, theirs)
-    if n1 is not None:  # the body/constraint split of the .blocks file instead of the one read off the diagonal
+    if n1 is not None:  # the split of the .blocks file instead of the one read off the diagonal
         ours = scaled_residual(full, kivtamber.solve(full, b, first_constraint_row=n1), b)
         assert ours <= max(10 * theirs, 1e-15), (ours, theirs)
 

@@ -59,7 +59,8 @@ def test_set_values_equals_one_block_setters(dtype):
 @pytest.mark.parametrize("fmt", ["csc", "csr", "coo"])
 def test_analyze_matrix_in_every_triangle_and_format(triangle, fmt):
     system = RandomSystem(5, bodies=9, couplings=3)
-    A = {"lower": sp.tril, "upper": sp.triu, "full": sp.csc_matrix}[triangle](sp.csc_matrix(system.A)).asformat(fmt)
+    take = {"lower": sp.tril, "upper": sp.triu, "full": sp.csc_matrix}[triangle]
+    A = take(sp.csc_matrix(system.A)).asformat(fmt)
     sizes = system.body_sizes + system.constraint_sizes
     for block_sizes in (None, sizes):
         solver = kivtamber.Solver(np.float64)
@@ -80,7 +81,8 @@ def test_report_names_the_analysis_and_the_factorization():
     solver.solve(np.ones(system.n))
     r = solver.report()
     assert r["bodies"] == 12 and r["constraints"] == 12 and r["rows"] == system.n
-    assert r["ordering"] and r["factor_entries"] > 0 and r["flops"] > 0 and r["path"] in ("serial", "multifrontal")
+    assert r["ordering"] and r["factor_entries"] > 0 and r["flops"] > 0
+    assert r["path"] in ("serial", "multifrontal")
     assert r["inertia"] == (system.first_constraint_row, system.n - system.first_constraint_row, 0)
     assert r["bad_pivot"] is None and solver.bad_pivot() is None and r["factorizations"] == 1
     assert r["residual"] >= 0 and r["smallest_pivot"]["kind"] in ("body", "constraint")
