@@ -160,6 +160,15 @@ def _permuted(indptr, indices, data, perm):
     return P.indptr, P.indices, P.data
 
 
+def _lonely_rows(indptr, indices, is_body):
+    """The rows that are not body rows and share no entry with a body row."""
+    cols = _np.repeat(_np.arange(len(is_body)), _np.diff(indptr))
+    touched = _np.zeros(len(is_body), dtype=bool)
+    touched[indices[is_body[cols]]] = True
+    touched[cols[is_body[indices]]] = True
+    return ~is_body & ~touched
+
+
 def _alternating_roles(indptr, indices, is_body):
     """Body rows for a matrix whose zero-diagonal rows are not all constraints: a breadth-first search from
     the rows with a nonzero diagonal (bodies) through the others gives alternate layers alternate roles
@@ -281,16 +290,13 @@ def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=N
         solver._analyze_csc(n, first_constraint_row, L[0], L[1], sizes)
     else:
         is_body = diagonal != 0
-        try:
-            perm, P, psizes, first = _bodies_first(L, is_body, sizes)
-            solver._analyze_csc(n, first, P[0], P[1], psizes)
-        except ValueError:
-            # Some rows with a zero diagonal couple to no row with a nonzero one and cannot be constraints
-            # (their pivots would be zero in every order): bodies whose diagonal happens to be zero (a
-            # semidefinite body part), which the regularised mode below handles.
+        # Rows with a zero diagonal that couple to no row with a nonzero one cannot be constraints (their
+        # pivots would be zero in every order): bodies whose diagonal happens to be zero (a semidefinite body
+        # part), which the regularised mode below handles.
+        if not is_body.all() and _lonely_rows(L[0], L[1], is_body).any():
             is_body = _alternating_roles(L[0], L[1], is_body)
-            perm, P, psizes, first = _bodies_first(L, is_body, sizes)
-            solver._analyze_csc(n, first, P[0], P[1], psizes)
+        perm, P, psizes, first = _bodies_first(L, is_body, sizes)
+        solver._analyze_csc(n, first, P[0], P[1], psizes)
         L = P
         if perm is not None:
             b = b[perm]
