@@ -533,8 +533,9 @@ public:
             sizes = bs.data();
             numBlocks = toUnsigned(static_cast<long long>(bs.size()), "number of blocks");
         }
+        const unsigned int *colData = cp.data(), *rowData = ri.data();
         check(released(
-            [&](auto& s) { return s.analyzeScalar(rows, first, cp.data(), ri.data(), sizes, numBlocks); }));
+            [&](auto& s) { return s.analyzeScalar(rows, first, colData, rowData, sizes, numBlocks); }));
         if (sizes) {
             blockSizes_.assign(sizes, sizes + numBlocks);
             numBodies_ = 0;
@@ -718,9 +719,10 @@ public:
             if (solver.options().checkValues && !allFinite(data, static_cast<std::size_t>(n * k)))
                 raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
             if (k == 0) return std::move(x);
+            const bool vector = b.ndim() == 1;  // no Python object is touched without the GIL
             const Status st = withoutGil([&]() {
-                return b.ndim() == 1 ? solver.solve(data)
-                                     : solver.solve(data, data, static_cast<unsigned int>(k), n);
+                return vector ? solver.solve(data)
+                              : solver.solve(data, data, static_cast<unsigned int>(k), n);
             });
             if (!st.ok()) {
                 const PivotLocation pivot = solver.badPivot();
@@ -785,15 +787,16 @@ public:
             auto mb = flatValues<T>(bodies, solver.bodyValueCount(), "bodies");
             auto mj = flatValues<T>(jacobians, solver.jacobianValueCount(), "jacobians");
             auto b = flatValues<T>(rhs, solver.size(), "rhs");
+            const T *bodyValues = mb.data(), *jacobianValues = mj.data(), *rhsValues = b.data();
             std::vector<T> x(solver.size());
             std::vector<double> seconds(count);
             Status st;
             withoutGil([&]() {
                 for (unsigned int k = 0; k < count && st.ok(); ++k) {
                     const double t0 = now(threadClock);
-                    st = solver.setValues(mb.data(), mj.data());
+                    st = solver.setValues(bodyValues, jacobianValues);
                     if (st.ok()) st = solver.factor();
-                    if (st.ok()) st = solver.solve(b.data(), x.data());
+                    if (st.ok()) st = solver.solve(rhsValues, x.data());
                     seconds[k] = now(threadClock) - t0;
                 }
                 return 0;
