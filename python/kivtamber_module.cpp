@@ -438,11 +438,18 @@ struct ScalarOfSolver<Solver<T>> {
 template <typename S>
 using ScalarOf = typename ScalarOfSolver<std::remove_cv_t<std::remove_reference_t<S>>>::type;
 
+// Locking: every call into the library holds mutex_, and so does every read or write of the wrapper's own
+// record of the structure (the sizes the shape checks use), so that a check and the call it guards see the
+// same structure. Calls that run long release the GIL first and only then take the mutex, and give the mutex
+// back before they take the GIL again; short calls take the mutex with the GIL held. So no thread ever waits
+// for the GIL while it holds the mutex, and no thread deadlocks. A solve copies the right-hand side before it
+// releases the GIL, with the size read under the mutex; should another thread analyse the object again in
+// between, the generation count tells, and the solve fails instead of reading past the copy.
 class PySolver {
 public:
     PySolver(const py::object& dtype, const py::kwargs& kwargs) {
         const py::dtype dt = py::dtype::from_args(dtype);
-        if (dt.is(py::dtype::of<double>()) || dt.equal(py::dtype::of<double>())) {
+        if (dt.equal(py::dtype::of<double>())) {
             double_ = std::make_unique<Solver<double>>();
         } else if (dt.equal(py::dtype::of<float>())) {
             float_ = std::make_unique<Solver<float>>();
@@ -455,58 +462,49 @@ public:
 
     py::dtype dtype() const { return double_ ? py::dtype::of<double>() : py::dtype::of<float>(); }
 
+    // f(solver) on whichever solver the object holds (the caller holds the mutex).
     template <typename F>
     auto visit(F&& f) {
         return double_ ? f(*double_) : f(*float_);
     }
+    // f(solver) under the mutex, with the GIL held (short calls).
     template <typename F>
-    auto visit(F&& f) const {
-        return double_ ? f(static_cast<const Solver<double>&>(*double_))
-                       : f(static_cast<const Solver<float>&>(*float_));
-    }
-
-    // A call under the object's mutex with the GIL held (cheap calls).
-    template <typename F>
-    auto withLock(F&& f) {
+    auto locked(F&& f) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return f();
+        return visit(f);
     }
-    // A call under the mutex without the GIL (analysis, factorization, solves).
+    // f() under the mutex without the GIL (analysis, factorization, solves).
     template <typename F>
     auto withoutGil(F&& f) {
         py::gil_scoped_release release;
         std::lock_guard<std::mutex> lock(mutex_);
         return f();
     }
-    // The same for a call on whichever solver the object holds.
-    template <typename F>
-    auto locked(F&& f) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return visit(f);
-    }
-    template <typename F>
-    auto released(F&& f) {
-        py::gil_scoped_release release;
-        std::lock_guard<std::mutex> lock(mutex_);
-        return visit(f);
-    }
 
     void setOptions(const py::kwargs& kwargs) {
+        std::lock_guard<std::mutex> lock(mutex_);
         SolverOptions options = visit([](auto& s) { return s.options(); });
         parseOptions(kwargs, options);
-        check(locked([&](auto& s) { return s.setOptions(options); }));
+        check(visit([&](auto& s) { return s.setOptions(options); }));
     }
-    py::dict options() const {
-        return optionsDict(visit([](auto& s) { return s.options(); }));
+    py::dict options() {
+        return optionsDict(locked([](auto& s) { return s.options(); }));
     }
 
     void analyze(const SystemStructure& structure) {
         const SystemStructure copy = structure;  // the Python object may change while the GIL is released
-        check(released([&](auto& s) { return s.analyze(copy); }));
-        blockSizes_ = copy.bodySizes;
-        blockSizes_.insert(blockSizes_.end(), copy.constraintSizes.begin(), copy.constraintSizes.end());
-        numBodies_ = copy.numBodies();
-        scalarValues_ = 0;
+        check(withoutGil([&]() {
+            Status st = visit([&](auto& s) { return s.analyze(copy); });
+            if (st.ok()) {
+                blockSizes_ = copy.bodySizes;
+                blockSizes_.insert(blockSizes_.end(), copy.constraintSizes.begin(),
+                                   copy.constraintSizes.end());
+                numBodies_ = copy.numBodies();
+                scalarValues_ = 0;
+                ++generation_;
+            }
+            return st;
+        }));
     }
 
     void analyzeCsc(long long n, long long firstConstraintRow, const py::handle& colPointers,
@@ -534,112 +532,77 @@ public:
             numBlocks = toUnsigned(static_cast<long long>(bs.size()), "number of blocks");
         }
         const unsigned int *colData = cp.data(), *rowData = ri.data();
-        check(released(
-            [&](auto& s) { return s.analyzeScalar(rows, first, colData, rowData, sizes, numBlocks); }));
-        if (sizes) {
-            blockSizes_.assign(sizes, sizes + numBlocks);
-            numBodies_ = 0;
-            for (unsigned int i = 0, row = 0; i < numBlocks && row < first; row += sizes[i++]) ++numBodies_;
-        } else {
-            blockSizes_.clear();
-            numBodies_ = 0;
-        }
-        scalarValues_ = entries;
+        check(withoutGil([&]() {
+            Status st = visit(
+                [&](auto& s) { return s.analyzeScalar(rows, first, colData, rowData, sizes, numBlocks); });
+            if (st.ok()) {
+                // Block sizes are known when given; detected blocks are the analysis's own.
+                blockSizes_.assign(sizes, sizes + (sizes ? numBlocks : 0));
+                numBodies_ = 0;
+                for (unsigned int i = 0, row = 0; sizes && i < numBlocks && row < first; row += sizes[i++])
+                    ++numBodies_;
+                scalarValues_ = entries;
+                ++generation_;
+            }
+            return st;
+        }));
+    }
+    bool isAnalyzed() {
+        return locked([](auto& s) { return s.isAnalyzed(); });
     }
 
-    // ---- values ----
-
-    // The block sizes the shape checks need; a matrix whose blocks the analysis detected has none here.
-    void requireSizes(const char* what) const {
-        if (blockSizes_.empty() && analyzedAny())
-            raise(PyExc_ValueError,
-                  std::string(what) +
-                      ": the blocks of this matrix were detected by the analysis; set "
-                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
-    }
-    unsigned int bodySize(long long body, const char* what) const {
-        requireSizes(what);
-        if (body < 0 || body >= static_cast<long long>(numBodies_))
-            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
-                                        std::to_string(numBodies_) + " bodies)");
-        return blockSizes_[static_cast<std::size_t>(body)];
-    }
-    unsigned int constraintSize(long long constraint, const char* what) const {
-        requireSizes(what);
-        const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
-        if (constraint < 0 || constraint >= count)
-            raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
-                                        " (" + std::to_string(count) + " constraints)");
-        return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
-    }
-    unsigned int blockSize(long long block, const char* what) const {
-        requireSizes(what);
-        if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
-            raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
-                                        std::to_string(blockSizes_.size()) + " blocks)");
-        return blockSizes_[static_cast<std::size_t>(block)];
-    }
-    bool analyzedAny() const {
-        return visit([](auto& s) { return s.isAnalyzed(); });
-    }
+    // ---- values (each setter holds the mutex from its shape check to the library call) ----
 
     void setBody(long long body, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int s = bodySize(body, "set_body");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, s, s, "set_body");
-            check(withLock([&]() { return solver.setBody(static_cast<unsigned int>(body), a.data()); }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s, s, "set_body");
+            check(solver.setBody(static_cast<unsigned int>(body), a.data()));
         });
     }
     void setJacobian(long long constraint, long long body, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int sc = constraintSize(constraint, "set_jacobian"),
                            sb = bodySize(body, "set_jacobian");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, sc, sb, "set_jacobian");
-            check(withLock([&]() {
-                return solver.setJacobian(static_cast<unsigned int>(constraint),
-                                          static_cast<unsigned int>(body), a.data());
-            }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, sc, sb, "set_jacobian");
+            check(solver.setJacobian(static_cast<unsigned int>(constraint), static_cast<unsigned int>(body),
+                                     a.data()));
         });
     }
     void setBodyCoupling(long long body1, long long body2, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int s1 = bodySize(body1, "set_body_coupling"),
                            s2 = bodySize(body2, "set_body_coupling");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, s1, s2, "set_body_coupling");
-            check(withLock([&]() {
-                return solver.setBodyCoupling(static_cast<unsigned int>(body1),
-                                              static_cast<unsigned int>(body2), a.data());
-            }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s1, s2, "set_body_coupling");
+            check(solver.setBodyCoupling(static_cast<unsigned int>(body1), static_cast<unsigned int>(body2),
+                                         a.data()));
         });
     }
     void setCompliance(long long constraint, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int s = constraintSize(constraint, "set_compliance");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, s, s, "set_compliance");
-            check(withLock(
-                [&]() { return solver.setCompliance(static_cast<unsigned int>(constraint), a.data()); }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s, s, "set_compliance");
+            check(solver.setCompliance(static_cast<unsigned int>(constraint), a.data()));
         });
     }
     void setBlock(long long i, long long j, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int si = blockSize(i, "set_block"), sj = blockSize(j, "set_block");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, si, sj, "set_block");
-            check(withLock([&]() {
-                return solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a.data());
-            }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, si, sj, "set_block");
+            check(solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a.data()));
         });
     }
     void setValues(const py::handle& bodies, const py::handle& jacobians, const py::handle& couplings,
                    const py::handle& compliances) {
+        std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            using Flat = py::array_t<T, py::array::c_style>;
-            Flat arrays[4];
+            py::array_t<T, py::array::c_style> arrays[4];
             const py::handle given[4] = {bodies, jacobians, couplings, compliances};
             const unsigned long counts[4] = {solver.bodyValueCount(), solver.jacobianValueCount(),
                                              solver.couplingValueCount(), solver.complianceValueCount()};
@@ -651,21 +614,19 @@ public:
                 arrays[k] = flatValues<T>(given[k], counts[k], names[k]);
                 pointers[k] = arrays[k].data();
             }
-            check(withLock(
-                [&]() { return solver.setValues(pointers[0], pointers[1], pointers[2], pointers[3]); }));
+            check(solver.setValues(pointers[0], pointers[1], pointers[2], pointers[3]));
         });
     }
     void setScalarValues(const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
             if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("set_scalar_values"));
-            if (scalarValues_ == 0) {
+            if (scalarValues_ == 0)
                 raise(PyExc_ValueError,
                       "set_scalar_values: the solver holds a body/constraint structure, not a "
                       "matrix given to analyze_matrix");
-            }
-            auto a = flatValues<T>(values, scalarValues_, "set_scalar_values");
-            check(withLock([&]() { return solver.setScalarValues(a.data()); }));
+            auto a = flatValues<ScalarOf<decltype(solver)>>(values, scalarValues_, "set_scalar_values");
+            check(solver.setScalarValues(a.data()));
         });
     }
 
@@ -680,80 +641,106 @@ public:
         check(locked([&](auto& s) { return s.setConstraintActive(c, on); }));
     }
     bool isActive(long long constraint, long long row) {
-        constraintSize(constraint, "is_active");
-        const unsigned int c = toUnsigned(constraint, "constraint"), r = toUnsigned(row, "row");
-        if (r >= blockSizes_[numBodies_ + c])
-            raise(PyExc_ValueError, "is_active: constraint " + std::to_string(c) + " has " +
-                                        std::to_string(blockSizes_[numBodies_ + c]) + " rows, not row " +
-                                        std::to_string(r));
-        return locked([&](auto& s) { return s.isActive(c, r); });
+        std::lock_guard<std::mutex> lock(mutex_);
+        const unsigned int rows = constraintSize(constraint, "is_active");
+        if (row < 0 || row >= static_cast<long long>(rows))
+            raise(PyExc_ValueError, "is_active: constraint " + std::to_string(constraint) + " has " +
+                                        std::to_string(rows) + " rows, not row " + std::to_string(row));
+        return visit([&](auto& s) {
+            return s.isActive(static_cast<unsigned int>(constraint), static_cast<unsigned int>(row));
+        });
     }
 
     // ---- factorization and solves ----
 
     void factor() {
-        const Status st = released([](auto& s) { return s.factor(); });
-        if (!st.ok()) {
-            const PivotLocation pivot = visit([](auto& s) { return s.badPivot(); });
-            check(st, &pivot);
-        }
+        PivotLocation pivot;
+        const Status st = withoutGil([&]() {
+            return visit([&](auto& s) {
+                Status result = s.factor();
+                if (!result.ok()) pivot = s.badPivot();
+                return result;
+            });
+        });
+        check(st, &pivot);
     }
 
     py::array solve(const py::handle& rhs) {
         return visit([&](auto& solver) -> py::array {
             using T = ScalarOf<decltype(solver)>;
             py::array b = asArrayOf<T>(rhs, "solve");
-            const unsigned long n = solver.size();
-            if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("solve"));
+            bool analyzed, checkValues;
+            unsigned long n;
+            std::uint64_t generation;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                analyzed = solver.isAnalyzed();
+                n = solver.size();
+                checkValues = solver.options().checkValues;
+                generation = generation_;
+            }
+            if (!analyzed) raise(PyExc_RuntimeError, notAnalyzed("solve"));
             if ((b.ndim() != 1 && b.ndim() != 2) || static_cast<unsigned long>(b.shape(0)) != n)
                 raise(PyExc_ValueError, "solve: expected a right-hand side of shape (" + std::to_string(n) +
                                             ",) or (" + std::to_string(n) + ", k), got shape " +
                                             shapeString(b));
-            const py::ssize_t k = b.ndim() == 2 ? b.shape(1) : 1;
+            const bool vector = b.ndim() == 1;  // no Python object is touched without the GIL
+            const py::ssize_t k = vector ? 1 : b.shape(1);
             if (k > static_cast<py::ssize_t>(UINT_MAX))
                 raise(PyExc_ValueError, "solve: too many right-hand sides (" + std::to_string(k) + ")");
-            py::array_t<T, py::array::f_style> x(b.ndim() == 2 ? std::vector<py::ssize_t>{b.shape(0), k}
-                                                               : std::vector<py::ssize_t>{b.shape(0)});
+            py::array_t<T, py::array::f_style> x(vector ? std::vector<py::ssize_t>{b.shape(0)}
+                                                        : std::vector<py::ssize_t>{b.shape(0), k});
             T* data = x.mutable_data();
             copyColumns<T>(b, data);
-            if (solver.options().checkValues && !allFinite(data, static_cast<std::size_t>(n * k)))
+            if (checkValues && !allFinite(data, static_cast<std::size_t>(n * k)))
                 raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
             if (k == 0) return std::move(x);
-            const bool vector = b.ndim() == 1;  // no Python object is touched without the GIL
+            PivotLocation pivot;
+            bool reanalyzed = false;
             const Status st = withoutGil([&]() {
-                return vector ? solver.solve(data)
-                              : solver.solve(data, data, static_cast<unsigned int>(k), n);
+                if (generation_ != generation) {
+                    reanalyzed = true;
+                    return Status();
+                }
+                Status result =
+                    vector ? solver.solve(data) : solver.solve(data, data, static_cast<unsigned int>(k), n);
+                if (!result.ok()) pivot = solver.badPivot();
+                return result;
             });
-            if (!st.ok()) {
-                const PivotLocation pivot = solver.badPivot();
-                check(st, &pivot);
-            }
+            if (reanalyzed)
+                raise(PyExc_RuntimeError, "solve: another thread analysed the solver again during this call");
+            check(st, &pivot);
             return std::move(x);
         });
     }
 
     // ---- sizes and report ----
 
-    unsigned long size() const {
-        return visit([](auto& s) { return s.size(); });
+    unsigned long size() {
+        return locked([](auto& s) { return s.size(); });
     }
-    unsigned int numBodies() const {
-        return visit([](auto& s) { return s.numBodies(); });
+    unsigned int numBodies() {
+        return locked([](auto& s) { return s.numBodies(); });
     }
-    unsigned int numConstraints() const {
-        return visit([](auto& s) { return s.numConstraints(); });
+    unsigned int numConstraints() {
+        return locked([](auto& s) { return s.numConstraints(); });
     }
-    unsigned long bodyOffset(long long body) const {
-        if (body < 0 || body >= static_cast<long long>(numBodies()))
-            raise(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
-                                        std::to_string(numBodies()) + " bodies)");
-        return visit([&](auto& s) { return s.bodyOffset(static_cast<unsigned int>(body)); });
+    unsigned long bodyOffset(long long body) {
+        return locked([&](auto& s) {
+            if (body < 0 || body >= static_cast<long long>(s.numBodies()))
+                raise(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
+                                            std::to_string(s.numBodies()) + " bodies)");
+            return s.bodyOffset(static_cast<unsigned int>(body));
+        });
     }
-    unsigned long constraintOffset(long long constraint) const {
-        if (constraint < 0 || constraint >= static_cast<long long>(numConstraints()))
-            raise(PyExc_ValueError, "constraint_offset: unknown constraint " + std::to_string(constraint) +
-                                        " (" + std::to_string(numConstraints()) + " constraints)");
-        return visit([&](auto& s) { return s.constraintOffset(static_cast<unsigned int>(constraint)); });
+    unsigned long constraintOffset(long long constraint) {
+        return locked([&](auto& s) {
+            if (constraint < 0 || constraint >= static_cast<long long>(s.numConstraints()))
+                raise(PyExc_ValueError, "constraint_offset: unknown constraint " +
+                                            std::to_string(constraint) + " (" +
+                                            std::to_string(s.numConstraints()) + " constraints)");
+            return s.constraintOffset(static_cast<unsigned int>(constraint));
+        });
     }
     py::dict report() {
         return reportDict(locked([](auto& s) { return s.report(); }));
@@ -761,8 +748,8 @@ public:
     py::object badPivot() {
         return pivotDict(locked([](auto& s) { return s.badPivot(); }));
     }
-    unsigned long valueCount(int kind) const {
-        return visit([&](auto& s) {
+    unsigned long valueCount(int kind) {
+        return locked([&](auto& s) {
             switch (kind) {
                 case 0:
                     return s.bodyValueCount();
@@ -784,14 +771,27 @@ public:
         const unsigned int count = toUnsigned(steps, "steps");
         return visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            auto mb = flatValues<T>(bodies, solver.bodyValueCount(), "bodies");
-            auto mj = flatValues<T>(jacobians, solver.jacobianValueCount(), "jacobians");
-            auto b = flatValues<T>(rhs, solver.size(), "rhs");
+            unsigned long counts[3];
+            std::uint64_t generation;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                counts[0] = solver.bodyValueCount();
+                counts[1] = solver.jacobianValueCount();
+                counts[2] = solver.size();
+                generation = generation_;
+            }
+            auto mb = flatValues<T>(bodies, counts[0], "bodies");
+            auto mj = flatValues<T>(jacobians, counts[1], "jacobians");
+            auto b = flatValues<T>(rhs, counts[2], "rhs");
             const T *bodyValues = mb.data(), *jacobianValues = mj.data(), *rhsValues = b.data();
-            std::vector<T> x(solver.size());
+            std::vector<T> x(counts[2]);
             std::vector<double> seconds(count);
             Status st;
             withoutGil([&]() {
+                if (generation_ != generation) {
+                    st = Status{StatusCode::invalidArgument, "_native_steps: the solver was analysed again"};
+                    return 0;
+                }
                 for (unsigned int k = 0; k < count && st.ok(); ++k) {
                     const double t0 = now(threadClock);
                     st = solver.setValues(bodyValues, jacobianValues);
@@ -813,14 +813,46 @@ public:
     }
 
 private:
+    // The wrapper's record of the structure, for the shape checks (the caller holds the mutex).
+    void requireSizes(const char* what) {
+        if (blockSizes_.empty() && visit([](auto& s) { return s.isAnalyzed(); }))
+            raise(PyExc_ValueError,
+                  std::string(what) +
+                      ": the blocks of this matrix were detected by the analysis; set "
+                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
+    }
+    unsigned int bodySize(long long body, const char* what) {
+        requireSizes(what);
+        if (body < 0 || body >= static_cast<long long>(numBodies_))
+            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
+                                        std::to_string(numBodies_) + " bodies)");
+        return blockSizes_[static_cast<std::size_t>(body)];
+    }
+    unsigned int constraintSize(long long constraint, const char* what) {
+        requireSizes(what);
+        const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
+        if (constraint < 0 || constraint >= count)
+            raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
+                                        " (" + std::to_string(count) + " constraints)");
+        return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
+    }
+    unsigned int blockSize(long long block, const char* what) {
+        requireSizes(what);
+        if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
+            raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
+                                        std::to_string(blockSizes_.size()) + " blocks)");
+        return blockSizes_[static_cast<std::size_t>(block)];
+    }
+
     std::unique_ptr<Solver<float>> float_;
     std::unique_ptr<Solver<double>> double_;
     std::mutex mutex_;
-    // What the shape checks need: block sizes (bodies first) and the number of bodies among them, empty when
-    // the analysis detected the blocks itself; the number of values of an analysed scalar matrix.
+    // Block sizes (bodies first) and the number of bodies among them, empty when the analysis detected the
+    // blocks itself; the number of values of an analysed scalar matrix; analyses so far.
     std::vector<unsigned int> blockSizes_;
     unsigned int numBodies_ = 0;
     unsigned long scalarValues_ = 0;
+    std::uint64_t generation_ = 0;
 };
 
 }  // namespace
@@ -893,7 +925,7 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("analyze", &PySolver::analyze, py::arg("structure"))
         .def("_analyze_csc", &PySolver::analyzeCsc, py::arg("n"), py::arg("first_constraint_row"),
              py::arg("col_pointers"), py::arg("row_indices"), py::arg("block_sizes") = py::none())
-        .def_property_readonly("is_analyzed", &PySolver::analyzedAny)
+        .def_property_readonly("is_analyzed", &PySolver::isAnalyzed)
         .def("set_body", &PySolver::setBody, py::arg("body"), py::arg("values"))
         .def("set_jacobian", &PySolver::setJacobian, py::arg("constraint"), py::arg("body"),
              py::arg("values"))
@@ -905,10 +937,10 @@ PYBIND11_MODULE(_kivtamber, m) {
              py::arg("jacobians") = py::none(), py::arg("couplings") = py::none(),
              py::arg("compliances") = py::none())
         .def("set_scalar_values", &PySolver::setScalarValues, py::arg("values"))
-        .def_property_readonly("body_value_count", [](const PySolver& s) { return s.valueCount(0); })
-        .def_property_readonly("jacobian_value_count", [](const PySolver& s) { return s.valueCount(1); })
-        .def_property_readonly("coupling_value_count", [](const PySolver& s) { return s.valueCount(2); })
-        .def_property_readonly("compliance_value_count", [](const PySolver& s) { return s.valueCount(3); })
+        .def_property_readonly("body_value_count", [](PySolver& s) { return s.valueCount(0); })
+        .def_property_readonly("jacobian_value_count", [](PySolver& s) { return s.valueCount(1); })
+        .def_property_readonly("coupling_value_count", [](PySolver& s) { return s.valueCount(2); })
+        .def_property_readonly("compliance_value_count", [](PySolver& s) { return s.valueCount(3); })
         .def("set_active", &PySolver::setActive, py::arg("constraint"), py::arg("row"), py::arg("on"))
         .def("set_constraint_active", &PySolver::setConstraintActive, py::arg("constraint"), py::arg("on"))
         .def("is_active", &PySolver::isActive, py::arg("constraint"), py::arg("row"))

@@ -176,3 +176,40 @@ def test_analysis_factorization_and_solves_release_the_gil():
         stop[0] = True
         thread.join()
     assert all(moved.values()), moved
+
+
+def test_reanalysis_from_another_thread_never_crashes():
+    """One thread analyses the object again and again with two structures while another sets values and
+    solves: every call succeeds or raises ValueError / RuntimeError with a message."""
+    import threading
+
+    systems = RandomSystem(1, bodies=30), RandomSystem(2, bodies=60)
+    solver = kivtamber.Solver(np.float64)
+    solver.analyze(systems[0].structure)
+    stop, seen = [False], set()
+
+    def reanalyze():
+        k = 0
+        while not stop[0]:
+            system = systems[k % 2]
+            k += 1
+            solver.analyze(system.structure)
+            try:
+                system.load(solver)
+                solver.factor()
+            except (ValueError, RuntimeError) as error:
+                seen.add(type(error))
+
+    thread = threading.Thread(target=reanalyze)
+    thread.start()
+    try:
+        for _ in range(500):
+            try:
+                solver.set_body(0, np.eye(systems[0].body_sizes[0]))
+                solver.solve(np.ones(solver.size))
+            except (ValueError, RuntimeError) as error:
+                assert str(error)
+                seen.add(type(error))
+    finally:
+        stop[0] = True
+        thread.join()
