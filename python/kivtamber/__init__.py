@@ -250,15 +250,17 @@ def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=N
     """x = A⁻¹·b for a symmetric saddle-point (or positive definite) matrix A.
 
     A: scipy.sparse matrix (any format) or dense 2-D numpy.ndarray, float32 or float64, symmetric, stored as
-    its lower triangle, its upper triangle or in full (a full matrix must be exactly symmetric). b: numpy
-    array of A's dtype, shape (n,) or (n, k). Returns x of b's shape and dtype; b is not modified.
+    its lower triangle, its upper triangle or in full (a full matrix must be symmetric to rounding). b: numpy
+    array of A's dtype, shape (n,) or (n, k). Returns x of b's shape and dtype; A and b are not modified.
 
     Rows whose diagonal entry is zero (or not stored) are taken as constraint rows and the others as body
-    rows; the system is solved with the bodies first and the solution returned in A's numbering. Give
-    first_constraint_row to say instead that rows below it are the body rows (as they stand). block_sizes
-    groups consecutive rows of A into blocks (each all body or all constraint rows); otherwise blocks are
-    detected. regularization: δ for the regularised mode; None (default) factors without it and, if a zero
-    pivot stops the factorization, factors again with a small δ and more refinement steps. Further keywords
+    rows (except zero-diagonal rows that share no entry with a body row: those are bodies with a zero
+    diagonal, and the roles then alternate outwards from the bodies); the system is solved with the bodies
+    first and the solution returned in A's numbering. Give first_constraint_row to say instead that the rows
+    below it are the body rows (as they stand). block_sizes groups consecutive rows of A into blocks (each
+    all body or all constraint rows); otherwise blocks are detected. regularization: δ for the regularised
+    mode; None (default) factors without it and, if a zero pivot stops the factorization, factors again with
+    δ from a few multiples of max |a| and keeps the solution with the smallest residual. Further keywords
     are Solver options. return_report=True returns (x, solver.report()).
     """
     C = _canonical_csc(A, "solve")
