@@ -308,6 +308,39 @@ void fingerprint(const char* scene, const BlockProblem& p) {
 }
 
 int main(int argc, char** argv) {
+    // --one SCENE BLOCKS RUNS: only the standard analysis (default options) of one scene, RUNS times, for
+    // profilers and instruction counts.
+    if (argc > 4 && std::string(argv[1]) == "--one") {
+        const std::string name = argv[2];
+        const SceneKind kind = name == "chain"      ? SceneKind::chain
+                               : name == "ragdolls" ? SceneKind::ragdolls
+                               : name == "cloth"    ? SceneKind::cloth
+                                                    : SceneKind::boxWall;
+        BlockProblem p;
+        if (name == "cloth128") {
+            Cloth cloth(128);
+            cloth.build(p);
+        } else {
+            std::unique_ptr<Scene> scene =
+                makeScene(kind, sizeForBlockCount(kind, std::strtoul(argv[3], nullptr, 10)));
+            scene->build(p);
+        }
+        const Analysis::Problem problem{p.numBlocks, p.firstConstraint, p.colPointers.data(),
+                                        p.rowIndices.data(), p.blockSizes.data()};
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        std::vector<double> t;
+        Analysis::Report r;
+        for (int k = 0; k < std::atoi(argv[4]); ++k) {
+            r = analyzer.analyze(problem, Analysis::Options(), data);
+            t.push_back(r.checkSeconds + r.orderSeconds + r.symbolicSeconds + r.layoutSeconds);
+        }
+        std::printf(
+            "%s %u blocks: analysis %.3f ms (order %.3f, symbolic %.3f), %s, %lu groups, model %.4g\n",
+            name.c_str(), p.numBlocks, 1e3 * median(t), 1e3 * r.orderSeconds, 1e3 * r.symbolicSeconds,
+            r.usedNestedDissection ? "nd" : "md", r.mergedBlocks, r.cost.modelFlops());
+        return 0;
+    }
     if (argc > 1 && std::string(argv[1]) == "--fingerprint") {
         BlockProblem problem;
         const SceneKind kinds[] = {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth,

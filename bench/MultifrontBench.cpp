@@ -12,6 +12,11 @@
 // the task runtime started during them: it must be 0 as well.
 //
 // Usage: MultifrontBench [repetitions (default 9)] [largest block count (default 50000)] [scene ...]
+// Environment: MFBENCH_SPLIT=1 prints where the work of the 2-thread split lies (top nodes, shared nodes,
+// thread loads); MFBENCH_ONLY=v runs only the serial factorization and variant v (1: MF 1 thread, 2: MF 2
+// threads, 3: auto) and skips the two-system part, for instruction counts under callgrind (valgrind
+// --tool=callgrind --collect-atstart=no with --toggle-collect on Tamber::factorMF<double>, then on
+// Tamber::factorSerial<double>).
 #include <kiv/ByteAllocator.h>
 #include <kiv/ThreadTask.h>
 
@@ -167,8 +172,13 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
     }
     result.loadBefore = loadAverage();
     const unsigned int autoThreads = systems[3]->tamber.chooseThreads(systems[3]->data, 2);
-    for (int v = 0; v < numVariants; ++v) factor(*systems[v], v, autoThreads);  // warm-up, preparations
-    for (int v = 0; v < numVariants; ++v) factor(*systems[v], v, autoThreads);
+    // MFBENCH_ONLY=v: only serial and variant v run (for instruction counts of the two).
+    const int only = std::getenv("MFBENCH_ONLY") ? std::atoi(std::getenv("MFBENCH_ONLY")) : -1;
+    for (int round = 0; round < 2; ++round) {  // warm-up, preparations
+        for (int v = 0; v < numVariants; ++v) {
+            if (only < 0 || v == 0 || v == only) factor(*systems[v], v, autoThreads);
+        }
+    }
     const MultifrontManager<double>& M = systems[2]->data.multifront;
     result.scene = sceneName(kind);
     result.blocks = systems[0]->problem.numBlocks;
@@ -177,6 +187,23 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
     result.work = M.totalWork;
     result.predicted = M.predictedTime;
     result.sharedNodes = M.numSplitNodes;
+    if (std::getenv("MFBENCH_SPLIT")) {  // where the work of the 2-thread split lies
+        double top = 0.0, diagonal = 0.0, shared = 0.0;
+        unsigned int topNodes = 0, largest = 0;
+        const unsigned int* sizes = systems[2]->data.matrix.blockSizes;
+        for (unsigned int j = 0; j < M.nodes.size(); ++j) {
+            largest = std::max(largest, sizes[j]);
+            if (M.part[j] != MultifrontManager<double>::noNode) continue;
+            ++topNodes;
+            top += M.nodeWork[j];
+            diagonal += sizes[j] * double(sizes[j]) * sizes[j] / 3.0;
+            if (M.splitNode[j]) shared += M.nodeWork[j];
+        }
+        std::printf("  split: %u top nodes, largest block %u, top node work %.3g (diagonal blocks %.3g, shared "
+                    "nodes %.3g), thread loads %.3g / %.3g, top owner %u, total %.3g\n",
+                    topNodes, largest, top, diagonal, shared, M.threadLoads[0], M.threadLoads[1], M.topOwner,
+                    M.totalWork);
+    }
 
     std::vector<double> times[numVariants], ratios[numVariants];
     std::vector<double> cpuRatios;
@@ -193,6 +220,10 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
         double t[numVariants], cpu[numVariants];
         for (int k = 0; k < numVariants; ++k) {
             const int v = (k + r) % numVariants;
+            if (only >= 0 && v != 0 && v != only) {  // MFBENCH_ONLY=v: serial and variant v (instruction counts)
+                t[v] = cpu[v] = 1.0;
+                continue;
+            }
             if (v == 3)
                 systems[3]->tamber.chooseThreads(systems[3]->data, 2);  // as a caller would, each step
             const double cpuStart = threadCpuTime();
@@ -299,6 +330,7 @@ int main(int argc, char** argv) {
         std::printf("\n");
     }
 
+    if (std::getenv("MFBENCH_ONLY")) return 0;
     // Two systems at once: the same scene twice (cloth and box wall at about 10,000 blocks).
     std::printf("\nTwo systems from two threads at once (throughput / one after the other)\n");
     for (SceneKind kind : {SceneKind::cloth, SceneKind::boxWall}) {

@@ -3,7 +3,8 @@
 // blocks file names them). For each partition: blocks, the analysis time (default options: merging on),
 // the median serial factorization time (setBlocks included) over `runs`, nnz(L) and the scaled residual of a
 // solve. The first constraint row comes from the matrix's .blocks file (n1) when there is one, else all rows
-// are bodies.
+// are bodies. Then the peers' simplicial LDLᵀ factorizations (tools/bench/Peers.h) in the scalar order of
+// the detected run, on the same matrix (median factorization time over `runs`).
 //
 // Usage: ScalarBlocksBench [runs (default 5)] file.mtx[.gz] ...
 #include <kiv/Timer.h>
@@ -19,6 +20,7 @@
 #include "Analysis.h"
 #include "ScalarBlocks.h"
 #include "Tamber.h"
+#include "bench/Peers.h"
 
 using namespace kivTamber;
 
@@ -120,7 +122,8 @@ void multiply(const Matrix& m, const std::vector<double>& x, std::vector<double>
 }
 
 void run(const char* name, const Matrix& m, unsigned int firstConstraintRow, const char* label,
-         const std::vector<unsigned int>& sizes, bool peel, int runs) {
+         const std::vector<unsigned int>& sizes, bool peel, int runs,
+         std::vector<int>* scalarOrder = nullptr) {
     Analysis::ScalarProblem sp;
     std::string message;
     if (!sp.build(m.n, firstConstraintRow, m.cp.data(), m.ri.data(), static_cast<unsigned int>(sizes.size()),
@@ -156,6 +159,14 @@ void run(const char* name, const Matrix& m, unsigned int firstConstraintRow, con
         tamber.factorSerial(data);
         factor.push_back(seconds(t));
     }
+    if (scalarOrder) {
+        scalarOrder->clear();
+        for (unsigned int k = 0; k < sp.numBlocks(); ++k) {
+            const unsigned int b = analyzer.order()[k];
+            for (unsigned int q = sp.blockOffsets()[b]; q < sp.blockOffsets()[b + 1]; ++q)
+                scalarOrder->push_back(static_cast<int>(q));
+        }
+    }
     std::vector<double> ones(m.n, 1.0), b, bp(m.n), xp(m.n), x(m.n), Ax;
     multiply(m, ones, b);
     analyzer.permuteVector(b.data(), bp.data());
@@ -164,7 +175,8 @@ void run(const char* name, const Matrix& m, unsigned int firstConstraintRow, con
     multiply(m, x, Ax);
     double res = 0.0, bn = 0.0;
     for (unsigned int i = 0; i < m.n; ++i) {
-        res = std::max(res, std::fabs(Ax[i] - b[i]));
+        const double d = std::fabs(Ax[i] - b[i]);
+        res = d > res || d != d ? d : res;  // a NaN stays
         bn = std::max(bn, std::fabs(b[i]));
     }
     std::printf("%-24s %-10s %7u %7lu %9.2f %9.2f %9.2f %11lu %9.1e  %s\n", name, label, sp.numBlocks(),
@@ -174,6 +186,44 @@ void run(const char* name, const Matrix& m, unsigned int firstConstraintRow, con
                 1e3 * r.checkSeconds, 1e3 * r.orderSeconds, 1e3 * r.symbolicSeconds, 1e3 * r.layoutSeconds,
                 r.minimumDegreeCost.modelFlops(), r.nestedDissectionCost.modelFlops());
     std::fflush(stdout);
+}
+
+// The peers' factorizations in the given scalar order, on the upper triangle with every diagonal stored.
+void peers(const char* name, const Matrix& m, const std::vector<int>& order, int runs) {
+    bench::ScalarMatrix A;
+    A.n = static_cast<int>(m.n);
+    std::vector<std::vector<std::pair<int, double>>> columns(m.n);  // upper: column i holds row j <= i
+    for (unsigned int j = 0; j < m.n; ++j)
+        for (unsigned int e = m.cp[j]; e < m.cp[j + 1]; ++e)
+            columns[m.ri[e]].emplace_back(static_cast<int>(j), m.values[e]);
+    A.colPointers.assign(1, 0);
+    for (unsigned int i = 0; i < m.n; ++i) {
+        std::vector<std::pair<int, double>>& c = columns[i];
+        std::sort(c.begin(), c.end());
+        if (c.empty() || c.back().first != static_cast<int>(i)) c.emplace_back(static_cast<int>(i), 0.0);
+        for (const auto& rv : c) {
+            A.rowIndices.push_back(rv.first);
+            A.values.push_back(rv.second);
+        }
+        A.colPointers.push_back(static_cast<int>(A.rowIndices.size()));
+    }
+    for (bench::PeerEntry& p : bench::makePeers()) {
+        if (p.positiveDefiniteOnly) continue;
+        if (!p.peer->analyze(A, bench::PeerOrdering::given, order.data())) {
+            std::printf("%-24s %-24s analysis failed: %s\n", name, p.peer->name(),
+                        p.peer->lastError().c_str());
+            continue;
+        }
+        std::vector<double> times;
+        bool ok = true;
+        for (int k = 0; k < runs && ok; ++k) {
+            const std::uint64_t t = kiv::Timer::ticks();
+            ok = p.peer->factor(A);
+            times.push_back(seconds(t));
+        }
+        std::printf("%-24s %-24s %29s %9.2f %11.0f%s\n", name, p.peer->name(), "", 1e3 * median(times),
+                    p.peer->factorEntries(), ok ? "" : " (failed)");
+    }
 }
 
 std::vector<unsigned int> uniform(unsigned int n, unsigned int firstConstraintRow, unsigned int k) {
@@ -216,7 +266,10 @@ int main(int argc, char** argv) {
             "rows, %u of them constraints)\n",
             name.c_str(), found.numBlocks, detectMs, found.largestBlock, found.multiRowBlocks,
             found.rowsInMultiRowBlocks, found.multiRowConstraintBlocks);
-        run(name.c_str(), m, n1, "detected", found.blockSizes, found.multiRowConstraintBlocks == 0, runs);
+        std::vector<int> order;
+        run(name.c_str(), m, n1, "detected", found.blockSizes, found.multiRowConstraintBlocks == 0, runs,
+            &order);
+        peers(name.c_str(), m, order, runs);
         for (unsigned int k : {1u, 2u, 3u, 4u, 6u, 8u}) {
             char label[16];
             std::snprintf(label, sizeof label, "size %u", k);

@@ -1,22 +1,30 @@
 // The cost of the solver object over the best hand-written sequence of low-level calls, per time step.
 //
 // For each demo scene at about 10,000 blocks (the box wall with its active contacts), one time step is run
-// many times on the same values in two ways, the repetitions interleaved (the order of the two alternates):
+// many times on the same values in three ways, the repetitions interleaved (the order rotates):
 //  - Solver: setValues (bodies and the Jacobians J(c, b) as the physics holds them), factor(), solve() with
 //    the default refinement (one step against the true matrix, best iterate kept);
-//  - low-level: Analyzer::setBlocks from the scene's arrays, Tamber::factorSerial (or factorMF when the
-//  Solver
-//    chose it, on the same threads), Analyzer::permuteVector, TamberSolve::solve, Tamber::iterativeRefinement
-//    with one step, Analyzer::unpermuteVector; the same analysis (standard ordering with block merging).
-// Printed per scene: sizes, the median step of each way and of its parts (assemble, factor, solve with
-// refinement), the ratio of the medians, the median of the per-repetition ratios, and the largest relative
-// difference of the two solutions; the machine's load (/proc/loadavg) before and after.
+//  - by hand: Analyzer::setBlocks from the scene's arrays, Tamber::factorSerial (or factorMF when the Solver
+//    chose it, on the same threads), Analyzer::permuteVector, TamberSolve::solve,
+//    Tamber::iterativeRefinement with one step, Analyzer::unpermuteVector; the same analysis (standard
+//    ordering with block merging);
+//  - best by hand: the low-level sequence doing the work the Solver's refinement promises: the correction is
+//    kept only when the residual after it (one more product with A) is smaller, so that the result is never
+//    worse than the plain solve. Solver against it is the cost of the object itself (its ‖A‖∞ and scaled
+//    residual for the report, its bookkeeping); best by hand against by hand is the cost of the guarantee.
+// Printed per scene: sizes, the median step of the Solver and by hand with their parts (assemble, factor,
+// solve with refinement), the median step of the best by hand, the ratios of the medians (Solver / by hand,
+// Solver / best by hand), the median of the per-repetition ratios Solver / by hand, and the largest
+// relative difference of the Solver's and the hand-written solutions; the machine's load (/proc/loadavg)
+// before and after. Timings on a shared machine are noisy: instruction counts are the steadier figure.
 //
-// Usage: SolverBench [--blocks N] [--reps R] [--scene chain|ragdolls|cloth|boxes] [--only solver|lowlevel]
-// (defaults 10000, 41, every scene, both ways). --only runs one way alone, for instruction counts:
+// Usage: SolverBench [--blocks N] [--reps R] [--scene chain|ragdolls|cloth|boxes]
+//                    [--only solver|lowlevel|best]
+// (defaults 10000, 41, every scene, every way). --only runs one way alone, for instruction counts per step,
+// (count with --reps 4 − count with --reps 1) / 3, counted inside the step function only, e.g.
 //   valgrind --tool=callgrind --toggle-collect='*solverStep*' SolverBench --scene cloth --only solver --reps
-//   5 valgrind --tool=callgrind --toggle-collect='*lowLevelStep*' SolverBench --scene cloth --only lowlevel
-//   ...
+//   4
+// with '*lowLevelStep*' for --only lowlevel and '*lowLevelBestStep*' for --only best.
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -70,7 +78,7 @@ struct Bench {
     Tamber tamber;
     bool multifrontal = false;
 
-    std::vector<double> b, xSolver, xLow, bp, xp;
+    std::vector<double> b, xSolver, xLow, xBest, bp, xp, r, d, x1;
 };
 
 // One step through the object. noinline: the symbol callgrind's --toggle-collect names.
@@ -115,6 +123,39 @@ __attribute__((noinline)) Parts lowLevelStep(Bench& w) {
     t.factor = kiv::Timer::seconds(t1, t2);
     t.solve = kiv::Timer::seconds(t2, t3);
     return t;
+}
+
+// By hand with the Solver's promise: one refinement step, kept only when it lowers ‖r‖∞.
+__attribute__((noinline)) double lowLevelBestStep(Bench& w) {
+    const std::uint64_t t0 = kiv::Timer::ticks();
+    w.analyzer.setBlocks(w.data, w.problem.values.data(), w.problem.valuePointers.data());
+    if (w.multifrontal)
+        w.tamber.factorMF(w.data);
+    else
+        w.tamber.factorSerial(w.data);
+    const unsigned long N = w.b.size();
+    double* x = w.xp.data();
+    double* r = w.r.data();
+    double* d = w.d.data();
+    double* x1 = w.x1.data();
+    const double* bp = w.bp.data();
+    w.analyzer.permuteVector(w.b.data(), w.bp.data());
+    std::memcpy(x, bp, N * sizeof(double));
+    TamberSolve::solve(w.data, x);
+    w.data.matrix.multiply(x, r);
+    double norm0 = 0.0;
+    for (unsigned long k = 0; k < N; ++k) {
+        r[k] = bp[k] - r[k];  // r = b − A·x
+        norm0 = std::max(norm0, std::fabs(r[k]));
+    }
+    std::memcpy(d, r, N * sizeof(double));
+    TamberSolve::solve(w.data, d);  // δ = A⁻¹·r
+    for (unsigned long k = 0; k < N; ++k) x1[k] = x[k] + d[k];
+    w.data.matrix.multiply(x1, r);
+    double norm1 = 0.0;
+    for (unsigned long k = 0; k < N; ++k) norm1 = std::max(norm1, std::fabs(bp[k] - r[k]));
+    w.analyzer.unpermuteVector(norm1 < norm0 ? x1 : x, w.xBest.data());
+    return kiv::Timer::seconds(t0, kiv::Timer::ticks());
 }
 
 const char* sceneName(scenes::SceneKind kind) {
@@ -167,31 +208,51 @@ int runScene(scenes::SceneKind kind, unsigned long blocks, unsigned int reps, co
     for (unsigned long k = 0; k < N; ++k) w->b[k] = std::sin(0.37 * static_cast<double>(k) + 1.0);
     w->xSolver.assign(N, 0.0);
     w->xLow.assign(N, 0.0);
+    w->xBest.assign(N, 0.0);
+    w->r.assign(N, 0.0);
+    w->d.assign(N, 0.0);
+    w->x1.assign(N, 0.0);
     w->bp.assign(N, 0.0);
     w->xp.assign(N, 0.0);
 
     // Warm-up (first-call sizing of both ways); the low level follows the Solver's choice of path.
-    if (only != "lowlevel") solverStep(*w);
+    if (only == "" || only == "solver") {
+        solverStep(*w);
+    } else {
+        w->system.setValues(w->solver, w->problem);  // only to learn the path the Solver chooses
+        w->solver.factor();
+    }
     const SolverReport& report = w->solver.report();
     w->multifrontal = report.path == "multifrontal";
     w->data.useMultifrontal = w->multifrontal ? 1 : 0;
     w->data.numThreads = w->multifrontal ? report.threads : 1;
-    if (only != "solver") lowLevelStep(*w);
+    if (only == "" || only == "lowlevel") lowLevelStep(*w);
+    if (only == "" || only == "best") lowLevelBestStep(*w);
 
-    std::vector<double> sTotal, sAssemble, sFactor, sSolve, lTotal, lAssemble, lFactor, lSolve, ratios;
+    std::vector<double> sTotal, sAssemble, sFactor, sSolve, lTotal, lAssemble, lFactor, lSolve, best, ratios;
     for (unsigned int rep = 0; rep < reps; ++rep) {
         Parts s, l;
+        double bestSeconds = 0.0;
         if (only == "solver") {
             s = solverStep(*w);
         } else if (only == "lowlevel") {
             l = lowLevelStep(*w);
-        } else if (rep % 2 == 0) {
+        } else if (only == "best") {
+            bestSeconds = lowLevelBestStep(*w);
+        } else if (rep % 3 == 0) {
             s = solverStep(*w);
             l = lowLevelStep(*w);
+            bestSeconds = lowLevelBestStep(*w);
+        } else if (rep % 3 == 1) {
+            l = lowLevelStep(*w);
+            bestSeconds = lowLevelBestStep(*w);
+            s = solverStep(*w);
         } else {
-            l = lowLevelStep(*w);
+            bestSeconds = lowLevelBestStep(*w);
             s = solverStep(*w);
+            l = lowLevelStep(*w);
         }
+        best.push_back(bestSeconds);
         sTotal.push_back(s.total());
         sAssemble.push_back(s.assemble);
         sFactor.push_back(s.factor);
@@ -209,14 +270,16 @@ int runScene(scenes::SceneKind kind, unsigned long blocks, unsigned int reps, co
         norm = std::max(norm, std::fabs(w->xLow[k]));
     }
     const double ratio = median(lTotal) > 0 ? median(sTotal) / median(lTotal) : 0.0;
-    std::printf("%-9s %7u %8lu  %-13s %9s %9s %9s %9s | %9s %9s %9s %9s | %7.3f %7.3f  %.1e\n",
+    const double ratioBest = median(best) > 0 ? median(sTotal) / median(best) : 0.0;
+    std::printf("%-9s %7u %8lu  %-13s %9s %9s %9s %9s | %9s %9s %9s %9s | %9s | %7.3f %7.3f %7.3f  %.1e\n",
                 sceneName(kind), w->problem.numBlocks, N,
                 (report.path + "/" + std::to_string(report.threads)).c_str(),
                 milliseconds(median(sTotal)).c_str(), milliseconds(median(sAssemble)).c_str(),
                 milliseconds(median(sFactor)).c_str(), milliseconds(median(sSolve)).c_str(),
                 milliseconds(median(lTotal)).c_str(), milliseconds(median(lAssemble)).c_str(),
-                milliseconds(median(lFactor)).c_str(), milliseconds(median(lSolve)).c_str(), ratio,
-                median(ratios), norm > 0 ? difference / norm : difference);
+                milliseconds(median(lFactor)).c_str(), milliseconds(median(lSolve)).c_str(),
+                milliseconds(median(best)).c_str(), ratio, ratioBest, median(ratios),
+                only.empty() ? (norm > 0 ? difference / norm : difference) : 0.0);
     std::fflush(stdout);
     return 0;
 }
@@ -241,23 +304,25 @@ int main(int argc, char** argv) {
         } else {
             std::fprintf(stderr,
                          "usage: SolverBench [--blocks N] [--reps R] [--scene chain|ragdolls|cloth|boxes] "
-                         "[--only solver|lowlevel]\n");
+                         "[--only solver|lowlevel|best]\n");
             return 2;
         }
     }
-    if (blocks == 0 || reps == 0 || (only != "" && only != "solver" && only != "lowlevel")) {
+    if (blocks == 0 || reps == 0 ||
+        (only != "" && only != "solver" && only != "lowlevel" && only != "best")) {
         std::fprintf(stderr, "SolverBench: bad --blocks, --reps or --only\n");
         return 2;
     }
     kiv::Timer::clockSpeed();
     std::printf(
-        "SolverBench: one time step through the Solver and by hand, %u interleaved repetitions, "
+        "SolverBench: one time step through the Solver, by hand and best by hand, %u interleaved "
+        "repetitions, "
         "medians in ms\n",
         reps);
     std::printf("load average before: %s\n", loadAverage().c_str());
-    std::printf("%-9s %7s %8s  %-13s %9s %9s %9s %9s | %9s %9s %9s %9s | %7s %7s  %s\n", "scene", "blocks",
-                "N", "path/threads", "Solver", "assemble", "factor", "solve", "by hand", "assemble", "factor",
-                "solve", "ratio", "med.r", "‖Δx‖/‖x‖");
+    std::printf("%-9s %7s %8s  %-13s %9s %9s %9s %9s | %9s %9s %9s %9s | %9s | %7s %7s %7s  %s\n", "scene",
+                "blocks", "N", "path/threads", "Solver", "assemble", "factor", "solve", "by hand", "assemble",
+                "factor", "solve", "best", "ratio", "r.best", "med.r", "‖Δx‖/‖x‖");
     const scenes::SceneKind kinds[] = {scenes::SceneKind::chain, scenes::SceneKind::ragdolls,
                                        scenes::SceneKind::cloth, scenes::SceneKind::boxWall};
     int status = 0;
@@ -267,6 +332,7 @@ int main(int argc, char** argv) {
     }
     std::printf("load average after:  %s\n", loadAverage().c_str());
     std::printf(
-        "ratio: median Solver step / median step by hand; med.r: median of the per-repetition ratios\n");
+        "ratio: median Solver step / median step by hand; r.best: / median step of the best by hand; med.r: "
+        "median of the per-repetition ratios Solver / by hand\n");
     return status;
 }

@@ -158,7 +158,9 @@ struct Report {
     // groups that order gets, explicit zeros included). The order whose cost has the smaller modelFlops(w),
     // w = Options::mergeOperationFlops, is kept. nestedDissectionCost stays zero when nested dissection was
     // not tried (switched off, a minimum-degree prediction below the threshold, fewer than two constraints
-    // left after peeling, or METIS failed).
+    // left after peeling, or METIS failed). When the nested-dissection order's unmerged flops alone reach the
+    // minimum-degree factor's modelled time, it cannot win (merging only adds flops): its groups are not
+    // formed and nestedDissectionCost is its unmerged cost.
     FactorCost minimumDegreeCost;
     FactorCost nestedDissectionCost;
     bool usedNestedDissection = false;

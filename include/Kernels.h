@@ -166,7 +166,7 @@ void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
 // read): per row, w_c −= Σ_{t<c} l_ct·w_t for c = 1 … s−1, the sum from t = 0 up.
 void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s);
 
-// For s ≤ 6 (otherwise false, nothing done): W ← W·L⁻ᵀ as solveUnitDiagonal, then over all p columns
+// For s ≤ 6 and s = 12 (otherwise false, nothing done): W ← W·L⁻ᵀ as solveUnitDiagonal, then over all p columns
 // W(r, c) ← W(r, c)·recip[c] and LD(r, c) = W(r, c)·(c < s ? d[c] : 0). recip: p entries, padding 0. LD:
 // rows × s tile of stride p. Returns true.
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,

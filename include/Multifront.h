@@ -9,10 +9,17 @@
 // LD(·, j) and the update −L(r, j)·D_j·L(s, j)ᵀ for every pair r ≥ s of its off-diagonal rows, which goes
 // into the fronts of the ancestors s.
 //
-// The tree is split among the worker threads by estimated work: whole subtrees go to single threads and the
-// nodes near the roots (the "top") to one thread that waits for the subtrees of the others. A node whose
-// parent belongs to another thread keeps its update matrix in an update list and publishes it through its
-// WaitBlock; every other node subtracts its updates straight into its ancestors' fronts.
+// The tree is split among the worker threads by estimated work: whole subtrees (the "parts") go to single
+// threads and the nodes near the roots (the "top") to one thread that waits for the parts of the others. A
+// part is factored by the serial row kernels in place in L, with no fronts and no copies: its rows ascending
+// (every column of such a row lies in the part), then the entries of the top rows in the part's columns, and
+// the part's contribution to the top, −Σ_k LD(r, k)·L(s, k)ᵀ over its columns k for the pairs r ≥ s of its
+// root's off-diagonal rows. When the top belongs to another thread that contribution is gathered in the
+// root's update list and published through its WaitBlock; otherwise it goes straight into the top's fronts.
+// Only the top is factored by fronts. Its large nodes share their block solves and their update columns with
+// the other threads, once these have finished their parts, through a job board (MfJobBoard): the chunks are
+// fixed by the node and every tile gets its one product from the node in one chunk, so the results are the
+// same bits whoever computes them.
 //
 // Choosing the thread count (Tamber::chooseThreads): with W the estimated work of the whole factorization
 // (the flop units of the split below, block operations weighted as flops) and T_P the predicted length of the
@@ -378,6 +385,7 @@ public:
     kiv::VectorPOD<double> nodeWork;
     kiv::VectorPOD<double> subtreeWork;
     kiv::VectorPOD<unsigned int> order;
+    kiv::VectorPOD<unsigned int> sorted;
     kiv::VectorPOD<unsigned char> isTop;
     kiv::VectorPOD<double> threadLoads;
 

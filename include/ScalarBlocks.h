@@ -49,17 +49,19 @@ struct DetectedBlocks {
     unsigned int multiRowConstraintBlocks = 0;
 };
 
-// Largest block detectBlocks forms by default.
+// Largest block detectBlocks forms by default, and largest block of rows that are not all coupled to one
+// another (whose diagonal tile gets explicit zeros, and whose factor fills it).
 constexpr unsigned int kMaxDetectedBlockRows = 32;
+constexpr unsigned int kMaxLooseBlockRows = 6;
 
 // Partitions the rows into blocks of consecutive rows with identical patterns, as supernode detection does
 // on a factor: row r + 1 joins the block of rows s .. r when the rows outside s .. r + 1 that row s couples
 // to are exactly those that row r + 1 couples to, when r + 1 is not the first constraint row, and when the
-// block stays within maxBlockRows rows. (Whether the rows of a block couple to one another does not matter:
-// the diagonal tile is dense either way.) Rows of identical patterns make no fill between them that the
-// scalar factor does not have, and their off-diagonal tiles hold no explicit zeros: the block problem
-// factors like the scalar one, in far fewer, larger block operations. A pattern without such rows gives
-// n blocks of one row.
+// block stays within maxBlockRows rows; a block whose rows are not all coupled to one another (a diagonal
+// mass matrix, a group of constraint rows) stays within kMaxLooseBlockRows rows, since its diagonal tile and
+// the tile's factor are dense. Rows of identical patterns make no fill between them that the scalar factor
+// does not have, and their off-diagonal tiles hold no explicit zeros: the block problem factors like the
+// scalar one, in far fewer, larger block operations. A pattern without such rows gives n blocks of one row.
 //
 // colPointers: in, [n + 1]; rowIndices: in, [colPointers[n]] (the pattern described at the top).
 // out: receives the blocks (blockSizes add up to n); unchanged on failure.

@@ -69,8 +69,15 @@ struct FactorCost {
 // Returns false, with `filled` unchanged, when the tree has fewer nodes than the pattern has blocks.
 // Cost: O(|L| + |A|): two walks of the row subtrees (sizes, then the columns of L, which come out ascending)
 // and one transpose of the columns into rows, so no row is sorted.
+// withFillFlags false: the fillFlags of `filled` are left unwritten (for a caller that needs the pattern
+// only; saves a merge of every row of L with its row of A).
 bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
-                           SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr);
+                           SkeletonMatrix& filled, ScratchPad* scratchPad = nullptr,
+                           bool withFillFlags = true);
+
+// The fillFlags of a filled pattern `filled` of `permuted` (both list form, same order): 1 on the entries
+// that are not in `permuted`, 0 on the others and on the diagonal. O(|L| + |A|).
+void markFillIns(const SkeletonMatrix& permuted, SkeletonMatrix& filled);
 
 // The factor cost read from a filled pattern (list form, in elimination order) with sizes[k] the size of
 // block k in that order. Equals predictCost of the order that produced it.
@@ -103,7 +110,7 @@ struct Groups {
 
 struct MergeWork {
     kiv::VectorPOD<double> below;
-    kiv::VectorPOD<unsigned int> groupSize, touched;
+    kiv::VectorPOD<unsigned int> groupSize, touched, rowGroups, previousStart;
 };
 
 // The groups of block merging (Options::mergeBlocks in Analysis.h states the criterion), or one group per
@@ -125,6 +132,25 @@ FactorCost groupCost(const SkeletonMatrix& filled, const Groups& groups, const u
 void mergedPattern(const SkeletonMatrix& permuted, const Groups& groups, SkeletonMatrix& mergedPermuted,
                    kiv::VectorPOD<unsigned int>& mergedEntry, kiv::VectorPOD<unsigned int>& work4,
                    kiv::VectorPOD<unsigned int>& work5);
+
+// Column counts of L: rows [n] the scalar rows strictly below each diagonal block, blocks [n] the blocks.
+struct ColumnCounts {
+    kiv::VectorPOD<unsigned long> rows;
+    kiv::VectorPOD<unsigned int> blocks;
+};
+
+struct CountWork {
+    kiv::VectorPOD<unsigned int> post, first, maxFirst, prevLeaf, ancestor, colPtr, cursor, colRows;
+    kiv::VectorPOD<long> deltaRows, deltaBlocks;
+};
+
+// The column counts of L for the pattern S (list form) and its elimination tree (parent [n], roots their own
+// parent, parent[j] > j otherwise; postOrder [n]: the post-order number of each node), weighted by the block
+// sizes [n], without forming L: Gilbert, Ng and Peyton's algorithm ("An efficient algorithm to compute row
+// and column counts for sparse Cholesky factorization", 1994) on the row subtrees' leaves and least common
+// ancestors. Returns the cost of the factor. Cost O(|A|·α(n)).
+FactorCost countedCost(const SkeletonMatrix& S, const unsigned int* parent, const unsigned int* postOrder,
+                       const unsigned int* sizes, ColumnCounts& counts, CountWork& w);
 
 }  // namespace Analysis
 }  // namespace kivTamber

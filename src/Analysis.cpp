@@ -352,7 +352,6 @@ FactorCost predictCost(const Problem& problem, const unsigned int* forward) {
     return orderCost(g, forward, inverse.data(), problem.blockSizes, w, work);
 }
 
-
 // ---------------------------------------------------------------------------------------------------------
 // The analyzer.
 // ---------------------------------------------------------------------------------------------------------
@@ -454,14 +453,21 @@ struct Analyzer::Impl {
     // The non-template part of analyze: everything into the analyzer's own storage.
     bool prepare(const Problem& problem, const Options& options, Report& report);
     void orderStandard(const Problem& problem, const Options& options, Report& report);
-    bool haveCandidate = false;  // orderStandard left a nested-dissection order in `candidate`
-    void buildSymbolic(const Problem& problem, bool withTree = true);
+    // orderStandard: blocks peeled, bodies left to minimum degree, and whether nested dissection may follow.
+    unsigned int peeled = 0, remainingBodies = 0;
+    bool mayDissect = false;
+    void buildSymbolic(const Problem& problem, bool withTree = true, bool withFilled = true,
+                       bool withFillFlags = true);
+    ColumnCounts counts;
+    CountWork countWork;
+    void mergeStructure();
     // The minimum-degree order's tree, filled pattern and groups while the nested-dissection one is weighed.
     EliminationTree savedTree;
     SkeletonMatrix savedFilled;
     Groups savedGroups;
     void swapEvaluation();
-    FactorCost evaluate(const Problem& problem, const Options& options, Report& report);
+    FactorCost evaluate(const Problem& problem, const Options& options, Report& report, double bound = 0.0,
+                        bool* bounded = nullptr);
     void buildMerged();
     void finishAssembly();
 };
@@ -475,26 +481,21 @@ Analyzer::~Analyzer() {
 // Standard ordering: peel, csymamd with bodies first (Reordering::peelAndMinimumDegree), and for a large
 // remainder the nested-dissection candidate, weighed in prepare on the factor each order builds.
 void Analyzer::Impl::orderStandard(const Problem& problem, const Options& options, Report& report) {
+    (void)problem;
     const unsigned int n = graph.n;
-    unsigned int remainingBodies = 0;
     bool fallback = false;
-    const unsigned int pos =
+    peeled =
         Reordering::peelAndMinimumDegree(graph, options.peel, order, safeWork, remainingBodies, fallback);
-    report.peeledBlocks = pos;
+    report.peeledBlocks = peeled;
     report.orderingFallback = fallback;
-    const unsigned int m = n - pos;
-    if (!options.nestedDissection || remainingBodies == 0 || m - remainingBodies < 2) return;
-    computeInverse(order.data(), n, inverse);
-    const FactorCost md = orderCost(graph, order.data(), inverse.data(), problem.blockSizes, costWork, work5);
-    report.minimumDegreeFlops = md.flops;
-    if (md.flops <= options.nestedDissectionThreshold) return;
-    haveCandidate = Reordering::constraintNestedDissection(graph, problem.blockSizes, order, pos,
-                                                           remainingBodies, candidate, safeWork);
+    const unsigned int m = n - peeled;
+    mayDissect = options.nestedDissection && remainingBodies > 0 && m - remainingBodies >= 2;
 }
 
 // Permuted pattern of A with the assembly map and the permutation, and (withTree) its elimination tree and
 // the filled pattern of L, for `order`.
-void Analyzer::Impl::buildSymbolic(const Problem& problem, bool withTree) {
+void Analyzer::Impl::buildSymbolic(const Problem& problem, bool withTree, bool withFilled,
+                                   bool withFillFlags) {
     const unsigned int n = problem.numBlocks;
     const unsigned long entries = n == 0 ? 0 : problem.colPointers[n];
     const unsigned int* forward = order.data();
@@ -591,7 +592,7 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem, bool withTree) {
     TreeUpdate::computeTree(&tree, permuted, count);
     tree.computeTreeStructure();
     tree.computePostOrder();
-    computeFilledSkeleton(permuted, tree, filled, &pad);
+    if (withFilled) computeFilledSkeleton(permuted, tree, filled, &pad, withFillFlags);
 }
 
 void Analyzer::Impl::swapEvaluation() {
@@ -605,26 +606,75 @@ void Analyzer::Impl::swapEvaluation() {
 // Symbolic factorization of `order` (buildSymbolic), its groups (findGroups) and the cost of the factor that
 // data would receive: the groups' factor with merging, the blocks' otherwise. Sets report.unmergedCost and
 // report.explicitZeros; leaves work3 = the block size of each position.
-FactorCost Analyzer::Impl::evaluate(const Problem& problem, const Options& options, Report& report) {
+FactorCost Analyzer::Impl::evaluate(const Problem& problem, const Options& options, Report& report,
+                                    double bound, bool* bounded) {
     const unsigned int n = problem.numBlocks;
-    buildSymbolic(problem);
+    buildSymbolic(problem, true, false);
     grow(work3, n);
     for (unsigned int k = 0; k < n; ++k) work3[k] = problem.blockSizes[order[k]];
-    report.unmergedCost = filledCost(filled, work3.data(), costWork);
+    report.unmergedCost = countedCost(permuted, tree.parent, tree.postOrder, work3.data(), counts, countWork);
+    // Merging only adds flops, so unmerged flops above the bound rule the order out without going further.
+    if (bounded) *bounded = bound > 0.0 && report.unmergedCost.flops >= bound;
+    if (bounded && *bounded) return report.unmergedCost;
+    computeFilledSkeleton(permuted, tree, filled, &pad, !options.mergeBlocks);  // flags only for data
     report.explicitZeros = static_cast<unsigned long>(
         findGroups(filled, tree.parent, work3.data(), options.mergeBlocks, options.maxMergedSize,
                    options.mergeOperationFlops, groups, mergeWork));
-    return options.mergeBlocks ? groupCost(filled, groups, work3.data(), costWork) : report.unmergedCost;
+    if (!options.mergeBlocks || groupStart.size() == n + 1ul) return report.unmergedCost;  // nothing merged
+    return groupCost(filled, groups, work3.data(), costWork);
 }
 
 // The pattern of A on the groups (mergedPermuted, list form; mergedEntry[k] = its entry holding entry k of
 // `permuted`), its elimination tree with child lists and post order, its filled pattern, the identity
 // permutation of the groups and the group sizes (dataSizes).
 void Analyzer::Impl::buildMerged() {
+    const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
+    if (ng == permuted.n) {
+        // No block merged: the groups' pattern is the blocks' pattern, and the filled pattern the one of the
+        // evaluation (without its fill flags, set here).
+        const unsigned int n = ng;
+        const unsigned long entries = permuted.numEntries();
+        mergedPermuted.resize(n, entries, false);
+        std::memcpy(mergedPermuted.colPointers, permuted.colPointers, (n + 1ul) * sizeof(unsigned int));
+        if (entries > 0) {
+            std::memcpy(mergedPermuted.rowIndices, permuted.rowIndices, entries * sizeof(unsigned int));
+            std::memset(mergedPermuted.fillFlags, 0, entries);
+        }
+        grow(mergedEntry, entries);
+        for (unsigned long e = 0; e < entries; ++e) mergedEntry[e] = static_cast<unsigned int>(e);
+        const unsigned int capacity = n == 0 ? 1 : n;
+        if (mergedTree.parent == nullptr || mergedTree.capacity < capacity) {
+            if (mergedTree.parent) mergedTree.releaseMemory();
+            mergedTree.allocateMemory(capacity);
+        }
+        mergedTree.numNodes = n;
+        grow(work1, n);
+        for (unsigned int h = 0; h < n; ++h) work1[h] = 1;
+        TreeUpdate::computeTree(&mergedTree, mergedPermuted, work1.data());
+        mergedTree.computeTreeStructure();
+        mergedTree.computePostOrder();
+        dataSizes.resize(n);
+        if (n > 0) std::memcpy(dataSizes.data(), work3.data(), n * sizeof(unsigned int));
+        markFillIns(permuted, filled);
+        swapSkeleton(mergedFilled, filled);
+    } else {
+        mergeStructure();
+        computeFilledSkeleton(mergedPermuted, mergedTree, mergedFilled, &pad);
+    }
+    groupPerm.reserve(ng == 0 ? 1 : ng);
+    groupPerm.size = ng;
+    for (unsigned int h = 0; h < ng; ++h) {
+        groupPerm.forward[h] = h;
+        groupPerm.inverse[h] = h;
+    }
+}
+
+// The pattern of A on the groups, its elimination tree with child lists and post order, and the group sizes
+// (dataSizes). Precondition: buildSymbolic and the groups of the same order; work3 = sizes by position.
+void Analyzer::Impl::mergeStructure() {
     const unsigned int n = static_cast<unsigned int>(permuted.n);
     const unsigned int ng = static_cast<unsigned int>(groupStart.size() - 1);
     mergedPattern(permuted, groups, mergedPermuted, mergedEntry, work4, work5);
-
     const unsigned int capacity = ng == 0 ? 1 : ng;
     if (mergedTree.parent == nullptr || mergedTree.capacity < capacity) {
         if (mergedTree.parent) mergedTree.releaseMemory();
@@ -636,14 +686,6 @@ void Analyzer::Impl::buildMerged() {
     TreeUpdate::computeTree(&mergedTree, mergedPermuted, work1.data());
     mergedTree.computeTreeStructure();
     mergedTree.computePostOrder();
-    computeFilledSkeleton(mergedPermuted, mergedTree, mergedFilled, &pad);
-
-    groupPerm.reserve(capacity);
-    groupPerm.size = ng;
-    for (unsigned int h = 0; h < ng; ++h) {
-        groupPerm.forward[h] = h;
-        groupPerm.inverse[h] = h;
-    }
     dataSizes.resize(ng);
     for (unsigned int h = 0; h < ng; ++h) dataSizes[h] = 0;
     for (unsigned int k = 0; k < n; ++k) dataSizes[groupOf[k]] += work3[k];
@@ -692,7 +734,7 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
     std::uint64_t t = kiv::Timer::ticks();
     const unsigned int n = problem.numBlocks;
     const bool allowR = options.peel;
-    haveCandidate = false;
+    mayDissect = false;
     if (!checkForm(problem, &report.message)) return false;
     buildGraph(problem, graph, work1);
     if (!checkCoupling(graph, &report.message)) return false;
@@ -741,30 +783,39 @@ bool Analyzer::Impl::prepare(const Problem& problem, const Options& options, Rep
     // factors they build (merged, explicit zeros included).
     t = kiv::Timer::ticks();
     FactorCost cost = evaluate(problem, options, report);
-    if (haveCandidate) {
+    const bool standardOrder = options.ordering == Ordering::standard ||
+                               (options.ordering == Ordering::centroid && report.centroidFallback);
+    if (standardOrder) {
         report.minimumDegreeCost = cost;
-        const FactorCost mdUnmerged = report.unmergedCost;
-        const unsigned long mdZeros = report.explicitZeros;
-        swapEvaluation();  // keep the minimum-degree tree, filled pattern and groups aside
-        order.swap(candidate);
-        const FactorCost nd = evaluate(problem, options, report);
-        report.nestedDissectionCost = nd;
-        report.nestedDissectionFlops = report.unmergedCost.flops;
-        const double weight = options.mergeOperationFlops;
-        if (nd.modelFlops(weight) < cost.modelFlops(weight)) {
-            report.usedNestedDissection = true;
-            cost = nd;
-        } else {
+        report.minimumDegreeFlops = mayDissect ? report.unmergedCost.flops : 0.0;
+    }
+    if (standardOrder && mayDissect && report.unmergedCost.flops > options.nestedDissectionThreshold) {
+        const std::uint64_t tNd = kiv::Timer::ticks();
+        const bool haveCandidate = Reordering::constraintNestedDissection(
+            graph, problem.blockSizes, order, peeled, remainingBodies, candidate, safeWork);
+        report.orderSeconds += secondsSince(tNd);
+        if (haveCandidate) {
+            const FactorCost mdUnmerged = report.unmergedCost;
+            const unsigned long mdZeros = report.explicitZeros;
+            const double weight = options.mergeOperationFlops;
+            swapEvaluation();  // keep the minimum-degree tree, filled pattern and groups aside
             order.swap(candidate);
-            report.unmergedCost = mdUnmerged;
-            report.explicitZeros = mdZeros;
-            swapEvaluation();
-            buildSymbolic(problem, false);  // the permuted pattern and assembly map of the kept order
-            for (unsigned int q = 0; q < n; ++q) work3[q] = problem.blockSizes[order[q]];
+            bool bounded = false;
+            const FactorCost nd = evaluate(problem, options, report, cost.modelFlops(weight), &bounded);
+            report.nestedDissectionCost = nd;
+            report.nestedDissectionFlops = report.unmergedCost.flops;
+            if (!bounded && nd.modelFlops(weight) < cost.modelFlops(weight)) {
+                report.usedNestedDissection = true;
+                cost = nd;
+            } else {
+                order.swap(candidate);
+                report.unmergedCost = mdUnmerged;
+                report.explicitZeros = mdZeros;
+                swapEvaluation();
+                buildSymbolic(problem, false);  // the permuted pattern and assembly map of the kept order
+                for (unsigned int q = 0; q < n; ++q) work3[q] = problem.blockSizes[order[q]];
+            }
         }
-    } else if (options.ordering == Ordering::standard ||
-               (options.ordering == Ordering::centroid && report.centroidFallback)) {
-        report.minimumDegreeCost = cost;
     }
 
     // Whatever produced it, the order must satisfy the rule.
@@ -837,6 +888,7 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     }
 
     try {
+        data.matrix.clear();
         data.matrix.setSize(nb, nb, blocks, values);
         w.staged.destinations.resize(w.staged.entries);
     } catch (const std::bad_alloc&) {
@@ -856,8 +908,6 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     swapSkeleton(data.skeleton, w.merged ? w.mergedFilled : w.filled);
     swapTree(data.etree, w.merged ? w.mergedTree : w.tree);
     data.isFactored = 0;
-    data.matrix.clear();
-    data.matrix.setSize(nb, nb, blocks, values);  // allocates nothing: the capacities suffice
     for (unsigned int c = 0; c < nb; ++c) {
         for (unsigned int e = S.colPointers[c]; e < S.colPointers[c + 1]; ++e) {
             const unsigned int r = S.rowIndices[e];

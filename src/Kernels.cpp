@@ -471,17 +471,17 @@ void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C
 }
 void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
                         unsigned int sj) {
-    kernels::forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
+    kernels::forwardOffDiagonalStep(B, ld, xi, si, xj, sj);
 }
 void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
-    kernels::forwardDiagonalPaired(U, ld, xj, sj);
+    kernels::forwardDiagonalStep(U, ld, xj, sj);
 }
 void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj) {
-    kernels::backwardDiagonalPaired(U, ld, xj, sj);
+    kernels::backwardDiagonalStep(U, ld, xj, sj);
 }
 void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
                          unsigned int si) {
-    kernels::backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
+    kernels::backwardOffDiagonalStep(B, ld, xj, sj, xi, si);
 }
 
 }  // namespace fast

@@ -10,6 +10,10 @@
 
 #include <emmintrin.h>
 
+#include <array>
+#include <cstddef>
+#include <utility>
+
 #include "Kernels.h"
 
 // Complete unrolling of the loops over compile-time sizes, so that the rows of a small block live in
@@ -30,12 +34,20 @@ inline void copyTile(float* to, const float* from, unsigned long count) {
 
 // W ← W·L_jj⁻ᵀ for the s_i × s_j block W (row stride p_j) and the unit lower block L_jj (row stride p_j):
 // row by row, forward substitution with the strictly lower part.
-// float: tamber_SM_UD, which divides by the stored diagonal of L_jj; that diagonal is exactly 1, so the
-// quotients are exact.
+// float: the term-by-term substitution of tamber_SM_UD (each w_c −= l_ct·w_t in turn, t ascending) without
+// its divisions by the stored diagonal of L_jj, which is exactly 1: the quotients are exact, so the results
+// are the same bits.
 inline void solveUnitDiagonal(const float* Ljj, unsigned int p_j, float* W, unsigned int s_i,
                               unsigned int s_j) {
-    tamber_SM_UD(Ljj, static_cast<int>(p_j), W, static_cast<int>(p_j), static_cast<int>(s_i),
-                 static_cast<int>(s_j));
+    for (unsigned int r = 0; r < s_i; ++r) {
+        float* const w = W + static_cast<unsigned long>(r) * p_j;
+        for (unsigned int c = 1; c < s_j; ++c) {
+            const float* const l = Ljj + static_cast<unsigned long>(c) * p_j;
+            float wc = w[c];
+            for (unsigned int t = 0; t < c; ++t) wc -= l[t] * w[t];  // w_c -= l_ct·w_t
+            w[c] = wc;
+        }
+    }
 }
 // double: the same loops inline (the unit diagonal is not read). S > 0 fixes s_j at compile time, so that the
 // loops over c and t unroll into straight code; the arithmetic and its order are the same for every S.
@@ -134,6 +146,8 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
             return solveUnitDiagonalFixed<5>(Ljj, p_j, W, s_i, s_j);
         case 6:
             return solveUnitDiagonalFixed<6>(Ljj, p_j, W, s_i, s_j);
+        case 12:
+            return solveUnitDiagonalFixed<12>(Ljj, p_j, W, s_i, s_j);
         default:
             return solveUnitDiagonalFixed<0>(Ljj, p_j, W, s_i, s_j);
     }
@@ -293,6 +307,8 @@ inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
             return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
         case 6:
             return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
+        case 12:  // a merged pair of bodies
+            return factorDiagonalBlockFixed<T, 12>(W, p, s, d);
         default:
             return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
     }
@@ -390,7 +406,8 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
     }
 }
 
-// finishSmallBlockFixed for block sizes 1 to 6 of double; false (nothing done) otherwise.
+// finishSmallBlockFixed for block sizes 1 to 6 and 12 (a merged pair of bodies) of double; false (nothing
+// done) otherwise.
 inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
                              const double* recip, const double* dj) {
     switch (s_j) {
@@ -411,6 +428,9 @@ inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigne
             return true;
         case 6:
             finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 12:
+            finishSmallBlockFixed<12>(Ljj, W, LDij, s_i, recip, dj);
             return true;
         default:
             return false;
@@ -557,6 +577,253 @@ inline void backwardOffDiagonalPaired(const double* B, unsigned int ld, const do
         }
         _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
     }
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// The paired solve steps for sizes up to 6 fixed at compile time: the operations of the kernels above, entry
+// by entry in the same order, as straight-line code (their loops run one to three times on the tiles of
+// physics systems and cost as much as the arithmetic).
+// ---------------------------------------------------------------------------------------------------------
+
+template <int SI, int SJ>
+void forwardOffDiagonalFixed(const double* B, unsigned int ld, const double* xi, double* xj) {
+    constexpr int PI = (SI + 1) & ~1, PJ = (SJ + 1) & ~1;
+    __m128d v[PI / 2];
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < PI; q += 2) v[q / 2] = _mm_loadu_pd(xi + q);
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < PJ; r += 2) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < PI; q += 2) {
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v[q / 2]));  // B(q, r)·x_i(q)
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v[q / 2]));
+        }
+        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
+    }
+}
+
+template <int SJ>
+void forwardDiagonalFixed(const double* U, unsigned int ld, double* xj) {
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < SJ; r += 2) {
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < r; q += 2) {
+            const __m128d v = _mm_loadu_pd(xj + q);
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(u0 + q), v));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(u1 + q), v));
+        }
+        const double x0 = xj[r] - laneSum(a0);
+        const double x1 = xj[r + 1] - (laneSum(a1) + u1[r] * x0);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+    }
+}
+
+template <int SJ>
+void backwardDiagonalFixed(const double* U, unsigned int ld, double* xj) {
+    constexpr int top = SJ & ~1;  // an odd top row first, alone
+    if (SJ & 1) {
+        const double* u0 = U + static_cast<unsigned long>(top) * ld;
+        xj[top] = divideByDiagonal(xj[top], u0[top]);
+        const __m128d s0 = _mm_set1_pd(xj[top]);
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < top; q += 2)
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), _mm_mul_pd(_mm_loadu_pd(u0 + q), s0)));
+    }
+    KIVTAMBER_UNROLL
+    for (int r = top - 2; r >= 0; r -= 2) {
+        const double* u0 = U + static_cast<unsigned long>(r) * ld;
+        const double* u1 = u0 + ld;
+        const double x1 = divideByDiagonal(xj[r + 1], u1[r + 1]);
+        const double x0 = divideByDiagonal(xj[r] - u1[r] * x1, u0[r]);
+        _mm_storeu_pd(xj + r, _mm_set_pd(x1, x0));
+        const __m128d s0 = _mm_set1_pd(x0);
+        const __m128d s1 = _mm_set1_pd(x1);
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < r; q += 2) {
+            const __m128d t =
+                _mm_add_pd(_mm_mul_pd(_mm_loadu_pd(u0 + q), s0), _mm_mul_pd(_mm_loadu_pd(u1 + q), s1));
+            _mm_storeu_pd(xj + q, _mm_sub_pd(_mm_loadu_pd(xj + q), t));
+        }
+    }
+}
+
+template <int SI, int SJ>
+void backwardOffDiagonalFixed(const double* B, unsigned int ld, const double* xj, double* xi) {
+    constexpr int PI = (SI + 1) & ~1, PJ = (SJ + 1) & ~1;
+    __m128d x[PJ];
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < PJ; ++r) x[r] = _mm_set1_pd(xj[r]);
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < PI; q += 2) {
+        __m128d acc = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < PJ; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), x[r]));           // B(q.., r)·x_j(r)
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x[r + 1]));  // B(q.., r+1)·x_j(r+1)
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
+    }
+}
+
+using OffDiagonalStep = void (*)(const double*, unsigned int, const double*, double*);
+using DiagonalStep = void (*)(const double*, unsigned int, double*);
+
+template <std::size_t... I>
+constexpr std::array<OffDiagonalStep, sizeof...(I)> forwardOffDiagonalTable(std::index_sequence<I...>) {
+    return {{&forwardOffDiagonalFixed<int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+template <std::size_t... I>
+constexpr std::array<OffDiagonalStep, sizeof...(I)> backwardOffDiagonalTable(std::index_sequence<I...>) {
+    return {{&backwardOffDiagonalFixed<int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+
+// The solve steps of the double solves: fixed code for sizes up to 6, the general paired loops above.
+inline void forwardOffDiagonalStep(const double* B, unsigned int ld, const double* xi, unsigned int si,
+                                   double* xj, unsigned int sj) {
+    static constexpr std::array<OffDiagonalStep, 36> table =
+        forwardOffDiagonalTable(std::make_index_sequence<36>());
+    if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xi, xj);
+    forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
+}
+inline void backwardOffDiagonalStep(const double* B, unsigned int ld, const double* xj, unsigned int sj,
+                                    double* xi, unsigned int si) {
+    static constexpr std::array<OffDiagonalStep, 36> table =
+        backwardOffDiagonalTable(std::make_index_sequence<36>());
+    if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xj, xi);
+    backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
+}
+inline void forwardDiagonalStep(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    static constexpr DiagonalStep table[6] = {&forwardDiagonalFixed<1>, &forwardDiagonalFixed<2>,
+                                              &forwardDiagonalFixed<3>, &forwardDiagonalFixed<4>,
+                                              &forwardDiagonalFixed<5>, &forwardDiagonalFixed<6>};
+    if (sj - 1 < 6) return table[sj - 1](U, ld, xj);
+    forwardDiagonalPaired(U, ld, xj, sj);
+}
+inline void backwardDiagonalStep(const double* U, unsigned int ld, double* xj, unsigned int sj) {
+    static constexpr DiagonalStep table[6] = {&backwardDiagonalFixed<1>, &backwardDiagonalFixed<2>,
+                                              &backwardDiagonalFixed<3>, &backwardDiagonalFixed<4>,
+                                              &backwardDiagonalFixed<5>, &backwardDiagonalFixed<6>};
+    if (sj - 1 < 6) return table[sj - 1](U, ld, xj);
+    backwardDiagonalPaired(U, ld, xj, sj);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Products of a block-sparse symmetric matrix with a vector (SparseMatrix::multiplyAdd), per tile.
+// ---------------------------------------------------------------------------------------------------------
+
+// Both products of an off-diagonal tile in one pass: y_i += B·x_j and y_j += Bᵀ·x_i, with K = Bᵀ the
+// row-major view (s_j × s_i, leading dimension ld): y_i(q) += k_rq·x_j(r) over r ascending, y_j(r) +=
+// k_rq·x_i(q) over q ascending, each entry accumulated in that order. SI, SJ > 0 fix the sizes at compile
+// time (the same operations).
+template <typename T, int SI, int SJ>
+inline void addBothProducts(const T* __restrict K, unsigned int ld, const T* __restrict xi,
+                            const T* __restrict xj, T* __restrict yi, T* __restrict yj,
+                            unsigned int siDynamic, unsigned int sjDynamic) {
+    if (SI > 0 && SJ > 0) {
+        T y[SI > 0 ? SI : 1];
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < SI; ++q) y[q] = yi[q];
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < SJ; ++r) {
+            const T* k = K + static_cast<unsigned long>(r) * ld;
+            const T s = xj[r];
+            T acc = yj[r];
+            KIVTAMBER_UNROLL
+            for (int q = 0; q < SI; ++q) {
+                y[q] += k[q] * s;     // y_i += B·x_j
+                acc += k[q] * xi[q];  // y_j += Bᵀ·x_i
+            }
+            yj[r] = acc;
+        }
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < SI; ++q) yi[q] = y[q];
+        return;
+    }
+    for (unsigned int r = 0; r < sjDynamic; ++r) {
+        const T* k = K + static_cast<unsigned long>(r) * ld;
+        const T s = xj[r];
+        T acc = yj[r];
+        for (unsigned int q = 0; q < siDynamic; ++q) {
+            yi[q] += k[q] * s;
+            acc += k[q] * xi[q];
+        }
+        yj[r] = acc;
+    }
+}
+
+// y += A·x for a symmetric tile from the row-major lower triangle of its view K (leading dimension ld): for
+// each row i, y_i += k_ii·x_i, then for j < i, y_i += k_ij·x_j and y_j += k_ij·x_i. S > 0 fixes the size.
+template <typename T, int S>
+inline void addSymmetricProduct(const T* __restrict K, unsigned int ld, const T* __restrict x,
+                                T* __restrict y, unsigned int nDynamic) {
+    const unsigned int n = S > 0 ? static_cast<unsigned int>(S) : nDynamic;
+    if (S > 0) {
+        T v[S > 0 ? S : 1];
+        KIVTAMBER_UNROLL
+        for (int i = 0; i < S; ++i) v[i] = y[i];
+        KIVTAMBER_UNROLL
+        for (int i = 0; i < S; ++i) {
+            const T* k = K + static_cast<unsigned long>(i) * ld;
+            const T xi = x[i];
+            T yi = v[i] + k[i] * xi;
+            KIVTAMBER_UNROLL
+            for (int j = 0; j < i; ++j) {
+                yi += k[j] * x[j];  // y_i += a_ij x_j
+                v[j] += k[j] * xi;  // y_j += a_ij x_i
+            }
+            v[i] = yi;
+        }
+        KIVTAMBER_UNROLL
+        for (int i = 0; i < S; ++i) y[i] = v[i];
+        return;
+    }
+    for (unsigned int i = 0; i < n; ++i) {
+        const T* k = K + static_cast<unsigned long>(i) * ld;
+        const T xi = x[i];
+        T yi = y[i] + k[i] * xi;
+        for (unsigned int j = 0; j < i; ++j) {
+            yi += k[j] * x[j];
+            y[j] += k[j] * xi;
+        }
+        y[i] = yi;
+    }
+}
+
+template <typename T>
+using BothProducts = void (*)(const T*, unsigned int, const T*, const T*, T*, T*, unsigned int, unsigned int);
+template <typename T>
+using SymmetricProduct = void (*)(const T*, unsigned int, const T*, T*, unsigned int);
+
+template <typename T, std::size_t... I>
+constexpr std::array<BothProducts<T>, sizeof...(I)> bothProductsTable(std::index_sequence<I...>) {
+    return {{&addBothProducts<T, int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+
+// addBothProducts through fixed code for sizes up to 6.
+template <typename T>
+inline void addBothProductsAnySize(const T* K, unsigned int ld, const T* xi, const T* xj, T* yi, T* yj,
+                                   unsigned int si, unsigned int sj) {
+    static constexpr std::array<BothProducts<T>, 36> table =
+        bothProductsTable<T>(std::make_index_sequence<36>());
+    if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](K, ld, xi, xj, yi, yj, si, sj);
+    addBothProducts<T, 0, 0>(K, ld, xi, xj, yi, yj, si, sj);
+}
+
+// addSymmetricProduct through fixed code for sizes up to 6.
+template <typename T>
+inline void addSymmetricProductAnySize(const T* K, unsigned int ld, const T* x, T* y, unsigned int n) {
+    static constexpr SymmetricProduct<T> table[6] = {&addSymmetricProduct<T, 1>, &addSymmetricProduct<T, 2>,
+                                                     &addSymmetricProduct<T, 3>, &addSymmetricProduct<T, 4>,
+                                                     &addSymmetricProduct<T, 5>, &addSymmetricProduct<T, 6>};
+    if (n - 1 < 6) return table[n - 1](K, ld, x, y, n);
+    addSymmetricProduct<T, 0>(K, ld, x, y, n);
 }
 
 }  // namespace kernels

@@ -64,7 +64,7 @@ void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int 
 
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
                       const double* recip, const double* d) {
-    if (s < 1 || s > 6) return false;
+    if (s < 1 || (s > 6 && s != 12)) return false;
     const unsigned int p = evenUp(s);
     solveUnitDiagonal(L, p, W, rows, s);
     for (unsigned int r = 0; r < rows; ++r) {

@@ -49,7 +49,7 @@ constexpr double blockOpCost = 30.0;
 
 // The choice of the thread count (see Multifront.h): least work for threads, least predicted gain, and the
 // cost of waking the workers and waiting for them, in the flop units of the split.
-constexpr double parallelMinWork = 2.5e6;
+constexpr double parallelMinWork = 4e6;
 constexpr double parallelMinGain = 1.2;
 constexpr double dispatchWork = 2e5;
 
@@ -285,13 +285,32 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
     const unsigned int parallel = processors == 0 || owners < processors ? owners : processors;
     unsigned long bestCuts = 0;
     topWork = 0.0;
+    // Time of the subtrees in `order` (a heap) on `parallel` threads: while they are few, the greedy
+    // assignment that the split makes below (largest first, each to the least loaded thread), simulated;
+    // otherwise its lower bound max(largest, Σ / parallel), which many small subtrees come close to.
+    threadLoads.resize(std::max(owners, parallel));
+    auto makespan = [&]() {
+        if (order.empty()) return 0.0;
+        double total = 0.0;
+        for (unsigned int x : order) total += sub[x];
+        const double bound = std::max(sub[order[0]], total / parallel);
+        if (order.size() > 64ul * parallel) return bound;
+        sorted.resize(order.size());
+        std::copy(order.begin(), order.end(), sorted.begin());
+        std::sort(sorted.begin(), sorted.end(),
+                  [sub](unsigned int a, unsigned int b) { return sub[a] > sub[b]; });
+        double* bins = threadLoads.data();
+        std::fill(bins, bins + parallel, 0.0);
+        for (unsigned int x : sorted) *std::min_element(bins, bins + parallel) += sub[x];
+        return *std::max_element(bins, bins + parallel);
+    };
     if (owners > 1 && !order.empty()) {
         // Cut the heaviest subtree at its root as long as the estimate can still improve; remember the best
         // length of the cut sequence. A pass that records the sequence, then one that replays its best part.
         for (int pass = 0; pass < 2; ++pass) {
             std::make_heap(order.begin(), order.end(), lighter);
-            double sum = totalWork, top = 0.0;
-            double best = std::max(sub[order[0]], sum / parallel);
+            double top = 0.0;
+            double best = makespan();
             unsigned long cuts = 0;
             while (!order.empty()) {
                 if (pass == 1 && cuts == bestCuts) break;
@@ -305,15 +324,16 @@ void MultifrontManager<T>::prepare(const SkeletonMatrix& pattern, const unsigned
                 isTop[x] = 1;
                 ++cuts;
                 top += added;
-                sum -= nodeWork[x];
                 for (unsigned int c = firstChild[x]; c != noNode; c = sibling[c]) {
                     order.push_back(c);
                     std::push_heap(order.begin(), order.end(), lighter);
                 }
-                const double estimate = (order.empty() ? 0.0 : std::max(sub[order[0]], sum / parallel)) + top;
-                if (pass == 0 && estimate < best) {
-                    best = estimate;
-                    bestCuts = cuts;
+                if (pass == 0) {
+                    const double estimate = makespan() + top;
+                    if (estimate < best) {
+                        best = estimate;
+                        bestCuts = cuts;
+                    }
                 }
             }
             if (pass == 0) {  // undo, replay the best prefix in the second pass

@@ -118,11 +118,19 @@ bool detectBlocks(unsigned int n, unsigned int firstConstraintRow, const unsigne
         found.offDiagonalPairs = adj.size() / 2;
         const unsigned int* A = adj.data();
         unsigned int start = 0;
+        bool tight = true;  // every two rows of the open block are coupled
+        const unsigned int looseRows = std::min(maxBlockRows, kMaxLooseBlockRows);
         for (unsigned int r = 0; r < n; ++r) {
-            const bool join =
-                r > start && r != firstConstraintRow && r - start < maxBlockRows &&
-                sameOutside(A + ptr[start], A + ptr[start + 1], A + ptr[r], A + ptr[r + 1], start, r);
+            bool join = r > start && r != firstConstraintRow && r - start < maxBlockRows &&
+                        sameOutside(A + ptr[start], A + ptr[start + 1], A + ptr[r], A + ptr[r + 1], start, r);
+            if (join) {
+                const unsigned int* lo = std::lower_bound(A + ptr[r], A + ptr[r + 1], start);
+                const bool coupledToAll = std::lower_bound(lo, A + ptr[r + 1], r) - lo == r - start;
+                join = (tight && coupledToAll) || r - start + 1 <= looseRows;
+                if (join) tight = tight && coupledToAll;
+            }
             if (join) continue;
+            tight = true;
             if (r > start) found.blockSizes.push_back(r - start);
             if (r == firstConstraintRow)
                 found.firstConstraint = static_cast<unsigned int>(found.blockSizes.size());

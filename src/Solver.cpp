@@ -134,6 +134,7 @@ struct Solver<T>::Impl {
 
     // Activity: desired (per user scalar row) and as held by the factor; a count of the inactive desired.
     std::vector<unsigned char> desiredActive, factorActive;
+    bool factorAllActive = true;  // no equation of factorActive is switched off (the common case: no lookups)
     bool switchPending = false;
 
     // Factor state.
@@ -151,9 +152,10 @@ struct Solver<T>::Impl {
     std::vector<T> savedDiagonal;             // [N]
 
     // Work vectors of the solves (grown to N·k).
-    std::vector<T> permutedB, permutedX, residual, correction, best;
+    std::vector<T> permutedB, permutedX, residual, best;
     std::vector<double> residualNorms, bestNorm, bestScaled;
     std::vector<unsigned char> improving;
+    std::vector<T*> current, trial;  // per right-hand side: its best iterate and the next one
 
     Impl() = default;
 
@@ -314,6 +316,7 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
     savedDiagonal.assign(N, T(0));
     desiredActive.assign(N, 1);
     factorActive.assign(N, 1);
+    factorAllActive = true;
     switchPending = false;
     valuesChanged = true;
     factorValid = false;
@@ -397,9 +400,7 @@ Status Solver<T>::Impl::writeSlot(const Slot& s, const T* values, const char* wh
 
 template <typename T>
 bool Solver<T>::Impl::anyInactive() const {
-    for (unsigned long p = 0; p < N; ++p)
-        if (!desiredActive[p]) return true;
-    return false;
+    return N > 0 && std::memchr(desiredActive.data(), 0, N) != nullptr;
 }
 
 // Replaces every switched-off equation p of the matrix by a unit equation (row and column p zero, 1 on the
@@ -574,6 +575,7 @@ Status Solver<T>::Impl::factorNow() {
         }
     }
     factorActive = desiredActive;
+    factorAllActive = !masked;
     switchPending = false;
     valuesChanged = false;
     report.factorSeconds = secondsSince(start);
@@ -660,6 +662,7 @@ Status Solver<T>::Impl::updateInPlace() {
             }
             const bool ok = rankMod.apply(data, switchOff, switchOn, RankMod::batched);
             factorActive = desiredActive;
+            factorAllActive = !anyInactive();
             if (!ok) {
                 factorValid = false;
                 valuesChanged = true;  // the next solve asks for a factorization
@@ -702,6 +705,40 @@ double Solver<T>::Impl::matrixNormInf() {
     std::vector<double>& rows = residualNorms;  // reused as row sums, N values
     rows.assign(N, 0.0);
     const unsigned int nb = static_cast<unsigned int>(A.numBlockCols);
+    if (factorAllActive) {
+        // Every equation active: |A| summed tile by tile without looking up the activity of each entry.
+        for (unsigned int j = 0; j < nb; ++j) {
+            const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
+            const unsigned int diagonalTile = A.colPointers[j + 1] - 1;
+            for (unsigned int e = A.colPointers[j]; e < diagonalTile; ++e) {
+                const unsigned int i = A.rowIndices[e], oi = A.blockOffsets[i], si = A.blockSizes[i];
+                const unsigned long ld = A.blockStrides[i];
+                const T* tile = A.blockPointers[e];
+                for (unsigned int c = 0; c < sj; ++c) {
+                    double column = 0.0;
+                    for (unsigned int r = 0; r < si; ++r) {
+                        const double v = std::fabs(static_cast<double>(tile[c * ld + r]));
+                        rows[oi + r] += v;
+                        column += v;
+                    }
+                    rows[oj + c] += column;
+                }
+            }
+            const unsigned long ld = A.blockStrides[j];
+            const T* tile = A.blockPointers[diagonalTile];
+            for (unsigned int c = 0; c < sj; ++c) {
+                for (unsigned int r = 0; r < c; ++r) {  // the triangle r < c, each entry for both its rows
+                    const double v = std::fabs(static_cast<double>(tile[c * ld + r]));
+                    rows[oj + r] += v;
+                    rows[oj + c] += v;
+                }
+                rows[oj + c] += std::fabs(static_cast<double>(tile[c * ld + c]));
+            }
+        }
+        normA = 0.0;
+        for (unsigned long p = 0; p < N; ++p) normA = std::max(normA, rows[p]);
+        return normA;
+    }
     for (unsigned int j = 0; j < nb; ++j) {
         const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
         for (unsigned int e = A.colPointers[j]; e < A.colPointers[j + 1]; ++e) {
@@ -728,6 +765,10 @@ double Solver<T>::Impl::matrixNormInf() {
 template <typename T>
 void Solver<T>::Impl::residualOf(const T* b, const T* x, T* r) const {
     data.matrix.multiply(x, r);
+    if (factorAllActive) {
+        for (unsigned long p = 0; p < N; ++p) r[p] = b[p] - r[p];
+        return;
+    }
     for (unsigned long p = 0; p < N; ++p) r[p] = factorActive[factorToUser[p]] ? b[p] - r[p] : T(0);
 }
 
@@ -792,18 +833,19 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
     atLeast(permutedX, total);
     if (steps > 0) {
         atLeast(residual, total);
-        atLeast(correction, total);
         atLeast(best, total);
         atLeast(bestNorm, k);
         atLeast(bestScaled, k);
         atLeast(improving, k);
+        atLeast(current, k);
+        atLeast(trial, k);
     }
     T* const PB = permutedB.data();
     T* const PX = permutedX.data();
     for (unsigned int c = 0; c < k; ++c) {
         T* pb = PB + static_cast<unsigned long>(c) * N;
         analyzer.permuteVector(b + c * ld, pb);
-        for (unsigned long p = 0; p < N; ++p)
+        for (unsigned long p = 0; !factorAllActive && p < N; ++p)
             if (!factorActive[factorToUser[p]]) pb[p] = T(0);
     }
     std::memcpy(PX, PB, total * sizeof(T));
@@ -811,52 +853,53 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
     const std::uint64_t refineStart = kiv::Timer::ticks();
     double worst = -1.0;
     unsigned int stepsRun = 0;
-    const T* result = PX;
     if (steps > 0) {
-        // Iterative refinement against the true matrix; each column keeps its iterate of smallest residual
-        // and stops at the first step that does not lower it.
+        // Iterative refinement against the true matrix. Each right-hand side keeps its iterate of smallest
+        // residual and stops at the first step that does not lower it, or once its scaled residual is at the
+        // rounding level of T (a correction computed in T cannot lower it further). The best iterate and the
+        // next one swap buffers instead of being copied; the corrections are solved in place of the
+        // residuals, all columns in one pass.
         matrixNormInf();
+        const double roundoff = static_cast<double>(std::numeric_limits<T>::epsilon());
         T* const R = residual.data();
-        T* const D = correction.data();
-        T* const B = best.data();
         unsigned int live = 0;
         for (unsigned int c = 0; c < k; ++c) {
             const unsigned long o = static_cast<unsigned long>(c) * N;
-            residualOf(PB + o, PX + o, R + o);
+            current[c] = PX + o;
+            trial[c] = best.data() + o;
+            residualOf(PB + o, current[c], R + o);
             bestNorm[c] = normInf(R + o);
-            bestScaled[c] = scaledResidual(PB + o, PX + o, R + o);
-            improving[c] = bestNorm[c] > 0;
+            bestScaled[c] = scaledResidual(PB + o, current[c], R + o);
+            improving[c] = bestNorm[c] > 0 && bestScaled[c] > roundoff;
             live += improving[c];
         }
-        std::memcpy(B, PX, total * sizeof(T));
         for (unsigned int it = 0; it < steps && live > 0; ++it) {
-            std::memcpy(D, R, total * sizeof(T));
-            solveFactor(D, k);
+            solveFactor(R, k);  // δ = A⁻¹·r per column (the columns that stopped are solved and ignored)
             ++stepsRun;
             live = 0;
             for (unsigned int c = 0; c < k; ++c) {
                 if (!improving[c]) continue;
                 const unsigned long o = static_cast<unsigned long>(c) * N;
-                T* px = PX + o;
-                for (unsigned long p = 0; p < N; ++p) px[p] += D[o + p];
-                residualOf(PB + o, px, R + o);
+                const T* px = current[c];
+                T* next = trial[c];
+                for (unsigned long p = 0; p < N; ++p) next[p] = px[p] + R[o + p];
+                residualOf(PB + o, next, R + o);
                 const double norm = normInf(R + o);
                 if (!(norm < bestNorm[c])) {  // no progress (or NaN): keep the best iterate
                     improving[c] = 0;
                     continue;
                 }
                 bestNorm[c] = norm;
-                bestScaled[c] = scaledResidual(PB + o, px, R + o);
-                std::memcpy(B + o, px, N * sizeof(T));
-                improving[c] = norm > 0;
+                bestScaled[c] = scaledResidual(PB + o, next, R + o);
+                std::swap(current[c], trial[c]);
+                improving[c] = norm > 0 && bestScaled[c] > roundoff;
                 live += improving[c];
             }
         }
         for (unsigned int c = 0; c < k; ++c) worst = std::max(worst, bestScaled[c]);
-        result = B;
     }
     for (unsigned int c = 0; c < k; ++c)
-        analyzer.unpermuteVector(result + static_cast<unsigned long>(c) * N, x + c * ld);
+        analyzer.unpermuteVector(steps > 0 ? current[c] : PX + static_cast<unsigned long>(c) * N, x + c * ld);
     report.solveSeconds = kiv::Timer::seconds(start, refineStart);
     report.refineSeconds = secondsSince(refineStart);
     report.refinementSteps = stepsRun;

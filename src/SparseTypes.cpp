@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "Kernels.h"
+#include "KernelsFixed.h"
 
 namespace kivTamber {
 
@@ -240,14 +241,16 @@ void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
         const int si = static_cast<int>(blockSizes[i]);
         const int sj = static_cast<int>(blockSizes[j]);
         const T* K = blockPointers[b];
-        addAtX(K, ld, x + blockOffsets[j], y + blockOffsets[i], sj, si);  // y_i += B·x_j
-        addAX(K, ld, x + blockOffsets[i], y + blockOffsets[j], sj, si);   // y_j += Bᵀ·x_i
+        // Both products in one pass (the same operations per entry as addAtX then addAX, without the factor
+        // 1 of the scaled kernels, which is exact).
+        kernels::addBothProductsAnySize(K, static_cast<unsigned int>(ld), x + blockOffsets[i],
+                                        x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
+                                        static_cast<unsigned int>(si), static_cast<unsigned int>(sj));
     };
     // Adds the symmetric product of the diagonal block b = (j, j).
     auto diagonal = [&](unsigned int b, unsigned long j) {
         const unsigned int o = blockOffsets[j];
-        addSymmetric(blockPointers[b], static_cast<int>(blockStrides[j]), x + o, y + o,
-                     static_cast<int>(blockSizes[j]));
+        kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
     };
 
     // Upper form: column 0 holds at most one block, so every column ends with its diagonal block.

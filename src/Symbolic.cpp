@@ -71,6 +71,10 @@ __extension__ typedef unsigned __int128 Wide;  // exact sums of squares up to 2^
 // Σ_{c < M} c·(c + 2) = (M − 1)·M·(2M − 1)/6 + (M − 1)·M.
 Wide sumOfCTimesCPlus2(Wide M) {
     if (M == 0) return 0;
+    if (M < (Wide(1) << 20)) {  // the same integer in 64 bits (M³ < 2^60), without 128-bit division
+        const unsigned long m = static_cast<unsigned long>(M);
+        return (m - 1) * m * (2 * m - 1) / 6 + (m - 1) * m;
+    }
     return (M - 1) * M * (2 * M - 1) / 6 + (M - 1) * M;
 }
 
@@ -174,7 +178,7 @@ FactorCost orderCost(const Reordering::BlockGraph& g, const unsigned int* forwar
 // ---------------------------------------------------------------------------------------------------------
 
 bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree& etree,
-                           SkeletonMatrix& filled, ScratchPad* scratchPad) {
+                           SkeletonMatrix& filled, ScratchPad* scratchPad, bool withFillFlags) {
     const unsigned long n = permuted.n;
     if (etree.numNodes < n) return false;
 
@@ -230,10 +234,18 @@ bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree
     for (unsigned int x = 0; x < n; ++x) {
         for (unsigned int q = colPtr[x]; q < colPtr[x + 1]; ++q) rows[count[colRows[q]]++] = x;
     }
+    for (unsigned int i = 0; i < n; ++i) rows[cp[i + 1] - 1] = i;
+    if (withFillFlags) markFillIns(permuted, filled);
+    return true;
+}
+
+void markFillIns(const SkeletonMatrix& permuted, SkeletonMatrix& filled) {
+    const unsigned int n = static_cast<unsigned int>(filled.n);
+    const unsigned int* cp = filled.colPointers;
+    const unsigned int* rows = filled.rowIndices;
+    unsigned char* flags = filled.fillFlags;
     for (unsigned int i = 0; i < n; ++i) {
         const unsigned int end = cp[i + 1] - 1;
-        rows[end] = i;
-        unsigned char* flags = filled.fillFlags;
         unsigned int a = permuted.colPointers[i];
         const unsigned int aEnd = permuted.colPointers[i + 1];
         for (unsigned int k = cp[i]; k < end; ++k) {
@@ -242,7 +254,6 @@ bool computeFilledSkeleton(const SkeletonMatrix& permuted, const EliminationTree
         }
         flags[end] = 0;
     }
-    return true;
 }
 
 FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes) {
@@ -338,8 +349,16 @@ double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, cons
         double scalarsB = 0.0, scalarsF = 0.0;  // Σ over B and F of the scalars below G's columns
         double blocksB = 0.0;                   // Σ over B of the blocks below G
     };
-    auto scanRow = [&](unsigned int k, unsigned int limit, RowSums& r) {
-        r = RowSums();
+    // The closed groups of row k before `limit`, in order, listed once per row and limit: markRow walks the
+    // list scanRow made for the same row and limit instead of the row again.
+    grow(work.rowGroups, n);
+    unsigned int* rowGroups = work.rowGroups.data();
+    unsigned int listedRow = kNone, listedLimit = kNone, listed = 0;
+    auto listRow = [&](unsigned int k, unsigned int limit) {
+        if (listedRow == k && listedLimit == limit) return;
+        listedRow = k;
+        listedLimit = limit;
+        listed = 0;
         unsigned int last = kNone;
         for (unsigned int e = filled.colPointers[k]; e + 1 < filled.colPointers[k + 1]; ++e) {
             const unsigned int x = filled.rowIndices[e];
@@ -347,6 +366,14 @@ double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, cons
             const unsigned int G = groupOf[x];
             if (G == last) continue;  // a group's columns are consecutive in the ascending row
             last = G;
+            rowGroups[listed++] = G;
+        }
+    };
+    auto scanRow = [&](unsigned int k, unsigned int limit, RowSums& r) {
+        r = RowSums();
+        listRow(k, limit);
+        for (unsigned int q = 0; q < listed; ++q) {
+            const unsigned int G = rowGroups[q];
             const double SG = groupSize[G];
             r.all += SG;
             if (touched[G] == g) {
@@ -361,13 +388,9 @@ double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, cons
     };
     // Block k becomes a member of group g: the closed groups in row k reach it.
     auto markRow = [&](unsigned int k, unsigned int limit, double s) {
-        unsigned int last = kNone;
-        for (unsigned int e = filled.colPointers[k]; e + 1 < filled.colPointers[k + 1]; ++e) {
-            const unsigned int x = filled.rowIndices[e];
-            if (x >= limit) break;
-            const unsigned int G = groupOf[x];
-            if (G == last) continue;
-            last = G;
+        listRow(k, limit);
+        for (unsigned int q = 0; q < listed; ++q) {
+            const unsigned int G = rowGroups[q];
             const double SG = groupSize[G];
             if (touched[G] == g) {
                 if (firstPass) Cg[G] -= 1.0;
@@ -382,7 +405,22 @@ double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, cons
         }
     };
     for (int pass = 0; pass < 3; ++pass) {
+        if (pass > 0) {
+            // A pass whose input the previous one had, and that behaves like it, repeats it: after a first
+            // pass that formed no group (no tile united, so the first pass's own counting never applied), or
+            // after two passes with the same groups, the later passes change nothing.
+            groupStart.push_back(n);
+            const bool same =
+                pass == 1 ? groupStart.size() == n + 1ul
+                          : groupStart.size() == work.previousStart.size() &&
+                                std::equal(groupStart.begin(), groupStart.end(), work.previousStart.begin());
+            if (same) return totalZeros + zeros;
+            work.previousStart.resize(groupStart.size());
+            std::copy(groupStart.begin(), groupStart.end(), work.previousStart.begin());
+            groupStart.pop_back();
+        }
         firstPass = pass == 0;
+        listedRow = kNone;
         if (!firstPass) {
             // Blocks below each position counted in the groups of the previous pass.
             for (unsigned int k = 0; k < n; ++k) {
@@ -531,6 +569,122 @@ void mergedPattern(const SkeletonMatrix& permuted, const Groups& groups, Skeleto
         mcp[G + 1] = at;
     }
     if (at > 0) std::memset(mergedPermuted.fillFlags, 0, at);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Column counts and grouping without the filled pattern.
+// ---------------------------------------------------------------------------------------------------------
+
+FactorCost countedCost(const SkeletonMatrix& S, const unsigned int* parent, const unsigned int* postOrder,
+                       const unsigned int* sizes, ColumnCounts& counts, CountWork& w) {
+    const unsigned int n = static_cast<unsigned int>(S.n);
+    grow(w.post, n);
+    grow(w.first, n);
+    grow(w.maxFirst, n);
+    grow(w.prevLeaf, n);
+    grow(w.ancestor, n);
+    grow(w.colPtr, n + 1);
+    grow(w.cursor, n);
+    grow(w.deltaRows, n);
+    grow(w.deltaBlocks, n);
+    grow(counts.rows, n);
+    grow(counts.blocks, n);
+    unsigned int* post = w.post.data();
+    unsigned int* first = w.first.data();
+    unsigned int* maxFirst = w.maxFirst.data();  // 1 + the largest first[j] of a leaf seen in row i, 0: none
+    unsigned int* prevLeaf = w.prevLeaf.data();
+    unsigned int* ancestor = w.ancestor.data();
+    long* dr = w.deltaRows.data();
+    long* db = w.deltaBlocks.data();
+
+    // The strictly lower part by columns: colRows[colPtr[j] ..] = the rows i > j with A(i, j) in the pattern.
+    unsigned int* colPtr = w.colPtr.data();
+    for (unsigned int j = 0; j <= n; ++j) colPtr[j] = 0;
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = S.colPointers[i]; e < S.colPointers[i + 1]; ++e) {
+            const unsigned int j = S.rowIndices[e];
+            if (j >= i) break;
+            ++colPtr[j + 1];
+        }
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        colPtr[j + 1] += colPtr[j];
+        w.cursor[j] = colPtr[j];
+    }
+    grow(w.colRows, colPtr[n] + 1);
+    unsigned int* colRows = w.colRows.data();
+    for (unsigned int i = 0; i < n; ++i) {
+        for (unsigned int e = S.colPointers[i]; e < S.colPointers[i + 1]; ++e) {
+            const unsigned int j = S.rowIndices[e];
+            if (j >= i) break;
+            colRows[w.cursor[j]++] = i;
+        }
+    }
+
+    // Post order as a list; first[j] = the first post-order number in j's subtree; a leaf of the tree holds
+    // its own diagonal (δ = its size, one block).
+    for (unsigned int j = 0; j < n; ++j) {
+        post[postOrder[j]] = j;
+        first[j] = kNone;
+        maxFirst[j] = 0;
+        prevLeaf[j] = kNone;
+        ancestor[j] = j;
+    }
+    for (unsigned int k = 0; k < n; ++k) {
+        unsigned int j = post[k];
+        const bool leaf = first[j] == kNone;
+        dr[j] = leaf ? static_cast<long>(sizes[j]) : 0;
+        db[j] = leaf ? 1 : 0;
+        for (;;) {
+            if (first[j] != kNone) break;
+            first[j] = k;
+            if (parent[j] == j) break;
+            j = parent[j];
+        }
+    }
+    // Each row i adds its weight at the leaves of its row subtree and takes it back at the least common
+    // ancestor of consecutive leaves and at its parent (Gilbert, Ng and Peyton; the least common ancestors by
+    // a disjoint-set forest with path compression).
+    for (unsigned int k = 0; k < n; ++k) {
+        const unsigned int j = post[k];
+        const bool root = parent[j] == j;
+        if (!root) {
+            dr[parent[j]] -= sizes[j];
+            db[parent[j]] -= 1;
+        }
+        for (unsigned int q = colPtr[j]; q < colPtr[j + 1]; ++q) {
+            const unsigned int i = colRows[q];
+            if (first[j] + 1 <= maxFirst[i]) continue;  // j is not a leaf of row i's subtree
+            maxFirst[i] = first[j] + 1;
+            const unsigned int jPrev = prevLeaf[i];
+            prevLeaf[i] = j;
+            dr[j] += sizes[i];
+            db[j] += 1;
+            if (jPrev == kNone) continue;
+            unsigned int a = jPrev;  // lca(jPrev, j): the root of jPrev's set
+            while (ancestor[a] != a) a = ancestor[a];
+            for (unsigned int x = jPrev; x != a;) {
+                const unsigned int next = ancestor[x];
+                ancestor[x] = a;
+                x = next;
+            }
+            dr[a] -= sizes[i];
+            db[a] -= 1;
+        }
+        if (!root) ancestor[j] = parent[j];
+    }
+    // Sums over the subtrees (parent[j] > j), then the diagonal block taken off.
+    for (unsigned int j = 0; j < n; ++j) {
+        if (parent[j] != j) {
+            dr[parent[j]] += dr[j];
+            db[parent[j]] += db[j];
+        }
+    }
+    for (unsigned int j = 0; j < n; ++j) {
+        counts.rows[j] = static_cast<unsigned long>(dr[j]) - sizes[j];
+        counts.blocks[j] = static_cast<unsigned int>(db[j] - 1);
+    }
+    return costFromColumns(n, sizes, counts.rows.data(), counts.blocks.data());
 }
 
 }  // namespace Analysis

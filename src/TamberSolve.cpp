@@ -15,11 +15,12 @@
 namespace kivTamber {
 namespace {
 
-using kernels::backwardDiagonalPaired;
-using kernels::backwardOffDiagonalPaired;
 using kernels::divideByDiagonal;
-using kernels::forwardDiagonalPaired;
-using kernels::forwardOffDiagonalPaired;
+// The paired steps (src/KernelsFixed.h): fixed code for the small sizes, the general loops otherwise.
+using kernels::backwardDiagonalStep;
+using kernels::backwardOffDiagonalStep;
+using kernels::forwardDiagonalStep;
+using kernels::forwardOffDiagonalStep;
 
 // ---------------------------------------------------------------------------------------------------------
 // Scalar column kernels (no padding touched).
@@ -249,10 +250,10 @@ bool forwardSolve(const SparseMatrix<double>& U, double* x) {
         const unsigned int diag = U.colPointers[j + 1] - 1;
         for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
             const unsigned int i = U.rowIndices[k];
-            forwardOffDiagonalPaired(U.blockPointers[k], U.blockStrides[i], x + U.blockOffsets[i],
-                                     U.blockSizes[i], xj, sj);
+            forwardOffDiagonalStep(U.blockPointers[k], U.blockStrides[i], x + U.blockOffsets[i],
+                                   U.blockSizes[i], xj, sj);
         }
-        forwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], xj, sj);
+        forwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], xj, sj);
     }
     if (paired < n) forwardColumnScalar(U, x, n - 1, U.blockSizes[n - 1]);
     return true;
@@ -307,11 +308,11 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
         const unsigned int sj = U.blockSizes[j];
         double* xj = x + U.blockOffsets[j];
         const unsigned int diag = U.colPointers[j + 1] - 1;
-        backwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], xj, sj);
+        backwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], xj, sj);
         for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
             const unsigned int i = U.rowIndices[k];
-            backwardOffDiagonalPaired(U.blockPointers[k], U.blockStrides[i], xj, sj, x + U.blockOffsets[i],
-                                      U.blockSizes[i]);
+            backwardOffDiagonalStep(U.blockPointers[k], U.blockStrides[i], xj, sj, x + U.blockOffsets[i],
+                                    U.blockSizes[i]);
         }
     }
     return true;
@@ -348,11 +349,11 @@ bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, u
                 const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
                 for (unsigned int r = 0; r < numRhs; ++r) {
                     double* xr = x + r * ld;
-                    forwardOffDiagonalPaired(B, ldi, xr + offi, si, xr + offj, sj);
+                    forwardOffDiagonalStep(B, ldi, xr + offi, si, xr + offj, sj);
                 }
             }
             for (unsigned int r = 0; r < numRhs; ++r)
-                forwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
+                forwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
         }
         if (paired < n) {
             for (unsigned int r = 0; r < numRhs; ++r)
@@ -371,14 +372,14 @@ bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, u
         const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
         const unsigned int diag = U.colPointers[j + 1] - 1;
         for (unsigned int r = 0; r < numRhs; ++r)
-            backwardDiagonalPaired(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
+            backwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
         for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
             const unsigned int i = U.rowIndices[k];
             const double* B = U.blockPointers[k];
             const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
             for (unsigned int r = 0; r < numRhs; ++r) {
                 double* xr = x + r * ld;
-                backwardOffDiagonalPaired(B, ldi, xr + offj, sj, xr + offi, si);
+                backwardOffDiagonalStep(B, ldi, xr + offj, sj, xr + offi, si);
             }
         }
     }

@@ -2,8 +2,11 @@
 // form, a file that splits its unknowns into body rows and constraint rows, and a right-hand side.
 //
 // Every reader checks its input completely and fails with a message "FILE:LINE: what is wrong (the
-// offending values)", never with a crash; on failure its output holds whatever was read so far (valid
-// objects, not to be used).
+// offending values)", or "FILE:LINE:COLUMN: ..." when one word of the line is at fault (the column counts
+// bytes from 1), never with a crash; on failure its output holds whatever was read so far (valid objects, not
+// to be used). Integers are read exactly: a word outside the range of what it counts or indexes (checked
+// before any arithmetic, so nothing wraps around) is refused with its range. Words and file names in
+// messages go through quoted() and fileName(): a message never holds a control byte and stays short.
 // Files are read through zlib, so each of them may also be gzip-compressed (a plain file reads as it is).
 #ifndef KIVTAMBER_TOOLS_MATRIXMARKET_H
 #define KIVTAMBER_TOOLS_MATRIXMARKET_H
@@ -48,10 +51,11 @@ bool readText(const std::string& path, std::string& text, std::string& message);
 // both); a general file must give equal values at (i, j) and (j, i) (a missing partner counts as 0).
 // Rejected, with the line: a missing or garbled banner; another object, format ("array"), field
 // ("pattern", "complex") or symmetry ("skew-symmetric", "hermitian"); a bad size line, a non-square or empty
-// matrix, more entries than the triangle holds or fewer than the n/2 that a non-singular matrix needs (so
-// that a huge n with few entries allocates nothing of size n); too few or too many entry lines; an index that
-// is not an integer or outside 1..n; a value that is not a number or not finite (an integer field also wants
-// integers); extra text on a line; an entry given twice; an asymmetric general matrix.
+// matrix, a row or column count above 4294967294, more entries than the triangle holds or fewer than the n/2
+// that a non-singular matrix needs (so that a huge n with few entries allocates nothing of size n); too few
+// or too many entry lines; an index that is not an integer or outside 1..n; a value that is not a number or
+// not finite (an integer field also wants integers); extra text on a line; an entry given twice; an
+// asymmetric general matrix.
 // Returns true and fills `matrix`, or false with `message`.
 bool readMatrixMarket(const std::string& path, SymmetricMatrix& matrix, std::string& message);
 
@@ -67,8 +71,9 @@ struct RowSplit {
 
 // Reads a blocks file: lines "n1 <count>" and "n2 <count>" (each exactly once, in either order), '#'
 // comment lines and blank lines, for a matrix of n rows: n1 + n2 must equal n. Rejected, with the line: an
-// unknown key, a count that is not a non-negative integer, extra text, a repeated key; a missing key or
-// n1 + n2 ≠ n (at the last line of the file).
+// unknown key, a count that is not a non-negative integer or above n (so that n1 + n2 cannot overflow),
+// extra text, a repeated key; a missing key or n1 + n2 ≠ n (at the last line of the file). On failure
+// `split` is left as it was.
 bool readRowSplit(const std::string& path, unsigned int n, RowSplit& split, std::string& message);
 bool parseRowSplit(const std::string& name, const std::string& text, unsigned int n, RowSplit& split,
                    std::string& message);
