@@ -269,18 +269,27 @@ py::array_t<T, py::array::c_style> flatValues(const py::handle& value, unsigned 
     return cOrdered<T>(a);
 }
 
-// Copies the N × k values of b (1-D or 2-D, any strides) into x, column-major with leading dimension N.
+// The layout of a 1-D or 2-D array, read while the GIL is held, so that its values can be copied without it.
+struct Strided {
+    const char* base;
+    py::ssize_t rows, cols, rowStride, colStride;
+};
+Strided stridedOf(const py::array& a) {
+    const bool matrix = a.ndim() == 2;
+    return {static_cast<const char*>(a.data()), a.shape(0), matrix ? a.shape(1) : 1, a.strides(0),
+            matrix ? a.strides(1) : 0};
+}
+
+// Copies the rows × cols values of b (any strides) into x, column-major with leading dimension rows.
 template <typename T>
-void copyColumns(const py::array& b, T* x) {
-    const auto* base = static_cast<const char*>(b.data());
-    const py::ssize_t n = b.shape(0), k = b.ndim() == 2 ? b.shape(1) : 1;
-    const py::ssize_t s0 = b.strides(0), s1 = b.ndim() == 2 ? b.strides(1) : 0;
-    for (py::ssize_t j = 0; j < k; ++j) {
-        const char* column = base + j * s1;
-        if (s0 == static_cast<py::ssize_t>(sizeof(T))) {
-            std::memcpy(x + j * n, column, static_cast<std::size_t>(n) * sizeof(T));
+void copyColumns(const Strided& b, T* x) {
+    for (py::ssize_t j = 0; j < b.cols; ++j) {
+        const char* column = b.base + j * b.colStride;
+        if (b.rowStride == static_cast<py::ssize_t>(sizeof(T))) {
+            std::memcpy(x + j * b.rows, column, static_cast<std::size_t>(b.rows) * sizeof(T));
         } else {
-            for (py::ssize_t i = 0; i < n; ++i) std::memcpy(x + j * n + i, column + i * s0, sizeof(T));
+            for (py::ssize_t i = 0; i < b.rows; ++i)
+                std::memcpy(x + j * b.rows + i, column + i * b.rowStride, sizeof(T));
         }
     }
 }
@@ -665,7 +674,11 @@ public:
         check(st, &pivot);
     }
 
-    py::array solve(const py::handle& rhs) {
+    // x = A⁻¹·b for b of shape (N,) or (N, k), into a new array (C order for a vector, Fortran order for k
+    // columns) or into `out`: a writeable array of b's shape and dtype, C-contiguous for a vector and
+    // Fortran-contiguous for k columns (it may be b itself). With out, the solve works in the object's
+    // scratch and writes out only on success, allocating nothing after the first call of its size.
+    py::array solve(const py::handle& rhs, const py::handle& out) {
         return visit([&](auto& solver) -> py::array {
             using T = ScalarOf<decltype(solver)>;
             py::array b = asArrayOf<T>(rhs, "solve");
@@ -684,33 +697,57 @@ public:
                 raise(PyExc_ValueError, "solve: expected a right-hand side of shape (" + std::to_string(n) +
                                             ",) or (" + std::to_string(n) + ", k), got shape " +
                                             shapeString(b));
-            const bool vector = b.ndim() == 1;  // no Python object is touched without the GIL
+            const bool vector = b.ndim() == 1;
             const py::ssize_t k = vector ? 1 : b.shape(1);
             if (k > static_cast<py::ssize_t>(UINT_MAX))
                 raise(PyExc_ValueError, "solve: too many right-hand sides (" + std::to_string(k) + ")");
-            py::array_t<T, py::array::f_style> x(vector ? std::vector<py::ssize_t>{b.shape(0)}
-                                                        : std::vector<py::ssize_t>{b.shape(0), k});
-            T* data = x.mutable_data();
-            copyColumns<T>(b, data);
-            if (checkValues && !allFinite(data, static_cast<std::size_t>(n * k)))
-                raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
-            if (k == 0) return std::move(x);
+            py::array result;
+            if (out.is_none()) {
+                result = py::array_t<T, py::array::f_style>(vector ? std::vector<py::ssize_t>{b.shape(0)}
+                                                                   : std::vector<py::ssize_t>{b.shape(0), k});
+            } else {
+                result = asArrayOf<T>(out, "solve: out");
+                const int layout = vector ? py::array::c_style : py::array::f_style;
+                bool same = result.ndim() == b.ndim();
+                for (py::ssize_t d = 0; same && d < b.ndim(); ++d) same = result.shape(d) == b.shape(d);
+                if (!same || !result.writeable() || (result.flags() & layout) != layout)
+                    raise(PyExc_ValueError, "solve: out must be a writeable " +
+                                                std::string(vector ? "C" : "Fortran") +
+                                                "-contiguous array of shape " + shapeString(b) +
+                                                ", got shape " + shapeString(result));
+            }
+            const Strided from = stridedOf(b);  // no Python object is touched without the GIL
+            T* const to = static_cast<T*>(result.mutable_data());
+            const std::size_t count = static_cast<std::size_t>(n) * static_cast<std::size_t>(k);
+            const bool direct = out.is_none();
+            if (k == 0) return result;
             PivotLocation pivot;
-            bool reanalyzed = false;
+            bool reanalyzed = false, finite = true;
             const Status st = withoutGil([&]() {
                 if (generation_ != generation) {
                     reanalyzed = true;
                     return Status();
                 }
-                Status result =
-                    vector ? solver.solve(data) : solver.solve(data, data, static_cast<unsigned int>(k), n);
-                if (!result.ok()) pivot = solver.badPivot();
-                return result;
+                T* x = to;
+                if (!direct) {
+                    std::vector<T>& s = scratch(T());
+                    if (s.size() < count) s.resize(count);
+                    x = s.data();
+                }
+                copyColumns<T>(from, x);
+                if (checkValues && !(finite = allFinite(x, count))) return Status();
+                Status r = vector ? solver.solve(x) : solver.solve(x, x, static_cast<unsigned int>(k), n);
+                if (!r.ok())
+                    pivot = solver.badPivot();
+                else if (!direct)
+                    std::memcpy(to, x, count * sizeof(T));
+                return r;
             });
             if (reanalyzed)
                 raise(PyExc_RuntimeError, "solve: another thread analysed the solver again during this call");
+            if (!finite) raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
             check(st, &pivot);
-            return std::move(x);
+            return result;
         });
     }
 
@@ -851,6 +888,11 @@ private:
     // blocks itself; the number of values of an analysed scalar matrix; analyses so far.
     std::vector<unsigned int> blockSizes_;
     unsigned int numBodies_ = 0;
+    // Work space of solves into a caller's array.
+    std::vector<float> scratchFloat_;
+    std::vector<double> scratchDouble_;
+    std::vector<float>& scratch(float) { return scratchFloat_; }
+    std::vector<double>& scratch(double) { return scratchDouble_; }
     unsigned long scalarValues_ = 0;
     std::uint64_t generation_ = 0;
 };
@@ -945,7 +987,7 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("set_constraint_active", &PySolver::setConstraintActive, py::arg("constraint"), py::arg("on"))
         .def("is_active", &PySolver::isActive, py::arg("constraint"), py::arg("row"))
         .def("factor", &PySolver::factor)
-        .def("solve", &PySolver::solve, py::arg("b"))
+        .def("solve", &PySolver::solve, py::arg("b"), py::arg("out") = py::none())
         .def_property_readonly("size", &PySolver::size)
         .def_property_readonly("num_bodies", &PySolver::numBodies)
         .def_property_readonly("num_constraints", &PySolver::numConstraints)

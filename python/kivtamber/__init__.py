@@ -110,9 +110,10 @@ class Solver(_kivtamber.Solver):
     a scipy.sparse matrix with its body rows first. Values: set_body, set_jacobian, set_body_coupling,
     set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in
     the structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then
-    factor() and solve(b) for b of shape (N,) or (N, k). set_active / set_constraint_active switch constraint
-    equations off and on (a switched-off equation's unknown solves to 0). report() is a dict of what the
-    object chose and measured: ordering, fill, flops, inertia, timings, the first bad pivot.
+    factor() and solve(b) for b of shape (N,) or (N, k) (solve(b, out=x) writes x and allocates nothing).
+    set_active / set_constraint_active switch constraint equations off and on (a switched-off equation's
+    unknown solves to 0). report() is a dict of what the object chose and measured: ordering, fill, flops,
+    inertia, timings, the first bad pivot.
     """
 
     def analyze_matrix(self, A, first_constraint_row, block_sizes=None):

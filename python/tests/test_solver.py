@@ -39,6 +39,10 @@ def test_structure_solves_match_dense_reference(seed, dtype):
     reference = np.linalg.solve(system.A, b.astype(np.float64))
     np.testing.assert_allclose(X, reference, rtol=0, atol=1e3 * TOLERANCE[dtype] * np.abs(reference).max())
     np.testing.assert_array_equal(solver.solve(np.ascontiguousarray(b[:, 1])), x)  # strided = contiguous
+    out, inplace = np.empty((system.n, 3), dtype, order="F"), np.asfortranarray(b)
+    assert solver.solve(b, out=out) is out and solver.solve(inplace, out=inplace) is inplace
+    np.testing.assert_array_equal(out, X)
+    np.testing.assert_array_equal(inplace, X)
 
 
 @pytest.mark.parametrize("dtype", [np.float64, np.float32])
