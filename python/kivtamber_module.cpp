@@ -433,6 +433,66 @@ py::tuple lowerTriangleOf(const py::handle& colPointers, const py::handle& rowIn
     raise(PyExc_TypeError, "lower triangle: values must be float32 or float64");
 }
 
+// r = b − A·x and the worst scaled residual ‖r‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) over the k columns, for the symmetric
+// A whose lower triangle is given in CSC arrays (n + 1 column pointers, row indices and values, rows >= the
+// column, sorted) and b, x of n × k values in Fortran order. One pass over the entries per column; returns
+// (r, scaled residual) with r in Fortran order.
+py::tuple symmetricResidual(const py::handle& colPointers, const py::handle& rowIndices,
+                            const py::handle& values, const py::handle& rhs, const py::handle& solution) {
+    IndexArray cp = IndexArray::ensure(colPointers), ri = IndexArray::ensure(rowIndices);
+    using Values = py::array_t<double, py::array::f_style>;
+    if (!py::isinstance<py::array_t<double>>(values) || !py::isinstance<py::array_t<double>>(rhs) ||
+        !py::isinstance<py::array_t<double>>(solution) || !cp || !ri)
+        raise(PyExc_TypeError, "residual: float64 values and vectors, integer index arrays");
+    auto v = py::array_t<double, py::array::c_style>::ensure(values);
+    Values b = Values::ensure(rhs), x = Values::ensure(solution);
+    const std::size_t n = static_cast<std::size_t>(cp.size()) - 1;
+    const std::int32_t* p = cp.data();
+    const std::int32_t* i_ = ri.data();
+    if (cp.size() < 1 || p[n] != ri.size() || ri.size() != v.size() || b.ndim() != x.ndim() ||
+        static_cast<std::size_t>(b.shape(0)) != n || b.size() != x.size())
+        raise(PyExc_ValueError, "residual: sizes do not match");
+    for (py::ssize_t k = 0; k < ri.size(); ++k)
+        if (i_[k] < 0 || static_cast<std::size_t>(i_[k]) >= n)
+            raise(PyExc_ValueError, "residual: row index out of range");
+    const std::size_t k = n ? static_cast<std::size_t>(b.size()) / n : 0;
+    Values r(b.ndim() == 1
+                 ? std::vector<py::ssize_t>{static_cast<py::ssize_t>(n)}
+                 : std::vector<py::ssize_t>{static_cast<py::ssize_t>(n), static_cast<py::ssize_t>(k)});
+    const double *a = v.data(), *pb = b.data(), *px = x.data();
+    double* pr = r.mutable_data();
+    std::vector<double> rowSums(n, 0.0);
+    for (std::size_t j = 0; j < n; ++j)
+        for (std::int32_t e = p[j]; e < p[j + 1]; ++e) {
+            const std::size_t i = static_cast<std::size_t>(i_[e]);
+            rowSums[i] += std::fabs(a[e]);
+            if (i != j) rowSums[j] += std::fabs(a[e]);
+        }
+    const double normA = n ? *std::max_element(rowSums.begin(), rowSums.end()) : 0.0;
+    double worst = 0.0;
+    for (std::size_t c = 0; c < k; ++c) {
+        const double* bc = pb + c * n;
+        const double* xc = px + c * n;
+        double* rc = pr + c * n;
+        std::copy(bc, bc + n, rc);
+        for (std::size_t j = 0; j < n; ++j)
+            for (std::int32_t e = p[j]; e < p[j + 1]; ++e) {
+                const std::size_t i = static_cast<std::size_t>(i_[e]);
+                rc[i] -= a[e] * xc[j];              // r_i −= a_ij·x_j
+                if (i != j) rc[j] -= a[e] * xc[i];  // r_j −= a_ji·x_i
+            }
+        double nr = 0.0, nx = 0.0, nb = 0.0;
+        for (std::size_t q = 0; q < n; ++q) {
+            nr = std::max(nr, std::fabs(rc[q]));
+            nx = std::max(nx, std::fabs(xc[q]));
+            nb = std::max(nb, std::fabs(bc[q]));
+        }
+        const double scale = normA * nx + nb;
+        if (scale > 0) worst = std::max(worst, nr / scale);
+    }
+    return py::make_tuple(r, worst);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // The solver object
 // ---------------------------------------------------------------------------------------------------------
@@ -998,6 +1058,8 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("_native_steps", &PySolver::nativeSteps, py::arg("bodies"), py::arg("jacobians"), py::arg("rhs"),
              py::arg("steps"), py::arg("thread_clock") = false);
 
+    m.def("_symmetric_residual", &symmetricResidual, py::arg("col_pointers"), py::arg("row_indices"),
+          py::arg("values"), py::arg("b"), py::arg("x"));
     m.def("_lower_triangle", &lowerTriangleOf, py::arg("col_pointers"), py::arg("row_indices"),
           py::arg("values"), py::arg("tolerance"));
 }

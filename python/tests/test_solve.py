@@ -111,3 +111,14 @@ def test_semidefinite_body_part_without_the_split_given():
     x, report = kivtamber.solve(sp.tril(sp.csc_matrix(K)), b, return_report=True)
     assert report["regularized"] and report["inertia"] == (n1, n2, 0)
     assert scaled_residual(K, x, b) <= max(10 * scaled_residual(K, np.linalg.solve(K, b), b), 1e-15)
+
+
+def test_symmetric_residual_equals_a_dense_one():
+    system = RandomSystem(12, bodies=6)
+    L = sp.tril(sp.csc_matrix(system.A)).tocsc()
+    rng = np.random.default_rng(12)
+    for shape in ((system.n,), (system.n, 3)):
+        b, x = np.asfortranarray(rng.standard_normal(shape)), np.asfortranarray(rng.standard_normal(shape))
+        r, scaled = kivtamber._kivtamber._symmetric_residual(L.indptr, L.indices, L.data, b, x)
+        np.testing.assert_allclose(r, b - system.A @ x, rtol=0, atol=1e-12)
+        assert scaled == pytest.approx(scaled_residual(system.A, x, b), rel=1e-12)
