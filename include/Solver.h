@@ -239,9 +239,9 @@ public:
     Status analyze(const Analysis::Problem& problem);
     // A scalar symmetric matrix in compressed-column form: n rows, the first firstConstraintRow of them body
     // rows and the rest constraint rows; colPointers [n + 1], rowIndices [colPointers[n]] (0-based, ascending
-    // in each column), holding the lower triangle, the upper triangle or both (entries of the other triangle
-    // must then mirror the first: only the triangle i >= j is used, and a full matrix's upper entries are
-    // checked for a matching partner). The rows are grouped into blocks: by blockSizes [numBlocks] when given
+    // in each column), holding the lower triangle, the upper triangle or both: an entry (i, j) stands for
+    // itself and its mirror (j, i), so the three storages describe the same matrix. The rows are grouped into
+    // blocks: by blockSizes [numBlocks] when given
     // (summing to n; no block mixes body and constraint rows), otherwise by automatic detection of
     // consecutive rows with identical patterns (SolverReport::ordering names what was detected). Values are
     // then set with setScalarValues, in the order of rowIndices.
@@ -271,8 +271,9 @@ public:
     // by id). Any pointer may be null to leave that kind unchanged.
     Status setValues(const T* bodies, const T* jacobians, const T* couplings = nullptr,
                      const T* compliances = nullptr);
-    // The values of a matrix given to analyzeScalar, one per entry of its rowIndices (upper-triangle entries
-    // of a full matrix are read and must equal their partners when checkValues is set).
+    // The values of a matrix given to analyzeScalar, one per entry of its rowIndices. Of an entry given in
+    // both triangles the one in the later column is used; the caller keeps the two equal (not checked here;
+    // the Python module checks a full matrix's symmetry before it calls this).
     Status setScalarValues(const T* values);
     // Number of values each array of setValues holds.
     unsigned long bodyValueCount() const;
