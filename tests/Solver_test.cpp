@@ -321,6 +321,33 @@ TEST(SolverSwitching, MatchesActiveSystem) {
     }
 }
 
+// A single-precision solve is right whatever the scale of the right-hand side (the float solve skips
+// entries below epsilon, so a tiny right-hand side must be scaled first), and refinement then helps.
+TEST(SolverFloat, TinyAndHugeRightHandSidesSolve) {
+    RandomSystem sys(71, 30, true, false);
+    Solver<float> solver;
+    SolverOptions o;
+    o.refinementSteps = 0;
+    ASSERT_TRUE(solver.setOptions(o));
+    ASSERT_TRUE(solver.analyze(sys.structure));
+    sys.setAll(solver);
+    ASSERT_TRUE(solver.factor());
+    const std::vector<double> b = tst::randomVector(sys.dense.n, 8);
+    std::vector<unsigned char> all(b.size(), 1);
+    const std::vector<double> ref = denseSolution(sys.dense, b, all);
+    std::vector<float> x(b.size()), unit(b.size());
+    std::vector<float> bt(b.begin(), b.end());
+    ASSERT_TRUE(solver.solve(bt.data(), unit.data()));
+    for (double scale : {1e-9, 1e-20, 1e12}) {
+        std::vector<float> bs(b.size());
+        for (unsigned long i = 0; i < b.size(); ++i) bs[i] = static_cast<float>(b[i] * scale);
+        ASSERT_TRUE(solver.solve(bs.data(), x.data()));
+        std::vector<double> xs(x.begin(), x.end());
+        for (double& v : xs) v /= scale;
+        EXPECT_LT(maxRelativeError(xs, ref), 1e-3) << "scale " << scale;
+    }
+}
+
 // Refinement keeps the best iterate: with a regularised factor the refined solution is far better than the
 // plain solve, and never worse than it.
 TEST(SolverRefinement, RegularisedModeRecoversAccuracy) {
