@@ -1,7 +1,9 @@
-// Size-specialised and hand-vectorised kernels of the block factorizations and of the double solves
-// (internal to the library; part of the Kernels unit). Each has a plain reference implementation with the
-// same operations in the same order in src/KernelsRef.cpp (declared in include/Kernels.h, namespace
-// kernels::reference), and Kernels_test compares their bits at every block size 1 to 12.
+// Size-specialised and hand-vectorised kernels of the block factorizations, of the double solves and of the
+// symmetric block products (internal to the library; part of the Kernels unit). The factorization and solve
+// kernels have plain reference implementations with the same operations in the same order in
+// src/KernelsRef.cpp (declared in include/Kernels.h, namespace kernels::reference), and Kernels_test compares
+// their bits at every block size 1 to 12; the product kernels are checked bit for bit against the scaled
+// dense kernels by SparseTypes_test. The double A·Bᵀ updates live in src/Kernels.cpp.
 //
 // Only SSE2 is used, which every x86-64 processor has, and the build turns FMA contraction off: the results
 // are the same bits on every x86-64 machine.
