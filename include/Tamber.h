@@ -136,8 +136,8 @@ public:
     // over from row 0.
     // `data.badPivot` receives the first zero or non-finite pivot in elimination order (checked after each
     // diagonal block's dense factorization); with `data.stopAtBadPivot` = 1 the factorization returns right
-    // there, after O(work up to that block), with `isFactored` = 0, the rows after that block untouched and
-    // LD(i, i) of that block not written. factorTime is set either way.
+    // there, after O(work up to that block), with `isFactored` = 0 and the rows after that block untouched.
+    // factorTime is set either way.
     template <typename T>
     void factorSerial(TamberData<T>& data);
 

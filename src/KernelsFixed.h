@@ -1,7 +1,9 @@
-// Size-specialised and hand-vectorised kernels of the block factorizations and of the double solves
-// (internal to the library; part of the Kernels unit). Each has a plain reference implementation with the
-// same operations in the same order in src/KernelsRef.cpp (declared in include/Kernels.h, namespace
-// kernels::reference), and Kernels_test compares their bits at every block size 1 to 12.
+// Size-specialised and hand-vectorised kernels of the block factorizations, of the double solves and of the
+// symmetric block products (internal to the library; part of the Kernels unit). The factorization and solve
+// kernels have plain reference implementations with the same operations in the same order in
+// src/KernelsRef.cpp (declared in include/Kernels.h, namespace kernels::reference), and Kernels_test compares
+// their bits at every block size 1 to 12; the product kernels are checked bit for bit against the scaled
+// dense kernels by SparseTypes_test. The double A·Bᵀ updates live in src/Kernels.cpp.
 //
 // Only SSE2 is used, which every x86-64 processor has, and the build turns FMA contraction off: the results
 // are the same bits on every x86-64 machine.
@@ -226,6 +228,32 @@ inline void solveRow(const double* Ljj, const double* w, double* v) {
     }
 }
 
+// Y = X·diag(d) for an s_i × s_k block (row stride p_k), padding columns of Y zero. S > 0 fixes s_k at
+// compile time; the arithmetic is the same for every S.
+template <typename T, int S>
+inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __restrict Y, unsigned int s_i,
+                         unsigned int s_kDynamic, unsigned int p_k) {
+    if (S > 0) {  // whole padded rows against the pivots with zero padding: X's padding is zero, so is Y's
+        constexpr unsigned int p = S <= 0 ? 1 : S % 2 == 0 || sizeof(T) == sizeof(float) ? S : S + 1;
+        T dd[p];
+        KIVTAMBER_UNROLL
+        for (unsigned int c = 0; c < p; ++c) dd[c] = c < static_cast<unsigned int>(S) ? d[c] : T(0);
+        for (unsigned int r = 0; r < s_i; ++r) {
+            const unsigned long row = static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
+            for (unsigned int c = 0; c < p; ++c) Y[row + c] = X[row + c] * dd[c];  // l_rc·d_c
+        }
+        return;
+    }
+    const unsigned int s_k = s_kDynamic;
+    const unsigned int p = p_k;
+    for (unsigned int r = 0; r < s_i; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
+        for (unsigned int c = s_k; c < p; ++c) Y[row + c] = T(0);
+    }
+}
+
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries
@@ -233,8 +261,10 @@ inline void solveRow(const double* Ljj, const double* w, double* v) {
 // d_r -= Σ_{t<r} d_t·l_rt². Divides by d itself: a zero pivot gives non-finite values.
 // S > 0 fixes s at compile time (straight code for the small blocks of the scenes); same arithmetic for every
 // S.
+// LD (optional, s × s of stride p): receives L·D as scaleColumns forms it from the stored L, written from the
+// registers while the block is at hand.
 template <typename T, int S>
-inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d) {
+inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d, T* LD = nullptr) {
     if (S > 0) {
         // Rows and pivots in registers (see solveUnitDiagonalFixed); the same operations in the same order.
         T l[S > 0 ? S : 1][S > 0 ? S : 1];
@@ -271,6 +301,20 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
         storeUnitLower<S>(W, p, l);
         KIVTAMBER_UNROLL
         for (int r = 0; r < S; ++r) d[r] = dd[r];
+        if (LD) {
+            // LD = L·D from the registers: the products scaleColumns forms from the stored tile (lower l,
+            // unit diagonal, zeros above and in the padding column, times the pivots with zero padding).
+            constexpr int P = sizeof(T) == sizeof(double) ? (S + 1) & ~1 : S;
+            KIVTAMBER_UNROLL
+            for (int r = 0; r < S; ++r) {
+                T* const y = LD + static_cast<unsigned long>(r) * p;
+                KIVTAMBER_UNROLL
+                for (int c = 0; c < P; ++c) {
+                    const T x = c < r ? l[r][c] : c == r ? T(1) : T(0);
+                    y[c] = x * (c < S ? dd[c] : T(0));  // l_rc·d_c
+                }
+            }
+        }
         return;
     }
     const unsigned int s = sDynamic;
@@ -301,62 +345,37 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
         T* const w = W + static_cast<unsigned long>(r) * p;
         for (unsigned int c = r + 1; c < s; ++c) w[c] = T(0);
     }
+    if (LD) scaleColumns<T, 0>(W, d, LD, s, s, p);
 }
 template <typename T>
-inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
+inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d, T* LD = nullptr) {
     switch (s) {
         case 1:
-            return factorDiagonalBlockFixed<T, 1>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 1>(W, p, s, d, LD);
         case 2:
-            return factorDiagonalBlockFixed<T, 2>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 2>(W, p, s, d, LD);
         case 3:
-            return factorDiagonalBlockFixed<T, 3>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 3>(W, p, s, d, LD);
         case 4:
-            return factorDiagonalBlockFixed<T, 4>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 4>(W, p, s, d, LD);
         case 5:
-            return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 5>(W, p, s, d, LD);
         case 6:
-            return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 6>(W, p, s, d, LD);
         case 7:  // 7 to 12: what block merging makes of bodies and constraints
-            return factorDiagonalBlockFixed<T, 7>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 7>(W, p, s, d, LD);
         case 8:
-            return factorDiagonalBlockFixed<T, 8>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 8>(W, p, s, d, LD);
         case 9:
-            return factorDiagonalBlockFixed<T, 9>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 9>(W, p, s, d, LD);
         case 10:
-            return factorDiagonalBlockFixed<T, 10>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 10>(W, p, s, d, LD);
         case 11:
-            return factorDiagonalBlockFixed<T, 11>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 11>(W, p, s, d, LD);
         case 12:
-            return factorDiagonalBlockFixed<T, 12>(W, p, s, d);
+            return factorDiagonalBlockFixed<T, 12>(W, p, s, d, LD);
         default:
-            return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
-    }
-}
-
-// Y = X·diag(d) for an s_i × s_k block (row stride p_k), padding columns of Y zero. S > 0 fixes s_k at
-// compile time; the arithmetic is the same for every S.
-template <typename T, int S>
-inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __restrict Y, unsigned int s_i,
-                         unsigned int s_kDynamic, unsigned int p_k) {
-    if (S > 0) {  // whole padded rows against the pivots with zero padding: X's padding is zero, so is Y's
-        constexpr unsigned int p = S <= 0 ? 1 : S % 2 == 0 || sizeof(T) == sizeof(float) ? S : S + 1;
-        T dd[p];
-        KIVTAMBER_UNROLL
-        for (unsigned int c = 0; c < p; ++c) dd[c] = c < static_cast<unsigned int>(S) ? d[c] : T(0);
-        for (unsigned int r = 0; r < s_i; ++r) {
-            const unsigned long row = static_cast<unsigned long>(r) * p;
-            KIVTAMBER_UNROLL
-            for (unsigned int c = 0; c < p; ++c) Y[row + c] = X[row + c] * dd[c];  // l_rc·d_c
-        }
-        return;
-    }
-    const unsigned int s_k = s_kDynamic;
-    const unsigned int p = p_k;
-    for (unsigned int r = 0; r < s_i; ++r) {
-        const unsigned long row = static_cast<unsigned long>(r) * p;
-        for (unsigned int c = 0; c < s_k; ++c) Y[row + c] = X[row + c] * d[c];  // l_rc·d_c
-        for (unsigned int c = s_k; c < p; ++c) Y[row + c] = T(0);
+            return factorDiagonalBlockFixed<T, 0>(W, p, s, d, LD);
     }
 }
 

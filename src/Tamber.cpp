@@ -328,7 +328,10 @@ void Tamber::factorSerial(TamberData<T>& data) {
         }
 
         // Dense L_ii·D_i·L_iiᵀ in place without pivoting, row by row; strict upper triangle zeroed.
-        factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di);
+        // LD(i, i) = L_ii·D_i written with it, from the registers (both are final here): every diagonal LD
+        // block is valid after the factorization.
+        factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di, LD.blockPointers[iDiag]);
+        LD.blockFlags[iDiag] = 1;
 
         // The first zero or non-finite pivot, in elimination order: only this block's pivots are looked at,
         // so the check costs O(s_i) and a stop at block i has cost the work up to i.
@@ -349,10 +352,6 @@ void Tamber::factorSerial(TamberData<T>& data) {
         T* const recip = recips + offsets[i] + i;
         for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
         for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);  // padding columns stay zero
-
-        // LD(i, i) = L_ii·D_i while the block is at hand (both are final here): every diagonal LD block is
-        // valid after the factorization.
-        f.scale(iDiag, i, i);
     }
 
     data.isFactored = 1;
