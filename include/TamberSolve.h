@@ -7,8 +7,8 @@
 // off-diagonal tiles B_ij (i < j) in storage order and then its diagonal tile U_jj, at index
 // colPointers[j+1] - 1. Tiles are laid out as SparseTypes.h describes (column-major, leading dimension
 // blockStrides[i], zero padding): B_ij(q, r) is element r·blockStrides[i] + q. U_jj(q, r) for q < r holds
-// the strict upper triangle, its diagonal is 1 (in `factor`). x_j is the slice of length s_j at blockOffsets[j] of a right-hand side of
-// N = blockSizes[n] doubles.
+// the strict upper triangle, its diagonal is 1 (in `factor`). x_j is the slice of length s_j at
+// blockOffsets[j] of a right-hand side of N = blockSizes[n] doubles.
 //
 // Preconditions shared by the double solves below (none is checked):
 //  - the factor is a SparseMatrix<double>: every leading dimension is even, every tile starts on a 16-byte
@@ -119,6 +119,15 @@ bool solve(const TamberData<double>& data, double* x);
 // unchecked isFactored as solve. Returns true.
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld);
 
+// x ← A⁻¹·x through the driver's solve (Tamber::solve<T>), right for a right-hand side of any scale. The
+// single-precision solve skips its forward pass over the leading blocks whose entries all lie below the
+// float epsilon in magnitude (it takes the right-hand side to be of order 1), so a tiny vector, such as a
+// residual, would be solved as if it were zero there; here x is first scaled by a power of two (exact) to a
+// largest entry in [1, 2) and scaled back afterwards. In double precision this is Tamber::solve<double>.
+// A zero or non-finite x is solved as it stands. x: in/out, N values. Returns the solve's result.
+template <typename T>
+bool solveAtAnyScale(Tamber& tamber, TamberData<T>& data, T* x);
+
 // The same on x.data, with the vector form of diagSolve: a size mismatch between x and data.diagonal skips
 // the diagonal step silently. x: in/out. Returns true.
 bool solve(const TamberData<double>& data, DenseVector<double>& x);
@@ -177,6 +186,8 @@ bool findBadPivot(const TamberData<T>& data, PivotReport& out, double threshold 
 // "zero", "non-finite", "tiny" or "none": the kind as a word for messages.
 const char* pivotKindName(PivotReport::Kind kind);
 
+extern template bool solveAtAnyScale<float>(Tamber&, TamberData<float>&, float*);
+extern template bool solveAtAnyScale<double>(Tamber&, TamberData<double>&, double*);
 extern template bool findBadPivot<float>(const TamberData<float>&, PivotReport&, double);
 extern template bool findBadPivot<double>(const TamberData<double>&, PivotReport&, double);
 

@@ -801,25 +801,9 @@ void Solver<T>::Impl::solveFactor(T* v, unsigned int k) {
     if constexpr (std::is_same<T, double>::value) {
         TamberSolve::solveMany(data, v, k, N);
     } else {
-        // The single-precision solve skips the forward pass over the leading blocks whose entries are all
-        // below the float epsilon in magnitude, on the assumption that the right-hand side is of order 1.
-        // Each column is therefore scaled by a power of two (exact) to a largest entry in [1, 2) first, so
-        // that only entries below epsilon relative to the largest are skipped, whatever the scale (residuals
-        // of the refinement are tiny).
-        for (unsigned int c = 0; c < k; ++c) {
-            T* x = v + static_cast<unsigned long>(c) * N;
-            const double largest = normInf(x);
-            if (!(largest > 0.0) || !std::isfinite(largest)) {
-                tamber.solve(data, x);
-                continue;
-            }
-            int exponent = 0;
-            std::frexp(largest, &exponent);  // largest = f·2^exponent, f in [0.5, 1)
-            const int shift = 1 - exponent;
-            for (unsigned long p = 0; p < N; ++p) x[p] = std::ldexp(x[p], shift);
-            tamber.solve(data, x);
-            for (unsigned long p = 0; p < N; ++p) x[p] = std::ldexp(x[p], -shift);
-        }
+        // A refinement residual is tiny: solved at any scale (see TamberSolve::solveAtAnyScale).
+        for (unsigned int c = 0; c < k; ++c)
+            TamberSolve::solveAtAnyScale(tamber, data, v + static_cast<unsigned long>(c) * N);
     }
 }
 

@@ -443,6 +443,29 @@ const char* pivotKindName(PivotReport::Kind kind) {
     return "none";
 }
 
+template <typename T>
+bool solveAtAnyScale(Tamber& tamber, TamberData<T>& data, T* x) {
+    if constexpr (std::is_same<T, double>::value) {
+        return tamber.solve(data, x);
+    } else {
+        const unsigned long n = data.matrix.numBlockCols;
+        const unsigned long N = n == 0 ? 0 : data.matrix.blockSizes[n];
+        double largest = 0.0;
+        for (unsigned long p = 0; p < N; ++p)
+            largest = std::max(largest, std::fabs(static_cast<double>(x[p])));
+        if (!(largest > 0.0) || !std::isfinite(largest)) return tamber.solve(data, x);
+        int exponent = 0;
+        std::frexp(largest, &exponent);  // largest = f·2^exponent, f in [0.5, 1)
+        const int shift = 1 - exponent;
+        for (unsigned long p = 0; p < N; ++p) x[p] = std::ldexp(x[p], shift);
+        const bool ok = tamber.solve(data, x);
+        for (unsigned long p = 0; p < N; ++p) x[p] = std::ldexp(x[p], -shift);
+        return ok;
+    }
+}
+
+template bool solveAtAnyScale<float>(Tamber&, TamberData<float>&, float*);
+template bool solveAtAnyScale<double>(Tamber&, TamberData<double>&, double*);
 template bool findBadPivot<float>(const TamberData<float>&, PivotReport&, double);
 template bool findBadPivot<double>(const TamberData<double>&, PivotReport&, double);
 
