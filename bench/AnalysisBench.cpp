@@ -13,6 +13,9 @@
 // The standard row also times the assembly of all values (setBlocks) and a permuteVector/unpermuteVector.
 //
 // Usage: AnalysisBench [runs (default 5)] [largest block count (default 50000)]
+//        AnalysisBench --one SCENE BLOCKS RUNS   one scene's default analysis and estimateWork (profiling)
+//        AnalysisBench --fingerprint             hashes of orders, groups and patterns (a change of results)
+//        AnalysisBench --fit                     the factorization-time model's least-squares fit
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -335,10 +338,18 @@ int main(int argc, char** argv) {
             r = analyzer.analyze(problem, Analysis::Options(), data);
             t.push_back(r.checkSeconds + r.orderSeconds + r.symbolicSeconds + r.layoutSeconds);
         }
+        Tamber tamber;
+        std::vector<double> e;
+        for (int k = 0; k < std::atoi(argv[4]); ++k) {
+            const std::uint64_t start = kiv::Timer::ticks();
+            tamber.estimateWork(data, nullptr);
+            e.push_back(seconds(start));
+        }
         std::printf(
-            "%s %u blocks: analysis %.3f ms (order %.3f, symbolic %.3f), %s, %lu groups, model %.4g\n",
+            "%s %u blocks: analysis %.3f ms (order %.3f, symbolic %.3f), estimateWork %.3f ms, %s, %lu "
+            "groups, model %.4g\n",
             name.c_str(), p.numBlocks, 1e3 * median(t), 1e3 * r.orderSeconds, 1e3 * r.symbolicSeconds,
-            r.usedNestedDissection ? "nd" : "md", r.mergedBlocks, r.cost.modelFlops());
+            1e3 * median(e), r.usedNestedDissection ? "nd" : "md", r.mergedBlocks, r.cost.modelFlops());
         return 0;
     }
     if (argc > 1 && std::string(argv[1]) == "--fingerprint") {

@@ -209,8 +209,7 @@ BENCHMARK(BM_Ceiling_Acc8) KIVT_SIZES;
 // library's) beside the plain reference form: the dense L·D·Lᵀ of a diagonal block (s³/3 flops counted;
 // each call first restores the input tile, a copy of p² doubles that is part of the time) and the finish of
 // an s × s off-diagonal block (triangular solve with the unit diagonal block, scaling by the reciprocal
-// pivots, L·D: s²(s − 1) + 2s² flops). The fast finish exists for s ≤ 6; above, both columns show the
-// general path (solveUnitDiagonal plus the scaling loops of the reference).
+// pivots, L·D: s²(s − 1) + 2s² flops).
 // ---------------------------------------------------------------------------------------------------------
 
 struct SizedTiles {

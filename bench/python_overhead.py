@@ -2,9 +2,10 @@
 """The cost of the Python call path over the C++ solver object, per time step.
 
 One step is what a constraint solver does every frame: set every value from NumPy arrays (set_values),
-factor, solve for one right-hand side. The same step is run on the same kivtamber.Solver object from Python
-and from C++ (Solver._native_steps drives the C++ object directly with the arrays' storage, timing each step
-in C++), interleaved in rounds; the figure is the median Python step over the median C++ step, minus one.
+factor, solve for one right-hand side (into a new array, or with --out into a preallocated one). The same
+step is run on the same kivtamber.Solver object from Python and from C++ (Solver._native_steps drives the
+C++ object directly with the arrays' storage, timing each step in C++), interleaved in rounds; the figure is
+the median Python step over the median C++ step, minus one.
 
 Scenes (built here in NumPy, about 10,000 blocks each by default):
   chain   rigid bodies (6×6 mass blocks) in a chain, ball joints (3 rows) between neighbours;
@@ -12,7 +13,7 @@ Scenes (built here in NumPy, about 10,000 blocks each by default):
   cloth   a grid of particles (3×3 mass blocks) with distance constraints (1 row) to the right and below.
 
     PYTHONPATH=build/python /usr/bin/python3 bench/python_overhead.py [--blocks 10000] [--rounds 7]
-        [--steps 20] [--dtype float64|float32] [--threads 1] [--wall]
+        [--steps 20] [--dtype float64|float32] [--threads 1] [--wall] [--out]
 """
 
 import argparse
@@ -103,13 +104,15 @@ def measure(name, structure, M, J, args):
     rhs = np.random.default_rng(1).standard_normal(solver.size).astype(dtype)
     assert bodies.size == solver.body_value_count and jacobians.size == solver.jacobian_value_count
 
+    x = np.empty_like(rhs)
+
     def python_steps(steps):
         seconds = []
         for _ in range(steps):
             t0 = clock()
             solver.set_values(bodies=bodies, jacobians=jacobians)
             solver.factor()
-            solver.solve(rhs)
+            solver.solve(rhs, out=x) if args.out else solver.solve(rhs)
             seconds.append(clock() - t0)
         return seconds
 
@@ -132,12 +135,15 @@ def main():
     parser.add_argument("--steps", type=int, default=20)
     parser.add_argument("--dtype", choices=["float64", "float32"], default="float64")
     parser.add_argument("--threads", type=int, default=1)
+    parser.add_argument("--out", action="store_true",
+                        help="solve into a preallocated array (solve(b, out=x))")
     parser.add_argument("--wall", action="store_true",
-                        help="time by the wall clock (default: the calling thread's processor time, which other "
-                        "processes on a busy machine disturb less; meaningful for --threads 1 only)")
+                        help="time by the wall clock (default: the calling thread's processor time, which "
+                        "other processes on a busy machine disturb less; meaningful for --threads 1 only)")
     args = parser.parse_args()
     rng = np.random.default_rng(7)
-    print(f"per step: set_values + factor + solve, {args.dtype}, threads={args.threads}, "
+    print(f"per step: set_values + factor + solve{'(out=x)' if args.out else ''}, {args.dtype}, "
+          f"threads={args.threads}, "
           f"{'wall clock' if args.wall else 'thread time'}; medians over {args.rounds} × {args.steps} steps")
     print(f"{'scene':6s} {'blocks':>6s} {'rows':>7s} {'path':>12s} {'C++ ms':>9s} {'Python ms':>9s} "
           f"{'extra us':>9s} {'overhead':>9s}")

@@ -4,9 +4,9 @@
 Both get the same full symmetric CSC matrix (spsolve's own format) and the same right-hand side; the times
 are medians over interleaved runs of the whole call (for kivtamber: reading the matrix, the analysis, the
 factorization, the solve and its refinement; a fresh solver every call), by the wall clock and by the
-processor time of the process (all threads; less disturbed by other processes on a busy machine). The residual is
-‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞). A second kivtamber column gives the body rows of the .blocks file
-(first_constraint_row=n1) instead of reading them off the diagonal.
+processor time of the process (all threads; less disturbed by other processes on a busy machine). The
+residual is ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞). A second kivtamber column (processor time) gives the body rows
+of the .blocks file (first_constraint_row=n1) instead of reading them off the diagonal.
 
     PYTHONPATH=build/python /usr/bin/python3 bench/python_spsolve.py [--data DIR] [--runs 7]
 """
@@ -42,17 +42,17 @@ def median_time(call, runs):
 def main():
     root = pathlib.Path(__file__).resolve().parents[1]
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("--data", default=os.environ.get("KIVTAMBER_DATA_DIR", root / ".." / "shared" / "data" /
-                                                         "real"))
+    data = os.environ.get("KIVTAMBER_DATA_DIR", root / ".." / "shared" / "data" / "real")
+    parser.add_argument("--data", default=data)
     parser.add_argument("--runs", type=int, default=7)
     args = parser.parse_args()
     paths = sorted(pathlib.Path(args.data).glob("*.mtx*"))
     if not paths:
         print(f"no matrices in {args.data}", file=sys.stderr)
         return 1
-    print(f"{'matrix':42s} {'n':>6s} {'spsolve ms':>10s} {'ours ms':>8s} {'speedup':>7s} {'cpu: spsolve':>12s} "
-          f"{'ours':>8s} {'speedup':>7s} {'res spsolve':>11s} {'res ours':>9s} {'n1: ms':>8s} {'res':>8s}  "
-          f"ordering / regularized")
+    print(f"{'matrix':42s} {'n':>6s} {'spsolve ms':>10s} {'ours ms':>8s} {'speedup':>7s} "
+          f"{'cpu: spsolve':>12s} {'ours':>8s} {'speedup':>7s} {'res spsolve':>11s} {'res ours':>9s} "
+          f"{'n1: ms':>8s} {'res':>8s}  ordering / regularized")
     slower = worse = 0
     for path in paths:
         name = path.name.split(".mtx")[0]

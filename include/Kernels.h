@@ -146,7 +146,7 @@ void tamber_SM_UD(const float* L, int ldL, float* X, int ldX, int m, int n);
 // ---------------------------------------------------------------------------------------------------------
 // Size-specialised kernels of the block factorizations and of the double solves, in two forms that perform
 // the same operations in the same order and therefore give the same bits: kernels::fast is the code the
-// library runs (straight-line code for the block sizes 1 to 6 of physics systems, pairs of doubles per SSE2
+// library runs (straight-line code for the block sizes 1 to 12 of physics systems, pairs of doubles per SSE2
 // register), kernels::reference the plain loops it must agree with. Tiles are row-major with the row stride
 // p of their block's padded size (double: s rounded up to even, float: s); double tiles are 16-byte aligned
 // and their padding rows and columns are zero (the kernels rely on it, as the block storage guarantees).
@@ -158,7 +158,7 @@ namespace fast {
 // W = L·D·Lᵀ in place without pivoting for the s × s tile W (stride p; its lower triangle and diagonal are
 // read): W becomes the unit lower L (diagonal 1, strict upper triangle 0) and d[0 .. s) the pivots:
 // d_r = w_rr − Σ_{t<r} d_t·l_rt², l_rc = (w_rc − Σ_{t<c} l_rt·d_t·l_ct) / d_c, each sum from t = 0 up and
-// each product formed left to right. Double tiles of odd s ≤ 6 also get their padding column written 0.
+// each product formed left to right. Double tiles of odd s ≤ 12 also get their padding column written 0.
 void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d);
 void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
 
@@ -166,7 +166,7 @@ void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
 // read): per row, w_c −= Σ_{t<c} l_ct·w_t for c = 1 … s−1, the sum from t = 0 up.
 void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s);
 
-// For s ≤ 6 and s = 12 (otherwise false, nothing done): W ← W·L⁻ᵀ as solveUnitDiagonal, then over all p columns
+// For s ≤ 12 (otherwise false, nothing done): W ← W·L⁻ᵀ as solveUnitDiagonal, then over all p columns
 // W(r, c) ← W(r, c)·recip[c] and LD(r, c) = W(r, c)·(c < s ? d[c] : 0). recip: p entries, padding 0. LD:
 // rows × s tile of stride p. Returns true.
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,

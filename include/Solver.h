@@ -203,6 +203,8 @@ struct SolverReport {
     double refineSeconds = 0.0;
     unsigned int refinementSteps = 0;
     double residual = -1.0;
+    // The last estimateCondition (−1 before one).
+    double conditionEstimate = -1.0;
     // The last switch of equations: how many went off and on, how it was done ("update" or "refactor"),
     // and its seconds.
     unsigned long switchedOff = 0, switchedOn = 0;
@@ -296,6 +298,12 @@ public:
     Status solve(T* x);
     // k right-hand sides, column-major with leading dimension ld >= N (b and x may be the same).
     Status solve(const T* b, T* x, unsigned int k, unsigned long ld);
+
+    // An estimate of the condition number κ₁(A) = ‖A‖₁·‖A⁻¹‖₁ of the factored matrix (the active system;
+    // with regularisation the regularised one) from a few solves with the factor (Hager's method as refined
+    // by Higham; a lower bound, nearly always within a factor 3). Needs a valid factor. Also stored in the
+    // report. The first call of a structure allocates its work vectors (3·N values).
+    Status estimateCondition(double& kappa);
 
     // ---- sizes, offsets and statistics ----
     unsigned long size() const;  // N

@@ -102,6 +102,12 @@ FactorCost orderCost(const Reordering::BlockGraph& g, const unsigned int* forwar
                      const unsigned int* inverse, const unsigned int* sizes, CostWork& w,
                      kiv::VectorPOD<unsigned int>& sizeOfPosition);
 
+// Column counts of L: rows [n] the scalar rows strictly below each diagonal block, blocks [n] the blocks.
+struct ColumnCounts {
+    kiv::VectorPOD<unsigned long> rows;
+    kiv::VectorPOD<unsigned int> blocks;
+};
+
 // Groups of consecutive positions of an order: groupOf [n] the group of each position, offsetInGroup [n] its
 // first scalar inside the group, groupStart [groups + 1] the first position of each group.
 struct Groups {
@@ -117,9 +123,10 @@ struct MergeWork {
 // position when merge is false. filled: the filled pattern in list form; parent [n]: its elimination tree;
 // sizes [n]: block size of each position. Returns the explicit zeros of L the merging adds. Cost O(|L|) per
 // pass, three passes.
+// counts: the column counts of the filled pattern (countedCost), or null to read them off it.
 double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, const unsigned int* sizes,
                   bool merge, unsigned int maxMergedSize, double operationFlops, Groups& groups,
-                  MergeWork& work);
+                  MergeWork& work, const ColumnCounts* counts = nullptr);
 
 // The cost of the factor on the groups, every tile dense. Block column G of the merged factor holds group
 // H > G exactly when some block of H has an entry of L in a column of G. Cost O(|L|).
@@ -132,12 +139,6 @@ FactorCost groupCost(const SkeletonMatrix& filled, const Groups& groups, const u
 void mergedPattern(const SkeletonMatrix& permuted, const Groups& groups, SkeletonMatrix& mergedPermuted,
                    kiv::VectorPOD<unsigned int>& mergedEntry, kiv::VectorPOD<unsigned int>& work4,
                    kiv::VectorPOD<unsigned int>& work5);
-
-// Column counts of L: rows [n] the scalar rows strictly below each diagonal block, blocks [n] the blocks.
-struct ColumnCounts {
-    kiv::VectorPOD<unsigned long> rows;
-    kiv::VectorPOD<unsigned int> blocks;
-};
 
 struct CountWork {
     kiv::VectorPOD<unsigned int> post, first, maxFirst, prevLeaf, ancestor, colPtr, cursor, colRows;

@@ -5,9 +5,12 @@
 //  2. fill `matrix` (setSize, one acquireBlock per block in block-column order, then the values);
 //  3. call `Tamber::estimateWork` (lays out `factor`, counts fill blocks and block operations);
 //  4. set `useMultifrontal`, `numThreads` and `isFactored` = 0;
-//  5. call `Tamber::solve` / `Tamber::unitSolve`: the first call factors, later calls reuse the factor until
-//     the caller clears `isFactored` again (it must do so whenever it changes the values of `matrix`).
-// Every array is grown, never shrunk: after the first steps a system allocates nothing.
+//  5. factor (factorSerial, factorMF), then solve (Tamber::solve, TamberSolve::solve); the float solve and
+//     unitSolve also factor by themselves when `isFactored` is 0, the double solve never does. The caller
+//     clears `isFactored` whenever it changes the values of `matrix`.
+// Every array is grown, never shrunk: after the first steps a system allocates nothing. The layout of the
+// tiles of `matrix`, `factor` and `scaledFactor` is described once, in SparseTypes.h. Most callers use the
+// solver object (Solver.h), which does all of this in the caller's numbering and checks its input.
 #ifndef KIVTAMBER_TAMBER_H
 #define KIVTAMBER_TAMBER_H
 
@@ -171,20 +174,25 @@ public:
     template <typename T>
     unsigned int chooseThreads(TamberData<T>& data, unsigned int maxThreads);
 
-    // x ← A⁻¹·x in place (x: in/out, N elements). Factors first when `data.isFactored` is 0.
+    // The solve driver. Its whole contract (which forms factor first, what is timed, what is read, the
+    // refinement's rule) is stated once, in the notes at the end of TamberSolve.h; in short:
+    // x ← A⁻¹·x in place (x: in/out, N elements). The float form factors first when `data.isFactored` is 0;
+    // the double form is TamberSolve::solve and never factors, nor checks `isFactored`.
     template <typename T>
     bool solve(TamberData<T>& data, T* x);
 
-    // x ← A⁻¹·b (b: in, N elements; x: out, N elements).
+    // x ← A⁻¹·b (b: in, N elements; x: out, N elements): b copied into x, then the in-place form.
     template <typename T>
     bool solve(TamberData<T>& data, const T* b, T* x);
 
     // Solve for a right-hand side whose non-zeros lie in one block and its elimination-tree ancestors
-    // (x: in/out, N elements). Returns the smallest scalar index of x the call may have changed.
+    // (x: in/out, N elements); factors first when `data.isFactored` is 0. Returns the smallest scalar index
+    // of x the call may have changed.
     template <typename T>
     unsigned long unitSolve(TamberData<T>& data, T* x, int start);
 
-    // Iterative refinement of x as a solution of A·x = b (b: in, x: in/out, N elements each).
+    // Iterative refinement of x as a solution of A·x = b (b: in, x: in/out, N elements each); does not
+    // factor. Returns x's entry value when a step raises the residual (see TamberSolve.h).
     void iterativeRefinement(TamberData<double>& data, const double* b, double* x, int maxIterations);
 };
 

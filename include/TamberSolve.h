@@ -5,9 +5,9 @@
 // The factor is read through its container (column) view. Container column j of `factor` is block row j of
 // the unit lower factor L, so the columns show U = Lᵀ, unit upper block-triangular: block column j holds the
 // off-diagonal tiles B_ij (i < j) in storage order and then its diagonal tile U_jj, at index
-// colPointers[j+1] - 1. A tile (i, j) is s_i × s_j, column-major with leading dimension blockStrides[i]:
-// B_ij(q, r) is element r·blockStrides[i] + q. U_jj(q, r) for q < r holds the strict upper triangle, its
-// diagonal is 1 (in `factor`). x_j is the slice of length s_j at blockOffsets[j] of a right-hand side of
+// colPointers[j+1] - 1. Tiles are laid out as SparseTypes.h describes (column-major, leading dimension
+// blockStrides[i], zero padding): B_ij(q, r) is element r·blockStrides[i] + q. U_jj(q, r) for q < r holds
+// the strict upper triangle, its diagonal is 1 (in `factor`). x_j is the slice of length s_j at blockOffsets[j] of a right-hand side of
 // N = blockSizes[n] doubles.
 //
 // Preconditions shared by the double solves below (none is checked):

@@ -147,15 +147,18 @@ void parseOptions(const py::kwargs& kwargs, SolverOptions& options) {
             options.mergeBlocks = optionValue<bool>(value, "merge_blocks", "a bool");
         } else if (key == "check_values") {
             options.checkValues = optionValue<bool>(value, "check_values", "a bool");
-        } else if (key == "threads" || key == "refinement_steps") {
+        } else if (key == "threads" || key == "max_threads" || key == "refinement_steps") {
             const long long v = optionValue<long long>(value, key.c_str(), "an int");
-            (key == "threads" ? options.threads : options.refinementSteps) = toUnsigned(v, key.c_str());
+            (key == "threads"       ? options.threads
+             : key == "max_threads" ? options.maxThreads
+                                    : options.refinementSteps) = toUnsigned(v, key.c_str());
         } else if (key == "regularization") {
             options.regularization = optionValue<double>(value, "regularization", "a float");
         } else {
-            raise(PyExc_TypeError, "unknown option '" + key +
-                                       "' (options: ordering, merge_blocks, threads, refinement_steps, "
-                                       "check_values, regularization, switching)");
+            raise(PyExc_TypeError,
+                  "unknown option '" + key +
+                      "' (options: ordering, merge_blocks, threads, max_threads, refinement_steps, "
+                      "check_values, regularization, switching)");
         }
     }
 }
@@ -165,6 +168,7 @@ py::dict optionsDict(const SolverOptions& o) {
     d["ordering"] = orderingNames[static_cast<unsigned int>(o.ordering)];
     d["merge_blocks"] = o.mergeBlocks;
     d["threads"] = o.threads;
+    d["max_threads"] = o.maxThreads;
     d["refinement_steps"] = o.refinementSteps;
     d["check_values"] = o.checkValues;
     d["regularization"] = o.regularization;
@@ -265,18 +269,27 @@ py::array_t<T, py::array::c_style> flatValues(const py::handle& value, unsigned 
     return cOrdered<T>(a);
 }
 
-// Copies the N × k values of b (1-D or 2-D, any strides) into x, column-major with leading dimension N.
+// The layout of a 1-D or 2-D array, read while the GIL is held, so that its values can be copied without it.
+struct Strided {
+    const char* base;
+    py::ssize_t rows, cols, rowStride, colStride;
+};
+Strided stridedOf(const py::array& a) {
+    const bool matrix = a.ndim() == 2;
+    return {static_cast<const char*>(a.data()), a.shape(0), matrix ? a.shape(1) : 1, a.strides(0),
+            matrix ? a.strides(1) : 0};
+}
+
+// Copies the rows × cols values of b (any strides) into x, column-major with leading dimension rows.
 template <typename T>
-void copyColumns(const py::array& b, T* x) {
-    const auto* base = static_cast<const char*>(b.data());
-    const py::ssize_t n = b.shape(0), k = b.ndim() == 2 ? b.shape(1) : 1;
-    const py::ssize_t s0 = b.strides(0), s1 = b.ndim() == 2 ? b.strides(1) : 0;
-    for (py::ssize_t j = 0; j < k; ++j) {
-        const char* column = base + j * s1;
-        if (s0 == static_cast<py::ssize_t>(sizeof(T))) {
-            std::memcpy(x + j * n, column, static_cast<std::size_t>(n) * sizeof(T));
+void copyColumns(const Strided& b, T* x) {
+    for (py::ssize_t j = 0; j < b.cols; ++j) {
+        const char* column = b.base + j * b.colStride;
+        if (b.rowStride == static_cast<py::ssize_t>(sizeof(T))) {
+            std::memcpy(x + j * b.rows, column, static_cast<std::size_t>(b.rows) * sizeof(T));
         } else {
-            for (py::ssize_t i = 0; i < n; ++i) std::memcpy(x + j * n + i, column + i * s0, sizeof(T));
+            for (py::ssize_t i = 0; i < b.rows; ++i)
+                std::memcpy(x + j * b.rows + i, column + i * b.rowStride, sizeof(T));
         }
     }
 }
@@ -420,6 +433,66 @@ py::tuple lowerTriangleOf(const py::handle& colPointers, const py::handle& rowIn
     raise(PyExc_TypeError, "lower triangle: values must be float32 or float64");
 }
 
+// r = b − A·x and the worst scaled residual ‖r‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) over the k columns, for the symmetric
+// A whose lower triangle is given in CSC arrays (n + 1 column pointers, row indices and values, rows >= the
+// column, sorted) and b, x of n × k values in Fortran order. One pass over the entries per column; returns
+// (r, scaled residual) with r in Fortran order.
+py::tuple symmetricResidual(const py::handle& colPointers, const py::handle& rowIndices,
+                            const py::handle& values, const py::handle& rhs, const py::handle& solution) {
+    IndexArray cp = IndexArray::ensure(colPointers), ri = IndexArray::ensure(rowIndices);
+    using Values = py::array_t<double, py::array::f_style>;
+    if (!py::isinstance<py::array_t<double>>(values) || !py::isinstance<py::array_t<double>>(rhs) ||
+        !py::isinstance<py::array_t<double>>(solution) || !cp || !ri)
+        raise(PyExc_TypeError, "residual: float64 values and vectors, integer index arrays");
+    auto v = py::array_t<double, py::array::c_style>::ensure(values);
+    Values b = Values::ensure(rhs), x = Values::ensure(solution);
+    const std::size_t n = static_cast<std::size_t>(cp.size()) - 1;
+    const std::int32_t* p = cp.data();
+    const std::int32_t* i_ = ri.data();
+    if (cp.size() < 1 || p[n] != ri.size() || ri.size() != v.size() || b.ndim() != x.ndim() ||
+        static_cast<std::size_t>(b.shape(0)) != n || b.size() != x.size())
+        raise(PyExc_ValueError, "residual: sizes do not match");
+    for (py::ssize_t k = 0; k < ri.size(); ++k)
+        if (i_[k] < 0 || static_cast<std::size_t>(i_[k]) >= n)
+            raise(PyExc_ValueError, "residual: row index out of range");
+    const std::size_t k = n ? static_cast<std::size_t>(b.size()) / n : 0;
+    Values r(b.ndim() == 1
+                 ? std::vector<py::ssize_t>{static_cast<py::ssize_t>(n)}
+                 : std::vector<py::ssize_t>{static_cast<py::ssize_t>(n), static_cast<py::ssize_t>(k)});
+    const double *a = v.data(), *pb = b.data(), *px = x.data();
+    double* pr = r.mutable_data();
+    std::vector<double> rowSums(n, 0.0);
+    for (std::size_t j = 0; j < n; ++j)
+        for (std::int32_t e = p[j]; e < p[j + 1]; ++e) {
+            const std::size_t i = static_cast<std::size_t>(i_[e]);
+            rowSums[i] += std::fabs(a[e]);
+            if (i != j) rowSums[j] += std::fabs(a[e]);
+        }
+    const double normA = n ? *std::max_element(rowSums.begin(), rowSums.end()) : 0.0;
+    double worst = 0.0;
+    for (std::size_t c = 0; c < k; ++c) {
+        const double* bc = pb + c * n;
+        const double* xc = px + c * n;
+        double* rc = pr + c * n;
+        std::copy(bc, bc + n, rc);
+        for (std::size_t j = 0; j < n; ++j)
+            for (std::int32_t e = p[j]; e < p[j + 1]; ++e) {
+                const std::size_t i = static_cast<std::size_t>(i_[e]);
+                rc[i] -= a[e] * xc[j];              // r_i −= a_ij·x_j
+                if (i != j) rc[j] -= a[e] * xc[i];  // r_j −= a_ji·x_i
+            }
+        double nr = 0.0, nx = 0.0, nb = 0.0;
+        for (std::size_t q = 0; q < n; ++q) {
+            nr = std::max(nr, std::fabs(rc[q]));
+            nx = std::max(nx, std::fabs(xc[q]));
+            nb = std::max(nb, std::fabs(bc[q]));
+        }
+        const double scale = normA * nx + nb;
+        if (scale > 0) worst = std::max(worst, nr / scale);
+    }
+    return py::make_tuple(r, worst);
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // The solver object
 // ---------------------------------------------------------------------------------------------------------
@@ -434,11 +507,18 @@ struct ScalarOfSolver<Solver<T>> {
 template <typename S>
 using ScalarOf = typename ScalarOfSolver<std::remove_cv_t<std::remove_reference_t<S>>>::type;
 
+// Locking: every call into the library holds mutex_, and so does every read or write of the wrapper's own
+// record of the structure (the sizes the shape checks use), so that a check and the call it guards see the
+// same structure. Calls that run long release the GIL first and only then take the mutex, and give the mutex
+// back before they take the GIL again; short calls take the mutex with the GIL held. So no thread ever waits
+// for the GIL while it holds the mutex, and no thread deadlocks. A solve copies the right-hand side before it
+// releases the GIL, with the size read under the mutex; should another thread analyse the object again in
+// between, the generation count tells, and the solve fails instead of reading past the copy.
 class PySolver {
 public:
     PySolver(const py::object& dtype, const py::kwargs& kwargs) {
         const py::dtype dt = py::dtype::from_args(dtype);
-        if (dt.is(py::dtype::of<double>()) || dt.equal(py::dtype::of<double>())) {
+        if (dt.equal(py::dtype::of<double>())) {
             double_ = std::make_unique<Solver<double>>();
         } else if (dt.equal(py::dtype::of<float>())) {
             float_ = std::make_unique<Solver<float>>();
@@ -451,58 +531,49 @@ public:
 
     py::dtype dtype() const { return double_ ? py::dtype::of<double>() : py::dtype::of<float>(); }
 
+    // f(solver) on whichever solver the object holds (the caller holds the mutex).
     template <typename F>
     auto visit(F&& f) {
         return double_ ? f(*double_) : f(*float_);
     }
+    // f(solver) under the mutex, with the GIL held (short calls).
     template <typename F>
-    auto visit(F&& f) const {
-        return double_ ? f(static_cast<const Solver<double>&>(*double_))
-                       : f(static_cast<const Solver<float>&>(*float_));
-    }
-
-    // A call under the object's mutex with the GIL held (cheap calls).
-    template <typename F>
-    auto withLock(F&& f) {
+    auto locked(F&& f) {
         std::lock_guard<std::mutex> lock(mutex_);
-        return f();
+        return visit(f);
     }
-    // A call under the mutex without the GIL (analysis, factorization, solves).
+    // f() under the mutex without the GIL (analysis, factorization, solves).
     template <typename F>
     auto withoutGil(F&& f) {
         py::gil_scoped_release release;
         std::lock_guard<std::mutex> lock(mutex_);
         return f();
     }
-    // The same for a call on whichever solver the object holds.
-    template <typename F>
-    auto locked(F&& f) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return visit(f);
-    }
-    template <typename F>
-    auto released(F&& f) {
-        py::gil_scoped_release release;
-        std::lock_guard<std::mutex> lock(mutex_);
-        return visit(f);
-    }
 
     void setOptions(const py::kwargs& kwargs) {
+        std::lock_guard<std::mutex> lock(mutex_);
         SolverOptions options = visit([](auto& s) { return s.options(); });
         parseOptions(kwargs, options);
-        check(locked([&](auto& s) { return s.setOptions(options); }));
+        check(visit([&](auto& s) { return s.setOptions(options); }));
     }
-    py::dict options() const {
-        return optionsDict(visit([](auto& s) { return s.options(); }));
+    py::dict options() {
+        return optionsDict(locked([](auto& s) { return s.options(); }));
     }
 
     void analyze(const SystemStructure& structure) {
         const SystemStructure copy = structure;  // the Python object may change while the GIL is released
-        check(released([&](auto& s) { return s.analyze(copy); }));
-        blockSizes_ = copy.bodySizes;
-        blockSizes_.insert(blockSizes_.end(), copy.constraintSizes.begin(), copy.constraintSizes.end());
-        numBodies_ = copy.numBodies();
-        scalarValues_ = 0;
+        check(withoutGil([&]() {
+            Status st = visit([&](auto& s) { return s.analyze(copy); });
+            if (st.ok()) {
+                blockSizes_ = copy.bodySizes;
+                blockSizes_.insert(blockSizes_.end(), copy.constraintSizes.begin(),
+                                   copy.constraintSizes.end());
+                numBodies_ = copy.numBodies();
+                scalarValues_ = 0;
+                ++generation_;
+            }
+            return st;
+        }));
     }
 
     void analyzeCsc(long long n, long long firstConstraintRow, const py::handle& colPointers,
@@ -529,112 +600,78 @@ public:
             sizes = bs.data();
             numBlocks = toUnsigned(static_cast<long long>(bs.size()), "number of blocks");
         }
-        check(released(
-            [&](auto& s) { return s.analyzeScalar(rows, first, cp.data(), ri.data(), sizes, numBlocks); }));
-        if (sizes) {
-            blockSizes_.assign(sizes, sizes + numBlocks);
-            numBodies_ = 0;
-            for (unsigned int i = 0, row = 0; i < numBlocks && row < first; row += sizes[i++]) ++numBodies_;
-        } else {
-            blockSizes_.clear();
-            numBodies_ = 0;
-        }
-        scalarValues_ = entries;
+        const unsigned int *colData = cp.data(), *rowData = ri.data();
+        check(withoutGil([&]() {
+            Status st = visit(
+                [&](auto& s) { return s.analyzeScalar(rows, first, colData, rowData, sizes, numBlocks); });
+            if (st.ok()) {
+                // Block sizes are known when given; detected blocks are the analysis's own.
+                blockSizes_.assign(sizes, sizes + (sizes ? numBlocks : 0));
+                numBodies_ = 0;
+                for (unsigned int i = 0, row = 0; sizes && i < numBlocks && row < first; row += sizes[i++])
+                    ++numBodies_;
+                scalarValues_ = entries;
+                ++generation_;
+            }
+            return st;
+        }));
+    }
+    bool isAnalyzed() {
+        return locked([](auto& s) { return s.isAnalyzed(); });
     }
 
-    // ---- values ----
-
-    // The block sizes the shape checks need; a matrix whose blocks the analysis detected has none here.
-    void requireSizes(const char* what) const {
-        if (blockSizes_.empty() && analyzedAny())
-            raise(PyExc_ValueError,
-                  std::string(what) +
-                      ": the blocks of this matrix were detected by the analysis; set "
-                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
-    }
-    unsigned int bodySize(long long body, const char* what) const {
-        requireSizes(what);
-        if (body < 0 || body >= static_cast<long long>(numBodies_))
-            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
-                                        std::to_string(numBodies_) + " bodies)");
-        return blockSizes_[static_cast<std::size_t>(body)];
-    }
-    unsigned int constraintSize(long long constraint, const char* what) const {
-        requireSizes(what);
-        const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
-        if (constraint < 0 || constraint >= count)
-            raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
-                                        " (" + std::to_string(count) + " constraints)");
-        return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
-    }
-    unsigned int blockSize(long long block, const char* what) const {
-        requireSizes(what);
-        if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
-            raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
-                                        std::to_string(blockSizes_.size()) + " blocks)");
-        return blockSizes_[static_cast<std::size_t>(block)];
-    }
-    bool analyzedAny() const {
-        return visit([](auto& s) { return s.isAnalyzed(); });
-    }
+    // ---- values (each setter holds the mutex from its shape check to the library call) ----
 
     void setBody(long long body, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int s = bodySize(body, "set_body");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, s, s, "set_body");
-            check(withLock([&]() { return solver.setBody(static_cast<unsigned int>(body), a.data()); }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s, s, "set_body");
+            check(solver.setBody(static_cast<unsigned int>(body), a.data()));
         });
     }
     void setJacobian(long long constraint, long long body, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int sc = constraintSize(constraint, "set_jacobian"),
                            sb = bodySize(body, "set_jacobian");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, sc, sb, "set_jacobian");
-            check(withLock([&]() {
-                return solver.setJacobian(static_cast<unsigned int>(constraint),
-                                          static_cast<unsigned int>(body), a.data());
-            }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, sc, sb, "set_jacobian");
+            check(solver.setJacobian(static_cast<unsigned int>(constraint), static_cast<unsigned int>(body),
+                                     a.data()));
         });
     }
     void setBodyCoupling(long long body1, long long body2, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int s1 = bodySize(body1, "set_body_coupling"),
                            s2 = bodySize(body2, "set_body_coupling");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, s1, s2, "set_body_coupling");
-            check(withLock([&]() {
-                return solver.setBodyCoupling(static_cast<unsigned int>(body1),
-                                              static_cast<unsigned int>(body2), a.data());
-            }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s1, s2, "set_body_coupling");
+            check(solver.setBodyCoupling(static_cast<unsigned int>(body1), static_cast<unsigned int>(body2),
+                                         a.data()));
         });
     }
     void setCompliance(long long constraint, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int s = constraintSize(constraint, "set_compliance");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, s, s, "set_compliance");
-            check(withLock(
-                [&]() { return solver.setCompliance(static_cast<unsigned int>(constraint), a.data()); }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s, s, "set_compliance");
+            check(solver.setCompliance(static_cast<unsigned int>(constraint), a.data()));
         });
     }
     void setBlock(long long i, long long j, const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         const unsigned int si = blockSize(i, "set_block"), sj = blockSize(j, "set_block");
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
-            auto a = blockValues<T>(values, si, sj, "set_block");
-            check(withLock([&]() {
-                return solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a.data());
-            }));
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, si, sj, "set_block");
+            check(solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a.data()));
         });
     }
     void setValues(const py::handle& bodies, const py::handle& jacobians, const py::handle& couplings,
                    const py::handle& compliances) {
+        std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            using Flat = py::array_t<T, py::array::c_style>;
-            Flat arrays[4];
+            py::array_t<T, py::array::c_style> arrays[4];
             const py::handle given[4] = {bodies, jacobians, couplings, compliances};
             const unsigned long counts[4] = {solver.bodyValueCount(), solver.jacobianValueCount(),
                                              solver.couplingValueCount(), solver.complianceValueCount()};
@@ -646,21 +683,19 @@ public:
                 arrays[k] = flatValues<T>(given[k], counts[k], names[k]);
                 pointers[k] = arrays[k].data();
             }
-            check(withLock(
-                [&]() { return solver.setValues(pointers[0], pointers[1], pointers[2], pointers[3]); }));
+            check(solver.setValues(pointers[0], pointers[1], pointers[2], pointers[3]));
         });
     }
     void setScalarValues(const py::handle& values) {
+        std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
-            using T = ScalarOf<decltype(solver)>;
             if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("set_scalar_values"));
-            if (scalarValues_ == 0) {
+            if (scalarValues_ == 0)
                 raise(PyExc_ValueError,
                       "set_scalar_values: the solver holds a body/constraint structure, not a "
                       "matrix given to analyze_matrix");
-            }
-            auto a = flatValues<T>(values, scalarValues_, "set_scalar_values");
-            check(withLock([&]() { return solver.setScalarValues(a.data()); }));
+            auto a = flatValues<ScalarOf<decltype(solver)>>(values, scalarValues_, "set_scalar_values");
+            check(solver.setScalarValues(a.data()));
         });
     }
 
@@ -675,79 +710,134 @@ public:
         check(locked([&](auto& s) { return s.setConstraintActive(c, on); }));
     }
     bool isActive(long long constraint, long long row) {
-        constraintSize(constraint, "is_active");
-        const unsigned int c = toUnsigned(constraint, "constraint"), r = toUnsigned(row, "row");
-        if (r >= blockSizes_[numBodies_ + c])
-            raise(PyExc_ValueError, "is_active: constraint " + std::to_string(c) + " has " +
-                                        std::to_string(blockSizes_[numBodies_ + c]) + " rows, not row " +
-                                        std::to_string(r));
-        return locked([&](auto& s) { return s.isActive(c, r); });
+        std::lock_guard<std::mutex> lock(mutex_);
+        const unsigned int rows = constraintSize(constraint, "is_active");
+        if (row < 0 || row >= static_cast<long long>(rows))
+            raise(PyExc_ValueError, "is_active: constraint " + std::to_string(constraint) + " has " +
+                                        std::to_string(rows) + " rows, not row " + std::to_string(row));
+        return visit([&](auto& s) {
+            return s.isActive(static_cast<unsigned int>(constraint), static_cast<unsigned int>(row));
+        });
     }
 
     // ---- factorization and solves ----
 
     void factor() {
-        const Status st = released([](auto& s) { return s.factor(); });
-        if (!st.ok()) {
-            const PivotLocation pivot = visit([](auto& s) { return s.badPivot(); });
-            check(st, &pivot);
-        }
+        PivotLocation pivot;
+        const Status st = withoutGil([&]() {
+            return visit([&](auto& s) {
+                Status result = s.factor();
+                if (!result.ok()) pivot = s.badPivot();
+                return result;
+            });
+        });
+        check(st, &pivot);
     }
 
-    py::array solve(const py::handle& rhs) {
+    // x = A⁻¹·b for b of shape (N,) or (N, k), into a new array (C order for a vector, Fortran order for k
+    // columns) or into `out`: a writeable array of b's shape and dtype, C-contiguous for a vector and
+    // Fortran-contiguous for k columns (it may be b itself). With out, the solve works in the object's
+    // scratch and writes out only on success, allocating nothing after the first call of its size.
+    py::array solve(const py::handle& rhs, const py::handle& out) {
         return visit([&](auto& solver) -> py::array {
             using T = ScalarOf<decltype(solver)>;
             py::array b = asArrayOf<T>(rhs, "solve");
-            const unsigned long n = solver.size();
-            if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("solve"));
+            bool analyzed, checkValues;
+            unsigned long n;
+            std::uint64_t generation;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                analyzed = solver.isAnalyzed();
+                n = solver.size();
+                checkValues = solver.options().checkValues;
+                generation = generation_;
+            }
+            if (!analyzed) raise(PyExc_RuntimeError, notAnalyzed("solve"));
             if ((b.ndim() != 1 && b.ndim() != 2) || static_cast<unsigned long>(b.shape(0)) != n)
                 raise(PyExc_ValueError, "solve: expected a right-hand side of shape (" + std::to_string(n) +
                                             ",) or (" + std::to_string(n) + ", k), got shape " +
                                             shapeString(b));
-            const py::ssize_t k = b.ndim() == 2 ? b.shape(1) : 1;
+            const bool vector = b.ndim() == 1;
+            const py::ssize_t k = vector ? 1 : b.shape(1);
             if (k > static_cast<py::ssize_t>(UINT_MAX))
                 raise(PyExc_ValueError, "solve: too many right-hand sides (" + std::to_string(k) + ")");
-            py::array_t<T, py::array::f_style> x(b.ndim() == 2 ? std::vector<py::ssize_t>{b.shape(0), k}
-                                                               : std::vector<py::ssize_t>{b.shape(0)});
-            T* data = x.mutable_data();
-            copyColumns<T>(b, data);
-            if (solver.options().checkValues && !allFinite(data, static_cast<std::size_t>(n * k)))
-                raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
-            if (k == 0) return std::move(x);
-            const Status st = withoutGil([&]() {
-                return b.ndim() == 1 ? solver.solve(data)
-                                     : solver.solve(data, data, static_cast<unsigned int>(k), n);
-            });
-            if (!st.ok()) {
-                const PivotLocation pivot = solver.badPivot();
-                check(st, &pivot);
+            py::array result;
+            if (out.is_none()) {
+                result = py::array_t<T, py::array::f_style>(vector ? std::vector<py::ssize_t>{b.shape(0)}
+                                                                   : std::vector<py::ssize_t>{b.shape(0), k});
+            } else {
+                result = asArrayOf<T>(out, "solve: out");
+                const int layout = vector ? py::array::c_style : py::array::f_style;
+                bool same = result.ndim() == b.ndim();
+                for (py::ssize_t d = 0; same && d < b.ndim(); ++d) same = result.shape(d) == b.shape(d);
+                if (!same || !result.writeable() || (result.flags() & layout) != layout)
+                    raise(PyExc_ValueError, "solve: out must be a writeable " +
+                                                std::string(vector ? "C" : "Fortran") +
+                                                "-contiguous array of shape " + shapeString(b) +
+                                                ", got shape " + shapeString(result));
             }
-            return std::move(x);
+            const Strided from = stridedOf(b);  // no Python object is touched without the GIL
+            T* const to = static_cast<T*>(result.mutable_data());
+            const std::size_t count = static_cast<std::size_t>(n) * static_cast<std::size_t>(k);
+            const bool direct = out.is_none();
+            if (k == 0) return result;
+            PivotLocation pivot;
+            bool reanalyzed = false, finite = true;
+            const Status st = withoutGil([&]() {
+                if (generation_ != generation) {
+                    reanalyzed = true;
+                    return Status();
+                }
+                T* x = to;
+                if (!direct) {
+                    std::vector<T>& s = scratch(T());
+                    if (s.size() < count) s.resize(count);
+                    x = s.data();
+                }
+                copyColumns<T>(from, x);
+                if (checkValues && !(finite = allFinite(x, count))) return Status();
+                Status r = vector ? solver.solve(x) : solver.solve(x, x, static_cast<unsigned int>(k), n);
+                if (!r.ok())
+                    pivot = solver.badPivot();
+                else if (!direct)
+                    std::memcpy(to, x, count * sizeof(T));
+                return r;
+            });
+            if (reanalyzed)
+                raise(PyExc_RuntimeError, "solve: another thread analysed the solver again during this call");
+            if (!finite) raise(PyExc_ValueError, "solve: the right-hand side holds a NaN or infinite value");
+            check(st, &pivot);
+            return result;
         });
     }
 
     // ---- sizes and report ----
 
-    unsigned long size() const {
-        return visit([](auto& s) { return s.size(); });
+    unsigned long size() {
+        return locked([](auto& s) { return s.size(); });
     }
-    unsigned int numBodies() const {
-        return visit([](auto& s) { return s.numBodies(); });
+    unsigned int numBodies() {
+        return locked([](auto& s) { return s.numBodies(); });
     }
-    unsigned int numConstraints() const {
-        return visit([](auto& s) { return s.numConstraints(); });
+    unsigned int numConstraints() {
+        return locked([](auto& s) { return s.numConstraints(); });
     }
-    unsigned long bodyOffset(long long body) const {
-        if (body < 0 || body >= static_cast<long long>(numBodies()))
-            raise(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
-                                        std::to_string(numBodies()) + " bodies)");
-        return visit([&](auto& s) { return s.bodyOffset(static_cast<unsigned int>(body)); });
+    unsigned long bodyOffset(long long body) {
+        return locked([&](auto& s) {
+            if (body < 0 || body >= static_cast<long long>(s.numBodies()))
+                raise(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
+                                            std::to_string(s.numBodies()) + " bodies)");
+            return s.bodyOffset(static_cast<unsigned int>(body));
+        });
     }
-    unsigned long constraintOffset(long long constraint) const {
-        if (constraint < 0 || constraint >= static_cast<long long>(numConstraints()))
-            raise(PyExc_ValueError, "constraint_offset: unknown constraint " + std::to_string(constraint) +
-                                        " (" + std::to_string(numConstraints()) + " constraints)");
-        return visit([&](auto& s) { return s.constraintOffset(static_cast<unsigned int>(constraint)); });
+    unsigned long constraintOffset(long long constraint) {
+        return locked([&](auto& s) {
+            if (constraint < 0 || constraint >= static_cast<long long>(s.numConstraints()))
+                raise(PyExc_ValueError, "constraint_offset: unknown constraint " +
+                                            std::to_string(constraint) + " (" +
+                                            std::to_string(s.numConstraints()) + " constraints)");
+            return s.constraintOffset(static_cast<unsigned int>(constraint));
+        });
     }
     py::dict report() {
         return reportDict(locked([](auto& s) { return s.report(); }));
@@ -755,8 +845,8 @@ public:
     py::object badPivot() {
         return pivotDict(locked([](auto& s) { return s.badPivot(); }));
     }
-    unsigned long valueCount(int kind) const {
-        return visit([&](auto& s) {
+    unsigned long valueCount(int kind) {
+        return locked([&](auto& s) {
             switch (kind) {
                 case 0:
                     return s.bodyValueCount();
@@ -778,18 +868,32 @@ public:
         const unsigned int count = toUnsigned(steps, "steps");
         return visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            auto mb = flatValues<T>(bodies, solver.bodyValueCount(), "bodies");
-            auto mj = flatValues<T>(jacobians, solver.jacobianValueCount(), "jacobians");
-            auto b = flatValues<T>(rhs, solver.size(), "rhs");
-            std::vector<T> x(solver.size());
+            unsigned long counts[3];
+            std::uint64_t generation;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                counts[0] = solver.bodyValueCount();
+                counts[1] = solver.jacobianValueCount();
+                counts[2] = solver.size();
+                generation = generation_;
+            }
+            auto mb = flatValues<T>(bodies, counts[0], "bodies");
+            auto mj = flatValues<T>(jacobians, counts[1], "jacobians");
+            auto b = flatValues<T>(rhs, counts[2], "rhs");
+            const T *bodyValues = mb.data(), *jacobianValues = mj.data(), *rhsValues = b.data();
+            std::vector<T> x(counts[2]);
             std::vector<double> seconds(count);
             Status st;
             withoutGil([&]() {
+                if (generation_ != generation) {
+                    st = Status{StatusCode::invalidArgument, "_native_steps: the solver was analysed again"};
+                    return 0;
+                }
                 for (unsigned int k = 0; k < count && st.ok(); ++k) {
                     const double t0 = now(threadClock);
-                    st = solver.setValues(mb.data(), mj.data());
+                    st = solver.setValues(bodyValues, jacobianValues);
                     if (st.ok()) st = solver.factor();
-                    if (st.ok()) st = solver.solve(b.data(), x.data());
+                    if (st.ok()) st = solver.solve(rhsValues, x.data());
                     seconds[k] = now(threadClock) - t0;
                 }
                 return 0;
@@ -806,14 +910,51 @@ public:
     }
 
 private:
+    // The wrapper's record of the structure, for the shape checks (the caller holds the mutex).
+    void requireSizes(const char* what) {
+        if (blockSizes_.empty() && visit([](auto& s) { return s.isAnalyzed(); }))
+            raise(PyExc_ValueError,
+                  std::string(what) +
+                      ": the blocks of this matrix were detected by the analysis; set "
+                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
+    }
+    unsigned int bodySize(long long body, const char* what) {
+        requireSizes(what);
+        if (body < 0 || body >= static_cast<long long>(numBodies_))
+            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
+                                        std::to_string(numBodies_) + " bodies)");
+        return blockSizes_[static_cast<std::size_t>(body)];
+    }
+    unsigned int constraintSize(long long constraint, const char* what) {
+        requireSizes(what);
+        const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
+        if (constraint < 0 || constraint >= count)
+            raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
+                                        " (" + std::to_string(count) + " constraints)");
+        return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
+    }
+    unsigned int blockSize(long long block, const char* what) {
+        requireSizes(what);
+        if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
+            raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
+                                        std::to_string(blockSizes_.size()) + " blocks)");
+        return blockSizes_[static_cast<std::size_t>(block)];
+    }
+
     std::unique_ptr<Solver<float>> float_;
     std::unique_ptr<Solver<double>> double_;
     std::mutex mutex_;
-    // What the shape checks need: block sizes (bodies first) and the number of bodies among them, empty when
-    // the analysis detected the blocks itself; the number of values of an analysed scalar matrix.
+    // Block sizes (bodies first) and the number of bodies among them, empty when the analysis detected the
+    // blocks itself; the number of values of an analysed scalar matrix; analyses so far.
     std::vector<unsigned int> blockSizes_;
     unsigned int numBodies_ = 0;
+    // Work space of solves into a caller's array.
+    std::vector<float> scratchFloat_;
+    std::vector<double> scratchDouble_;
+    std::vector<float>& scratch(float) { return scratchFloat_; }
+    std::vector<double>& scratch(double) { return scratchDouble_; }
     unsigned long scalarValues_ = 0;
+    std::uint64_t generation_ = 0;
 };
 
 }  // namespace
@@ -886,7 +1027,7 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("analyze", &PySolver::analyze, py::arg("structure"))
         .def("_analyze_csc", &PySolver::analyzeCsc, py::arg("n"), py::arg("first_constraint_row"),
              py::arg("col_pointers"), py::arg("row_indices"), py::arg("block_sizes") = py::none())
-        .def_property_readonly("is_analyzed", &PySolver::analyzedAny)
+        .def_property_readonly("is_analyzed", &PySolver::isAnalyzed)
         .def("set_body", &PySolver::setBody, py::arg("body"), py::arg("values"))
         .def("set_jacobian", &PySolver::setJacobian, py::arg("constraint"), py::arg("body"),
              py::arg("values"))
@@ -898,15 +1039,15 @@ PYBIND11_MODULE(_kivtamber, m) {
              py::arg("jacobians") = py::none(), py::arg("couplings") = py::none(),
              py::arg("compliances") = py::none())
         .def("set_scalar_values", &PySolver::setScalarValues, py::arg("values"))
-        .def_property_readonly("body_value_count", [](const PySolver& s) { return s.valueCount(0); })
-        .def_property_readonly("jacobian_value_count", [](const PySolver& s) { return s.valueCount(1); })
-        .def_property_readonly("coupling_value_count", [](const PySolver& s) { return s.valueCount(2); })
-        .def_property_readonly("compliance_value_count", [](const PySolver& s) { return s.valueCount(3); })
+        .def_property_readonly("body_value_count", [](PySolver& s) { return s.valueCount(0); })
+        .def_property_readonly("jacobian_value_count", [](PySolver& s) { return s.valueCount(1); })
+        .def_property_readonly("coupling_value_count", [](PySolver& s) { return s.valueCount(2); })
+        .def_property_readonly("compliance_value_count", [](PySolver& s) { return s.valueCount(3); })
         .def("set_active", &PySolver::setActive, py::arg("constraint"), py::arg("row"), py::arg("on"))
         .def("set_constraint_active", &PySolver::setConstraintActive, py::arg("constraint"), py::arg("on"))
         .def("is_active", &PySolver::isActive, py::arg("constraint"), py::arg("row"))
         .def("factor", &PySolver::factor)
-        .def("solve", &PySolver::solve, py::arg("b"))
+        .def("solve", &PySolver::solve, py::arg("b"), py::arg("out") = py::none())
         .def_property_readonly("size", &PySolver::size)
         .def_property_readonly("num_bodies", &PySolver::numBodies)
         .def_property_readonly("num_constraints", &PySolver::numConstraints)
@@ -917,6 +1058,8 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("_native_steps", &PySolver::nativeSteps, py::arg("bodies"), py::arg("jacobians"), py::arg("rhs"),
              py::arg("steps"), py::arg("thread_clock") = false);
 
+    m.def("_symmetric_residual", &symmetricResidual, py::arg("col_pointers"), py::arg("row_indices"),
+          py::arg("values"), py::arg("b"), py::arg("x"));
     m.def("_lower_triangle", &lowerTriangleOf, py::arg("col_pointers"), py::arg("row_indices"),
           py::arg("values"), py::arg("tolerance"));
 }

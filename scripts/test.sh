@@ -37,7 +37,7 @@ pytests() { # dir, env assignments...
     echo "the Python module was not built in $dir (see the CMake output of that build)" >&2
     exit 1
   fi
-  env "$@" KIVTAMBER_DATA_DIR="${KIVTAMBER_DATA_DIR:-$root/../shared/data/real}" PYTHONPATH="$root/$dir/python" \
+  env "$@" PYTHONDONTWRITEBYTECODE=1 KIVTAMBER_DATA_DIR="${KIVTAMBER_DATA_DIR:-$root/../shared/data/real}" PYTHONPATH="$root/$dir/python" \
     /usr/bin/python3 -m pytest -q -p no:cacheprovider "$root/python/tests"
 }
 echo "== Python module tests"

@@ -619,7 +619,7 @@ FactorCost Analyzer::Impl::evaluate(const Problem& problem, const Options& optio
     computeFilledSkeleton(permuted, tree, filled, &pad, !options.mergeBlocks);  // flags only for data
     report.explicitZeros = static_cast<unsigned long>(
         findGroups(filled, tree.parent, work3.data(), options.mergeBlocks, options.maxMergedSize,
-                   options.mergeOperationFlops, groups, mergeWork));
+                   options.mergeOperationFlops, groups, mergeWork, &counts));
     if (!options.mergeBlocks || groupStart.size() == n + 1ul) return report.unmergedCost;  // nothing merged
     return groupCost(filled, groups, work3.data(), costWork);
 }

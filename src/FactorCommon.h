@@ -50,7 +50,8 @@ using kernels::storeUnitLower;
 // clearing the values. With zeroWhenChanged (the serial factorization, which writes every element of every
 // tile except the padding rows of tiles whose block row has an odd size, double): those rows are zero
 // whenever X last held this very layout, because nothing writes them; otherwise the used value range is
-// zeroed here, once (as far as values were ever handed out: valueExtent). Without it (the multifrontal workers write every element) nothing is zeroed.
+// zeroed here, once (as far as values were ever handed out: valueExtent). Without it (the multifrontal
+// workers write every element) nothing is zeroed.
 template <typename T>
 void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
                   bool zeroWhenChanged) {
@@ -89,7 +90,8 @@ void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
     if (k < X.blockCapacity) X.blockPointers[k] = X.values + at;
     // Elements at or after valueExtent are zero already (a fresh allocation: all of them).
     const unsigned long dirty = at < X.valueExtent ? at : X.valueExtent;
-    if (zeroWhenChanged && !same && dirty > 0) std::memset(static_cast<void*>(X.values), 0, dirty * sizeof(T));
+    if (zeroWhenChanged && !same && dirty > 0)
+        std::memset(static_cast<void*>(X.values), 0, dirty * sizeof(T));
     if (at > X.valueExtent) X.valueExtent = at;
 }
 

@@ -148,6 +148,66 @@ void mmABtDoubleFixed(const double* A, int lda, const double* B, int ldb, double
     }
 }
 
+// mmABtDoubleBlocked with only the padded inner size KP (even, at most 12) fixed at compile time: the loops
+// over the 2×2 blocks of C stay, the sum over p is straight code. The same operations for every entry.
+template <int Sign, bool Lower, int KP>
+void mmABtDoubleInnerFixed(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n,
+                           int m) {
+    for (int i = 0; i < n; i += 2) {
+        const double* A0 = A + at(i, lda, 0);
+        const double* A1 = A0 + lda;
+        double* C0 = C + at(i, ldc, 0);
+        double* C1 = C0 + ldc;
+        __m128d a0[KP / 2], a1[KP / 2];
+        KIVTAMBER_UNROLL
+        for (int p = 0; p < KP; p += 2) {
+            a0[p / 2] = _mm_load_pd(A0 + p);
+            a1[p / 2] = _mm_load_pd(A1 + p);
+        }
+        const int jEnd = Lower ? i + 1 : m;
+        for (int j = 0; j < jEnd; j += 2) {
+            const double* B0 = B + at(j, ldb, 0);
+            const double* B1 = B0 + ldb;
+            __m128d s00 = _mm_setzero_pd();
+            __m128d s01 = _mm_setzero_pd();
+            __m128d s10 = _mm_setzero_pd();
+            __m128d s11 = _mm_setzero_pd();
+            KIVTAMBER_UNROLL
+            for (int p = 0; p < KP; p += 2) {
+                const __m128d b0 = _mm_load_pd(B0 + p);
+                const __m128d b1 = _mm_load_pd(B1 + p);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0[p / 2], b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0[p / 2], b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1[p / 2], b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1[p / 2], b1));
+            }
+            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
+            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+            if (Sign < 0) {
+                _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), r1));
+            } else {
+                _mm_store_pd(C0 + j, _mm_add_pd(_mm_load_pd(C0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_add_pd(_mm_load_pd(C1 + j), r1));
+            }
+        }
+    }
+}
+
+// mmABtDoubleBlocked through mmABtDoubleInnerFixed when k <= 12; false (nothing done) otherwise.
+template <int Sign, bool Lower>
+inline bool mmABtDoubleInner(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n,
+                             int m, int k) {
+    using Product = void (*)(const double*, int, const double*, int, double*, int, int, int);
+    static constexpr Product table[6] = {
+        &mmABtDoubleInnerFixed<Sign, Lower, 2>,  &mmABtDoubleInnerFixed<Sign, Lower, 4>,
+        &mmABtDoubleInnerFixed<Sign, Lower, 6>,  &mmABtDoubleInnerFixed<Sign, Lower, 8>,
+        &mmABtDoubleInnerFixed<Sign, Lower, 10>, &mmABtDoubleInnerFixed<Sign, Lower, 12>};
+    if (k > 12) return false;
+    table[(k + 1) / 2 - 1](A, lda, B, ldb, C, ldc, n, m);
+    return true;
+}
+
 using FixedProduct = void (*)(const double*, int, const double*, int, double*, int);
 
 // The fixed kernels of every padded size triple (2, 4 or 6 each), indexed by (n/2 − 1)·9 + (m/2 − 1)·3 +
@@ -306,6 +366,7 @@ void tamber_MM_CM_ABt(const double* A, int lda, const double* B, int ldb, double
         return;
     }
     if (mmABtDoubleSmall<-1, false>(A, lda, B, ldb, C, ldc, n, m, k)) return;
+    if (mmABtDoubleInner<-1, false>(A, lda, B, ldb, C, ldc, n, m, k)) return;
     mmABtDoubleBlocked<-1>(A, lda, B, ldb, C, ldc, n, m, k);
 }
 
@@ -333,6 +394,7 @@ void subtractABtLower(const double* A, int lda, const double* B, int ldb, double
         return;
     }
     if (mmABtDoubleSmall<-1, true>(A, lda, B, ldb, C, ldc, n, n, k)) return;
+    if (mmABtDoubleInner<-1, true>(A, lda, B, ldb, C, ldc, n, n, k)) return;
     mmABtDoubleBlocked<-1, true>(A, lda, B, ldb, C, ldc, n, n, k);
 }
 

@@ -146,6 +146,16 @@ inline void solveUnitDiagonal(const double* Ljj, unsigned int p_j, double* W, un
             return solveUnitDiagonalFixed<5>(Ljj, p_j, W, s_i, s_j);
         case 6:
             return solveUnitDiagonalFixed<6>(Ljj, p_j, W, s_i, s_j);
+        case 7:
+            return solveUnitDiagonalFixed<7>(Ljj, p_j, W, s_i, s_j);
+        case 8:
+            return solveUnitDiagonalFixed<8>(Ljj, p_j, W, s_i, s_j);
+        case 9:
+            return solveUnitDiagonalFixed<9>(Ljj, p_j, W, s_i, s_j);
+        case 10:
+            return solveUnitDiagonalFixed<10>(Ljj, p_j, W, s_i, s_j);
+        case 11:
+            return solveUnitDiagonalFixed<11>(Ljj, p_j, W, s_i, s_j);
         case 12:
             return solveUnitDiagonalFixed<12>(Ljj, p_j, W, s_i, s_j);
         default:
@@ -183,7 +193,7 @@ inline void storeUnitLower(float* W, unsigned int p, const float (*l)[S > 0 ? S 
     }
 }
 
-// Rows w0 and w1 of an s × S block (S ≤ 6 fixed, row stride P = S rounded up to even, zero padding), one per
+// Rows w0 and w1 of an s × S block (S ≤ 12 fixed, row stride P = S rounded up to even, zero padding), one per
 // lane: v[c] = (w0[c], w1[c]) for c < P, then v ← v·L_jj⁻ᵀ with the unit lower block L_jj (row stride P),
 // the sums of solveUnitDiagonal in the same order. The caller stores v, transposed back to rows in pairs.
 template <int S>
@@ -307,7 +317,17 @@ inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d) {
             return factorDiagonalBlockFixed<T, 5>(W, p, s, d);
         case 6:
             return factorDiagonalBlockFixed<T, 6>(W, p, s, d);
-        case 12:  // a merged pair of bodies
+        case 7:  // 7 to 12: what block merging makes of bodies and constraints
+            return factorDiagonalBlockFixed<T, 7>(W, p, s, d);
+        case 8:
+            return factorDiagonalBlockFixed<T, 8>(W, p, s, d);
+        case 9:
+            return factorDiagonalBlockFixed<T, 9>(W, p, s, d);
+        case 10:
+            return factorDiagonalBlockFixed<T, 10>(W, p, s, d);
+        case 11:
+            return factorDiagonalBlockFixed<T, 11>(W, p, s, d);
+        case 12:
             return factorDiagonalBlockFixed<T, 12>(W, p, s, d);
         default:
             return factorDiagonalBlockFixed<T, 0>(W, p, s, d);
@@ -406,8 +426,8 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
     }
 }
 
-// finishSmallBlockFixed for block sizes 1 to 6 and 12 (a merged pair of bodies) of double; false (nothing
-// done) otherwise.
+// finishSmallBlockFixed for block sizes 1 to 12 of double (bodies, constraints and what block merging makes
+// of them); false (nothing done) otherwise.
 inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
                              const double* recip, const double* dj) {
     switch (s_j) {
@@ -429,6 +449,21 @@ inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigne
         case 6:
             finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
             return true;
+        case 7:
+            finishSmallBlockFixed<7>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 8:
+            finishSmallBlockFixed<8>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 9:
+            finishSmallBlockFixed<9>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 10:
+            finishSmallBlockFixed<10>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
+        case 11:
+            finishSmallBlockFixed<11>(Ljj, W, LDij, s_i, recip, dj);
+            return true;
         case 12:
             finishSmallBlockFixed<12>(Ljj, W, LDij, s_i, recip, dj);
             return true;
@@ -438,7 +473,7 @@ inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigne
 }
 inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigned int, const float*,
                              const float*) {
-    return false;  // float keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal)
+    return false;  // float keeps the separate steps (its substitution subtracts term by term)
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -672,6 +707,47 @@ void backwardOffDiagonalFixed(const double* B, unsigned int ld, const double* xj
     }
 }
 
+// The off-diagonal steps with only the inner size fixed (padded, even, at most 12: the q of the forward
+// step, the r of the backward step), the outer loop over pairs at run time: the same operations per entry.
+template <int PI>
+void forwardOffDiagonalInner(const double* B, unsigned int ld, const double* xi, double* xj,
+                             unsigned int sj) {
+    __m128d v[PI / 2];
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < PI; q += 2) v[q / 2] = _mm_loadu_pd(xi + q);
+    for (unsigned int r = 0; r < sj; r += 2) {
+        const double* b0 = B + static_cast<unsigned long>(r) * ld;
+        const double* b1 = b0 + ld;
+        __m128d a0 = _mm_setzero_pd(), a1 = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int q = 0; q < PI; q += 2) {
+            a0 = _mm_add_pd(a0, _mm_mul_pd(_mm_loadu_pd(b0 + q), v[q / 2]));
+            a1 = _mm_add_pd(a1, _mm_mul_pd(_mm_loadu_pd(b1 + q), v[q / 2]));
+        }
+        _mm_storeu_pd(xj + r, _mm_set_pd(xj[r + 1] - laneSum(a1), xj[r] - laneSum(a0)));
+    }
+}
+
+template <int PJ>
+void backwardOffDiagonalInner(const double* B, unsigned int ld, const double* xj, double* xi,
+                              unsigned int si) {
+    __m128d x[PJ];
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < PJ; ++r) x[r] = _mm_set1_pd(xj[r]);
+    for (unsigned int q = 0; q < si; q += 2) {
+        __m128d acc = _mm_setzero_pd();
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < PJ; r += 2) {
+            const double* b0 = B + static_cast<unsigned long>(r) * ld + q;
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0), x[r]));
+            acc = _mm_add_pd(acc, _mm_mul_pd(_mm_loadu_pd(b0 + ld), x[r + 1]));
+        }
+        _mm_storeu_pd(xi + q, _mm_sub_pd(_mm_loadu_pd(xi + q), acc));
+    }
+}
+
+using InnerStep = void (*)(const double*, unsigned int, const double*, double*, unsigned int);
+
 using OffDiagonalStep = void (*)(const double*, unsigned int, const double*, double*);
 using DiagonalStep = void (*)(const double*, unsigned int, double*);
 
@@ -684,19 +760,28 @@ constexpr std::array<OffDiagonalStep, sizeof...(I)> backwardOffDiagonalTable(std
     return {{&backwardOffDiagonalFixed<int(I) / 6 + 1, int(I) % 6 + 1>...}};
 }
 
-// The solve steps of the double solves: fixed code for sizes up to 6, the general paired loops above.
+// The solve steps of the double solves: fixed code for sizes up to 6, the inner size fixed up to 12, the
+// general paired loops above.
 inline void forwardOffDiagonalStep(const double* B, unsigned int ld, const double* xi, unsigned int si,
                                    double* xj, unsigned int sj) {
     static constexpr std::array<OffDiagonalStep, 36> table =
         forwardOffDiagonalTable(std::make_index_sequence<36>());
+    static constexpr InnerStep inner[6] = {&forwardOffDiagonalInner<2>,  &forwardOffDiagonalInner<4>,
+                                           &forwardOffDiagonalInner<6>,  &forwardOffDiagonalInner<8>,
+                                           &forwardOffDiagonalInner<10>, &forwardOffDiagonalInner<12>};
     if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xi, xj);
+    if (si - 1 < 12) return inner[(si - 1) / 2](B, ld, xi, xj, sj);
     forwardOffDiagonalPaired(B, ld, xi, si, xj, sj);
 }
 inline void backwardOffDiagonalStep(const double* B, unsigned int ld, const double* xj, unsigned int sj,
                                     double* xi, unsigned int si) {
     static constexpr std::array<OffDiagonalStep, 36> table =
         backwardOffDiagonalTable(std::make_index_sequence<36>());
+    static constexpr InnerStep inner[6] = {&backwardOffDiagonalInner<2>,  &backwardOffDiagonalInner<4>,
+                                           &backwardOffDiagonalInner<6>,  &backwardOffDiagonalInner<8>,
+                                           &backwardOffDiagonalInner<10>, &backwardOffDiagonalInner<12>};
     if (si - 1 < 6 && sj - 1 < 6) return table[(si - 1) * 6 + (sj - 1)](B, ld, xj, xi);
+    if (sj - 1 < 12) return inner[(sj - 1) / 2](B, ld, xj, xi, si);
     backwardOffDiagonalPaired(B, ld, xj, sj, xi, si);
 }
 inline void forwardDiagonalStep(const double* U, unsigned int ld, double* xj, unsigned int sj) {

@@ -43,7 +43,7 @@ void factorDiagonal(T* W, unsigned int p, unsigned int s, T* d, bool zeroPadding
 }  // namespace
 
 void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d) {
-    factorDiagonal(W, p, s, d, s % 2 == 1 && s <= 6);  // the unrolled sizes store whole pairs of columns
+    factorDiagonal(W, p, s, d, s % 2 == 1 && s <= 12);  // the unrolled sizes store whole pairs of columns
 }
 
 void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d) {
@@ -64,7 +64,7 @@ void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int 
 
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
                       const double* recip, const double* d) {
-    if (s < 1 || (s > 6 && s != 12)) return false;
+    if (s < 1 || s > 12) return false;
     const unsigned int p = evenUp(s);
     solveUnitDiagonal(L, p, W, rows, s);
     for (unsigned int r = 0; r < rows; ++r) {

@@ -12,6 +12,7 @@
 #include <type_traits>
 
 #include "Analysis.h"
+#include "ConditionEstimate.h"
 #include "RankMod.h"
 #include "ScalarBlocks.h"
 #include "Tamber.h"
@@ -155,7 +156,9 @@ struct Solver<T>::Impl {
     std::vector<T> permutedB, permutedX, residual, best;
     std::vector<double> residualNorms, bestNorm, bestScaled;
     std::vector<unsigned char> improving;
-    std::vector<T*> current, trial;  // per right-hand side: its best iterate and the next one
+    std::vector<T*> current, trial;
+    std::vector<T> conditionWork;  // [2N]
+    std::vector<double> normWork;  // [N]  // per right-hand side: its best iterate and the next one
 
     Impl() = default;
 
@@ -561,19 +564,9 @@ Status Solver<T>::Impl::factorNow() {
     report.regularized = regularized;
     report.factorizations += 1;
 
-    // The first bad pivot: from the factorization when it tracked one, otherwise from a scan.
-    unsigned long bad = data.badPivot.scalar;
-    double badValue = data.badPivot.value;
-    if (bad == TamberData<T>::BadPivot::noPivot) {
-        const T* d = data.diagonal.data;
-        for (unsigned long p = 0; p < N; ++p) {
-            if (d[p] == T(0) || !std::isfinite(d[p])) {
-                bad = p;
-                badValue = static_cast<double>(d[p]);
-                break;
-            }
-        }
-    }
+    // The first bad pivot, as both factorizations record it (no second pass over the pivots).
+    const unsigned long bad = data.badPivot.scalar;
+    const double badValue = data.badPivot.value;
     factorActive = desiredActive;
     factorAllActive = !masked;
     switchPending = false;
@@ -1305,6 +1298,28 @@ Status Solver<T>::solve(T* x) {
 template <typename T>
 Status Solver<T>::solve(const T* b, T* x, unsigned int k, unsigned long ld) {
     return impl_->solveMany(b, x, k, ld);
+}
+
+template <typename T>
+Status Solver<T>::estimateCondition(double& kappa) {
+    Impl& m = *impl_;
+    Status st = m.checkSolvable();
+    if (!st) return st;
+    try {
+        m.conditionWork.resize(2 * m.N);
+        m.normWork.resize(m.N);
+    } catch (const std::bad_alloc&) {
+        return fail(StatusCode::outOfMemory, "out of memory for the condition estimate (%lu rows)", m.N);
+    }
+    // With switched-off equations the factored matrix is the masked one: mask it again for the norm.
+    const bool masked = !m.factorAllActive;
+    if (masked) m.maskInactive();
+    const double normA = matrixNorm1(m.data, m.normWork.data());
+    if (masked) m.restoreMasked();
+    const double inverse = estimateInverseNorm1(m.tamber, m.data, m.conditionWork.data());
+    kappa = normA * inverse;
+    m.report.conditionEstimate = kappa;
+    return Status();
 }
 
 template <typename T>

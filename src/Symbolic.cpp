@@ -297,7 +297,7 @@ FactorCost factorCost(const SkeletonMatrix& filled, const unsigned int* sizes) {
 // Counted group by group, these add up to the difference of the merged and the unmerged factor's scalars.
 double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, const unsigned int* sizes,
                   bool merge, unsigned int maxMergedSize, double operationFlops, Groups& groups,
-                  MergeWork& work) {
+                  MergeWork& work, const ColumnCounts* counts) {
     const unsigned int n = static_cast<unsigned int>(filled.n);
     kiv::VectorPOD<unsigned int>& groupOf = groups.groupOf;
     kiv::VectorPOD<unsigned int>& offsetInGroup = groups.offsetInGroup;
@@ -320,11 +320,18 @@ double findGroups(const SkeletonMatrix& filled, const unsigned int* parent, cons
     double* C = R + n;         // blocks below each position (in groups of the previous pass, if any)
     double* Cg = C + n;        // by group: blocks below it
     double* base = Cg + n;     // by group: rows below it without the group it reached last
-    for (unsigned long k = 0; k < 2ul * n; ++k) R[k] = 0.0;
-    for (unsigned int i = 0; i < n; ++i) {
-        for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e) {
-            R[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below block j
-            C[filled.rowIndices[e]] += 1.0;
+    if (counts) {
+        for (unsigned int k = 0; k < n; ++k) {
+            R[k] = static_cast<double>(counts->rows[k]);
+            C[k] = counts->blocks[k];
+        }
+    } else {
+        for (unsigned long k = 0; k < 2ul * n; ++k) R[k] = 0.0;
+        for (unsigned int i = 0; i < n; ++i) {
+            for (unsigned int e = filled.colPointers[i]; e + 1 < filled.colPointers[i + 1]; ++e) {
+                R[filled.rowIndices[e]] += sizes[i];  // L(i, j): s_i rows below block j
+                C[filled.rowIndices[e]] += 1.0;
+            }
         }
     }
     grow(work.groupSize, n);

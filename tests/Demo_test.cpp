@@ -107,8 +107,8 @@ TEST(DemoSupport, ResidualAndMaskAgreeWithTheDenseMatrix) {
 }
 
 // The scene as the Solver sees it: J(c, b) as the physics holds it is the transpose of the stored entry (b,
-// c); both roads (bodies/constraints/Jacobians, and the general pattern with setBlock) solve the active
-// system like a dense L·D·Lᵀ of the scene's matrix with the switched-off equations as unit equations.
+// c); both roads (bodies/constraints/Jacobians, and the general pattern with setPatternValues) solve the
+// active system like a dense L·D·Lᵀ of the scene's matrix with the switched-off equations as unit equations.
 TEST(SceneSystem, BothRoadsSolveTheActiveSystemLikeTheDenseReference) {
     for (scenes::SceneKind kind : kKinds) {
         for (unsigned int seed = 1; seed <= 2; ++seed) {

@@ -652,7 +652,7 @@ TEST(SolveToolRun, MalformedInputExitsWithTwoAndItsLine) {
     EXPECT_NE(help.out.find("Exit codes:"), std::string::npos);
 }
 
-// The accuracy check: Hilbert matrices of order 6 to 12 in float (and from order 8 on in double) are
+// The accuracy check: Hilbert matrices of order 7 to 12 in float (and from order 8 on in double) are
 // answered with exit 4 and a warning that says whether double would do; small orders pass. A matrix whose
 // values float cannot hold is refused for --float with the same exit code, and solved in double.
 TEST(SolveToolRun, WarnsWhenTheAnswerCannotBeTrusted) {
@@ -667,7 +667,9 @@ TEST(SolveToolRun, WarnsWhenTheAnswerCannotBeTrusted) {
             SCOPED_TRACE("Hilbert " + std::to_string(n) + (single ? " float" : " double"));
             const ToolRun run =
                 runTool(dir, single ? Strings{path, "--float", "--refine", "3"} : Strings{path});
-            const bool expectWarning = single ? n >= 6 : n >= 8;
+            // (Float order 6 may go either way: merged into one dense block under the default analysis it
+            // solves to 1.6e-4, within the limit.)
+            const bool expectWarning = single ? n >= 7 : n >= 8;
             if (!expectWarning && (single ? n > 4 : n > 6))
                 continue;  // the orders in between may go either way
             ASSERT_EQ(run.status, expectWarning ? 4 : 0) << run.out << run.err;

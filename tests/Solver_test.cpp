@@ -490,6 +490,46 @@ TEST(SolverAllocation, SteadyStateAllocatesNothing) {
     EXPECT_EQ(kiv::ByteAllocator::allocationCount() - kivBefore, 0u);
 }
 
+// The condition estimate against κ₁ of the dense matrix (its inverse column by column): a lower bound
+// within a small factor; with switched-off equations, of the active system.
+TEST(SolverCondition, EstimateBoundsTheDenseConditionNumber) {
+    RandomSystem sys(61, 20, true, true);
+    Solver<double> solver;
+    double kappa = 0;
+    EXPECT_EQ(solver.estimateCondition(kappa).code, StatusCode::notAnalyzed);
+    ASSERT_TRUE(solver.analyze(sys.structure));
+    EXPECT_EQ(solver.estimateCondition(kappa).code, StatusCode::notFactored);
+    sys.setAll(solver);
+    ASSERT_TRUE(solver.factor());
+    std::vector<unsigned char> active(sys.dense.n, 1);
+    for (int round = 0; round < 2; ++round) {
+        const DenseSymmetric A = sys.activeDense(active);
+        const tst::DenseLdlt f = tst::denseLdlt(A);
+        double normA = 0, normInverse = 0;
+        for (unsigned int j = 0; j < A.n; ++j) {
+            double column = 0;
+            for (unsigned int i = 0; i < A.n; ++i) column += std::fabs(A(i, j));
+            normA = std::max(normA, column);
+            std::vector<double> e(A.n, 0.0);
+            e[j] = 1.0;
+            const std::vector<double> inv = tst::denseSolve(f, e);
+            double sum = 0;
+            for (double v : inv) sum += std::fabs(v);
+            normInverse = std::max(normInverse, sum);
+        }
+        const double exact = normA * normInverse;
+        ASSERT_TRUE(solver.estimateCondition(kappa));
+        EXPECT_LE(kappa, exact * (1 + 1e-9)) << "round " << round;
+        EXPECT_GE(kappa, exact / 10) << "round " << round;
+        EXPECT_EQ(solver.report().conditionEstimate, kappa);
+        // Switch a constraint off: the estimate follows the active system.
+        ASSERT_TRUE(solver.setConstraintActive(2, false));
+        for (unsigned long r = sys.offsets[sys.structure.numBodies() + 2];
+             r < sys.offsets[sys.structure.numBodies() + 3]; ++r)
+            active[r] = 0;
+    }
+}
+
 // A general block pattern (Analysis::Problem) with every block at once, and block by block through setBlock
 // in either triangle: the dense reference's solution.
 TEST(SolverProblem, PatternValuesSolveLikeTheDenseReference) {

@@ -101,18 +101,19 @@ class Solver(_kivtamber.Solver):
     """The solver object of one linear system, kept from step to step.
 
     Solver(dtype=numpy.float64, **options); options (also for set_options): ordering ('automatic',
-    'minimum_degree', 'natural', 'centroid'), merge_blocks, threads (0 = by predicted work), refinement_steps,
-    check_values (scan every value for NaN and infinities), regularization (δ > 0 factors
-    A + diag(+δ on body rows, −δ on constraint rows) and refines against A), switching ('automatic', 'update',
-    'refactor').
+    'minimum_degree', 'natural', 'centroid'), merge_blocks, threads (0 = by predicted work, at most
+    max_threads; 0 = the machine's processors), refinement_steps, check_values (scan every value for NaN and
+    infinities), regularization (δ > 0 factors A + diag(+δ on body rows, −δ on constraint rows) and refines
+    against A), switching ('automatic', 'update', 'refactor').
 
     Structure: analyze(Structure) for bodies and constraints, or analyze_matrix(A, first_constraint_row) for
     a scipy.sparse matrix with its body rows first. Values: set_body, set_jacobian, set_body_coupling,
-    set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in the
-    structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then factor()
-    and solve(b) for b of shape (N,) or (N, k). set_active / set_constraint_active switch constraint equations
-    off and on (a switched-off equation's unknown solves to 0). report() is a dict of what the object chose and
-    measured: ordering, fill, flops, inertia, timings, the first bad pivot.
+    set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in
+    the structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then
+    factor() and solve(b) for b of shape (N,) or (N, k) (solve(b, out=x) writes x and allocates nothing).
+    set_active / set_constraint_active switch constraint equations off and on (a switched-off equation's
+    unknown solves to 0). report() is a dict of what the object chose and measured: ordering, fill, flops,
+    inertia, timings, the first bad pivot.
     """
 
     def analyze_matrix(self, A, first_constraint_row, block_sizes=None):
@@ -136,7 +137,8 @@ class Solver(_kivtamber.Solver):
         if self.options["check_values"] and C.dtype in _DTYPES:
             _lower(C, "set_matrix_values")
         if not (_np.array_equal(C.indptr, pattern[0]) and _np.array_equal(C.indices, pattern[1])):
-            raise ValueError("set_matrix_values: the pattern of A differs from the one given to analyze_matrix")
+            raise ValueError("set_matrix_values: the pattern of A differs from the one given to "
+                             "analyze_matrix")
         self.set_scalar_values(C.data)
 
     def __repr__(self):
@@ -159,6 +161,15 @@ def _permuted(indptr, indices, data, perm):
     return P.indptr, P.indices, P.data
 
 
+def _lonely_rows(indptr, indices, is_body):
+    """The rows that are not body rows and share no entry with a body row."""
+    cols = _np.repeat(_np.arange(len(is_body)), _np.diff(indptr))
+    touched = _np.zeros(len(is_body), dtype=bool)
+    touched[indices[is_body[cols]]] = True
+    touched[cols[is_body[indices]]] = True
+    return ~is_body & ~touched
+
+
 def _alternating_roles(indptr, indices, is_body):
     """Body rows for a matrix whose zero-diagonal rows are not all constraints: a breadth-first search from
     the rows with a nonzero diagonal (bodies) through the others gives alternate layers alternate roles
@@ -171,8 +182,8 @@ def _alternating_roles(indptr, indices, is_body):
     cols = _np.repeat(_np.arange(n), _np.diff(indptr))
     off = indices != cols
     rows, cols = indices[off], cols[off]
-    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int32), (_np.concatenate([rows, cols]),
-                                                                   _np.concatenate([cols, rows]))), shape=(n, n))
+    both = (_np.concatenate([rows, cols]), _np.concatenate([cols, rows]))
+    S = sp.csr_matrix((_np.ones(2 * len(rows), dtype=_np.int32), both), shape=(n, n))
     role = _np.where(is_body, 0, -1)
     frontier, layer = is_body.astype(_np.int32), 0  # int32: a row's count of neighbours in the frontier
     while frontier.any():
@@ -200,8 +211,8 @@ def _bodies_first(L, is_body, sizes):
         mixed = _np.add.reduceat(is_body.astype(_np.int64), starts) % sizes != 0
         if mixed.any():
             k = int(_np.flatnonzero(mixed)[0])
-            raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes rows with "
-                             f"and without a diagonal entry")
+            raise ValueError(f"solve: block {k} (rows {starts[k]}..{starts[k] + sizes[k] - 1}) mixes rows "
+                             f"with and without a diagonal entry")
         block_is_body = is_body[starts]
         sizes = _np.concatenate([sizes[block_is_body], sizes[~block_is_body]])
     return perm, _permuted(*L, perm), sizes, first
@@ -235,20 +246,40 @@ def _solve_regularized(solver, b, scale):
     return best
 
 
+def _polish(solver, L, b, x, max_steps=3):
+    """Further refinement steps of a double-precision solution against the matrix whose lower triangle is L,
+    while each at least halves the scaled residual ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) (the worst column).
+    The solver's own refinement stops once that residual is at the rounding level; a one-off solve can
+    afford a step or two more, which on badly scaled matrices reaches far below it (as an LU with partial
+    pivoting does). Returns the solution, its scaled residual and the steps kept."""
+    b = _np.asfortranarray(b)
+    r, current = _kivtamber._symmetric_residual(*L, b, x)
+    steps = 0
+    while steps < max_steps and current > 0:
+        candidate = x + solver.solve(r)
+        r_next, scaled = _kivtamber._symmetric_residual(*L, b, candidate)
+        if not scaled < 0.5 * current:
+            break
+        x, r, current, steps = candidate, r_next, scaled, steps + 1
+    return x, current, steps
+
+
 def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=None, return_report=False,
           **options):
     """x = A⁻¹·b for a symmetric saddle-point (or positive definite) matrix A.
 
     A: scipy.sparse matrix (any format) or dense 2-D numpy.ndarray, float32 or float64, symmetric, stored as
-    its lower triangle, its upper triangle or in full (a full matrix must be exactly symmetric). b: numpy
-    array of A's dtype, shape (n,) or (n, k). Returns x of b's shape and dtype; b is not modified.
+    its lower triangle, its upper triangle or in full (a full matrix must be symmetric to rounding). b: numpy
+    array of A's dtype, shape (n,) or (n, k). Returns x of b's shape and dtype; A and b are not modified.
 
     Rows whose diagonal entry is zero (or not stored) are taken as constraint rows and the others as body
-    rows; the system is solved with the bodies first and the solution returned in A's numbering. Give
-    first_constraint_row to say instead that rows below it are the body rows (as they stand). block_sizes
-    groups consecutive rows of A into blocks (each all body or all constraint rows); otherwise blocks are
-    detected. regularization: δ for the regularised mode; None (default) factors without it and, if a zero
-    pivot stops the factorization, factors again with a small δ and more refinement steps. Further keywords
+    rows (except zero-diagonal rows that share no entry with a body row: those are bodies with a zero
+    diagonal, and the roles then alternate outwards from the bodies); the system is solved with the bodies
+    first and the solution returned in A's numbering. Give first_constraint_row to say instead that the rows
+    below it are the body rows (as they stand). block_sizes groups consecutive rows of A into blocks (each
+    all body or all constraint rows); otherwise blocks are detected. regularization: δ for the regularised
+    mode; None (default) factors without it and, if a zero pivot stops the factorization, factors again with
+    δ from a few multiples of max |a| and keeps the solution with the smallest residual. Further keywords
     are Solver options. return_report=True returns (x, solver.report()).
     """
     C = _canonical_csc(A, "solve")
@@ -280,16 +311,13 @@ def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=N
         solver._analyze_csc(n, first_constraint_row, L[0], L[1], sizes)
     else:
         is_body = diagonal != 0
-        try:
-            perm, P, psizes, first = _bodies_first(L, is_body, sizes)
-            solver._analyze_csc(n, first, P[0], P[1], psizes)
-        except ValueError:
-            # Some rows with a zero diagonal couple to no row with a nonzero one and cannot be constraints
-            # (their pivots would be zero in every order): bodies whose diagonal happens to be zero (a
-            # semidefinite body part), which the regularised mode below handles.
+        # Rows with a zero diagonal that couple to no row with a nonzero one cannot be constraints (their
+        # pivots would be zero in every order): bodies whose diagonal happens to be zero (a semidefinite body
+        # part), which the regularised mode below handles.
+        if not is_body.all() and _lonely_rows(L[0], L[1], is_body).any():
             is_body = _alternating_roles(L[0], L[1], is_body)
-            perm, P, psizes, first = _bodies_first(L, is_body, sizes)
-            solver._analyze_csc(n, first, P[0], P[1], psizes)
+        perm, P, psizes, first = _bodies_first(L, is_body, sizes)
+        solver._analyze_csc(n, first, P[0], P[1], psizes)
         L = P
         if perm is not None:
             b = b[perm]
@@ -301,8 +329,13 @@ def solve(A, b, *, first_constraint_row=None, block_sizes=None, regularization=N
         if regularization is not None:
             raise
         x = _solve_regularized(solver, b, float(_np.abs(L[2]).max()) if len(L[2]) else 1.0)
+    report = solver.report()
+    if x.dtype == _np.float64:
+        x, residual, steps = _polish(solver, L, b, x)
+        report["residual"] = residual
+        report["refinement_steps"] += steps
     if perm is not None:
         y = _np.empty_like(x)
         y[perm] = x
         x = y
-    return (x, solver.report()) if return_report else x
+    return (x, report) if return_report else x

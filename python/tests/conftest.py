@@ -9,9 +9,8 @@ import pytest
 
 import kivtamber
 
-DATA_DIR = pathlib.Path(os.environ.get("KIVTAMBER_DATA_DIR",
-                                       pathlib.Path(__file__).resolve().parents[2] / ".." / "shared" / "data" /
-                                       "real"))
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+DATA_DIR = pathlib.Path(os.environ.get("KIVTAMBER_DATA_DIR", ROOT / ".." / "shared" / "data" / "real"))
 
 
 def scaled_residual(A, x, b):
@@ -104,7 +103,8 @@ class RandomSystem:
     def concatenated(self, dtype=np.float64):
         """The arrays of set_values: each kind's blocks row-major, back to back, in the structure's order."""
         flat = lambda blocks: np.concatenate([np.ravel(a) for a in blocks]).astype(dtype) if blocks else None
-        return dict(bodies=flat(self.M), jacobians=flat(self.J), couplings=flat(self.K), compliances=flat(self.C))
+        return dict(bodies=flat(self.M), jacobians=flat(self.J), couplings=flat(self.K),
+                    compliances=flat(self.C))
 
 
 def real_matrices():

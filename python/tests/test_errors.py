@@ -110,3 +110,18 @@ def test_bad_matrices_for_solve():
     raises(ValueError, r"\S", lambda: kivtamber.solve(with_nan, b), with_nan.data, b)
     raises(ValueError, "NaN", lambda: kivtamber.solve(A, np.full(system.n, np.inf)))
     raises(ValueError, "block_sizes", lambda: kivtamber.solve(A, b, block_sizes=[-1, 2]))
+
+
+def test_solve_into_out_checks_it_and_writes_it_only_on_success(factored):
+    system, solver, b, x = factored
+    out = np.full(system.n, 7.0)
+    raises(ValueError, "out must be", lambda: solver.solve(b, out=np.zeros(system.n + 1)), out)
+    raises(TypeError, "float64", lambda: solver.solve(b, out=np.zeros(system.n, np.float32)))
+    readonly = np.zeros(system.n)
+    readonly.flags.writeable = False
+    raises(ValueError, "writeable", lambda: solver.solve(b, out=readonly), readonly)
+    B = np.ones((system.n, 2))
+    raises(ValueError, "Fortran", lambda: solver.solve(B, out=np.zeros((system.n, 2))), B)  # C order
+    solver.set_body(0, system.M[0])  # values changed: no valid factor until factor()
+    raises(RuntimeError, r"\S", lambda: solver.solve(b, out=out), out, b)
+    np.testing.assert_array_equal(out, 7.0)

@@ -47,7 +47,8 @@ def test_solve_with_blocks_rows_given_and_dense_input():
         np.testing.assert_allclose(x, reference, rtol=0, atol=1e-11 * np.abs(reference).max())
         assert report["rows"] == system.n
     # Blocks given in A's own row order survive the reordering into bodies first.
-    perm = np.concatenate([np.arange(system.first_constraint_row, system.n), np.arange(system.first_constraint_row)])
+    nb = system.first_constraint_row
+    perm = np.concatenate([np.arange(nb, system.n), np.arange(nb)])
     x = kivtamber.solve(system.A[np.ix_(perm, perm)], b[perm],
                         block_sizes=system.constraint_sizes + system.body_sizes)
     np.testing.assert_allclose(x, reference[perm], rtol=0, atol=1e-11 * np.abs(reference).max())
@@ -60,7 +61,7 @@ def test_real_matrices_against_spsolve(name, path, n1):
     ours = scaled_residual(full, kivtamber.solve(lower, b), b)
     theirs = scaled_residual(full, spla.spsolve(full, b), b)
     assert ours <= max(10 * theirs, 1e-15), (ours, theirs)
-    if n1 is not None:  # the body/constraint split of the .blocks file instead of the one read off the diagonal
+    if n1 is not None:  # the split of the .blocks file instead of the one read off the diagonal
         ours = scaled_residual(full, kivtamber.solve(full, b, first_constraint_row=n1), b)
         assert ours <= max(10 * theirs, 1e-15), (ours, theirs)
 
@@ -110,3 +111,14 @@ def test_semidefinite_body_part_without_the_split_given():
     x, report = kivtamber.solve(sp.tril(sp.csc_matrix(K)), b, return_report=True)
     assert report["regularized"] and report["inertia"] == (n1, n2, 0)
     assert scaled_residual(K, x, b) <= max(10 * scaled_residual(K, np.linalg.solve(K, b), b), 1e-15)
+
+
+def test_symmetric_residual_equals_a_dense_one():
+    system = RandomSystem(12, bodies=6)
+    L = sp.tril(sp.csc_matrix(system.A)).tocsc()
+    rng = np.random.default_rng(12)
+    for shape in ((system.n,), (system.n, 3)):
+        b, x = np.asfortranarray(rng.standard_normal(shape)), np.asfortranarray(rng.standard_normal(shape))
+        r, scaled = kivtamber._kivtamber._symmetric_residual(L.indptr, L.indices, L.data, b, x)
+        np.testing.assert_allclose(r, b - system.A @ x, rtol=0, atol=1e-12)
+        assert scaled == pytest.approx(scaled_residual(system.A, x, b), rel=1e-12)

@@ -5,7 +5,7 @@
 // A BlockProblem of the scenes stores the transposed Jacobian J(c, b)ᵀ as its entry (b, c); gather() turns
 // it back into J, the array a constraint solver fills itself. A pattern that the body/constraint form cannot
 // hold (two constraints coupled, or a constraint with a non-zero diagonal block) is handed over as a general
-// block pattern instead: Solver::analyze(const Analysis::Problem&) and one Solver::setBlock per entry.
+// block pattern instead: Solver::analyze(const Analysis::Problem&) and Solver::setPatternValues.
 #ifndef KIVTAMBER_TOOLS_DEMO_SCENE_SYSTEM_H
 #define KIVTAMBER_TOOLS_DEMO_SCENE_SYSTEM_H
 
@@ -97,20 +97,13 @@ public:
         transposeEntries(problem, couplingEntries_, couplings_, true);
     }
 
-    // Hands the gathered values to the solver: Solver::setValues, or Solver::setBlock per entry for a
-    // general pattern.
+    // Hands the gathered values to the solver: Solver::setValues, or Solver::setPatternValues for a general
+    // pattern.
     Status setValues(Solver<T>& solver, const scenes::BlockProblem& problem) const {
         if (!general_)
             return solver.setValues(bodies_.data(), jacobians_.data(),
                                     couplings_.empty() ? nullptr : couplings_.data());
-        for (unsigned int j = 0; j < problem.numBlocks; ++j) {
-            for (unsigned int e = problem.colPointers[j]; e < problem.colPointers[j + 1]; ++e) {
-                const Status st =
-                    solver.setBlock(problem.rowIndices[e], j, values_.data() + problem.valuePointers[e]);
-                if (!st) return st;
-            }
-        }
-        return Status();
+        return solver.setPatternValues(values_.data(), problem.valuePointers.data());
     }
 
     const T* bodies() const { return bodies_.data(); }

@@ -481,7 +481,8 @@ int runTimeSteps(const Options& options, scenes::Scene& scene, Failures& failure
     progress.done();
 
     const std::string factorLabel = "factor (" + path + ")";
-    const std::string refineLabel = "refine (at most " + std::to_string(solver.options().refinementSteps) +
+    const std::string refineLabel = "refine (residual check, ≤ " +
+                                    std::to_string(solver.options().refinementSteps) +
                                     (solver.options().refinementSteps == 1 ? " step)" : " steps)");
     std::printf(
         "Phase 2 · time steps: set values → factor → solve → refine, through the Solver (%u steps, %s)\n",

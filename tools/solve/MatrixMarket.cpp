@@ -1,6 +1,7 @@
 // Matrix Market, blocks-file and vector readers of the command-line solver.
 #include "MatrixMarket.h"
 
+#include <sys/stat.h>
 #include <zlib.h>
 
 #include <algorithm>
@@ -58,7 +59,10 @@ bool readFile(const std::string& path, std::string& text, std::string& message) 
         message = fileName(path) + ": cannot open (" + std::strerror(errno != 0 ? errno : ENOENT) + ")";
         return false;
     }
-    gzbuffer(file, 1u << 18);
+    // Large reads for large files; zlib's default buffers (8 KiB) for small ones, which are read at once.
+    struct stat info;
+    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > (1 << 16))
+        gzbuffer(file, 1u << 18);
     text.clear();
     char buffer[1 << 16];
     for (;;) {
