@@ -199,10 +199,11 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
             diagonal += sizes[j] * double(sizes[j]) * sizes[j] / 3.0;
             if (M.splitNode[j]) shared += M.nodeWork[j];
         }
-        std::printf("  split: %u top nodes, largest block %u, top node work %.3g (diagonal blocks %.3g, shared "
-                    "nodes %.3g), thread loads %.3g / %.3g, top owner %u, total %.3g\n",
-                    topNodes, largest, top, diagonal, shared, M.threadLoads[0], M.threadLoads[1], M.topOwner,
-                    M.totalWork);
+        std::printf(
+            "  split: %u top nodes, largest block %u, top node work %.3g (diagonal blocks %.3g, shared "
+            "nodes %.3g), thread loads %.3g / %.3g, top owner %u, total %.3g\n",
+            topNodes, largest, top, diagonal, shared, M.threadLoads[0], M.threadLoads[1], M.topOwner,
+            M.totalWork);
     }
 
     std::vector<double> times[numVariants], ratios[numVariants];
@@ -220,7 +221,8 @@ bool timeScene(SceneKind kind, unsigned long blocks, int runs, Result& result, u
         double t[numVariants], cpu[numVariants];
         for (int k = 0; k < numVariants; ++k) {
             const int v = (k + r) % numVariants;
-            if (only >= 0 && v != 0 && v != only) {  // MFBENCH_ONLY=v: serial and variant v (instruction counts)
+            if (only >= 0 && v != 0 &&
+                v != only) {  // MFBENCH_ONLY=v: serial and variant v (instruction counts)
                 t[v] = cpu[v] = 1.0;
                 continue;
             }
