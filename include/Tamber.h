@@ -146,7 +146,11 @@ public:
     // node j of the elimination tree of the filled pattern assembles its front F(·, j) = A(·, j) plus the
     // updates −L(r, k)·D_k·L(s, k)ᵀ of its descendants k, factors F(j, j) = L_jj·D_j·L_jjᵀ, solves the
     // off-diagonal blocks (LD(r, j) = F(r, j)·L_jj⁻ᵀ, L(r, j) = LD(r, j)·D_j⁻¹) and passes its own update on.
-    // Results are the same from run to run for a fixed thread count, bit for bit.
+    // Subtrees that one worker owns whole run the serial row kernels in place instead (one thread gives
+    // factorSerial's factor bit for bit); fronts are used only at the top of the tree, where the work of
+    // large nodes is shared among the workers in fixed chunks (see Multifront.h).
+    // Results are the same from run to run for a fixed thread count, bit for bit. Records the first bad
+    // pivot (data.badPivot) and honours data.stopAtBadPivot as factorSerial does.
     // Before the numeric work it makes sure that `data.multifront` is prepared for the current filled
     // pattern, block sizes and thread count (see prepareMultifrontal) and prepares it otherwise; a
     // factorization of a structure the manager is prepared for allocates nothing.
