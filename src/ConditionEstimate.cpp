@@ -6,6 +6,8 @@
 #include <limits>
 #include <vector>
 
+#include "TamberSolve.h"
+
 namespace kivTamber {
 namespace {
 
@@ -86,7 +88,7 @@ double estimateInverseNorm1(Tamber& tamber, TamberData<T>& data, T* work, int ma
     T* sign = work + N;
     // B = W·A⁻¹ and Bᵀ = A⁻¹·W (A symmetric).
     auto timesB = [&](T* v) {
-        tamber.solve(data, v);
+        TamberSolve::solveAtAnyScale(tamber, data, v);
         if (weights != nullptr)
             for (unsigned long k = 0; k < N; ++k)
                 v[k] = static_cast<T>(weights[k] * static_cast<double>(v[k]));
@@ -95,7 +97,7 @@ double estimateInverseNorm1(Tamber& tamber, TamberData<T>& data, T* work, int ma
         if (weights != nullptr)
             for (unsigned long k = 0; k < N; ++k)
                 v[k] = static_cast<T>(weights[k] * static_cast<double>(v[k]));
-        tamber.solve(data, v);
+        TamberSolve::solveAtAnyScale(tamber, data, v);
     };
     auto signOf = [](T v) { return v >= T(0) ? T(1) : T(-1); };
     // y = B·(1/N, …, 1/N).
