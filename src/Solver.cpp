@@ -699,33 +699,41 @@ double Solver<T>::Impl::matrixNormInf() {
     rows.assign(N, 0.0);
     const unsigned int nb = static_cast<unsigned int>(A.numBlockCols);
     if (factorAllActive) {
-        // Every equation active: |A| summed tile by tile without looking up the activity of each entry.
+        // Every equation active: |A| summed tile by tile without looking up the activity of each entry. Each
+        // column of a tile is contiguous: its absolute values go to the rows of block i and, summed, to row
+        // c of block j (disjoint ranges of the row sums, hence the restrict pointers).
+        double* const sums = rows.data();
         for (unsigned int j = 0; j < nb; ++j) {
             const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
             const unsigned int diagonalTile = A.colPointers[j + 1] - 1;
+            double* __restrict const columnSums = sums + oj;
             for (unsigned int e = A.colPointers[j]; e < diagonalTile; ++e) {
-                const unsigned int i = A.rowIndices[e], oi = A.blockOffsets[i], si = A.blockSizes[i];
+                const unsigned int i = A.rowIndices[e], si = A.blockSizes[i];
                 const unsigned long ld = A.blockStrides[i];
-                const T* tile = A.blockPointers[e];
+                double* __restrict const rowSums = sums + A.blockOffsets[i];
+                const T* __restrict const tile = A.blockPointers[e];
                 for (unsigned int c = 0; c < sj; ++c) {
-                    double column = 0.0;
+                    const T* __restrict const column = tile + c * ld;
+                    double total = 0.0;
                     for (unsigned int r = 0; r < si; ++r) {
-                        const double v = std::fabs(static_cast<double>(tile[c * ld + r]));
-                        rows[oi + r] += v;
-                        column += v;
+                        const double v = std::fabs(static_cast<double>(column[r]));
+                        rowSums[r] += v;
+                        total += v;
                     }
-                    rows[oj + c] += column;
+                    columnSums[c] += total;
                 }
             }
             const unsigned long ld = A.blockStrides[j];
-            const T* tile = A.blockPointers[diagonalTile];
+            const T* __restrict const tile = A.blockPointers[diagonalTile];
             for (unsigned int c = 0; c < sj; ++c) {
+                const T* __restrict const column = tile + c * ld;
+                double total = std::fabs(static_cast<double>(column[c]));
                 for (unsigned int r = 0; r < c; ++r) {  // the triangle r < c, each entry for both its rows
-                    const double v = std::fabs(static_cast<double>(tile[c * ld + r]));
-                    rows[oj + r] += v;
-                    rows[oj + c] += v;
+                    const double v = std::fabs(static_cast<double>(column[r]));
+                    columnSums[r] += v;
+                    total += v;
                 }
-                rows[oj + c] += std::fabs(static_cast<double>(tile[c * ld + c]));
+                columnSums[c] += total;
             }
         }
         normA = 0.0;
