@@ -59,27 +59,6 @@ U* allocateZeroed(unsigned long count) {
     return p;
 }
 
-// Unscaled block products. The float kernels exist without a scale; for double the scaled kernels are called
-// with alpha = 1, which is exact (A·1 = A), so both give the same bits as an unscaled loop.
-inline void addAtX(const float* K, int ld, const float* x, float* y, int n, int m) {
-    tamber_MV_YP_AtX(K, ld, x, y, n, m);
-}
-inline void addAtX(const double* K, int ld, const double* x, double* y, int n, int m) {
-    tamber_MV_YP_aAtX(K, ld, x, y, 1.0, n, m);
-}
-inline void addAX(const float* K, int ld, const float* x, float* y, int n, int m) {
-    tamber_MV_YP_AX(K, ld, x, y, n, m);
-}
-inline void addAX(const double* K, int ld, const double* x, double* y, int n, int m) {
-    tamber_MV_YP_aAX(K, ld, x, y, 1.0, n, m);
-}
-inline void addSymmetric(const float* K, int ld, const float* x, float* y, int n) {
-    tamber_MV_AX_SYL(K, ld, x, y, n);
-}
-inline void addSymmetric(const double* K, int ld, const double* x, double* y, int n) {
-    tamber_MV_aAX_SYL(K, ld, x, y, 1.0, n);
-}
-
 }  // namespace
 
 template <typename T>
@@ -241,8 +220,8 @@ void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
         const int si = static_cast<int>(blockSizes[i]);
         const int sj = static_cast<int>(blockSizes[j]);
         const T* K = blockPointers[b];
-        // Both products in one pass (the same operations per entry as addAtX then addAX, without the factor
-        // 1 of the scaled kernels, which is exact).
+        // Both products in one pass (the same operations per entry as the unscaled A·x and Aᵀ·x products,
+        // without the factor 1 of the scaled kernels, which is exact).
         kernels::addBothProductsAnySize(K, static_cast<unsigned int>(ld), x + blockOffsets[i],
                                         x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
                                         static_cast<unsigned int>(si), static_cast<unsigned int>(sj));
