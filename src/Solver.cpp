@@ -154,7 +154,7 @@ struct Solver<T>::Impl {
 
     // Work vectors of the solves (grown to N·k).
     std::vector<T> permutedB, permutedX, residual, best;
-    std::vector<double> residualNorms, bestNorm, bestScaled;
+    std::vector<double> normRowSums, bestNorm, bestScaled;
     std::vector<unsigned char> improving;
     std::vector<T*> current, trial;
     std::vector<T> conditionWork;  // [2N]
@@ -175,6 +175,9 @@ struct Solver<T>::Impl {
     void layoutSlots();
     Slot slotOf(unsigned int i, unsigned int j) const;
     Status writeSlot(const Slot& s, const T* values, const char* what, unsigned int id1, unsigned int id2);
+    // Writes a caller's block into the factorization's input (no checks).
+    void store(const Slot& s, const T* values);
+    void storeNegated(const Slot& s, const T* values);
 
     // ---- factorization ----
     Status factorNow();
@@ -384,13 +387,26 @@ Status Solver<T>::Impl::writeSlot(const Slot& s, const T* values, const char* wh
                             what, id1, id2, k, k / s.cols, k % s.cols, static_cast<double>(values[k]));
         }
     }
+    store(s, values);
+    return Status();
+}
+
+template <typename T>
+void Solver<T>::Impl::store(const Slot& s, const T* values) {
     if (s.transposed)
         analyzer.setBlockTransposed(data, s.entry, values);
     else
         analyzer.setBlock(data, s.entry, values);
     valuesChanged = true;
     normA = -1.0;
-    return Status();
+}
+
+// A compliance block C goes into the matrix as −C.
+template <typename T>
+void Solver<T>::Impl::storeNegated(const Slot& s, const T* values) {
+    const unsigned long count = static_cast<unsigned long>(s.rows) * s.cols;
+    for (unsigned long k = 0; k < count; ++k) negated[k] = -values[k];
+    store(s, negated.data());
 }
 
 // ---------------------------------------------------------------------------------------------------------
@@ -695,7 +711,7 @@ template <typename T>
 double Solver<T>::Impl::matrixNormInf() {
     if (normA >= 0.0) return normA;
     const SparseMatrix<T>& A = data.matrix;
-    std::vector<double>& rows = residualNorms;  // reused as row sums, N values
+    std::vector<double>& rows = normRowSums;  // N values
     rows.assign(N, 0.0);
     const unsigned int nb = static_cast<unsigned int>(A.numBlockCols);
     if (factorAllActive) {
@@ -1139,9 +1155,16 @@ Status Solver<T>::setCompliance(unsigned int constraint, const T* values) {
     if (values == nullptr)
         return fail(StatusCode::invalidArgument, "setCompliance (%u): values are null", constraint);
     const Slot& s = m.complianceSlots[m.compliantIndex[constraint]];
-    const unsigned long count = static_cast<unsigned long>(s.rows) * s.cols;
-    for (unsigned long k = 0; k < count; ++k) m.negated[k] = -values[k];
-    return m.writeSlot(s, m.negated.data(), "compliance", constraint, constraint);
+    if (m.options.checkValues) {
+        const unsigned long count = static_cast<unsigned long>(s.rows) * s.cols;
+        for (unsigned long k = 0; k < count; ++k)
+            if (!std::isfinite(values[k]))
+                return fail(StatusCode::nonFiniteValue,
+                            "compliance (%u, %u): value %lu (row %lu, column %lu) is %g", constraint,
+                            constraint, k, k / s.cols, k % s.cols, static_cast<double>(values[k]));
+    }
+    m.storeNegated(s, values);
+    return Status();
 }
 
 template <typename T>
@@ -1182,26 +1205,18 @@ Status Solver<T>::setValues(const T* bodies, const T* jacobians, const T* coupli
                                 static_cast<double>(a.v[k]));
         }
     }
-    const bool check = m.options.checkValues;
-    m.options.checkValues = false;
-    Status st;
     unsigned long at = 0;
     for (unsigned int b = 0; bodies && b < m.bodySlots.size(); ++b) {
-        m.writeSlot(m.bodySlots[b], bodies + at, "body", b, b);
+        m.store(m.bodySlots[b], bodies + at);
         at += static_cast<unsigned long>(m.bodySlots[b].rows) * m.bodySlots[b].cols;
     }
     for (unsigned long k = 0; jacobians && k < m.jacobianSlots.size(); ++k)
-        m.writeSlot(m.jacobianSlots[k], jacobians + m.jacobianValueOffsets[k], "Jacobian", 0, 0);
+        m.store(m.jacobianSlots[k], jacobians + m.jacobianValueOffsets[k]);
     for (unsigned long k = 0; couplings && k < m.couplingSlots.size(); ++k)
-        m.writeSlot(m.couplingSlots[k], couplings + m.couplingValueOffsets[k], "coupling", 0, 0);
-    for (unsigned long k = 0; compliances && k < m.complianceSlots.size(); ++k) {
-        const Slot& s = m.complianceSlots[k];
-        const T* v = compliances + m.complianceValueOffsets[k];
-        for (unsigned long t = 0; t < static_cast<unsigned long>(s.rows) * s.cols; ++t) m.negated[t] = -v[t];
-        m.writeSlot(s, m.negated.data(), "compliance", 0, 0);
-    }
-    m.options.checkValues = check;
-    return st;
+        m.store(m.couplingSlots[k], couplings + m.couplingValueOffsets[k]);
+    for (unsigned long k = 0; compliances && k < m.complianceSlots.size(); ++k)
+        m.storeNegated(m.complianceSlots[k], compliances + m.complianceValueOffsets[k]);
+    return Status();
 }
 
 template <typename T>
