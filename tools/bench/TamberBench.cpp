@@ -433,9 +433,10 @@ private:
     // The paired phase: the comparisons the goals are judged on, taken in interleaved rounds so that the
     // machine's speed swings hit both sides of each ratio alike. Each round times, in a rotating order, our
     // step (setBlocks + factorSerial in our order, then one solve), the fastest peer's factorization in our
-    // order, the fastest peer's in its own order and the fastest solve in our order (by the medians of the
-    // rows above; each peer a fresh instance, analysed once). The row of our serial factorization gets the
-    // medians of the per-round ratios peer / ours.
+    // order, the fastest peer's in its own order and the step of the fastest solver in our order (its
+    // factorization, untimed, then its solve: each side's solve runs right after its own factorization, as
+    // in a time step). Peers are those of the rows above by their medians, each a fresh instance, analysed
+    // once. The row of our serial factorization gets the medians of the per-round ratios peer / ours.
     void runPaired(std::vector<Row>& rows, std::size_t first) {
         Row* ours = nullptr;
         const Row *given = nullptr, *amd = nullptr, *solver = nullptr;
@@ -487,7 +488,6 @@ private:
         const ScalarMatrix* amdM = prepare(amd, amdPeer);
         peers = makePeers();
         const ScalarMatrix* solveM = prepare(solver, solvePeer);
-        if (solveM && !solvePeer->factor(*solveM)) solveM = nullptr;
 
         std::vector<double> px(N_), x(N_), rGiven, rAmd, rSolve;
         const int rounds = std::max(settings_.runs, 5);
@@ -515,7 +515,10 @@ private:
                         if (amdM && amdPeer->factor(*amdM)) tAmd = since(start);
                         break;
                     case 3:
-                        if (solveM && solvePeer->solve(b_.data(), x.data())) tSolve = since(start);
+                        if (solveM && solvePeer->factor(*solveM)) {
+                            const Clock::time_point solveStart = Clock::now();
+                            if (solvePeer->solve(b_.data(), x.data())) tSolve = since(solveStart);
+                        }
                         break;
                 }
             }
