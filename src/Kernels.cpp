@@ -406,9 +406,8 @@ void subtractABtLower(const double* A, int lda, const double* B, int ldb, double
 void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
                           int ldc, int n, int k) {
     if (n >= 2 && k >= 2 && mmABtDoubleSmall<-1, true>(A, lda, B, ldb, C, ldc, n, n, k, X)) return;
-    // Other shapes: the copy and the update in place (the same values).
-    const long count = static_cast<long>(n) * ldc;
-    for (long q = 0; q < count; ++q) C[q] = X[q];
+    // Other shapes: the copy (whole 16-byte pairs: ldc is even) and the update in place (the same values).
+    kernels::copyTile(C, X, static_cast<unsigned long>(n) * static_cast<unsigned long>(ldc));
     subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
 }
 
