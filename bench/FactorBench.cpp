@@ -193,6 +193,11 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
                 ++shapes[key];
             }
             for (const auto& kv : shapes) std::fprintf(stderr, "%6d  %s\n", kv.second, kv.first.c_str());
+            std::map<long, int> gaps;  // i − j of the entries: 1 means row i needs row i − 1 finished
+            for (unsigned long i = 0; i < S.n; ++i)
+                for (unsigned int e = S.colPointers[i]; e + 1 < S.colPointers[i + 1]; ++e)
+                    ++gaps[std::min(static_cast<long>(i) - static_cast<long>(S.rowIndices[e]), 10L)];
+            for (const auto& kv : gaps) std::fprintf(stderr, "gap %ld%s: %d\n", kv.first, kv.first == 10 ? "+" : "", kv.second);
         }
         // Interleaved: with L·D written (writeScaledFactor = 1) and without it (0, the Solver's form).
         std::vector<double> times[2];

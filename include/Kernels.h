@@ -189,6 +189,14 @@ void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows
 void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
 
+// For 2 ≤ s ≤ 6 and 2 ≤ k ≤ 6 (otherwise false, nothing done): the diagonal block of a block row with one
+// off-diagonal block, C = X − A·Bᵀ as subtractABtLowerFrom(A, pk, B, pk, X, W, p, s, k) (pk: k rounded up
+// to even, the stride of A and B), then factorDiagonalBlockFrom(W, W, p, s, d, recip) and LD (optional,
+// s × s of stride p) = L·D as scaleColumns forms it; W receives the factor's rows (the padding row of an odd
+// s is not written). good: whether every pivot is non-zero and finite. Returns true.
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good);
+
 // C −= A·Bᵀ on the lower triangle of the n × n tile C (the factorization's diagonal updates): the entries on
 // and below the diagonal get the values tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k) gives them. float
 // writes only those; double writes whole 2×2 blocks that reach the diagonal (n ≥ 2 and k ≥ 2), or the whole
@@ -232,6 +240,8 @@ bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows,
                       const double* recip, const double* d);
 bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* LD, unsigned int rows,
                           unsigned int s, const double* recip, const double* d);
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good);
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
 void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,

@@ -549,6 +549,10 @@ bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* L
                           unsigned int s, const double* recip, const double* d) {
     return kernels::finishSmallBlockFrom(L, X, W, LD, rows, s, recip, d);
 }
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good) {
+    return kernels::factorDiagonalUpdated(A, B, k, X, W, p, s, d, LD, recip, good);
+}
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p) {
     kernels::scaleColumnsAnySize(X, d, Y, rows, s, p);

@@ -263,6 +263,59 @@ inline bool pivotsGood(const T* d, unsigned int s) {
     return good;
 }
 
+// The fixed-size factorization of factorDiagonalBlockFixed from the rows l (entries c ≤ r of the block to
+// factor) and dd (its diagonal), both held in registers by the caller: writes W, d, LD and recip as that
+// routine describes.
+template <typename T, int S>
+__attribute__((always_inline)) inline bool factorLoaded(T (*l)[S], T* dd, T* W, unsigned int p, T* d, T* LD,
+                                                        T* recip) {
+    constexpr bool isDouble = sizeof(T) == sizeof(double);
+    // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
+    // divisions of one column are independent of each other and overlap, instead of forming one chain
+    // per row.
+    KIVTAMBER_UNROLL
+    for (int c = 0; c < S; ++c) {
+        if (c > 0) {
+            T sum = T(0);
+            KIVTAMBER_UNROLL
+            for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
+            dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
+        }
+        KIVTAMBER_UNROLL
+        for (int r = c + 1; r < S; ++r) {
+            if (c > 0) {
+                T sum = T(0);
+                KIVTAMBER_UNROLL
+                for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
+                l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+            }
+            l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
+        }
+    }
+    storeUnitLower<S>(W, p, l);
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < S; ++r) d[r] = dd[r];
+    if (LD) {
+        // LD = L·D from the registers: the products scaleColumns forms from the stored tile (lower l,
+        // unit diagonal, zeros above and in the padding column, times the pivots with zero padding).
+        constexpr int P = isDouble ? (S + 1) & ~1 : S;
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < S; ++r) {
+            T* const y = LD + static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
+            for (int c = 0; c < P; ++c) {
+                const T x = c < r ? l[r][c] : c == r ? T(1) : T(0);
+                y[c] = x * (c < S ? dd[c] : T(0));  // l_rc·d_c
+            }
+        }
+    }
+    if (!recip) return true;
+    KIVTAMBER_UNROLL
+    for (int c = 0; c < S; ++c) recip[c] = T(1) / dd[c];
+    if (isDouble && S % 2 == 1) recip[S] = T(0);
+    return pivotsGood(dd, S);
+}
+
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries
@@ -279,7 +332,6 @@ inline bool pivotsGood(const T* d, unsigned int s) {
 template <typename T, int S>
 inline bool factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d, T* LD = nullptr,
                                      const T* X = nullptr, T* recip = nullptr) {
-    constexpr bool isDouble = sizeof(T) == sizeof(double);
     if (S > 0) {
         const T* const in = X ? X : W;
         // Rows and pivots in registers (see solveUnitDiagonalFixed); the same operations in the same order.
@@ -292,50 +344,7 @@ inline bool factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
             for (int c = 0; c <= r; ++c) l[r][c] = w[c];
             dd[r] = w[r];
         }
-        // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
-        // divisions of one column are independent of each other and overlap, instead of forming one chain
-        // per row.
-        KIVTAMBER_UNROLL
-        for (int c = 0; c < S; ++c) {
-            if (c > 0) {
-                T sum = T(0);
-                KIVTAMBER_UNROLL
-                for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
-                dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
-            }
-            KIVTAMBER_UNROLL
-            for (int r = c + 1; r < S; ++r) {
-                if (c > 0) {
-                    T sum = T(0);
-                    KIVTAMBER_UNROLL
-                    for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
-                    l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
-                }
-                l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
-            }
-        }
-        storeUnitLower<S>(W, p, l);
-        KIVTAMBER_UNROLL
-        for (int r = 0; r < S; ++r) d[r] = dd[r];
-        if (LD) {
-            // LD = L·D from the registers: the products scaleColumns forms from the stored tile (lower l,
-            // unit diagonal, zeros above and in the padding column, times the pivots with zero padding).
-            constexpr int P = isDouble ? (S + 1) & ~1 : S;
-            KIVTAMBER_UNROLL
-            for (int r = 0; r < S; ++r) {
-                T* const y = LD + static_cast<unsigned long>(r) * p;
-                KIVTAMBER_UNROLL
-                for (int c = 0; c < P; ++c) {
-                    const T x = c < r ? l[r][c] : c == r ? T(1) : T(0);
-                    y[c] = x * (c < S ? dd[c] : T(0));  // l_rc·d_c
-                }
-            }
-        }
-        if (!recip) return true;
-        KIVTAMBER_UNROLL
-        for (int c = 0; c < S; ++c) recip[c] = T(1) / dd[c];
-        if (isDouble && S % 2 == 1) recip[S] = T(0);
-        return pivotsGood(dd, S);
+        return factorLoaded<T, (S > 0 ? S : 1)>(l, dd, W, p, d, LD, recip);
     }
     const unsigned int s = sDynamic;
     if (X) {
@@ -409,6 +418,82 @@ inline bool factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d, T* L
         default:
             return factorDiagonalBlockFixed<T, 0>(W, p, s, d, LD, X, recip);
     }
+}
+
+// The diagonal block of a block row with one off-diagonal entry, for double blocks of S = 2 … 6 rows and
+// columns of padded size KP = 2, 4 or 6: C = X − A·Bᵀ on the lower triangle with the sums of
+// subtractABtLowerFrom (2×2 blocks of C, even and odd p in the two lanes, added at the end, then subtracted
+// from the input), and C factored as factorDiagonalBlockFixed does, C held in registers instead of being
+// stored and loaded back. A = L(i, k), B = LD(i, k): S × KP tiles of stride KP (their padding row, read for
+// an odd S, zero); X: the input tile (stride p), W: L(i, i).
+template <int S, int KP>
+bool factorDiagonalUpdatedFixed(const double* A, const double* B, const double* X, double* W, unsigned int p,
+                                double* d, double* LD, double* recip) {
+    constexpr int NP = (S + 1) & ~1;
+    double l[S][S];
+    double dd[S];
+    KIVTAMBER_UNROLL
+    for (int i = 0; i < NP; i += 2) {
+        const double* A0 = A + static_cast<unsigned long>(i) * KP;
+        const double* A1 = A0 + KP;
+        const double* X0 = X + static_cast<unsigned long>(i) * p;
+        const double* X1 = X0 + p;
+        KIVTAMBER_UNROLL
+        for (int j = 0; j <= i; j += 2) {
+            const double* B0 = B + static_cast<unsigned long>(j) * KP;
+            const double* B1 = B0 + KP;
+            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
+                    s11 = _mm_setzero_pd();
+            KIVTAMBER_UNROLL
+            for (int q = 0; q < KP; q += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
+                const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            // c_rc = x_rc − (even + odd), rows i and i + 1, columns j and j + 1
+            const __m128d x0 = _mm_sub_pd(_mm_load_pd(X0 + j),
+                                          _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01)));
+            l[i][j] = _mm_cvtsd_f64(x0);
+            if (j + 1 <= i) l[i][j + 1] = _mm_cvtsd_f64(_mm_unpackhi_pd(x0, x0));
+            if (i + 1 < S) {
+                const __m128d x1 = _mm_sub_pd(
+                    _mm_load_pd(X1 + j), _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11)));
+                l[i + 1][j] = _mm_cvtsd_f64(x1);
+                l[i + 1][j + 1] = _mm_cvtsd_f64(_mm_unpackhi_pd(x1, x1));
+            }
+        }
+    }
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < S; ++r) dd[r] = l[r][r];
+    return factorLoaded<double, S>(l, dd, W, p, d, LD, recip);
+}
+
+// factorDiagonalUpdatedFixed for 2 ≤ s ≤ 6 and 2 ≤ k ≤ 6 (k: the unpadded size of block column k); false,
+// nothing done, for other shapes (the caller updates and factors in two steps). good: whether every pivot
+// is non-zero and finite.
+inline bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X,
+                                  double* W, unsigned int p, unsigned int s, double* d, double* LD,
+                                  double* recip, bool& good) {
+    using Fused = bool (*)(const double*, const double*, const double*, double*, unsigned int, double*,
+                           double*, double*);
+    static constexpr Fused table[15] = {&factorDiagonalUpdatedFixed<2, 2>, &factorDiagonalUpdatedFixed<2, 4>,
+                                        &factorDiagonalUpdatedFixed<2, 6>, &factorDiagonalUpdatedFixed<3, 2>,
+                                        &factorDiagonalUpdatedFixed<3, 4>, &factorDiagonalUpdatedFixed<3, 6>,
+                                        &factorDiagonalUpdatedFixed<4, 2>, &factorDiagonalUpdatedFixed<4, 4>,
+                                        &factorDiagonalUpdatedFixed<4, 6>, &factorDiagonalUpdatedFixed<5, 2>,
+                                        &factorDiagonalUpdatedFixed<5, 4>, &factorDiagonalUpdatedFixed<5, 6>,
+                                        &factorDiagonalUpdatedFixed<6, 2>, &factorDiagonalUpdatedFixed<6, 4>,
+                                        &factorDiagonalUpdatedFixed<6, 6>};
+    if (s - 2 > 4 || k - 2 > 4) return false;
+    good = table[(s - 2) * 3 + (k + 1) / 2 - 1](A, B, X, W, p, d, LD, recip);
+    return true;
+}
+inline bool factorDiagonalUpdated(const float*, const float*, unsigned int, const float*, float*,
+                                  unsigned int, unsigned int, float*, float*, float*, bool&) {
+    return false;  // float keeps the two steps
 }
 
 // scaleColumns for any s: fixed for the sizes 1 to 4 and 6, the general loop otherwise. X's padding columns

@@ -118,6 +118,16 @@ bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* L
     return finishSmallBlock(L, W, LD, rows, s, recip, d);
 }
 
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good) {
+    if (s < 2 || s > 6 || k < 2 || k > 6) return false;
+    const int pk = static_cast<int>(evenUp(k));
+    subtractABtLowerFrom(A, pk, B, pk, X, W, static_cast<int>(p), static_cast<int>(s), static_cast<int>(k));
+    good = factorDiagonalBlockFrom(W, W, p, s, d, recip);
+    if (LD) scaleColumns(W, d, LD, s, s, p);
+    return true;
+}
+
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p) {
     for (unsigned int r = 0; r < rows; ++r) {

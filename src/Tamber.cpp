@@ -337,33 +337,40 @@ void Tamber::factorSerial(TamberData<T>& data) {
         T* const di = d + offsets[i];
         __builtin_prefetch(di, 1);
         const T* X = inputBlock(A, a, aEnd, i);
-        if (X == nullptr) {
-            loadTile(Lii, X, static_cast<unsigned long>(s_i) * p_i);
-            X = Lii;
-        }
-        for (unsigned int e = iBegin; e < iDiag; ++e) {
-            const unsigned int k = cols[e];
-            const int p_k = static_cast<int>(Layout<T>::padded(sizes[k]));
-            // L_ii -= L(i, k)·LD(i, k)ᵀ on its lower triangle (the values the whole-square product gives
-            // there; the upper triangle is never read), the first one straight from the input tile
-            if (X != Lii) {
-                factorCommon::subtractABtLowerFrom(L.blockPointers[e], p_k, ldTile(e), p_k, X, Lii,
+        // The reciprocal pivots of the later rows' blocks in column i: p_i of them from recips + offset_i +
+        // i, padding 0. LD(i, i) = L_ii·D_i is written with the factorization, from the registers, unless LD
+        // is not kept.
+        T* const recip = recips + offsets[i] + i;
+        T* const LDii = lean ? nullptr : LD.blockPointers[iDiag];
+        bool good = false;
+        if (X != nullptr && iDiag == iBegin + 1 &&
+            kernels::factorDiagonalUpdated(L.blockPointers[iBegin], ldTile(iBegin), sizes[cols[iBegin]], X,
+                                           Lii, p_i, s_i, di, LDii, recip, good)) {
+            // One update of a small block, fused with the factorization: the bits of the two steps below.
+        } else {
+            if (X == nullptr) {
+                loadTile(Lii, X, static_cast<unsigned long>(s_i) * p_i);
+                X = Lii;
+            }
+            for (unsigned int e = iBegin; e < iDiag; ++e) {
+                const unsigned int k = cols[e];
+                const int p_k = static_cast<int>(Layout<T>::padded(sizes[k]));
+                // L_ii -= L(i, k)·LD(i, k)ᵀ on its lower triangle (the values the whole-square product gives
+                // there; the upper triangle is never read), the first one straight from the input tile
+                if (X != Lii) {
+                    factorCommon::subtractABtLowerFrom(L.blockPointers[e], p_k, ldTile(e), p_k, X, Lii,
+                                                       static_cast<int>(p_i), static_cast<int>(s_i),
+                                                       static_cast<int>(sizes[k]));
+                    X = Lii;
+                } else {
+                    factorCommon::subtractABtLower(L.blockPointers[e], p_k, ldTile(e), p_k, Lii,
                                                    static_cast<int>(p_i), static_cast<int>(s_i),
                                                    static_cast<int>(sizes[k]));
-                X = Lii;
-            } else {
-                factorCommon::subtractABtLower(L.blockPointers[e], p_k, ldTile(e), p_k, Lii,
-                                               static_cast<int>(p_i), static_cast<int>(s_i),
-                                               static_cast<int>(sizes[k]));
+                }
             }
+            // Dense L_ii·D_i·L_iiᵀ without pivoting, row by row; strict upper triangle zeroed.
+            good = factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di, LDii, X == Lii ? nullptr : X, recip);
         }
-
-        // Dense L_ii·D_i·L_iiᵀ without pivoting, row by row; strict upper triangle zeroed; the reciprocal
-        // pivots of the later rows' blocks in column i (p_i of them from recips + offset_i + i, padding 0).
-        // LD(i, i) = L_ii·D_i written with it, from the registers, unless LD is not kept.
-        T* const recip = recips + offsets[i] + i;
-        const bool good = factorCommon::factorDiagonalBlock(
-            Lii, p_i, s_i, di, lean ? nullptr : LD.blockPointers[iDiag], X == Lii ? nullptr : X, recip);
         if (!lean) LD.blockFlags[iDiag] = 1;
 
         // The first zero or non-finite pivot, in elimination order: only this block's pivots are looked at,

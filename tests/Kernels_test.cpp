@@ -561,6 +561,45 @@ TEST(KernelsSized, ScalingAndLowerUpdateFastEqualReference) {
     run(0.0f);
 }
 
+// The fused update and factorization of a diagonal block against the two steps of the reference form, and
+// against the fast two steps, at every s and k (only 2 … 6 each are fused; the others say no).
+TEST(KernelsSized, FusedDiagonalUpdateEqualsTwoSteps) {
+    sameBitsAtEverySize<double>("factorDiagonalUpdated", [](int s, unsigned seed, bool special) {
+        Rng rng(seed * 29 + s);
+        const int p = paddedOf<double>(s), k = 1 + static_cast<int>(seed % 12), pk = paddedOf<double>(k);
+        Buffer<double> A(p * pk), B(p * pk), X(p * p), W1(p * p), W2(p * p), W3(p * p), d1(p), d2(p), d3(p),
+            q1(p), q2(p), q3(p), LD1(p * p), LD3(p * p);
+        for (Buffer<double>* b : {&A, &B, &X, &W1, &W2, &W3, &LD1, &LD3})
+            zero(*b, b == &A || b == &B ? p * pk : p * p);
+        fillTile(A.data, pk, s, k, rng, special);
+        fillTile(B.data, pk, s, k, rng, special);
+        fillTile(X.data, p, s, s, rng, special);
+        for (int r = 0; r < s; ++r) X.data[r * p + r] += 8.0;
+        bool good1 = false, good2 = false;
+        const bool fused = kernels::fast::factorDiagonalUpdated(A.data, B.data, k, X.data, W1.data, p, s,
+                                                                d1.data, LD1.data, q1.data, good1);
+        const bool reference = kernels::reference::factorDiagonalUpdated(
+            A.data, B.data, k, X.data, W2.data, p, s, d2.data, nullptr, q2.data, good2);
+        const bool shape = s >= 2 && s <= 6 && k >= 2 && k <= 6;
+        ASSERT_EQ(fused, shape);
+        ASSERT_EQ(reference, shape);
+        if (!shape) return;
+        // The fast two steps: update from X, then factor in place with LD.
+        kernels::fast::subtractABtLowerFrom(A.data, pk, B.data, pk, X.data, W3.data, p, s, k);
+        const bool good3 = kernels::fast::factorDiagonalBlockFrom(W3.data, W3.data, p, s, d3.data, q3.data);
+        kernels::fast::scaleColumns(W3.data, d3.data, LD3.data, s, s, p);
+        ASSERT_TRUE(good1 == good2 && good1 == good3);
+        ASSERT_TRUE(d1.sameValues(d2.snapshot()) && d1.sameValues(d3.snapshot()));
+        ASSERT_TRUE(q1.sameValues(q2.snapshot()) && q1.sameValues(q3.snapshot()));
+        for (int r = 0; r < s; ++r)  // the factor's rows (the padding row of an odd s is not written)
+            for (int c = 0; c < p; ++c) {
+                ASSERT_TRUE(sameEntry(W1.data[r * p + c], W2.data[r * p + c])) << r << "," << c;
+                ASSERT_TRUE(sameEntry(W1.data[r * p + c], W3.data[r * p + c])) << r << "," << c;
+                ASSERT_TRUE(sameEntry(LD1.data[r * p + c], LD3.data[r * p + c])) << r << "," << c;
+            }
+    });
+}
+
 // The paired solve steps on a tile between two slices of x, each followed by one more entry (the next
 // block's first one, which the pairs read across an odd size).
 TEST(KernelsSized, SolveStepsFastEqualReference) {
