@@ -4,6 +4,9 @@
 //
 // Usage: FactorBench [runs (default 7)] [largest block count (default 50000)] [scene name ...]
 // Prints one table row per system; times are medians over `runs` repetitions, in milliseconds.
+//    or: FactorBench --steps [runs (default 51)] [block count (default 10000)] [scene name ...]
+// for factorSerial alone in tamber-bench's order (our analysis with block merging), with and without L·D,
+// interleaved; FACTORBENCH_SHAPES=1 also lists the row shapes and the distances i − j of the entries.
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -197,7 +200,8 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
             for (unsigned long i = 0; i < S.n; ++i)
                 for (unsigned int e = S.colPointers[i]; e + 1 < S.colPointers[i + 1]; ++e)
                     ++gaps[std::min(static_cast<long>(i) - static_cast<long>(S.rowIndices[e]), 10L)];
-            for (const auto& kv : gaps) std::fprintf(stderr, "gap %ld%s: %d\n", kv.first, kv.first == 10 ? "+" : "", kv.second);
+            for (const auto& kv : gaps)
+                std::fprintf(stderr, "gap %ld%s: %d\n", kv.first, kv.first == 10 ? "+" : "", kv.second);
         }
         // Interleaved: with L·D written (writeScaledFactor = 1) and without it (0, the Solver's form).
         std::vector<double> times[2];
