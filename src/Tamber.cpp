@@ -264,18 +264,18 @@ void Tamber::factorSerial(TamberData<T>& data) {
         unsigned int a = A.colPointers[i];  // the input blocks of row i, in step with the pattern
         const unsigned int aEnd = A.colPointers[i + 1];
         T* const rowTiles = L.blockPointers[iBegin];
-        T* ldBase = LD.blockPointers[iBegin];
         if (lean) {
             const unsigned long extent = static_cast<unsigned long>(L.blockPointers[iDiag] - rowTiles);
             if (extent > ldRowCapacity) {
                 ldRow = Layout<T>::scratch(data.scratchPad, extent, serialScaledRowSlot);
                 ldRowCapacity = extent;
             }
-            ldBase = ldRow;
             for (unsigned int e = iBegin; e <= iDiag; ++e) LD.blockFlags[e] = 0;
         }
         // LD(i, ·) of the pattern entry e of row i.
-        auto ldTile = [&](unsigned int e) { return ldBase + (L.blockPointers[e] - rowTiles); };
+        auto ldTile = [&](unsigned int e) {
+            return lean ? ldRow + (L.blockPointers[e] - rowTiles) : LD.blockPointers[e];
+        };
 
         // Off-diagonal blocks: L(i, j) = (A(i, j) − Σ_{k<j} L(i, k)·D_k·L(j, k)ᵀ)·L_jjᵀ⁻¹·D_j⁻¹.
         for (unsigned int e = iBegin; e < iDiag; ++e) {
