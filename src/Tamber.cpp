@@ -273,8 +273,11 @@ void Tamber::factorSerial(TamberData<T>& data) {
             for (unsigned int e = iBegin; e <= iDiag; ++e) LD.blockFlags[e] = 0;
         }
         // LD(i, ·) of the pattern entry e of row i.
-        auto ldTile = [&](unsigned int e) {
-            return lean ? ldRow + (L.blockPointers[e] - rowTiles) : LD.blockPointers[e];
+        T* const* const tilesL = L.blockPointers;
+        T* const* const tilesLD = LD.blockPointers;
+        T* const rowLD = ldRow;
+        auto ldTile = [lean, tilesL, tilesLD, rowTiles, rowLD](unsigned int e) {
+            return lean ? rowLD + (tilesL[e] - rowTiles) : tilesLD[e];
         };
 
         // Off-diagonal blocks: L(i, j) = (A(i, j) − Σ_{k<j} L(i, k)·D_k·L(j, k)ᵀ)·L_jjᵀ⁻¹·D_j⁻¹.
@@ -290,13 +293,15 @@ void Tamber::factorSerial(TamberData<T>& data) {
             // The columns k < j common to rows i and j, ascending: row j's entries looked up in row i's map
             // (the same pairs, in the same order, as merging the two lists).
             const unsigned int jDiag = rowStart[j + 1] - 1;
-            for (unsigned int q = rowStart[j]; q < jDiag; ++q) {
+            unsigned int q = rowStart[j];
+            while (q < jDiag && rowOf[cols[q]] != i) ++q;
+            if (q < jDiag) {
+                loadTile(Lij, X, count);  // worked on in place from the first update
+                X = Lij;
+            }
+            for (; q < jDiag; ++q) {
                 const unsigned int k = cols[q];
                 if (rowOf[k] != i) continue;
-                if (X != Lij) {
-                    loadTile(Lij, X, count);  // worked on in place from here
-                    X = Lij;
-                }
                 const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
                 // L(i, j) -= LD(i, k)·L(j, k)ᵀ, LD(i, k) final: an earlier entry of row i
                 tamber_MM_CM_ABt(ldTile(entryOf[k]), static_cast<int>(p_k), L.blockPointers[q],
