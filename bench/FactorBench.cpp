@@ -4,6 +4,9 @@
 //
 // Usage: FactorBench [runs (default 7)] [largest block count (default 50000)] [scene name ...]
 // Prints one table row per system; times are medians over `runs` repetitions, in milliseconds.
+//    or: FactorBench --steps [runs (default 51)] [block count (default 10000)] [scene name ...]
+// for factorSerial alone in tamber-bench's order (our analysis with block merging), with and without L·D,
+// interleaved; FACTORBENCH_SHAPES=1 also lists the row shapes and the distances i − j of the entries.
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -11,8 +14,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <string>
 #include <vector>
 
+#include "Analysis.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
 #include "scenes/Scenes.h"
@@ -141,9 +147,90 @@ void timeSystem(TamberData<T>& data, int runs, double normA, const std::vector<d
     residual = scaledResidual(data, normA, b, x);
 }
 
+// The step of tamber-bench's "ours" rows: each scene analysed with block merging in our order, then
+// factorSerial alone, repeated `runs` times; per scene the median in ms and ns per block row.
+// FACTORBENCH_REPEAT=k repeats the factorization k times per run and FACTORBENCH_LEAN times only the form
+// without L·D (for instruction counts under callgrind).
+int runSteps(int runs, unsigned long target, int argc, char** argv, int firstScene) {
+    struct Kind {
+        SceneKind kind;
+        const char* name;
+    };
+    const Kind kinds[] = {{SceneKind::chain, "chain"},
+                          {SceneKind::ragdolls, "ragdolls"},
+                          {SceneKind::cloth, "cloth"},
+                          {SceneKind::boxWall, "boxwall"}};
+    const char* repeatText = std::getenv("FACTORBENCH_REPEAT");
+    const int repeat = repeatText ? std::max(1, std::atoi(repeatText)) : 1;
+    const bool leanOnly = std::getenv("FACTORBENCH_LEAN") != nullptr;  // only the lean form (callgrind)
+    std::printf("factorSerial in our merged order, median of %d runs; LD written / not written\n", runs);
+    std::printf("%-9s %7s %8s %10s %10s %10s %10s\n", "scene", "blocks", "rows", "LD ms", "ns/row", "lean ms",
+                "ns/row");
+    for (const Kind& kind : kinds) {
+        if (argc > firstScene) {
+            bool wanted = false;
+            for (int a = firstScene; a < argc; ++a) wanted |= std::strcmp(argv[a], kind.name) == 0;
+            if (!wanted) continue;
+        }
+        auto scene = makeScene(kind.kind, sizeForBlockCount(kind.kind, target));
+        scene->step(0.01);
+        BlockProblem problem;
+        scene->build(problem);
+        const Analysis::Problem view{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
+                                     problem.rowIndices.data(), problem.blockSizes.data()};
+        Analysis::Options options;
+        options.mergeBlocks = true;
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        if (!analyzer.analyze(view, options, data).ok) return 1;
+        Tamber tamber;
+        tamber.estimateWork(data, nullptr);
+        analyzer.setBlocks(data, problem.values.data(), problem.valuePointers.data());
+        if (std::getenv("FACTORBENCH_SHAPES")) {  // row shapes: s_i and the sizes of its columns
+            std::map<std::string, int> shapes;
+            const SkeletonMatrix& S = data.skeleton;
+            for (unsigned long i = 0; i < S.n; ++i) {
+                std::string key = std::to_string(data.matrix.blockSizes[i]) + ":";
+                for (unsigned int e = S.colPointers[i]; e + 1 < S.colPointers[i + 1]; ++e)
+                    key += " " + std::to_string(data.matrix.blockSizes[S.rowIndices[e]]);
+                ++shapes[key];
+            }
+            for (const auto& kv : shapes) std::fprintf(stderr, "%6d  %s\n", kv.second, kv.first.c_str());
+            std::map<long, int> gaps;  // i − j of the entries: 1 means row i needs row i − 1 finished
+            for (unsigned long i = 0; i < S.n; ++i)
+                for (unsigned int e = S.colPointers[i]; e + 1 < S.colPointers[i + 1]; ++e)
+                    ++gaps[std::min(static_cast<long>(i) - static_cast<long>(S.rowIndices[e]), 10L)];
+            for (const auto& kv : gaps)
+                std::fprintf(stderr, "gap %ld%s: %d\n", kv.first, kv.first == 10 ? "+" : "", kv.second);
+        }
+        // Interleaved: with L·D written (writeScaledFactor = 1) and without it (0, the Solver's form).
+        std::vector<double> times[2];
+        for (int r = 0; r < runs; ++r) {
+            for (int lean = 0; lean < 2; ++lean) {
+                if (leanOnly && !lean) continue;
+                data.writeScaledFactor = lean ? 0 : 1;
+                const std::uint64_t start = kiv::Timer::ticks();
+                for (int k = 0; k < repeat; ++k) tamber.factorSerial(data);
+                times[lean].push_back(seconds(start) / repeat);
+            }
+        }
+        const double rows = static_cast<double>(data.skeleton.n);
+        const double t1 = leanOnly ? 0.0 : median(times[0]), t0 = median(times[1]);
+        std::printf("%-9s %7u %8lu %10.3f %10.1f %10.3f %10.1f\n", kind.name, problem.numBlocks,
+                    data.skeleton.n, t1 * 1e3, t1 * 1e9 / rows, t0 * 1e3, t0 * 1e9 / rows);
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--steps") == 0) {
+        const int runs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 51;
+        const unsigned long target = argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 10000;
+        return runSteps(runs, target, argc, argv, 4);
+    }
     const int runs = argc > 1 ? std::max(1, std::atoi(argv[1])) : 7;
     const unsigned long largest = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 50000;
     struct Kind {

@@ -215,11 +215,11 @@ BENCHMARK(BM_Ceiling_Acc8) KIVT_SIZES;
 struct SizedTiles {
     explicit SizedTiles(int size) : s(size), p((size + 1) & ~1) {
         const std::size_t tile = static_cast<std::size_t>(p) * p;
-        raw = kiv::allocateArray<double>(7 * tile + 2 * p + 2);
-        std::memset(raw, 0, (7 * tile + 2 * p + 2) * sizeof(double));
+        raw = kiv::allocateArray<double>(7 * tile + 4 * p + 2);
+        std::memset(raw, 0, (7 * tile + 4 * p + 2) * sizeof(double));
         double* base = raw + (reinterpret_cast<std::uintptr_t>(raw) % 16 ? 1 : 0);
         W0 = base, W = W0 + tile, L = W + tile, X0 = L + tile, X = X0 + tile, LD = X + tile, d = LD + tile,
-        recip = d + p;
+        recip = d + p, dOut = recip + p, recipOut = dOut + p;
         std::mt19937 gen(s);
         std::uniform_real_distribution<double> u(-1.0, 1.0);
         for (int r = 0; r < s; ++r)
@@ -231,12 +231,12 @@ struct SizedTiles {
             }
         for (int c = 0; c < s; ++c) d[c] = 1.0 + 0.5 * u(gen), recip[c] = 1.0 / d[c];
     }
-    ~SizedTiles() { kiv::deallocateArray(raw, 7 * static_cast<std::size_t>(p) * p + 2 * p + 2); }
+    ~SizedTiles() { kiv::deallocateArray(raw, 7 * static_cast<std::size_t>(p) * p + 4 * p + 2); }
     SizedTiles(const SizedTiles&) = delete;
     SizedTiles& operator=(const SizedTiles&) = delete;
     int s, p;
     double* raw;
-    double *W0, *W, *L, *X0, *X, *LD, *d, *recip;
+    double *W0, *W, *L, *X0, *X, *LD, *d, *recip, *dOut, *recipOut;
 };
 
 template <bool Fast>
@@ -279,7 +279,45 @@ void BM_FinishOffDiagonal(benchmark::State& state) {
                            benchmark::Counter::kIsRate);
 }
 
+// One block row of a path-shaped factor (a chain) at every size 1 … 12, with the library's kernels as the
+// serial factorization calls them: the finish of the s × s block L(i, j) read from its input tile, then the
+// update of the diagonal block by L(i, j)·LD(i, j)ᵀ and its factorization with the reciprocal pivots (fused
+// for s = 2 … 6, in two steps otherwise). Flops: s²(s − 1) + 2s² (finish) + s²(s + 1) (lower update) + s³/3.
+// Dependent: each row's input takes the last pivot of the row before (a(0, 0) + 0·d), so rows cannot
+// overlap and the time is the row's latency, as in a factorization whose elimination tree is a path;
+// otherwise consecutive rows overlap as far as the core allows (the row's cost in throughput). The time per
+// iteration is the time per block row.
+template <bool Dependent>
+void BM_ChainRow(benchmark::State& state) {
+    namespace fast = kivTamber::kernels::fast;
+    const int s = static_cast<int>(state.range(0));
+    SizedTiles t(s);
+    const double a00 = t.X0[0];
+    for (auto _ : state) {
+        if (Dependent) t.X0[0] = a00 + 0.0 * t.dOut[s - 1];
+        if (!fast::finishSmallBlockFrom(t.L, t.X0, t.X, t.LD, s, s, t.recip, t.d)) {
+            std::memcpy(t.X, t.X0, static_cast<std::size_t>(s) * t.p * sizeof(double));
+            fast::solveUnitDiagonal(t.L, t.p, t.X, s, s);
+            kivTamber::kernels::reference::scaleColumns(t.X, t.recip, t.X, s, s, t.p);
+            kivTamber::kernels::reference::scaleColumns(t.X, t.d, t.LD, s, s, t.p);
+        }
+        bool good = false;
+        if (!fast::factorDiagonalUpdated(t.X, t.LD, s, t.W0, t.W, t.p, s, t.dOut, nullptr, t.recipOut,
+                                         good)) {
+            fast::subtractABtLowerFrom(t.X, t.p, t.LD, t.p, t.W0, t.W, t.p, s, s);
+            good = fast::factorDiagonalBlockFrom(t.W, t.W, t.p, s, t.dOut, t.recipOut);
+        }
+        benchmark::DoNotOptimize(good);
+        benchmark::ClobberMemory();
+    }
+    const double flops = s * s * (s - 1.0) + 2.0 * s * s + s * s * (s + 1.0) + s * s * s / 3.0;
+    state.counters["GFLOP/s"] = benchmark::Counter(flops * static_cast<double>(state.iterations()) * 1e-9,
+                                                   benchmark::Counter::kIsRate);
+}
+
 #define KIVT_BLOCK_SIZES ->DenseRange(1, 12)
+BENCHMARK(BM_ChainRow<false>) KIVT_BLOCK_SIZES;
+BENCHMARK(BM_ChainRow<true>) KIVT_BLOCK_SIZES;
 BENCHMARK(BM_FactorDiagonal<true>) KIVT_BLOCK_SIZES;
 BENCHMARK(BM_FactorDiagonal<false>) KIVT_BLOCK_SIZES;
 BENCHMARK(BM_FinishOffDiagonal<true>) KIVT_BLOCK_SIZES;

@@ -162,6 +162,14 @@ namespace fast {
 void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d);
 void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
 
+// The same factorization of the tile X (s × s, stride p; its lower triangle and diagonal read) into W (X may
+// be W), with the reciprocal pivots: recip[c] = 1 / d_c for c < s, and 0 in recip[s] for a double tile of odd
+// s (the padding column). Returns true when every pivot is non-zero and finite.
+bool factorDiagonalBlockFrom(const double* X, double* W, unsigned int p, unsigned int s, double* d,
+                             double* recip);
+bool factorDiagonalBlockFrom(const float* X, float* W, unsigned int p, unsigned int s, float* d,
+                             float* recip);
+
 // W ← W·L⁻ᵀ for the rows × s tile W and the unit lower s × s tile L, both of stride p (L's diagonal is not
 // read): per row, w_c −= Σ_{t<c} l_ct·w_t for c = 1 … s−1, the sum from t = 0 up.
 void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s);
@@ -171,6 +179,9 @@ void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int 
 // rows × s tile of stride p. Returns true.
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
                       const double* recip, const double* d);
+// The same with the rows read from X (rows × s, stride p; X may be W) and the results written to W and LD.
+bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* LD, unsigned int rows,
+                          unsigned int s, const double* recip, const double* d);
 
 // Y = X·diag(d[0 .. s)) for rows × s tiles of stride p; Y's padding columns 0.
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
@@ -178,12 +189,26 @@ void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows
 void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
 
+// For 2 ≤ s ≤ 6 and 2 ≤ k ≤ 6 (otherwise false, nothing done): the diagonal block of a block row with one
+// off-diagonal block, C = X − A·Bᵀ as subtractABtLowerFrom(A, pk, B, pk, X, W, p, s, k) (pk: k rounded up
+// to even, the stride of A and B), then factorDiagonalBlockFrom(W, W, p, s, d, recip) and LD (optional,
+// s × s of stride p) = L·D as scaleColumns forms it; W receives the factor's rows (the padding row of an odd
+// s is not written). good: whether every pivot is non-zero and finite. Returns true.
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good);
+
 // C −= A·Bᵀ on the lower triangle of the n × n tile C (the factorization's diagonal updates): the entries on
 // and below the diagonal get the values tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k) gives them. float
 // writes only those; double writes whole 2×2 blocks that reach the diagonal (n ≥ 2 and k ≥ 2), or the whole
 // square (n = 1 or k = 1).
 void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k);
 void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k);
+// C = X − A·Bᵀ: on and below the diagonal of C the values of copying X (n rows of ldc) into C and then
+// subtractABtLower; double 2×2 blocks above the diagonal may be left unwritten.
+void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
+                          int ldc, int n, int k);
+void subtractABtLowerFrom(const float* A, int lda, const float* B, int ldb, const float* X, float* C, int ldc,
+                          int n, int k);
 
 // The paired steps of the double solves, on a container tile B (s_i × s_j, column-major, leading dimension
 // ld) or a diagonal tile U (s_j × s_j). Rows and columns go in pairs: an odd size reads the entry after its
@@ -206,15 +231,27 @@ namespace reference {
 
 void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d);
 void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d);
+bool factorDiagonalBlockFrom(const double* X, double* W, unsigned int p, unsigned int s, double* d,
+                             double* recip);
+bool factorDiagonalBlockFrom(const float* X, float* W, unsigned int p, unsigned int s, float* d,
+                             float* recip);
 void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s);
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
                       const double* recip, const double* d);
+bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* LD, unsigned int rows,
+                          unsigned int s, const double* recip, const double* d);
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good);
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
 void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
 void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k);
 void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k);
+void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
+                          int ldc, int n, int k);
+void subtractABtLowerFrom(const float* A, int lda, const float* B, int ldb, const float* X, float* C, int ldc,
+                          int n, int k);
 void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
                         unsigned int sj);
 void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj);

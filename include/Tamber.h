@@ -66,6 +66,12 @@ public:
     unsigned int numThreads = 1;
     // 1 once a factorization has finished; the solves factor first when it is 0. Only the caller clears it.
     unsigned char isFactored = 0;
+    // 1 (default): factorSerial writes every block of `scaledFactor` and flags it 1, as the float solve and
+    // unitSolve read it. 0: factorSerial keeps each row's L·D blocks only while the row is factored (its own
+    // updates are their only reader there), writes no block of `scaledFactor` and leaves every flag of the
+    // rows it factored 0; Tamber::computeScaledFactor computes them when a reader needs them. The double
+    // solves and the factor modifications read only `factor` and `diagonal`. factorMF always writes them.
+    unsigned char writeScaledFactor = 1;
     // 1: a factorization stops right after the diagonal block that holds the first zero or non-finite pivot
     // (the factor is then incomplete and isFactored stays 0); 0 (default): it runs to the end and the bad
     // pivot spreads non-finite values, as an unpivoted factorization does.
@@ -130,6 +136,9 @@ public:
     // `factorTime` to the duration (setup plus numeric phase) and `solveTime` to 0. A zero pivot yields
     // non-finite values, not an error. Once the matrices and the scratch pad have seen a structure, a
     // factorization of it allocates nothing.
+    // With `data.writeScaledFactor` = 0 no block of `data.scaledFactor` is written and the flags of the rows
+    // factored are 0 (each row's LD blocks are kept in scratch-pad slot 0x100011 of T while the row is
+    // factored; see computeScaledFactor); L, D and badPivot are the same bits either way.
     // The layout of L and LD is the one estimateWork makes; it is not made again while the structure stays
     // the same. Each block row is checked against the pattern and the block sizes when the factorization
     // reaches it (O(1) per entry); on a mismatch both matrices are laid out anew and the factorization starts
@@ -140,6 +149,13 @@ public:
     // factorTime is set either way.
     template <typename T>
     void factorSerial(TamberData<T>& data);
+
+    // LD(i, j) = L(i, j)·D_j for every block of `data.scaledFactor` whose flag is 0, flagged 1 (padding
+    // columns 0): the values factorSerial writes when `writeScaledFactor` is 1, bit for bit. Costs O(1) when
+    // the last block's flag is 1 (every factorization that writes LD writes it last), O(blocks) otherwise.
+    // Preconditions: a finished factorization of `data` (isFactored = 1).
+    template <typename T>
+    void computeScaledFactor(TamberData<T>& data);
 
     // The same factor as factorSerial (L, D and LD, within rounding; every LD block flagged 1), computed
     // by the multifrontal method on `data.numThreads` worker threads of one "MultiFront factor" task: each
@@ -204,6 +220,8 @@ extern template unsigned int Tamber::estimateWork<float>(TamberData<float>&, uns
 extern template unsigned int Tamber::estimateWork<double>(TamberData<double>&, unsigned int*);
 extern template void Tamber::factorSerial<float>(TamberData<float>&);
 extern template void Tamber::factorSerial<double>(TamberData<double>&);
+extern template void Tamber::computeScaledFactor<float>(TamberData<float>&);
+extern template void Tamber::computeScaledFactor<double>(TamberData<double>&);
 extern template void Tamber::factorMF<float>(TamberData<float>&);
 extern template void Tamber::factorMF<double>(TamberData<double>&);
 extern template unsigned int Tamber::chooseThreads<float>(TamberData<float>&, unsigned int);

@@ -104,6 +104,13 @@ void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
 void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k);
 void subtractABtLower(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n, int k);
 
+// C = X − A·Bᵀ on the lower triangle with the values of copying X (n rows of ldc elements) into C and then
+// subtractABtLower: the first update of a diagonal block read straight from its input tile X.
+void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
+                          int ldc, int n, int k);
+void subtractABtLowerFrom(const float* A, int lda, const float* B, int ldb, const float* X, float* C, int ldc,
+                          int n, int k);
+
 }  // namespace factorCommon
 }  // namespace kivTamber
 

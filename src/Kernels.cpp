@@ -107,15 +107,19 @@ void mmABtDoubleBlocked(const double* A, int lda, const double* B, int ldb, doub
 
 // mmABtDoubleBlocked for padded sizes NP, MP, KP (even, at most 6) fixed at compile time: the same
 // operations for every entry, as straight-line code for the small tiles of physics systems (the general
-// loops spend about as many instructions on their control as on the arithmetic there).
+// loops spend about as many instructions on their control as on the arithmetic there). The entries of C
+// are read from Cin (C itself, or a tile of the same shape and stride whose values C starts from).
 template <int Sign, bool Lower, int NP, int MP, int KP>
-void mmABtDoubleFixed(const double* A, int lda, const double* B, int ldb, double* C, int ldc) {
+void mmABtDoubleFixed(const double* A, int lda, const double* B, int ldb, const double* Cin, double* C,
+                      int ldc) {
     KIVTAMBER_UNROLL
     for (int i = 0; i < NP; i += 2) {
         const double* A0 = A + at(i, lda, 0);
         const double* A1 = A0 + lda;
         double* C0 = C + at(i, ldc, 0);
         double* C1 = C0 + ldc;
+        const double* I0 = Cin + at(i, ldc, 0);
+        const double* I1 = I0 + ldc;
         KIVTAMBER_UNROLL
         for (int j = 0; j < (Lower ? i + 1 : MP); j += 2) {
             const double* B0 = B + at(j, ldb, 0);
@@ -138,11 +142,11 @@ void mmABtDoubleFixed(const double* A, int lda, const double* B, int ldb, double
             const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
             const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
             if (Sign < 0) {
-                _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(C0 + j), r0));
-                _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(C1 + j), r1));
+                _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(I0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(I1 + j), r1));
             } else {
-                _mm_store_pd(C0 + j, _mm_add_pd(_mm_load_pd(C0 + j), r0));
-                _mm_store_pd(C1 + j, _mm_add_pd(_mm_load_pd(C1 + j), r1));
+                _mm_store_pd(C0 + j, _mm_add_pd(_mm_load_pd(I0 + j), r0));
+                _mm_store_pd(C1 + j, _mm_add_pd(_mm_load_pd(I1 + j), r1));
             }
         }
     }
@@ -208,7 +212,7 @@ inline bool mmABtDoubleInner(const double* A, int lda, const double* B, int ldb,
     return true;
 }
 
-using FixedProduct = void (*)(const double*, int, const double*, int, double*, int);
+using FixedProduct = void (*)(const double*, int, const double*, int, const double*, double*, int);
 
 // The fixed kernels of every padded size triple (2, 4 or 6 each), indexed by (n/2 − 1)·9 + (m/2 − 1)·3 +
 // (k/2 − 1) with the sizes rounded up to even.
@@ -219,14 +223,15 @@ constexpr std::array<FixedProduct, sizeof...(I)> fixedProducts(std::index_sequen
 }
 
 // mmABtDoubleBlocked through a fixed kernel when every size is at most 6; false (nothing done) otherwise.
+// Cin: where C's entries are read from (C itself by default).
 template <int Sign, bool Lower>
 inline bool mmABtDoubleSmall(const double* A, int lda, const double* B, int ldb, double* C, int ldc, int n,
-                             int m, int k) {
+                             int m, int k, const double* Cin = nullptr) {
     static constexpr std::array<FixedProduct, 27> table =
         fixedProducts<Sign, Lower>(std::make_index_sequence<27>());
     if (n > 6 || m > 6 || k > 6) return false;
     table[static_cast<std::size_t>(((n + 1) / 2 - 1) * 9 + ((m + 1) / 2 - 1) * 3 + ((k + 1) / 2 - 1))](
-        A, lda, B, ldb, C, ldc);
+        A, lda, B, ldb, Cin ? Cin : C, C, ldc);
     return true;
 }
 
@@ -398,6 +403,21 @@ void subtractABtLower(const double* A, int lda, const double* B, int ldb, double
     mmABtDoubleBlocked<-1, true>(A, lda, B, ldb, C, ldc, n, n, k);
 }
 
+void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
+                          int ldc, int n, int k) {
+    if (n >= 2 && k >= 2 && mmABtDoubleSmall<-1, true>(A, lda, B, ldb, C, ldc, n, n, k, X)) return;
+    // Other shapes: the copy (whole 16-byte pairs: ldc is even) and the update in place (the same values).
+    kernels::copyTile(C, X, static_cast<unsigned long>(n) * static_cast<unsigned long>(ldc));
+    subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+
+void subtractABtLowerFrom(const float* A, int lda, const float* B, int ldb, const float* X, float* C, int ldc,
+                          int n, int k) {
+    const long count = static_cast<long>(n) * ldc;
+    for (long q = 0; q < count; ++q) C[q] = X[q];
+    subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+
 }  // namespace factorCommon
 
 // ------------------------------------------------------------------------------------------ MV with alpha
@@ -510,12 +530,28 @@ void factorDiagonalBlock(double* W, unsigned int p, unsigned int s, double* d) {
 void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d) {
     kernels::factorDiagonalBlock(W, p, s, d);
 }
+bool factorDiagonalBlockFrom(const double* X, double* W, unsigned int p, unsigned int s, double* d,
+                             double* recip) {
+    return kernels::factorDiagonalBlock(W, p, s, d, static_cast<double*>(nullptr), X, recip);
+}
+bool factorDiagonalBlockFrom(const float* X, float* W, unsigned int p, unsigned int s, float* d,
+                             float* recip) {
+    return kernels::factorDiagonalBlock(W, p, s, d, static_cast<float*>(nullptr), X, recip);
+}
 void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s) {
     kernels::solveUnitDiagonal(L, p, W, rows, s);
 }
 bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
                       const double* recip, const double* d) {
     return kernels::finishSmallBlock(L, W, LD, rows, s, recip, d);
+}
+bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* LD, unsigned int rows,
+                          unsigned int s, const double* recip, const double* d) {
+    return kernels::finishSmallBlockFrom(L, X, W, LD, rows, s, recip, d);
+}
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good) {
+    return kernels::factorDiagonalUpdated(A, B, k, X, W, p, s, d, LD, recip, good);
 }
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p) {
@@ -530,6 +566,14 @@ void subtractABtLower(const double* A, int lda, const double* B, int ldb, double
 }
 void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C, int ldc, int n, int k) {
     factorCommon::subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
+                          int ldc, int n, int k) {
+    factorCommon::subtractABtLowerFrom(A, lda, B, ldb, X, C, ldc, n, k);
+}
+void subtractABtLowerFrom(const float* A, int lda, const float* B, int ldb, const float* X, float* C, int ldc,
+                          int n, int k) {
+    factorCommon::subtractABtLowerFrom(A, lda, B, ldb, X, C, ldc, n, k);
 }
 void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,
                         unsigned int sj) {

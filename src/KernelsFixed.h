@@ -254,6 +254,68 @@ inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __rest
     }
 }
 
+// True when every one of the s pivots d[0 .. s) is non-zero and finite, without a branch per pivot
+// (x − x is 0 exactly for finite x and NaN otherwise).
+template <typename T>
+inline bool pivotsGood(const T* d, unsigned int s) {
+    bool good = true;
+    for (unsigned int t = 0; t < s; ++t) good &= (d[t] != T(0)) & (d[t] - d[t] == T(0));
+    return good;
+}
+
+// The fixed-size factorization of factorDiagonalBlockFixed from the rows l (entries c ≤ r of the block to
+// factor) and dd (its diagonal), both held in registers by the caller: writes W, d, LD and recip as that
+// routine describes.
+template <typename T, int S>
+__attribute__((always_inline)) inline bool factorLoaded(T (*l)[S], T* dd, T* W, unsigned int p, T* d, T* LD,
+                                                        T* recip) {
+    constexpr bool isDouble = sizeof(T) == sizeof(double);
+    // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
+    // divisions of one column are independent of each other and overlap, instead of forming one chain
+    // per row.
+    KIVTAMBER_UNROLL
+    for (int c = 0; c < S; ++c) {
+        if (c > 0) {
+            T sum = T(0);
+            KIVTAMBER_UNROLL
+            for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
+            dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
+        }
+        KIVTAMBER_UNROLL
+        for (int r = c + 1; r < S; ++r) {
+            if (c > 0) {
+                T sum = T(0);
+                KIVTAMBER_UNROLL
+                for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
+                l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
+            }
+            l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
+        }
+    }
+    storeUnitLower<S>(W, p, l);
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < S; ++r) d[r] = dd[r];
+    if (LD) {
+        // LD = L·D from the registers: the products scaleColumns forms from the stored tile (lower l,
+        // unit diagonal, zeros above and in the padding column, times the pivots with zero padding).
+        constexpr int P = isDouble ? (S + 1) & ~1 : S;
+        KIVTAMBER_UNROLL
+        for (int r = 0; r < S; ++r) {
+            T* const y = LD + static_cast<unsigned long>(r) * p;
+            KIVTAMBER_UNROLL
+            for (int c = 0; c < P; ++c) {
+                const T x = c < r ? l[r][c] : c == r ? T(1) : T(0);
+                y[c] = x * (c < S ? dd[c] : T(0));  // l_rc·d_c
+            }
+        }
+    }
+    if (!recip) return true;
+    KIVTAMBER_UNROLL
+    for (int c = 0; c < S; ++c) recip[c] = T(1) / dd[c];
+    if (isDouble && S % 2 == 1) recip[S] = T(0);
+    return pivotsGood(dd, S);
+}
+
 // W = L·D·Lᵀ in place, without pivoting, for the s × s block W (row stride p; only its lower triangle and
 // diagonal are read): afterwards W holds the unit lower L (diagonal exactly 1, strict upper triangle exactly
 // 0) and d[0 .. s-1] the pivots. Row by row: d_r = w_rr first for every r, then for each row r the entries
@@ -263,61 +325,35 @@ inline void scaleColumns(const T* __restrict X, const T* __restrict d, T* __rest
 // S.
 // LD (optional, s × s of stride p): receives L·D as scaleColumns forms it from the stored L, written from the
 // registers while the block is at hand.
+// X (optional, s × s of stride p): the block to factor is read from X instead of W (W is then written only),
+// which saves the factorization's copy of an input block that nothing updates.
+// recip (optional): recip[c] = 1 / d_c for c < s and, for double tiles of odd s, recip[s] = 0 (the padding
+// column); the return value then says whether every pivot is non-zero and finite (true without recip).
 template <typename T, int S>
-inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d, T* LD = nullptr) {
+inline bool factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic, T* d, T* LD = nullptr,
+                                     const T* X = nullptr, T* recip = nullptr) {
     if (S > 0) {
+        const T* const in = X ? X : W;
         // Rows and pivots in registers (see solveUnitDiagonalFixed); the same operations in the same order.
         T l[S > 0 ? S : 1][S > 0 ? S : 1];
         T dd[S > 0 ? S : 1];
         KIVTAMBER_UNROLL
         for (int r = 0; r < S; ++r) {
-            const T* const w = W + static_cast<unsigned long>(r) * p;
+            const T* const w = in + static_cast<unsigned long>(r) * p;
             KIVTAMBER_UNROLL
             for (int c = 0; c <= r; ++c) l[r][c] = w[c];
             dd[r] = w[r];
         }
-        // Column by column: every entry gets exactly the operations of the row-by-row order below, but the
-        // divisions of one column are independent of each other and overlap, instead of forming one chain
-        // per row.
-        KIVTAMBER_UNROLL
-        for (int c = 0; c < S; ++c) {
-            if (c > 0) {
-                T sum = T(0);
-                KIVTAMBER_UNROLL
-                for (int t = 0; t < c; ++t) sum += dd[t] * l[c][t] * l[c][t];
-                dd[c] -= sum;  // d_c -= Σ_{t<c} d_t·l_ct²
-            }
-            KIVTAMBER_UNROLL
-            for (int r = c + 1; r < S; ++r) {
-                if (c > 0) {
-                    T sum = T(0);
-                    KIVTAMBER_UNROLL
-                    for (int t = 0; t < c; ++t) sum += l[r][t] * dd[t] * l[c][t];
-                    l[r][c] -= sum;  // w_rc -= Σ_{t<c} l_rt·d_t·l_ct
-                }
-                l[r][c] = l[r][c] / dd[c];  // l_rc = w_rc / d_c
-            }
-        }
-        storeUnitLower<S>(W, p, l);
-        KIVTAMBER_UNROLL
-        for (int r = 0; r < S; ++r) d[r] = dd[r];
-        if (LD) {
-            // LD = L·D from the registers: the products scaleColumns forms from the stored tile (lower l,
-            // unit diagonal, zeros above and in the padding column, times the pivots with zero padding).
-            constexpr int P = sizeof(T) == sizeof(double) ? (S + 1) & ~1 : S;
-            KIVTAMBER_UNROLL
-            for (int r = 0; r < S; ++r) {
-                T* const y = LD + static_cast<unsigned long>(r) * p;
-                KIVTAMBER_UNROLL
-                for (int c = 0; c < P; ++c) {
-                    const T x = c < r ? l[r][c] : c == r ? T(1) : T(0);
-                    y[c] = x * (c < S ? dd[c] : T(0));  // l_rc·d_c
-                }
-            }
-        }
-        return;
+        return factorLoaded<T, (S > 0 ? S : 1)>(l, dd, W, p, d, LD, recip);
     }
     const unsigned int s = sDynamic;
+    if (X) {
+        for (unsigned int r = 0; r < s; ++r) {
+            const T* const x = X + static_cast<unsigned long>(r) * p;
+            T* const w = W + static_cast<unsigned long>(r) * p;
+            for (unsigned int c = 0; c < p; ++c) w[c] = x[c];
+        }
+    }
     for (unsigned int r = 0; r < s; ++r) {
         T* const w = W + static_cast<unsigned long>(r) * p;
         d[r] = w[r];
@@ -346,37 +382,118 @@ inline void factorDiagonalBlockFixed(T* W, unsigned int p, unsigned int sDynamic
         for (unsigned int c = r + 1; c < s; ++c) w[c] = T(0);
     }
     if (LD) scaleColumns<T, 0>(W, d, LD, s, s, p);
+    if (!recip) return true;
+    for (unsigned int c = 0; c < s; ++c) recip[c] = T(1) / d[c];
+    for (unsigned int c = s; c < p; ++c) recip[c] = T(0);
+    return pivotsGood(d, s);
 }
 template <typename T>
-inline void factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d, T* LD = nullptr) {
+inline bool factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d, T* LD = nullptr,
+                                const T* X = nullptr, T* recip = nullptr) {
     switch (s) {
         case 1:
-            return factorDiagonalBlockFixed<T, 1>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 1>(W, p, s, d, LD, X, recip);
         case 2:
-            return factorDiagonalBlockFixed<T, 2>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 2>(W, p, s, d, LD, X, recip);
         case 3:
-            return factorDiagonalBlockFixed<T, 3>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 3>(W, p, s, d, LD, X, recip);
         case 4:
-            return factorDiagonalBlockFixed<T, 4>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 4>(W, p, s, d, LD, X, recip);
         case 5:
-            return factorDiagonalBlockFixed<T, 5>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 5>(W, p, s, d, LD, X, recip);
         case 6:
-            return factorDiagonalBlockFixed<T, 6>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 6>(W, p, s, d, LD, X, recip);
         case 7:  // 7 to 12: what block merging makes of bodies and constraints
-            return factorDiagonalBlockFixed<T, 7>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 7>(W, p, s, d, LD, X, recip);
         case 8:
-            return factorDiagonalBlockFixed<T, 8>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 8>(W, p, s, d, LD, X, recip);
         case 9:
-            return factorDiagonalBlockFixed<T, 9>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 9>(W, p, s, d, LD, X, recip);
         case 10:
-            return factorDiagonalBlockFixed<T, 10>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 10>(W, p, s, d, LD, X, recip);
         case 11:
-            return factorDiagonalBlockFixed<T, 11>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 11>(W, p, s, d, LD, X, recip);
         case 12:
-            return factorDiagonalBlockFixed<T, 12>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 12>(W, p, s, d, LD, X, recip);
         default:
-            return factorDiagonalBlockFixed<T, 0>(W, p, s, d, LD);
+            return factorDiagonalBlockFixed<T, 0>(W, p, s, d, LD, X, recip);
     }
+}
+
+// The diagonal block of a block row with one off-diagonal entry, for double blocks of S = 2 … 6 rows and
+// columns of padded size KP = 2, 4 or 6: C = X − A·Bᵀ on the lower triangle with the sums of
+// subtractABtLowerFrom (2×2 blocks of C, even and odd p in the two lanes, added at the end, then subtracted
+// from the input), and C factored as factorDiagonalBlockFixed does, C held in registers instead of being
+// stored and loaded back. A = L(i, k), B = LD(i, k): S × KP tiles of stride KP (their padding row, read for
+// an odd S, zero); X: the input tile (stride p), W: L(i, i).
+template <int S, int KP>
+bool factorDiagonalUpdatedFixed(const double* A, const double* B, const double* X, double* W, unsigned int p,
+                                double* d, double* LD, double* recip) {
+    constexpr int NP = (S + 1) & ~1;
+    double l[S][S];
+    double dd[S];
+    KIVTAMBER_UNROLL
+    for (int i = 0; i < NP; i += 2) {
+        const double* A0 = A + static_cast<unsigned long>(i) * KP;
+        const double* A1 = A0 + KP;
+        const double* X0 = X + static_cast<unsigned long>(i) * p;
+        const double* X1 = X0 + p;
+        KIVTAMBER_UNROLL
+        for (int j = 0; j <= i; j += 2) {
+            const double* B0 = B + static_cast<unsigned long>(j) * KP;
+            const double* B1 = B0 + KP;
+            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
+                    s11 = _mm_setzero_pd();
+            KIVTAMBER_UNROLL
+            for (int q = 0; q < KP; q += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
+                const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            // c_rc = x_rc − (even + odd), rows i and i + 1, columns j and j + 1
+            const __m128d x0 = _mm_sub_pd(_mm_load_pd(X0 + j),
+                                          _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01)));
+            l[i][j] = _mm_cvtsd_f64(x0);
+            if (j + 1 <= i) l[i][j + 1] = _mm_cvtsd_f64(_mm_unpackhi_pd(x0, x0));
+            if (i + 1 < S) {
+                const __m128d x1 = _mm_sub_pd(
+                    _mm_load_pd(X1 + j), _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11)));
+                l[i + 1][j] = _mm_cvtsd_f64(x1);
+                l[i + 1][j + 1] = _mm_cvtsd_f64(_mm_unpackhi_pd(x1, x1));
+            }
+        }
+    }
+    KIVTAMBER_UNROLL
+    for (int r = 0; r < S; ++r) dd[r] = l[r][r];
+    return factorLoaded<double, S>(l, dd, W, p, d, LD, recip);
+}
+
+// factorDiagonalUpdatedFixed for 2 ≤ s ≤ 6 and 2 ≤ k ≤ 6 (k: the unpadded size of block column k); false,
+// nothing done, for other shapes (the caller updates and factors in two steps). good: whether every pivot
+// is non-zero and finite.
+inline bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X,
+                                  double* W, unsigned int p, unsigned int s, double* d, double* LD,
+                                  double* recip, bool& good) {
+    using Fused = bool (*)(const double*, const double*, const double*, double*, unsigned int, double*,
+                           double*, double*);
+    static constexpr Fused table[15] = {&factorDiagonalUpdatedFixed<2, 2>, &factorDiagonalUpdatedFixed<2, 4>,
+                                        &factorDiagonalUpdatedFixed<2, 6>, &factorDiagonalUpdatedFixed<3, 2>,
+                                        &factorDiagonalUpdatedFixed<3, 4>, &factorDiagonalUpdatedFixed<3, 6>,
+                                        &factorDiagonalUpdatedFixed<4, 2>, &factorDiagonalUpdatedFixed<4, 4>,
+                                        &factorDiagonalUpdatedFixed<4, 6>, &factorDiagonalUpdatedFixed<5, 2>,
+                                        &factorDiagonalUpdatedFixed<5, 4>, &factorDiagonalUpdatedFixed<5, 6>,
+                                        &factorDiagonalUpdatedFixed<6, 2>, &factorDiagonalUpdatedFixed<6, 4>,
+                                        &factorDiagonalUpdatedFixed<6, 6>};
+    if (s - 2 > 4 || k - 2 > 4) return false;
+    good = table[(s - 2) * 3 + (k + 1) / 2 - 1](A, B, X, W, p, d, LD, recip);
+    return true;
+}
+inline bool factorDiagonalUpdated(const float*, const float*, unsigned int, const float*, float*,
+                                  unsigned int, unsigned int, float*, float*, float*, bool&) {
+    return false;  // float keeps the two steps
 }
 
 // scaleColumns for any s: fixed for the sizes 1 to 4 and 6, the general loop otherwise. X's padding columns
@@ -405,10 +522,11 @@ inline void scaleColumnsAnySize(const T* X, const T* d, T* Y, unsigned int rows,
 // (scaleColumns), the same operations as those routines, two rows at a time; stores are whole pairs of
 // columns, so that the next reads of the tiles do not stall on store forwarding.
 // W: the s_i × S tile of L(i, j) (row stride P), Ljj its unit lower diagonal block, LDij the tile of LD(i,
-// j), recip: P reciprocal pivots (padding 0), dj: the S pivots.
+// j), recip: P reciprocal pivots (padding 0), dj: the S pivots. X: where the rows are read from (W itself,
+// or the input block when nothing has updated it, which saves copying it into W first).
 template <int S>
-void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned int s_i, const double* recip,
-                           const double* dj) {
+void finishSmallBlockFixed(const double* Ljj, const double* X, double* W, double* LDij, unsigned int s_i,
+                           const double* recip, const double* dj) {
     constexpr unsigned int P = (S + 1) & ~1;
     alignas(16) double dd[P];
     KIVTAMBER_UNROLL
@@ -417,25 +535,26 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
     for (; r + 1 < s_i; r += 2) {
         double* w0 = W + static_cast<unsigned long>(r) * P;
         double* w1 = w0 + P;
+        const double* x0 = X + static_cast<unsigned long>(r) * P;
         __m128d v[P];
-        solveRowPair<S>(Ljj, w0, w1, v);
+        solveRowPair<S>(Ljj, x0, x0 + P, v);
         double* ld0 = LDij + static_cast<unsigned long>(r) * P;
         double* ld1 = ld0 + P;
         KIVTAMBER_UNROLL
         for (unsigned int c = 0; c < P; c += 2) {
             const __m128d q = _mm_loadu_pd(recip + c), dc = _mm_load_pd(dd + c);
-            const __m128d x0 = _mm_mul_pd(_mm_unpacklo_pd(v[c], v[c + 1]), q);  // l_rc = w_rc / d_c
-            const __m128d x1 = _mm_mul_pd(_mm_unpackhi_pd(v[c], v[c + 1]), q);
-            _mm_store_pd(w0 + c, x0);
-            _mm_store_pd(w1 + c, x1);
-            _mm_store_pd(ld0 + c, _mm_mul_pd(x0, dc));  // l_rc·d_c
-            _mm_store_pd(ld1 + c, _mm_mul_pd(x1, dc));
+            const __m128d l0 = _mm_mul_pd(_mm_unpacklo_pd(v[c], v[c + 1]), q);  // l_rc = w_rc / d_c
+            const __m128d l1 = _mm_mul_pd(_mm_unpackhi_pd(v[c], v[c + 1]), q);
+            _mm_store_pd(w0 + c, l0);
+            _mm_store_pd(w1 + c, l1);
+            _mm_store_pd(ld0 + c, _mm_mul_pd(l0, dc));  // l_rc·d_c
+            _mm_store_pd(ld1 + c, _mm_mul_pd(l1, dc));
         }
     }
     if (r < s_i) {
         double* w = W + static_cast<unsigned long>(r) * P;
         double v[P];
-        solveRow<S>(Ljj, w, v);
+        solveRow<S>(Ljj, X + static_cast<unsigned long>(r) * P, v);
         double* ld = LDij + static_cast<unsigned long>(r) * P;
         KIVTAMBER_UNROLL
         for (unsigned int c = 0; c < P; ++c) {
@@ -446,49 +565,25 @@ void finishSmallBlockFixed(const double* Ljj, double* W, double* LDij, unsigned 
 }
 
 // finishSmallBlockFixed for block sizes 1 to 12 of double (bodies, constraints and what block merging makes
-// of them); false (nothing done) otherwise.
+// of them), reading the rows from X (W itself or an input block of the same shape); false (nothing done)
+// otherwise.
+inline bool finishSmallBlockFrom(const double* Ljj, const double* X, double* W, double* LDij,
+                                 unsigned int s_i, unsigned int s_j, const double* recip, const double* dj) {
+    using Finish =
+        void (*)(const double*, const double*, double*, double*, unsigned int, const double*, const double*);
+    static constexpr Finish table[12] = {
+        &finishSmallBlockFixed<1>,  &finishSmallBlockFixed<2>,  &finishSmallBlockFixed<3>,
+        &finishSmallBlockFixed<4>,  &finishSmallBlockFixed<5>,  &finishSmallBlockFixed<6>,
+        &finishSmallBlockFixed<7>,  &finishSmallBlockFixed<8>,  &finishSmallBlockFixed<9>,
+        &finishSmallBlockFixed<10>, &finishSmallBlockFixed<11>, &finishSmallBlockFixed<12>};
+    if (s_j - 1 >= 12) return false;
+    table[s_j - 1](Ljj, X, W, LDij, s_i, recip, dj);
+    return true;
+}
+// The same in place (X = W).
 inline bool finishSmallBlock(const double* Ljj, double* W, double* LDij, unsigned int s_i, unsigned int s_j,
                              const double* recip, const double* dj) {
-    switch (s_j) {
-        case 1:
-            finishSmallBlockFixed<1>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 2:
-            finishSmallBlockFixed<2>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 3:
-            finishSmallBlockFixed<3>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 4:
-            finishSmallBlockFixed<4>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 5:
-            finishSmallBlockFixed<5>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 6:
-            finishSmallBlockFixed<6>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 7:
-            finishSmallBlockFixed<7>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 8:
-            finishSmallBlockFixed<8>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 9:
-            finishSmallBlockFixed<9>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 10:
-            finishSmallBlockFixed<10>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 11:
-            finishSmallBlockFixed<11>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        case 12:
-            finishSmallBlockFixed<12>(Ljj, W, LDij, s_i, recip, dj);
-            return true;
-        default:
-            return false;
-    }
+    return finishSmallBlockFrom(Ljj, W, W, LDij, s_i, s_j, recip, dj);
 }
 inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigned int, const float*,
                              const float*) {

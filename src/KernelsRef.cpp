@@ -50,6 +50,36 @@ void factorDiagonalBlock(float* W, unsigned int p, unsigned int s, float* d) {
     factorDiagonal(W, p, s, d, false);
 }
 
+namespace {
+
+// X copied into W (s rows of p), factored, then the reciprocals and the pivot test.
+template <typename T>
+bool factorDiagonalFrom(const T* X, T* W, unsigned int p, unsigned int s, T* d, T* recip) {
+    if (X != W) {
+        for (unsigned long q = 0; q < static_cast<unsigned long>(s) * p; ++q) W[q] = X[q];
+    }
+    factorDiagonalBlock(W, p, s, d);
+    bool good = true;
+    for (unsigned int c = 0; c < s; ++c) {
+        recip[c] = T(1) / d[c];
+        if (d[c] == T(0) || !(d[c] - d[c] == T(0))) good = false;
+    }
+    if (sizeof(T) == sizeof(double) && s % 2 == 1) recip[s] = T(0);
+    return good;
+}
+
+}  // namespace
+
+bool factorDiagonalBlockFrom(const double* X, double* W, unsigned int p, unsigned int s, double* d,
+                             double* recip) {
+    return factorDiagonalFrom(X, W, p, s, d, recip);
+}
+
+bool factorDiagonalBlockFrom(const float* X, float* W, unsigned int p, unsigned int s, float* d,
+                             float* recip) {
+    return factorDiagonalFrom(X, W, p, s, d, recip);
+}
+
 void solveUnitDiagonal(const double* L, unsigned int p, double* W, unsigned int rows, unsigned int s) {
     for (unsigned int r = 0; r < rows; ++r) {
         double* const w = W + static_cast<unsigned long>(r) * p;
@@ -75,6 +105,26 @@ bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows,
             ld[c] = w[c] * (c < s ? d[c] : 0.0);  // l_rc·d_c
         }
     }
+    return true;
+}
+
+bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* LD, unsigned int rows,
+                          unsigned int s, const double* recip, const double* d) {
+    if (s < 1 || s > 12) return false;
+    const unsigned long count = static_cast<unsigned long>(rows) * evenUp(s);
+    if (X != W) {
+        for (unsigned long q = 0; q < count; ++q) W[q] = X[q];
+    }
+    return finishSmallBlock(L, W, LD, rows, s, recip, d);
+}
+
+bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
+                           unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good) {
+    if (s < 2 || s > 6 || k < 2 || k > 6) return false;
+    const int pk = static_cast<int>(evenUp(k));
+    subtractABtLowerFrom(A, pk, B, pk, X, W, static_cast<int>(p), static_cast<int>(s), static_cast<int>(k));
+    good = factorDiagonalBlockFrom(W, W, p, s, d, recip);
+    if (LD) scaleColumns(W, d, LD, s, s, p);
     return true;
 }
 
@@ -138,6 +188,18 @@ void subtractABtLower(const float* A, int lda, const float* B, int ldb, float* C
             C[static_cast<long>(i) * ldc + j] = c;
         }
     }
+}
+
+void subtractABtLowerFrom(const double* A, int lda, const double* B, int ldb, const double* X, double* C,
+                          int ldc, int n, int k) {
+    for (long q = 0; q < static_cast<long>(n) * ldc; ++q) C[q] = X[q];
+    subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
+}
+
+void subtractABtLowerFrom(const float* A, int lda, const float* B, int ldb, const float* X, float* C, int ldc,
+                          int n, int k) {
+    for (long q = 0; q < static_cast<long>(n) * ldc; ++q) C[q] = X[q];
+    subtractABtLower(A, lda, B, ldb, C, ldc, n, k);
 }
 
 void forwardOffDiagonal(const double* B, unsigned int ld, const double* xi, unsigned int si, double* xj,

@@ -255,6 +255,8 @@ Status Solver<T>::Impl::analyzeProblem(const Analysis::Problem& problem, unsigne
         return fail(StatusCode::outOfMemory, "out of memory while laying out the factor");
     }
     data.stopAtBadPivot = 1;
+    // The double solves read only L and D: the factorization keeps no L·D (the float solve reads it).
+    data.writeScaledFactor = std::is_same<T, double>::value ? 0 : 1;
 
     numBlocks = problem.numBlocks;
     numBodies = bodies;

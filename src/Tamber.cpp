@@ -20,22 +20,28 @@ template <typename T>
 struct Layout {
     // Padded size (row stride) of a block of s rows: s for float, s rounded up to even for double.
     static unsigned int padded(unsigned int s) { return factorCommon::padded<T>(s); }
-    static T* scratch(ScratchPad& pad, unsigned long count);
+    static T* scratch(ScratchPad& pad, unsigned long count, unsigned long slot = 0);
 };
 
 template <>
-float* Layout<float>::scratch(ScratchPad& pad, unsigned long count) {
-    return pad.getFloatArray(0, count);
+float* Layout<float>::scratch(ScratchPad& pad, unsigned long count, unsigned long slot) {
+    return pad.getFloatArray(slot, count);
 }
 
 template <>
-double* Layout<double>::scratch(ScratchPad& pad, unsigned long count) {
-    return pad.getDoubleArray(0, count);
+double* Layout<double>::scratch(ScratchPad& pad, unsigned long count, unsigned long slot) {
+    return pad.getDoubleArray(slot, count);
 }
 
 using factorCommon::layoutFactor;
 using factorCommon::solveUnitDiagonal;
-using kernels::finishSmallBlock;
+using kernels::finishSmallBlockFrom;
+
+// float keeps the separate steps of an off-diagonal block (its substitution subtracts term by term).
+inline bool finishSmallBlockFrom(const float*, const float*, float*, float*, unsigned int, unsigned int,
+                                 const float*, const float*) {
+    return false;
+}
 
 // Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
 template <typename T>
@@ -101,42 +107,25 @@ inline bool rowLaidOut(const SparseMatrix<T>& X, const unsigned int* rowStart, c
 
 // Scratch-pad int slot of the serial factorization's row map.
 constexpr unsigned long serialMapSlot = 0x100010;
+// Scratch-pad float / double slot of the serial factorization's L·D blocks of the current row (lean form).
+constexpr unsigned long serialScaledRowSlot = 0x100011;
 
-// X ← the input block (i, j) of A when row i's next input entry (at position a, before aEnd) is column j,
-// stepping past it; X ← 0 for a fill block. count = s_i·p_j elements.
+// The input block (i, j) of A when row i's next input entry (at position a, before aEnd) is column j,
+// stepping past it; null for a fill block.
 template <typename T>
-void loadInput(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, unsigned int j, T* X,
-               unsigned long count) {
-    if (a < aEnd && A.rowIndices[a] == j) {
-        factorCommon::copyTile(X, A.blockPointers[a++], count);
+inline const T* inputBlock(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, unsigned int j) {
+    return a < aEnd && A.rowIndices[a] == j ? A.blockPointers[a++] : nullptr;
+}
+
+// X ← the input tile `from` (count elements), or zero for a fill block (from null).
+template <typename T>
+inline void loadTile(T* X, const T* from, unsigned long count) {
+    if (from) {
+        factorCommon::copyTile(X, from, count);
     } else {
         std::memset(static_cast<void*>(X), 0, count * sizeof(T));
     }
 }
-
-// The pieces of a factorization that every block step needs.
-template <typename T>
-struct SerialFactor {
-    const unsigned int*
-        rowStart;              // skeleton colPointers: row i of the pattern is rowStart[i] .. rowStart[i+1]-1
-    const unsigned int* cols;  // skeleton rowIndices: the block column of each pattern entry
-    const unsigned int* sizes;    // s_b
-    const unsigned int* offsets;  // scalar offset of block b
-    SparseMatrix<T>& L;
-    SparseMatrix<T>& LD;
-    T* d;  // the pivots
-
-    unsigned int padded(unsigned int b) const { return Layout<T>::padded(sizes[b]); }
-
-    // LD(i, k) = L(i, k)·D_k for the pattern entry e = (i, k), once L(i, k) is final, flagged. Padding
-    // columns of the result are zero. Every off-diagonal LD block is an update source of its row's diagonal
-    // block, so each is computed as soon as its L block is, and read as stored afterwards.
-    void scale(unsigned int e, unsigned int i, unsigned int k) {
-        const unsigned int s_i = sizes[i], s_k = sizes[k], p_k = padded(k);
-        kernels::scaleColumnsAnySize(L.blockPointers[e], d + offsets[k], LD.blockPointers[e], s_i, s_k, p_k);
-        LD.blockFlags[e] = 1;
-    }
-};
 
 }  // namespace
 
@@ -250,7 +239,11 @@ void Tamber::factorSerial(TamberData<T>& data) {
         solveTime = 0.0;
     };
 
-    SerialFactor<T> f{rowStart, cols, sizes, offsets, L, LD, d};
+    // Where row i's L·D blocks go: LD's tiles, or with writeScaledFactor = 0 a scratch row that holds them at
+    // the offsets their tiles have from the row's first tile (the layouts of L and LD are the same).
+    const bool lean = data.writeScaledFactor == 0;
+    T* ldRow = nullptr;
+    unsigned long ldRowCapacity = 0;
     unsigned int offset = 0;  // scalar offset of row i
 
     for (unsigned int i = 0; i < nb; ++i) {
@@ -261,7 +254,6 @@ void Tamber::factorSerial(TamberData<T>& data) {
                 layOutFactors(data);  // the structure changed at row i: all rows anew
                 laidOut = true;
                 offsets = L.blockOffsets;
-                f.offsets = offsets;
                 data.badPivot = BadPivot();
                 i = ~0u;  // ++i: row 0
                 continue;
@@ -271,27 +263,54 @@ void Tamber::factorSerial(TamberData<T>& data) {
         rowOf[i] = ~0u;
         unsigned int a = A.colPointers[i];  // the input blocks of row i, in step with the pattern
         const unsigned int aEnd = A.colPointers[i + 1];
+        T* const rowTiles = L.blockPointers[iBegin];
+        if (lean) {
+            const unsigned long extent = static_cast<unsigned long>(L.blockPointers[iDiag] - rowTiles);
+            if (extent > ldRowCapacity) {
+                ldRow = Layout<T>::scratch(data.scratchPad, extent, serialScaledRowSlot);
+                ldRowCapacity = extent;
+            }
+            for (unsigned int e = iBegin; e <= iDiag; ++e) LD.blockFlags[e] = 0;
+        }
+        // LD(i, ·) of the pattern entry e of row i.
+        T* const* const tilesL = L.blockPointers;
+        T* const* const tilesLD = LD.blockPointers;
+        T* const rowLD = ldRow;
+        auto ldTile = [lean, tilesL, tilesLD, rowTiles, rowLD](unsigned int e) {
+            return lean ? rowLD + (tilesL[e] - rowTiles) : tilesLD[e];
+        };
 
         // Off-diagonal blocks: L(i, j) = (A(i, j) − Σ_{k<j} L(i, k)·D_k·L(j, k)ᵀ)·L_jjᵀ⁻¹·D_j⁻¹.
         for (unsigned int e = iBegin; e < iDiag; ++e) {
             const unsigned int j = cols[e];
             const unsigned int s_j = sizes[j], p_j = Layout<T>::padded(s_j);
             T* const Lij = L.blockPointers[e];
-            loadInput(A, a, aEnd, j, Lij, static_cast<unsigned long>(s_i) * p_j);  // worked on in place
+            T* const LDij = ldTile(e);
+            const unsigned long count = static_cast<unsigned long>(s_i) * p_j;
+            // The block's values so far: the input tile until an update has been made in L(i, j).
+            const T* X = inputBlock(A, a, aEnd, j);
 
             // The columns k < j common to rows i and j, ascending: row j's entries looked up in row i's map
             // (the same pairs, in the same order, as merging the two lists).
             const unsigned int jDiag = rowStart[j + 1] - 1;
-            for (unsigned int q = rowStart[j]; q < jDiag; ++q) {
+            unsigned int q = rowStart[j];
+            while (q < jDiag && rowOf[cols[q]] != i) ++q;
+            if (q < jDiag) {
+                loadTile(Lij, X, count);  // worked on in place from the first update
+                X = Lij;
+            }
+            for (; q < jDiag; ++q) {
                 const unsigned int k = cols[q];
                 if (rowOf[k] != i) continue;
-                const unsigned int p = entryOf[k];
                 const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
-                const T* LDik = LD.blockPointers[p];  // final: an earlier entry of row i
-                // L(i, j) -= LD(i, k)·L(j, k)ᵀ
-                tamber_MM_CM_ABt(LDik, static_cast<int>(p_k), L.blockPointers[q], static_cast<int>(p_k), Lij,
-                                 static_cast<int>(p_j), static_cast<int>(s_i), static_cast<int>(s_j),
-                                 static_cast<int>(s_k));
+                // L(i, j) -= LD(i, k)·L(j, k)ᵀ, LD(i, k) final: an earlier entry of row i
+                tamber_MM_CM_ABt(ldTile(entryOf[k]), static_cast<int>(p_k), L.blockPointers[q],
+                                 static_cast<int>(p_k), Lij, static_cast<int>(p_j), static_cast<int>(s_i),
+                                 static_cast<int>(s_j), static_cast<int>(s_k));
+            }
+            if (X == nullptr) {  // a fill block nothing updates stays zero
+                loadTile(Lij, X, count);
+                X = Lij;
             }
             // Row i's entry (i, j) joins the map once done: later entries of row i see it as a common column.
             rowOf[j] = i;
@@ -299,68 +318,111 @@ void Tamber::factorSerial(TamberData<T>& data) {
 
             const T* dj = d + offsets[j];
             const T* recip = recips + offsets[j] + j;
-            if (finishSmallBlock(L.blockPointers[jDiag], Lij, LD.blockPointers[e], s_i, s_j, recip, dj)) {
+            if (!finishSmallBlockFrom(L.blockPointers[jDiag], X, Lij, LDij, s_i, s_j, recip, dj)) {
+                if (X != Lij) factorCommon::copyTile(Lij, X, count);
+                solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
+                for (unsigned int r = 0; r < s_i; ++r) {
+                    const unsigned long row = static_cast<unsigned long>(r) * p_j;
+                    for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
+                }
+                // LD(i, j) = L(i, j)·D_j; padding columns zero.
+                kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
+            }
+            if (!lean) {
                 LD.blockFlags[e] = 1;  // LD(i, j) written with L(i, j)
-                continue;
+            } else if (p_i != s_i) {
+                // The padding row, which the paired products read: zero, as in LD's own tiles.
+                T* const pad = LDij + count;
+                for (unsigned int c = 0; c < p_j; ++c) pad[c] = T(0);
             }
-            solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
-            for (unsigned int r = 0; r < s_i; ++r) {
-                const unsigned long row = static_cast<unsigned long>(r) * p_j;
-                for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
-            }
-            f.scale(e, i, j);
         }
 
         // Diagonal block: L_ii·D_i·L_iiᵀ = A(i, i) − Σ_{k<i} L(i, k)·D_k·L(i, k)ᵀ.
         T* const Lii = L.blockPointers[iDiag];
         T* const di = d + offsets[i];
         __builtin_prefetch(di, 1);
-        loadInput(A, a, aEnd, i, Lii, static_cast<unsigned long>(s_i) * p_i);
-        for (unsigned int e = iBegin; e < iDiag; ++e) {
-            const unsigned int k = cols[e];
-            const unsigned int s_k = sizes[k], p_k = Layout<T>::padded(s_k);
-            const T* LDik = LD.blockPointers[e];
-            // L_ii -= L(i, k)·LD(i, k)ᵀ on its lower triangle (the values the whole-square product gives
-            // there; the upper triangle is never read and ends up zero)
-            factorCommon::subtractABtLower(L.blockPointers[e], static_cast<int>(p_k), LDik,
-                                           static_cast<int>(p_k), Lii, static_cast<int>(p_i),
-                                           static_cast<int>(s_i), static_cast<int>(s_k));
+        const T* X = inputBlock(A, a, aEnd, i);
+        // The reciprocal pivots of the later rows' blocks in column i: p_i of them from recips + offset_i +
+        // i, padding 0. LD(i, i) = L_ii·D_i is written with the factorization, from the registers, unless LD
+        // is not kept.
+        T* const recip = recips + offsets[i] + i;
+        T* const LDii = lean ? nullptr : LD.blockPointers[iDiag];
+        bool good = false;
+        if (X != nullptr && iDiag == iBegin + 1 &&
+            kernels::factorDiagonalUpdated(L.blockPointers[iBegin], ldTile(iBegin), sizes[cols[iBegin]], X,
+                                           Lii, p_i, s_i, di, LDii, recip, good)) {
+            // One update of a small block, fused with the factorization: the bits of the two steps below.
+        } else {
+            if (X == nullptr) {
+                loadTile(Lii, X, static_cast<unsigned long>(s_i) * p_i);
+                X = Lii;
+            }
+            for (unsigned int e = iBegin; e < iDiag; ++e) {
+                const unsigned int k = cols[e];
+                const int p_k = static_cast<int>(Layout<T>::padded(sizes[k]));
+                // L_ii -= L(i, k)·LD(i, k)ᵀ on its lower triangle (the values the whole-square product gives
+                // there; the upper triangle is never read), the first one straight from the input tile
+                if (X != Lii) {
+                    factorCommon::subtractABtLowerFrom(L.blockPointers[e], p_k, ldTile(e), p_k, X, Lii,
+                                                       static_cast<int>(p_i), static_cast<int>(s_i),
+                                                       static_cast<int>(sizes[k]));
+                    X = Lii;
+                } else {
+                    factorCommon::subtractABtLower(L.blockPointers[e], p_k, ldTile(e), p_k, Lii,
+                                                   static_cast<int>(p_i), static_cast<int>(s_i),
+                                                   static_cast<int>(sizes[k]));
+                }
+            }
+            // Dense L_ii·D_i·L_iiᵀ without pivoting, row by row; strict upper triangle zeroed.
+            good = factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di, LDii, X == Lii ? nullptr : X, recip);
         }
-
-        // Dense L_ii·D_i·L_iiᵀ in place without pivoting, row by row; strict upper triangle zeroed.
-        // LD(i, i) = L_ii·D_i written with it, from the registers (both are final here): every diagonal LD
-        // block is valid after the factorization.
-        factorCommon::factorDiagonalBlock(Lii, p_i, s_i, di, LD.blockPointers[iDiag]);
-        LD.blockFlags[iDiag] = 1;
+        if (!lean) LD.blockFlags[iDiag] = 1;
 
         // The first zero or non-finite pivot, in elimination order: only this block's pivots are looked at,
         // so the check costs O(s_i) and a stop at block i has cost the work up to i.
-        if (data.badPivot.scalar == BadPivot::noPivot) {
+        if (!good && data.badPivot.scalar == BadPivot::noPivot) {
             const unsigned int t = firstBadPivot(di, s_i);
-            if (t < s_i) {
-                data.badPivot.scalar = offsets[i] + t;
-                data.badPivot.block = i;
-                data.badPivot.local = t;
-                data.badPivot.value = static_cast<double>(di[t]);
-                if (data.stopAtBadPivot) {
-                    finishTimes();
-                    return;  // isFactored stays 0: the factor is complete only up to block row i
-                }
+            data.badPivot.scalar = offsets[i] + t;
+            data.badPivot.block = i;
+            data.badPivot.local = t;
+            data.badPivot.value = static_cast<double>(di[t]);
+            if (data.stopAtBadPivot) {
+                finishTimes();
+                return;  // isFactored stays 0: the factor is complete only up to block row i
             }
         }
-
-        T* const recip = recips + offsets[i] + i;
-        for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
-        for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);  // padding columns stay zero
     }
 
     data.isFactored = 1;
     finishTimes();
 }
 
+template <typename T>
+void Tamber::computeScaledFactor(TamberData<T>& data) {
+    const SparseMatrix<T>& L = data.factor;
+    SparseMatrix<T>& LD = data.scaledFactor;
+    const unsigned long blocks = L.numBlocks;
+    if (blocks == 0 || L.numBlockCols == 0 || LD.blockFlags[blocks - 1] == 1) return;
+    const unsigned long nb = L.numBlockCols;
+    const T* const d = data.diagonal.data;
+    for (unsigned long i = 0; i < nb; ++i) {
+        const unsigned int s_i = L.blockSizes[i];
+        for (unsigned int e = L.colPointers[i]; e < L.colPointers[i + 1]; ++e) {
+            if (LD.blockFlags[e] == 1) continue;
+            const unsigned int j = L.rowIndices[e];
+            // l_rc·d_c, the products the factorization forms (padding columns 0)
+            kernels::scaleColumnsAnySize(L.blockPointers[e], d + L.blockOffsets[j], LD.blockPointers[e], s_i,
+                                         L.blockSizes[j], Layout<T>::padded(L.blockSizes[j]));
+            LD.blockFlags[e] = 1;
+        }
+    }
+}
+
 template unsigned int Tamber::estimateWork<float>(TamberData<float>&, unsigned int*);
 template unsigned int Tamber::estimateWork<double>(TamberData<double>&, unsigned int*);
 template void Tamber::factorSerial<float>(TamberData<float>&);
 template void Tamber::factorSerial<double>(TamberData<double>&);
+template void Tamber::computeScaledFactor<float>(TamberData<float>&);
+template void Tamber::computeScaledFactor<double>(TamberData<double>&);
 
 }  // namespace kivTamber

@@ -193,6 +193,7 @@ inline void backwardBlock(const SparseMatrix<T>& LD, unsigned int k, const T* xj
 template <typename T>
 void factorIfNeeded(Tamber& driver, TamberData<T>& data) {
     if (!data.isFactored) data.useMultifrontal != 0 ? driver.factorMF<T>(data) : driver.factorSerial<T>(data);
+    driver.computeScaledFactor<T>(data);  // the L·D these solves read, when the factorization kept none
 }
 
 // Scalar dimension N of the input matrix, 0 when it has no block column.

@@ -304,6 +304,71 @@ bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
     return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
 }
 
+// Without L·D (writeScaledFactor = 0): L, D and the bad-pivot record are the bits of the factorization that
+// writes L·D, every LD flag is 0 (also after a factorization that wrote them), a refactorization allocates
+// nothing, and computeScaledFactor then gives the written L·D bit for bit, flags 1.
+template <typename T>
+void checkLeanForm(const BlockSystem& sys) {
+    SCOPED_TRACE(sizeof(T) == 8 ? "double" : "float");
+    Tamber tamber;
+    TamberData<T> full, lean;
+    for (TamberData<T>* data : {&full, &lean}) {
+        sys.fillData(*data);
+        tamber.estimateWork(*data, nullptr);
+    }
+    tamber.factorSerial(full);
+    lean.writeScaledFactor = 0;
+    for (int pass = 0; pass < 2; ++pass) {  // the second pass over a layout whose LD was written
+        if (pass == 1) {
+            lean.writeScaledFactor = 1;
+            tamber.factorSerial(lean);
+            lean.writeScaledFactor = 0;
+        }
+        const std::uint64_t before = kiv::ByteAllocator::allocationCount();
+        tamber.factorSerial(lean);
+        if (pass == 1) {
+            EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
+        }
+        ASSERT_EQ(lean.isFactored, 1);
+        const SparseMatrix<T>& L = lean.factor;
+        const unsigned long blocks = L.numBlocks, nb = L.numBlockCols;
+        ASSERT_EQ(blocks, full.factor.numBlocks);
+        const unsigned long p = L.blockStrides[nb - 1];
+        const unsigned long values =
+            static_cast<unsigned long>(L.blockPointers[blocks - 1] + p * p - L.values);
+        ASSERT_EQ(std::memcmp(L.values, full.factor.values, values * sizeof(T)), 0);
+        ASSERT_EQ(std::memcmp(lean.diagonal.data, full.diagonal.data, sys.N * sizeof(T)), 0);
+        EXPECT_EQ(lean.badPivot.scalar, full.badPivot.scalar);
+        for (unsigned long e = 0; e < blocks; ++e) ASSERT_EQ(lean.scaledFactor.blockFlags[e], 0u) << e;
+
+        tamber.computeScaledFactor(lean);
+        for (unsigned long e = 0; e < blocks; ++e) ASSERT_EQ(lean.scaledFactor.blockFlags[e], 1u) << e;
+        ASSERT_TRUE(sameBits(factorBits(lean), factorBits(full)));
+        const std::uint64_t again = kiv::ByteAllocator::allocationCount();
+        tamber.computeScaledFactor(lean);  // complete: nothing to do
+        EXPECT_EQ(kiv::ByteAllocator::allocationCount(), again);
+        ASSERT_TRUE(sameBits(factorBits(lean), factorBits(full)));
+    }
+}
+
+TEST(FactorSerialLean, SameFactorAndScaledFactorOnDemand) {
+    for (const Case& c : allCases()) {
+        const BlockSystem sys = makeSystem(c);
+        SCOPED_TRACE(testing::describe(sys));
+        checkLeanForm<double>(sys);
+        checkLeanForm<float>(sys);
+        if (::testing::Test::HasFatalFailure()) return;
+    }
+    // Non-finite values after a zero pivot: the same bits in both forms.
+    testing::DenseSymmetric A(3);
+    A.setSymmetric(1, 0, 1.0);
+    A.setSymmetric(2, 1, 2.0);
+    A.setSymmetric(2, 2, 1.0);
+    const BlockSystem zeroPivot = testing::makeFromDense({1, 2}, A);
+    checkLeanForm<double>(zeroPivot);
+    checkLeanForm<float>(zeroPivot);
+}
+
 // A zero pivot planted at scalar `local` of block `block` (its row and column of A zeroed, so d is exactly 0
 // there whatever came before): reported with its place and value; with stopAtBadPivot the factorization stops
 // right after that block's diagonal factorization (later pivots untouched, isFactored 0) and the pivots up to

@@ -402,6 +402,12 @@ void fillTile(T* M, int p, int rows, int cols, Rng& rng, bool special) {
         }
 }
 
+// The same bits, or both NaN (as the buffer comparisons count it).
+template <typename T>
+bool sameEntry(T a, T b) {
+    return (std::isnan(a) && std::isnan(b)) || std::memcmp(&a, &b, sizeof(T)) == 0;
+}
+
 // A zeroed, NaN-guarded tile buffer of rows × p elements.
 template <typename T>
 void zero(Buffer<T>& b, int count) {
@@ -436,9 +442,29 @@ TEST(KernelsSized, DiagonalFactorizationFastEqualsReference) {
                 for (int c = r + 1; c < s; ++c) W1.data[r * p + c] = std::numeric_limits<T>::quiet_NaN();
             }
             std::memcpy(W2.raw, W1.raw, W1.size * sizeof(T));
+            Buffer<T> X(p * p), V1(p * p), V2(p * p), e1(p), e2(p), q1(p), q2(p);
+            std::memcpy(X.raw, W1.raw, W1.size * sizeof(T));
             kernels::fast::factorDiagonalBlock(W1.data, p, s, d1.data);
             kernels::reference::factorDiagonalBlock(W2.data, p, s, d2.data);
             ASSERT_TRUE(W1.sameValues(W2.snapshot()) && d1.sameValues(d2.snapshot()));
+
+            // From a separate input tile into a zeroed one, with the reciprocal pivots and the pivot test:
+            // the same factor as in place.
+            zero(V1, p * p);
+            zero(V2, p * p);
+            const bool good1 =
+                kernels::fast::factorDiagonalBlockFrom(X.data, V1.data, p, s, e1.data, q1.data);
+            const bool good2 =
+                kernels::reference::factorDiagonalBlockFrom(X.data, V2.data, p, s, e2.data, q2.data);
+            ASSERT_EQ(good1, good2);
+            ASSERT_TRUE(V1.sameValues(V2.snapshot()) && e1.sameValues(e2.snapshot()) &&
+                        q1.sameValues(q2.snapshot()));
+            ASSERT_TRUE(e1.sameValues(d1.snapshot()));
+            bool good = true;
+            for (int c = 0; c < s; ++c) good = good && e1.data[c] != T(0) && std::isfinite(e1.data[c]);
+            ASSERT_EQ(good1, good);
+            for (int r = 0; r < s; ++r)  // W1's rows (the reference zeroes padding columns W1 did not have)
+                for (int c = 0; c < s; ++c) ASSERT_TRUE(sameEntry(V1.data[r * p + c], W1.data[r * p + c]));
         });
     };
     run(0.0);
@@ -476,6 +502,22 @@ TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
             kernels::reference::finishSmallBlock(L.data, W2.data, LD2.data, rows, s, recip.data, d.data);
         ASSERT_TRUE(fastDone && refDone);
         ASSERT_TRUE(W1.sameValues(W2.snapshot()) && LD1.sameValues(LD2.snapshot()));
+
+        // The same from a separate input tile X (what the factorization reads when nothing updated the
+        // block): the results equal the in-place ones.
+        Buffer<double> X(rowsPadded * p), V1(rowsPadded * p), V2(rowsPadded * p), M1(rowsPadded * p),
+            M2(rowsPadded * p);
+        zero(X, rowsPadded * p);
+        fillTile(X.data, p, rows, s, rng, special);
+        for (Buffer<double>* b : {&V1, &V2, &M1, &M2}) zero(*b, rowsPadded * p);
+        std::memcpy(W1.raw, X.raw, X.size * sizeof(double));
+        kernels::fast::solveUnitDiagonal(L.data, p, W1.data, rows, s);
+        kernels::fast::finishSmallBlock(L.data, W1.data, LD1.data, rows, s, recip.data, d.data);
+        ASSERT_TRUE(kernels::fast::finishSmallBlockFrom(L.data, X.data, V1.data, M1.data, rows, s, recip.data,
+                                                        d.data));
+        ASSERT_TRUE(kernels::reference::finishSmallBlockFrom(L.data, X.data, V2.data, M2.data, rows, s,
+                                                             recip.data, d.data));
+        ASSERT_TRUE(V1.sameValues(V2.snapshot()) && M1.sameValues(M2.snapshot()));
     });
 }
 
@@ -498,13 +540,64 @@ TEST(KernelsSized, ScalingAndLowerUpdateFastEqualReference) {
             kernels::fast::scaleColumns(X.data, d.data, Y1.data, s, k, pk);
             kernels::reference::scaleColumns(X.data, d.data, Y2.data, s, k, pk);
             ASSERT_TRUE(Y1.sameValues(Y2.snapshot()));
+            Buffer<T> C0(p * p), F1(p * p), F2(p * p);
+            std::memcpy(C0.raw, C1.raw, C1.size * sizeof(T));
             kernels::fast::subtractABtLower(X.data, pk, B.data, pk, C1.data, p, s, k);
             kernels::reference::subtractABtLower(X.data, pk, B.data, pk, C2.data, p, s, k);
             ASSERT_TRUE(C1.sameValues(C2.snapshot()));
+
+            // From the input tile C0 into F (NaN-filled): on and below the diagonal the in-place values.
+            for (int q = 0; q < p * p; ++q) F1.data[q] = F2.data[q] = std::numeric_limits<T>::quiet_NaN();
+            kernels::fast::subtractABtLowerFrom(X.data, pk, B.data, pk, C0.data, F1.data, p, s, k);
+            kernels::reference::subtractABtLowerFrom(X.data, pk, B.data, pk, C0.data, F2.data, p, s, k);
+            for (int r = 0; r < s; ++r)
+                for (int c = 0; c <= r; ++c) {
+                    ASSERT_TRUE(sameEntry(F1.data[r * p + c], C1.data[r * p + c])) << r << "," << c;
+                    ASSERT_TRUE(sameEntry(F2.data[r * p + c], C2.data[r * p + c])) << r << "," << c;
+                }
         });
     };
     run(0.0);
     run(0.0f);
+}
+
+// The fused update and factorization of a diagonal block against the two steps of the reference form, and
+// against the fast two steps, at every s and k (only 2 … 6 each are fused; the others say no).
+TEST(KernelsSized, FusedDiagonalUpdateEqualsTwoSteps) {
+    sameBitsAtEverySize<double>("factorDiagonalUpdated", [](int s, unsigned seed, bool special) {
+        Rng rng(seed * 29 + s);
+        const int p = paddedOf<double>(s), k = 1 + static_cast<int>(seed % 12), pk = paddedOf<double>(k);
+        Buffer<double> A(p * pk), B(p * pk), X(p * p), W1(p * p), W2(p * p), W3(p * p), d1(p), d2(p), d3(p),
+            q1(p), q2(p), q3(p), LD1(p * p), LD3(p * p);
+        for (Buffer<double>* b : {&A, &B, &X, &W1, &W2, &W3, &LD1, &LD3})
+            zero(*b, b == &A || b == &B ? p * pk : p * p);
+        fillTile(A.data, pk, s, k, rng, special);
+        fillTile(B.data, pk, s, k, rng, special);
+        fillTile(X.data, p, s, s, rng, special);
+        for (int r = 0; r < s; ++r) X.data[r * p + r] += 8.0;
+        bool good1 = false, good2 = false;
+        const bool fused = kernels::fast::factorDiagonalUpdated(A.data, B.data, k, X.data, W1.data, p, s,
+                                                                d1.data, LD1.data, q1.data, good1);
+        const bool reference = kernels::reference::factorDiagonalUpdated(
+            A.data, B.data, k, X.data, W2.data, p, s, d2.data, nullptr, q2.data, good2);
+        const bool shape = s >= 2 && s <= 6 && k >= 2 && k <= 6;
+        ASSERT_EQ(fused, shape);
+        ASSERT_EQ(reference, shape);
+        if (!shape) return;
+        // The fast two steps: update from X, then factor in place with LD.
+        kernels::fast::subtractABtLowerFrom(A.data, pk, B.data, pk, X.data, W3.data, p, s, k);
+        const bool good3 = kernels::fast::factorDiagonalBlockFrom(W3.data, W3.data, p, s, d3.data, q3.data);
+        kernels::fast::scaleColumns(W3.data, d3.data, LD3.data, s, s, p);
+        ASSERT_TRUE(good1 == good2 && good1 == good3);
+        ASSERT_TRUE(d1.sameValues(d2.snapshot()) && d1.sameValues(d3.snapshot()));
+        ASSERT_TRUE(q1.sameValues(q2.snapshot()) && q1.sameValues(q3.snapshot()));
+        for (int r = 0; r < s; ++r)  // the factor's rows (the padding row of an odd s is not written)
+            for (int c = 0; c < p; ++c) {
+                ASSERT_TRUE(sameEntry(W1.data[r * p + c], W2.data[r * p + c])) << r << "," << c;
+                ASSERT_TRUE(sameEntry(W1.data[r * p + c], W3.data[r * p + c])) << r << "," << c;
+                ASSERT_TRUE(sameEntry(LD1.data[r * p + c], LD3.data[r * p + c])) << r << "," << c;
+            }
+    });
 }
 
 // The paired solve steps on a tile between two slices of x, each followed by one more entry (the next
