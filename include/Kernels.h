@@ -183,6 +183,13 @@ bool finishSmallBlock(const double* L, double* W, double* LD, unsigned int rows,
 bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* LD, unsigned int rows,
                           unsigned int s, const double* recip, const double* d);
 
+// The end of an off-diagonal front block in the multifrontal factorization, for s ≤ 6 (otherwise false,
+// nothing done): W ← W·L⁻ᵀ as solveUnitDiagonal, LD(r, c) = W(r, c) over all p columns, then W(r, c) ←
+// W(r, c)·recip[c] over all p columns; when rows is odd, LD's padding row (row `rows`) is zeroed. W, LD:
+// rows × s tiles of stride p = s rounded up to even; recip: p entries, padding 0. Returns true.
+bool finishFrontBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip);
+
 // Y = X·diag(d[0 .. s)) for rows × s tiles of stride p; Y's padding columns 0.
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
@@ -242,6 +249,8 @@ bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* L
                           unsigned int s, const double* recip, const double* d);
 bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
                            unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good);
+bool finishFrontBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip);
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p);
 void scaleColumns(const float* X, const float* d, float* Y, unsigned int rows, unsigned int s,

@@ -553,6 +553,10 @@ bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, con
                            unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good) {
     return kernels::factorDiagonalUpdated(A, B, k, X, W, p, s, d, LD, recip, good);
 }
+bool finishFrontBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip) {
+    return kernels::finishFrontBlock(L, W, LD, rows, s, recip);
+}
 void scaleColumns(const double* X, const double* d, double* Y, unsigned int rows, unsigned int s,
                   unsigned int p) {
     kernels::scaleColumnsAnySize(X, d, Y, rows, s, p);

@@ -590,6 +590,77 @@ inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigne
     return false;  // float keeps the separate steps (its substitution subtracts term by term)
 }
 
+// The end of an off-diagonal front block of a small double node j, in one pass with two rows in registers:
+// W ← W·L_jj⁻ᵀ (solveUnitDiagonal), LD(r, j) = W (with its zero padding, rows included) and L(r, j) =
+// W·diag(recip), the same operations as the separate steps; stores are whole pairs of columns, so that the
+// next reads of the tiles do not stall on store forwarding. W: the s_r × S front tile (row stride P), Ljj the
+// unit lower diagonal block, LDrj the LD tile (P·P' elements, P' = s_r rounded up to even), recip: P
+// reciprocal pivots (padding 0).
+template <int S>
+void finishFrontBlockFixed(const double* Ljj, double* W, double* LDrj, unsigned int s_r,
+                           const double* recip) {
+    constexpr unsigned int P = (S + 1) & ~1;
+    unsigned int r = 0;
+    for (; r + 1 < s_r; r += 2) {
+        double* w0 = W + static_cast<unsigned long>(r) * P;
+        double* w1 = w0 + P;
+        __m128d v[P];
+        solveRowPair<S>(Ljj, w0, w1, v);
+        double* ld0 = LDrj + static_cast<unsigned long>(r) * P;
+        double* ld1 = ld0 + P;
+        for (unsigned int c = 0; c < P; c += 2) {
+            const __m128d x0 = _mm_unpacklo_pd(v[c], v[c + 1]), x1 = _mm_unpackhi_pd(v[c], v[c + 1]);
+            const __m128d q = _mm_loadu_pd(recip + c);
+            _mm_store_pd(ld0 + c, x0);
+            _mm_store_pd(ld1 + c, x1);
+            _mm_store_pd(w0 + c, _mm_mul_pd(x0, q));  // l = w / d_c
+            _mm_store_pd(w1 + c, _mm_mul_pd(x1, q));
+        }
+    }
+    if (r < s_r) {  // an odd last row, then the zero padding row of LD
+        double* w = W + static_cast<unsigned long>(r) * P;
+        double v[P];
+        solveRow<S>(Ljj, w, v);
+        double* ld = LDrj + static_cast<unsigned long>(r) * P;
+        for (unsigned int c = 0; c < P; ++c) {
+            ld[c] = v[c];
+            w[c] = v[c] * recip[c];
+            ld[P + c] = 0.0;
+        }
+    }
+}
+
+// finishFrontBlockFixed for node sizes 1 to 6 of double; false (nothing done) otherwise, and for float, which
+// keeps the separate steps (tamber_SM_UD divides by the stored unit diagonal).
+inline bool finishFrontBlock(const double* Ljj, double* W, double* LDrj, unsigned int s_r, unsigned int s_j,
+                             const double* recip) {
+    switch (s_j) {
+        case 1:
+            finishFrontBlockFixed<1>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 2:
+            finishFrontBlockFixed<2>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 3:
+            finishFrontBlockFixed<3>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 4:
+            finishFrontBlockFixed<4>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 5:
+            finishFrontBlockFixed<5>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        case 6:
+            finishFrontBlockFixed<6>(Ljj, W, LDrj, s_r, recip);
+            return true;
+        default:
+            return false;
+    }
+}
+inline bool finishFrontBlock(const float*, float*, float*, unsigned int, unsigned int, const float*) {
+    return false;
+}
+
 // ---------------------------------------------------------------------------------------------------------
 // Paired (two-lane) column kernels of the double solves.
 // ---------------------------------------------------------------------------------------------------------

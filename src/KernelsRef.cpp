@@ -118,6 +118,26 @@ bool finishSmallBlockFrom(const double* L, const double* X, double* W, double* L
     return finishSmallBlock(L, W, LD, rows, s, recip, d);
 }
 
+bool finishFrontBlock(const double* L, double* W, double* LD, unsigned int rows, unsigned int s,
+                      const double* recip) {
+    if (s < 1 || s > 6) return false;
+    const unsigned int p = evenUp(s);
+    solveUnitDiagonal(L, p, W, rows, s);
+    for (unsigned int r = 0; r < rows; ++r) {
+        double* const w = W + static_cast<unsigned long>(r) * p;
+        double* const ld = LD + static_cast<unsigned long>(r) * p;
+        for (unsigned int c = 0; c < p; ++c) {
+            ld[c] = w[c];
+            w[c] = w[c] * recip[c];  // l_rc = w_rc / d_c
+        }
+    }
+    if (rows % 2 == 1) {
+        double* const ld = LD + static_cast<unsigned long>(rows) * p;
+        for (unsigned int c = 0; c < p; ++c) ld[c] = 0.0;
+    }
+    return true;
+}
+
 bool factorDiagonalUpdated(const double* A, const double* B, unsigned int k, const double* X, double* W,
                            unsigned int p, unsigned int s, double* d, double* LD, double* recip, bool& good) {
     if (s < 2 || s > 6 || k < 2 || k > 6) return false;

@@ -521,6 +521,43 @@ TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
     });
 }
 
+// The multifrontal finish of a front block: fixed code up to size 6, false beyond (both), the padding row of
+// LD zeroed for an odd row count; LD's extra row is filled with a sentinel beforehand so that the zeroing
+// shows.
+TEST(KernelsSized, FrontFinishFastEqualsReference) {
+    sameBitsAtEverySize<double>("finishFrontBlock", [](int s, unsigned seed, bool special) {
+        Rng rng(seed * 29 + s);
+        const int p = paddedOf<double>(s), rows = 1 + static_cast<int>(seed % 7);
+        const int rowsPadded = paddedOf<double>(rows);
+        Buffer<double> L(p * p), W1(rowsPadded * p), W2(rowsPadded * p), LD1(rowsPadded * p),
+            LD2(rowsPadded * p), recip(p), d(p);
+        zero(L, p * p);
+        zero(W1, rowsPadded * p);
+        fillTile(L.data, p, s, s, rng, special);
+        for (int r = 0; r < s; ++r) {
+            L.data[r * p + r] = std::numeric_limits<double>::quiet_NaN();  // the unit diagonal is not read
+            for (int c = r + 1; c < p; ++c) L.data[r * p + c] = 0.0;
+        }
+        fillTile(W1.data, p, rows, s, rng, special);
+        zero(recip, p);
+        zero(d, p);
+        fillTile(d.data, p, 1, s, rng, special);
+        for (int c = 0; c < s; ++c) recip.data[c] = 1.0 / d.data[c];
+        std::memcpy(W2.raw, W1.raw, W1.size * sizeof(double));
+        for (Buffer<double>* b : {&LD1, &LD2})
+            for (int q = 0; q < rowsPadded * p; ++q) b->data[q] = -7.25;
+        const bool fastDone = kernels::fast::finishFrontBlock(L.data, W1.data, LD1.data, rows, s, recip.data);
+        const bool refDone =
+            kernels::reference::finishFrontBlock(L.data, W2.data, LD2.data, rows, s, recip.data);
+        ASSERT_EQ(fastDone, s <= 6);
+        ASSERT_EQ(refDone, s <= 6);
+        ASSERT_TRUE(W1.sameValues(W2.snapshot()) && LD1.sameValues(LD2.snapshot()));
+        if (fastDone && rows % 2 == 1) {
+            EXPECT_EQ(LD1.data[rows * p], 0.0);
+        }
+    });
+}
+
 TEST(KernelsSized, ScalingAndLowerUpdateFastEqualReference) {
     auto run = [](auto zeroT) {
         using T = decltype(zeroT);
