@@ -19,6 +19,7 @@
 #include "Multifront.h"
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
+#include "SolveStorage.h"
 #include "SparseTypes.h"
 #include "TamberUtils.h"
 
@@ -58,6 +59,14 @@ public:
     // split of the elimination tree among the threads. Prepared by Tamber::factorMF whenever the filled
     // pattern, the block sizes or the thread count differ from what it was prepared for.
     MultifrontManager<T> multifront;
+    // The factor's values packed for the double solves (see SolveStorage.h), read by TamberSolve::solve and
+    // solveMany instead of the tiles of `factor` while solveStorage.isCurrent is 1 (the same bits either
+    // way). Nothing packs it by itself: a caller who wants it calls solveStorage.pack(factor) after a
+    // finished double factorization. Every factorization and RankMod::apply clear it when they start; a
+    // caller who changes `factor` in any other way (TamberUpdate on data.factor, writes into the tiles,
+    // estimateWork on a new structure) calls solveStorage.clear() or packs again before the next double
+    // solve.
+    SolveStorage solveStorage;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
     // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.
