@@ -1,0 +1,141 @@
+// Double solves of one right-hand side on the scene systems (chain, ragdolls, cloth, box wall; analysed with
+// block merging, as tamber-bench does): the passes over the factor's tiles against the passes over its packed
+// copy (SolveStorage), the cost of packing, and the forward, diagonal and backward passes apart. The
+// measurements are interleaved in one loop (tile solve, pack, packed solve, the three passes, a
+// factorization), so that the load of a shared machine falls on all of them alike; medians are printed.
+//
+// Usage: SolveBench [blocks per scene, default 10000] [tile | packed | both, default both] [repetitions]
+// With `tile` or `packed` only that solve runs, for instruction counts, e.g.
+//   valgrind --tool=callgrind --toggle-collect='*TamberSolve::solve*' ./SolveBench 10000 packed 20
+#include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "Analysis.h"
+#include "Tamber.h"
+#include "TamberSolve.h"
+#include "scenes/Scenes.h"
+
+using namespace kivTamber;
+using kivTamber::scenes::SceneKind;
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds(Clock::time_point a, Clock::time_point b) {
+    return std::chrono::duration<double>(b - a).count();
+}
+
+double medianMs(std::vector<double> v) {
+    if (v.empty()) return 0.0;
+    std::sort(v.begin(), v.end());
+    return v[v.size() / 2] * 1e3;
+}
+
+// Values the solves read: with padding and whole diagonal tiles (tiles), and packed.
+void storageCounts(const SparseMatrix<double>& U, unsigned long& tiled, unsigned long& packed) {
+    tiled = packed = 0;
+    for (unsigned int j = 0; j < U.numBlockCols; ++j) {
+        const unsigned int diag = U.colPointers[j + 1] - 1, sj = U.blockSizes[j];
+        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k];
+            tiled += static_cast<unsigned long>(U.blockStrides[i]) * U.blockStrides[j];
+            packed += static_cast<unsigned long>(U.blockSizes[i]) * sj;
+        }
+        tiled += static_cast<unsigned long>(U.blockStrides[j]) * U.blockStrides[j];
+        packed += static_cast<unsigned long>(sj) * (sj - 1) / 2;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const unsigned long target = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 10000;
+    const std::string mode = argc > 2 ? argv[2] : "both";
+    const int runs = argc > 3 ? std::atoi(argv[3]) : (target > 20000 ? 41 : 301);
+    if (mode != "both" && mode != "tile" && mode != "packed") {
+        std::fprintf(stderr, "usage: SolveBench [blocks] [tile | packed | both] [repetitions]\n");
+        return 2;
+    }
+    std::printf(
+        "| scene | blocks | N | values tiled | values packed | tile solve ms | packed solve ms | "
+        "tile / packed | pack ms | factor ms | forward ms | diagonal ms | backward ms |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+    for (SceneKind kind : {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall}) {
+        scenes::BlockProblem problem;
+        auto scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, target));
+        scene->step(0.01);
+        scene->build(problem);
+        const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
+                                  problem.rowIndices.data(), problem.blockSizes.data()};
+        Analysis::Options options;
+        options.mergeBlocks = true;
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        Tamber tamber;
+        if (!analyzer.analyze(p, options, data).ok) {
+            std::fprintf(stderr, "%s: analysis failed\n", scene->name());
+            return 1;
+        }
+        tamber.estimateWork(data, nullptr);
+        analyzer.setBlocks(data, problem.values.data(), problem.valuePointers.data());
+        tamber.factorSerial(data);
+        const unsigned int n = static_cast<unsigned int>(data.factor.numBlockCols);
+        const unsigned int N = data.factor.blockSizes[n];
+        unsigned long tiled = 0, packedCount = 0;
+        storageCounts(data.factor, tiled, packedCount);
+
+        std::vector<double> b(N), x1(N), x2(N);
+        for (unsigned int k = 0; k < N; ++k) b[k] = std::sin(0.37 * k + 1.0);
+        std::vector<double> tile, packed, pack, factor, forward, diagonal, backward;
+        bool same = true;
+        for (int r = 0; r < runs; ++r) {
+            if (mode != "packed") {
+                data.solveStorage.clear();
+                x1 = b;
+                const Clock::time_point t0 = Clock::now();
+                TamberSolve::solve(data, x1.data());
+                tile.push_back(seconds(t0, Clock::now()));
+            }
+            if (mode != "tile") {
+                const Clock::time_point t0 = Clock::now();
+                data.solveStorage.pack(data.factor);
+                pack.push_back(seconds(t0, Clock::now()));
+                x2 = b;
+                const Clock::time_point t1 = Clock::now();
+                TamberSolve::solve(data, x2.data());
+                packed.push_back(seconds(t1, Clock::now()));
+            }
+            if (mode != "both") continue;
+            same = same && std::memcmp(x1.data(), x2.data(), N * sizeof(double)) == 0;
+            x1 = b;
+            Clock::time_point t0 = Clock::now();
+            TamberSolve::forwardSolve(data.factor, x1.data());
+            Clock::time_point t1 = Clock::now();
+            TamberSolve::diagSolve(data.diagonal, x1.data());
+            Clock::time_point t2 = Clock::now();
+            TamberSolve::backwardTSolve(data.factor, x1.data());
+            Clock::time_point t3 = Clock::now();
+            forward.push_back(seconds(t0, t1));
+            diagonal.push_back(seconds(t1, t2));
+            backward.push_back(seconds(t2, t3));
+            t0 = Clock::now();
+            tamber.factorSerial(data);
+            factor.push_back(seconds(t0, Clock::now()));
+        }
+        const double t = medianMs(tile), q = medianMs(packed);
+        std::printf(
+            "| %s | %u | %u | %lu | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f |%s\n",
+            scene->name(), n, N, tiled, packedCount, t, q, q > 0.0 ? t / q : 0.0, medianMs(pack),
+            medianMs(factor), medianMs(forward), medianMs(diagonal), medianMs(backward),
+            same ? "" : " DIFFERENT BITS");
+    }
+    return 0;
+}
