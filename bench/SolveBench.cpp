@@ -5,6 +5,7 @@
 // factorization), so that the load of a shared machine falls on all of them alike; medians are printed.
 //
 // Usage: SolveBench [blocks per scene, default 10000] [tile | packed | both, default both] [repetitions]
+//        [scene name: only that scene]
 // With `tile` or `packed` only that solve runs, for instruction counts, e.g.
 //   valgrind --tool=callgrind --toggle-collect='*TamberSolve::solve*' ./SolveBench 10000 packed 20
 #include <algorithm>
@@ -60,18 +61,20 @@ int main(int argc, char** argv) {
     const unsigned long target = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 10000;
     const std::string mode = argc > 2 ? argv[2] : "both";
     const int runs = argc > 3 ? std::atoi(argv[3]) : (target > 20000 ? 41 : 301);
+    const std::string only = argc > 4 ? argv[4] : "";
     if (mode != "both" && mode != "tile" && mode != "packed") {
         std::fprintf(stderr, "usage: SolveBench [blocks] [tile | packed | both] [repetitions]\n");
         return 2;
     }
     std::printf(
         "| scene | blocks | N | values tiled | values packed | tile solve ms | packed solve ms | "
-        "tile / packed | pack ms | factor ms | forward ms | diagonal ms | backward ms |\n");
-    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+        "tile / packed | planned solve ms | tile / planned | per vector of 4 ms | pack ms | factor ms | forward ms | diagonal ms | backward ms |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (SceneKind kind : {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall}) {
         scenes::BlockProblem problem;
         auto scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, target));
         scene->step(0.01);
+        if (!only.empty() && only != scene->name()) continue;
         scene->build(problem);
         const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
                                   problem.rowIndices.data(), problem.blockSizes.data()};
@@ -92,17 +95,23 @@ int main(int argc, char** argv) {
         unsigned long tiled = 0, packedCount = 0;
         storageCounts(data.factor, tiled, packedCount);
 
-        std::vector<double> b(N), x1(N), x2(N);
+        std::vector<double> b(N), x1(N), x2(N), x3(N), xs(4 * N);
         for (unsigned int k = 0; k < N; ++k) b[k] = std::sin(0.37 * k + 1.0);
-        std::vector<double> tile, packed, pack, factor, forward, diagonal, backward;
+        std::vector<double> many, tile, planned, packed, pack, factor, forward, diagonal, backward;
         bool same = true;
         for (int r = 0; r < runs; ++r) {
             if (mode != "packed") {
                 data.solveStorage.clear();
                 x1 = b;
                 const Clock::time_point t0 = Clock::now();
-                TamberSolve::solve(data, x1.data());
+                TamberSolve::forwardSolve(data.factor, x1.data());
+                TamberSolve::diagSolve(data.diagonal, x1.data());
+                TamberSolve::backwardTSolve(data.factor, x1.data());
                 tile.push_back(seconds(t0, Clock::now()));
+                x3 = b;
+                const Clock::time_point t1 = Clock::now();
+                TamberSolve::solve(data, x3.data());
+                planned.push_back(seconds(t1, Clock::now()));
             }
             if (mode != "tile") {
                 const Clock::time_point t0 = Clock::now();
@@ -114,7 +123,14 @@ int main(int argc, char** argv) {
                 packed.push_back(seconds(t1, Clock::now()));
             }
             if (mode != "both") continue;
-            same = same && std::memcmp(x1.data(), x2.data(), N * sizeof(double)) == 0;
+            {
+                for (unsigned int v = 0; v < 4; ++v) std::copy(b.begin(), b.end(), xs.begin() + v * N);
+                const Clock::time_point t0 = Clock::now();
+                TamberSolve::solveMany(data, xs.data(), 4, N);
+                many.push_back(seconds(t0, Clock::now()) / 4);
+            }
+            same = same && std::memcmp(x1.data(), x2.data(), N * sizeof(double)) == 0 &&
+                   std::memcmp(x1.data(), x3.data(), N * sizeof(double)) == 0;
             x1 = b;
             Clock::time_point t0 = Clock::now();
             TamberSolve::forwardSolve(data.factor, x1.data());
@@ -132,8 +148,8 @@ int main(int argc, char** argv) {
         }
         const double t = medianMs(tile), q = medianMs(packed);
         std::printf(
-            "| %s | %u | %u | %lu | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f |%s\n",
-            scene->name(), n, N, tiled, packedCount, t, q, q > 0.0 ? t / q : 0.0, medianMs(pack),
+            "| %s | %u | %u | %lu | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f |%s\n",
+            scene->name(), n, N, tiled, packedCount, t, q, q > 0.0 ? t / q : 0.0, medianMs(planned), t / medianMs(planned), medianMs(many), medianMs(pack),
             medianMs(factor), medianMs(forward), medianMs(diagonal), medianMs(backward),
             same ? "" : " DIFFERENT BITS");
     }

@@ -19,6 +19,7 @@
 #include "Multifront.h"
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
+#include "SolvePlan.h"
 #include "SolveStorage.h"
 #include "SparseTypes.h"
 #include "TamberUtils.h"
@@ -67,6 +68,10 @@ public:
     // estimateWork on a new structure) calls solveStorage.clear() or packs again before the next double
     // solve.
     SolveStorage solveStorage;
+    // The steps of the double solves over the layout of `factor` (see SolvePlan.h): made by the first
+    // TamberSolve::solve or solveMany after the layout changed, cleared where the factor is laid out anew.
+    // Written by those const solves (one thread per system, as everything here).
+    mutable SolvePlan solvePlan;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
     // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.

@@ -91,6 +91,8 @@ inline void prefetchColumn(const SparseMatrix<double>& U, unsigned int j) {
 // Columns ahead of the backward pass that are prefetched: the pass runs from the highest column down,
 // against the direction the hardware prefetcher follows on its own.
 constexpr unsigned int backwardPrefetchDistance = 4;
+// Steps ahead of the planned backward pass whose tiles are prefetched (their first cache line).
+constexpr unsigned long backwardPrefetchSteps = 6;
 
 // ---------------------------------------------------------------------------------------------------------
 // Passes over the packed factor (SolveStorage): the operations of the tile passes below, entry by entry in
@@ -195,6 +197,42 @@ void packedBackward(const SolveStorage& S, double* x, unsigned int numRhs, unsig
             }
             v += static_cast<unsigned long>(tile.size) * sj;
         }
+    }
+}
+
+// The passes over the plan of data.factor's layout (made first when it does not match): the steps of the tile
+// passes in their order, for numRhs vectors x + r·ld, each step applied to every vector in turn.
+const SolvePlan& planOf(const TamberData<double>& data) {
+    if (!data.solvePlan.matches(data.factor)) data.solvePlan.make(data.factor);
+    return data.solvePlan;
+}
+
+void plannedForward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+    const SolvePlan& plan = planOf(data);
+    for (const SolvePlan::Step& step : plan.forward)
+        for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
+    const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    if (plan.scalarColumn < n) {
+        for (unsigned int r = 0; r < numRhs; ++r)
+            forwardColumnScalar(data.factor, x + r * ld, n - 1, data.factor.blockSizes[n - 1]);
+    }
+}
+
+void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+    const SolvePlan& plan = planOf(data);
+    const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    if (plan.scalarColumn < n)
+        for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(data.factor, x + r * ld, n - 1);
+    const SolvePlan::Step* steps = plan.backward.data();
+    const unsigned long count = plan.backward.size();
+    for (unsigned long k = 0; k < count; ++k) {
+        if (k + backwardPrefetchSteps < count) {
+            const SolvePlan::Step& ahead = steps[k + backwardPrefetchSteps];
+            __builtin_prefetch(ahead.tile, 0, 3);
+            if (ahead.diagonal) __builtin_prefetch(ahead.diagonal, 0, 3);
+        }
+        const SolvePlan::Step& step = steps[k];
+        for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
     }
 }
 
@@ -433,9 +471,9 @@ bool solve(const TamberData<double>& data, double* x) {
         packedBackward(data.solveStorage, x, 1, 0);
         return true;
     }
-    forwardSolve(data.factor, x);
+    plannedForward(data, x, 1, 0);
     diagSolve(data.diagonal, x);
-    backwardTSolve(data.factor, x);
+    plannedBackward(data, x, 1, 0);
     return true;
 }
 
@@ -446,9 +484,9 @@ bool solve(const TamberData<double>& data, DenseVector<double>& x) {
         packedBackward(data.solveStorage, x.data, 1, 0);
         return true;
     }
-    forwardSolve(data.factor, x.data);
+    plannedForward(data, x.data, 1, 0);
     diagSolve(data.diagonal, x);
-    backwardTSolve(data.factor, x.data);
+    plannedBackward(data, x.data, 1, 0);
     return true;
 }
 
@@ -460,55 +498,9 @@ bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, u
         packedBackward(data.solveStorage, x, numRhs, ld);
         return true;
     }
-    const SparseMatrix<double>& U = data.factor;
-    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
-    // Each right-hand side gets the operations of the single solve in the same order: the loops over the
-    // right-hand sides sit inside the loops over the tiles, so a tile is read once for all of them.
-    if (n > 0) {
-        const unsigned int paired = (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
-        for (unsigned int j = 0; j < paired; ++j) {
-            const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
-            const unsigned int diag = U.colPointers[j + 1] - 1;
-            for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
-                const unsigned int i = U.rowIndices[k];
-                const double* B = U.blockPointers[k];
-                const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
-                for (unsigned int r = 0; r < numRhs; ++r) {
-                    double* xr = x + r * ld;
-                    forwardOffDiagonalStep(B, ldi, xr + offi, si, xr + offj, sj);
-                }
-            }
-            for (unsigned int r = 0; r < numRhs; ++r)
-                forwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
-        }
-        if (paired < n) {
-            for (unsigned int r = 0; r < numRhs; ++r)
-                forwardColumnScalar(U, x + r * ld, n - 1, U.blockSizes[n - 1]);
-        }
-    }
+    plannedForward(data, x, numRhs, ld);
     for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
-    if (n == 0) return true;
-    unsigned int j = n;
-    if (U.blockSizes[n - 1] & 1u) {
-        --j;
-        for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(U, x + r * ld, j);
-    }
-    while (j-- > 0) {
-        if (j >= backwardPrefetchDistance) prefetchColumn(U, j - backwardPrefetchDistance);
-        const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
-        const unsigned int diag = U.colPointers[j + 1] - 1;
-        for (unsigned int r = 0; r < numRhs; ++r)
-            backwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
-        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
-            const unsigned int i = U.rowIndices[k];
-            const double* B = U.blockPointers[k];
-            const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
-            for (unsigned int r = 0; r < numRhs; ++r) {
-                double* xr = x + r * ld;
-                backwardOffDiagonalStep(B, ldi, xr + offj, sj, xr + offi, si);
-            }
-        }
-    }
+    plannedBackward(data, x, numRhs, ld);
     return true;
 }
 

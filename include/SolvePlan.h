@@ -1,0 +1,65 @@
+// The order of work of the double solves over one layout of the factor, made once per layout.
+//
+// A pass of TamberSolve::solve over the tiles of `factor` spends as many instructions on finding its way
+// (column and tile indices, sizes, strides, offsets, the choice of kernel per tile, a call per tile) as on the
+// arithmetic of the small tiles of physics systems. None of that depends on the values: the tiles of a
+// factor stay where Tamber::estimateWork put them from one factorization to the next while the structure
+// stays. SolvePlan lists, per pass, the steps of the solve in the order they run, each with its kernel
+// (size-specialised, the leading dimensions fixed at compile time, and the off-diagonal tile and diagonal
+// tile of a column with one off-diagonal tile in one step), its tiles and its slices of x. The steps call
+// the paired kernels of the tile solve in the same order, so a planned solve gives the same bits.
+//
+// The plan holds pointers into the factor's value storage, not values: a new factorization, RankMod and the
+// other modifications of the values in place leave it valid. It is made by the first double solve after
+// the layout changed and is cleared by whatever lays out the factor anew (estimateWork and a factorization
+// that meets another structure); a solve also makes it again when the factor's block counts, scalar
+// dimension, value storage or last tile differ from the ones it was made for.
+#ifndef KIVTAMBER_SOLVEPLAN_H
+#define KIVTAMBER_SOLVEPLAN_H
+
+#include <kiv/VectorPOD.h>
+
+#include "SparseTypes.h"
+
+namespace kivTamber {
+
+class SolvePlan {
+public:
+    // One step of a pass: run(step, x) applies it to the right-hand side x (N doubles).
+    struct Step {
+        void (*run)(const Step& step, double* x);
+        const double* tile;      // the off-diagonal tile B_ij, or the diagonal tile U_jj of a diagonal step
+        const double* diagonal;  // U_jj of a step that also does its column's diagonal tile; else null
+        unsigned int source;     // scalar offset of x_i (off-diagonal tile); 0 for a diagonal step
+        unsigned int target;     // scalar offset of x_j
+        unsigned int si, sj;     // s_i (off-diagonal tile), s_j
+        unsigned int ldi, ldj;   // leading dimensions of B_ij and U_jj
+    };
+
+    // 1 while the steps describe the layout they were made for.
+    unsigned char isMade = 0;
+    // The layout they were made for: block columns, blocks, scalar dimension, value storage, last tile.
+    unsigned long numBlockCols = 0, numBlocks = 0;
+    unsigned int N = 0;
+    const double* values = nullptr;
+    const double* lastTile = nullptr;
+    // Block column solved with scalar loops (the last one when its size is odd), numBlockCols otherwise.
+    unsigned int scalarColumn = 0;
+    kiv::VectorPOD<Step> forward;   // columns 0 … in order, each: off-diagonal tiles, then its diagonal tile
+    kiv::VectorPOD<Step> backward;  // columns … 0, each: its diagonal tile, then its off-diagonal tiles
+
+    // isMade = 0; keeps every allocation.
+    void clear() { isMade = 0; }
+
+    // True when the plan is made and U's block counts, scalar dimension, value storage and last tile are
+    // those it was made for (O(1)).
+    bool matches(const SparseMatrix<double>& U) const;
+
+    // Makes the steps for the layout of U (a factor laid out by Tamber::estimateWork: container column j holds
+    // its off-diagonal tiles, then its diagonal tile). Arrays grow only. Cost O(n + tiles).
+    void make(const SparseMatrix<double>& U);
+};
+
+}  // namespace kivTamber
+
+#endif  // KIVTAMBER_SOLVEPLAN_H

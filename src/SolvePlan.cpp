@@ -1,0 +1,162 @@
+// The steps of the double solves over one layout of the factor (see SolvePlan.h), and their kernels: the
+// paired tile kernels of src/KernelsFixed.h with the sizes and leading dimensions fixed at compile time.
+#include "SolvePlan.h"
+
+#include <array>
+#include <cstddef>
+#include <utility>
+
+#include "KernelsFixed.h"
+
+namespace kivTamber {
+namespace {
+
+using Step = SolvePlan::Step;
+
+constexpr int padded(int s) {
+    return (s + 1) & ~1;
+}
+
+// Forward steps: x_j ← x_j − B_ijᵀ·x_i, x_j ← U_jj⁻ᵀ·x_j, or both in turn.
+template <int SI, int SJ>
+void forwardTile(const Step& s, double* x) {
+    kernels::forwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.source, x + s.target);
+}
+template <int SI, int SJ>
+void forwardTileAndDiagonal(const Step& s, double* x) {
+    double* xj = x + s.target;
+    kernels::forwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.source, xj);
+    kernels::forwardDiagonalFixed<SJ>(s.diagonal, padded(SJ), xj);
+}
+template <int SJ>
+void forwardDiagonal(const Step& s, double* x) {
+    kernels::forwardDiagonalFixed<SJ>(s.tile, padded(SJ), x + s.target);
+}
+void forwardTileAnySize(const Step& s, double* x) {
+    kernels::forwardOffDiagonalStep(s.tile, s.ldi, x + s.source, s.si, x + s.target, s.sj);
+}
+void forwardDiagonalAnySize(const Step& s, double* x) {
+    kernels::forwardDiagonalStep(s.tile, s.ldj, x + s.target, s.sj);
+}
+
+// Backward steps: x_j ← U_jj⁻¹·x_j, x_i ← x_i − B_ij·x_j, or both in turn.
+template <int SI, int SJ>
+void backwardTile(const Step& s, double* x) {
+    kernels::backwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.target, x + s.source);
+}
+template <int SI, int SJ>
+void backwardDiagonalAndTile(const Step& s, double* x) {
+    double* xj = x + s.target;
+    kernels::backwardDiagonalFixed<SJ>(s.diagonal, padded(SJ), xj);
+    kernels::backwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), xj, x + s.source);
+}
+template <int SJ>
+void backwardDiagonal(const Step& s, double* x) {
+    kernels::backwardDiagonalFixed<SJ>(s.tile, padded(SJ), x + s.target);
+}
+void backwardTileAnySize(const Step& s, double* x) {
+    kernels::backwardOffDiagonalStep(s.tile, s.ldi, x + s.target, s.sj, x + s.source, s.si);
+}
+void backwardDiagonalAnySize(const Step& s, double* x) {
+    kernels::backwardDiagonalStep(s.tile, s.ldj, x + s.target, s.sj);
+}
+
+using Run = void (*)(const Step&, double*);
+constexpr unsigned int fixedSizes = 6;  // sizes 1 … 6 have steps of their own
+
+template <std::size_t... I>
+constexpr std::array<Run, sizeof...(I)> pairTable(std::index_sequence<I...>, int which) {
+    return which == 0   ? std::array<Run, sizeof...(I)>{{&forwardTile<int(I) / 6 + 1, int(I) % 6 + 1>...}}
+           : which == 1 ? std::array<Run, sizeof...(I)>{{&forwardTileAndDiagonal<int(I) / 6 + 1, int(I) % 6 + 1>...}}
+           : which == 2 ? std::array<Run, sizeof...(I)>{{&backwardTile<int(I) / 6 + 1, int(I) % 6 + 1>...}}
+                        : std::array<Run, sizeof...(I)>{{&backwardDiagonalAndTile<int(I) / 6 + 1, int(I) % 6 + 1>...}};
+}
+constexpr std::array<Run, 36> forwardTiles = pairTable(std::make_index_sequence<36>(), 0);
+constexpr std::array<Run, 36> forwardColumns = pairTable(std::make_index_sequence<36>(), 1);
+constexpr std::array<Run, 36> backwardTiles = pairTable(std::make_index_sequence<36>(), 2);
+constexpr std::array<Run, 36> backwardColumns = pairTable(std::make_index_sequence<36>(), 3);
+constexpr Run forwardDiagonals[6] = {&forwardDiagonal<1>, &forwardDiagonal<2>, &forwardDiagonal<3>,
+                                     &forwardDiagonal<4>, &forwardDiagonal<5>, &forwardDiagonal<6>};
+constexpr Run backwardDiagonals[6] = {&backwardDiagonal<1>, &backwardDiagonal<2>, &backwardDiagonal<3>,
+                                      &backwardDiagonal<4>, &backwardDiagonal<5>, &backwardDiagonal<6>};
+
+// True when s has steps of its own and its tiles have the leading dimension those steps fix.
+inline bool fixed(unsigned int s, unsigned int ld) {
+    return s - 1 < fixedSizes && ld == static_cast<unsigned int>(padded(static_cast<int>(s)));
+}
+
+}  // namespace
+
+bool SolvePlan::matches(const SparseMatrix<double>& U) const {
+    if (!isMade || U.numBlockCols != numBlockCols || U.numBlocks != numBlocks || U.values != values) return false;
+    if (numBlockCols == 0) return true;
+    return U.blockSizes[numBlockCols] == N && (numBlocks == 0 || U.blockPointers[numBlocks - 1] == lastTile);
+}
+
+void SolvePlan::make(const SparseMatrix<double>& U) {
+    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
+    isMade = 0;
+    numBlockCols = n;
+    numBlocks = U.numBlocks;
+    values = U.values;
+    N = n == 0 ? 0 : U.blockSizes[n];
+    lastTile = numBlocks == 0 ? nullptr : U.blockPointers[numBlocks - 1];
+    forward.clear();
+    backward.clear();
+    // The last column runs scalar when its size is odd (its padding column would reach past x).
+    scalarColumn = n > 0 && (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
+    for (unsigned int j = 0; j < scalarColumn; ++j) {
+        const unsigned int diag = U.colPointers[j + 1] - 1, first = U.colPointers[j];
+        const unsigned int sj = U.blockSizes[j], ldj = U.blockStrides[j];
+        Step d{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, sj, 0, ldj};
+        const bool fixedJ = fixed(sj, ldj);
+        if (diag - first == 1) {
+            const unsigned int i = U.rowIndices[first], si = U.blockSizes[i], ldi = U.blockStrides[i];
+            if (fixedJ && fixed(si, ldi)) {
+                // One off-diagonal tile: it and the diagonal tile in one step of each pass.
+                const unsigned int k = (si - 1) * fixedSizes + (sj - 1);
+                const Step both{nullptr, U.blockPointers[first], U.blockPointers[diag], U.blockOffsets[i],
+                                U.blockOffsets[j], si, sj, ldi, ldj};
+                forward.push_back(both);
+                forward.back().run = forwardColumns[k];
+                continue;
+            }
+        }
+        for (unsigned int k = first; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k], si = U.blockSizes[i], ldi = U.blockStrides[i];
+            Step t{nullptr, U.blockPointers[k], nullptr, U.blockOffsets[i], U.blockOffsets[j], si, sj, ldi, ldj};
+            t.run = fixedJ && fixed(si, ldi) ? forwardTiles[(si - 1) * fixedSizes + (sj - 1)] : &forwardTileAnySize;
+            forward.push_back(t);
+        }
+        d.run = fixedJ ? forwardDiagonals[sj - 1] : &forwardDiagonalAnySize;
+        forward.push_back(d);
+    }
+    for (unsigned int j = scalarColumn; j-- > 0;) {
+        const unsigned int diag = U.colPointers[j + 1] - 1, first = U.colPointers[j];
+        const unsigned int sj = U.blockSizes[j], ldj = U.blockStrides[j];
+        const bool fixedJ = fixed(sj, ldj);
+        if (diag - first == 1) {
+            const unsigned int i = U.rowIndices[first], si = U.blockSizes[i], ldi = U.blockStrides[i];
+            if (fixedJ && fixed(si, ldi)) {
+                Step both{nullptr, U.blockPointers[first], U.blockPointers[diag], U.blockOffsets[i],
+                          U.blockOffsets[j], si, sj, ldi, ldj};
+                both.run = backwardColumns[(si - 1) * fixedSizes + (sj - 1)];
+                backward.push_back(both);
+                continue;
+            }
+        }
+        Step d{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, sj, 0, ldj};
+        d.run = fixedJ ? backwardDiagonals[sj - 1] : &backwardDiagonalAnySize;
+        backward.push_back(d);
+        for (unsigned int k = first; k < diag; ++k) {
+            const unsigned int i = U.rowIndices[k], si = U.blockSizes[i], ldi = U.blockStrides[i];
+            Step t{nullptr, U.blockPointers[k], nullptr, U.blockOffsets[i], U.blockOffsets[j], si, sj, ldi, ldj};
+            t.run = fixedJ && fixed(si, ldi) ? backwardTiles[(si - 1) * fixedSizes + (sj - 1)]
+                                             : &backwardTileAnySize;
+            backward.push_back(t);
+        }
+    }
+    isMade = 1;
+}
+
+}  // namespace kivTamber
