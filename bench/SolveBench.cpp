@@ -1,13 +1,14 @@
-// Double solves of one right-hand side on the scene systems (chain, ragdolls, cloth, box wall; analysed with
-// block merging, as tamber-bench does): the passes over the factor's tiles against the passes over its packed
-// copy (SolveStorage), the cost of packing, and the forward, diagonal and backward passes apart. The
-// measurements are interleaved in one loop (tile solve, pack, packed solve, the three passes, a
-// factorization), so that the load of a shared machine falls on all of them alike; medians are printed.
+// Double solves on the scene systems (chain, ragdolls, cloth, box wall; analysed with block merging, as
+// tamber-bench does): the passes over the factor's tiles (forwardSolve, diagSolve, backwardTSolve) against
+// the planned solve (TamberSolve::solve over data.solvePlan), the planned solve of 4 right-hand sides per
+// vector, the cost of making the plan, and the forward, diagonal and backward passes apart. Everything is
+// interleaved in one loop with a factorization, so that the load of a shared machine falls on all of them
+// alike; medians are printed. The permutations of b and x (in tamber-bench's solve column) are not included.
 //
-// Usage: SolveBench [blocks per scene, default 10000] [tile | packed | both, default both] [repetitions]
+// Usage: SolveBench [blocks per scene, default 10000] [tile | planned | both, default both] [repetitions]
 //        [scene name: only that scene]
-// With `tile` or `packed` only that solve runs, for instruction counts, e.g.
-//   valgrind --tool=callgrind --toggle-collect='*TamberSolve::solve*' ./SolveBench 10000 packed 20
+// With `tile` or `planned` only that solve runs, for instruction counts, e.g.
+//   valgrind --tool=callgrind --toggle-collect='*TamberSolve::solve*' ./SolveBench 10000 planned 20 chain
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -40,21 +41,6 @@ double medianMs(std::vector<double> v) {
     return v[v.size() / 2] * 1e3;
 }
 
-// Values the solves read: with padding and whole diagonal tiles (tiles), and packed.
-void storageCounts(const SparseMatrix<double>& U, unsigned long& tiled, unsigned long& packed) {
-    tiled = packed = 0;
-    for (unsigned int j = 0; j < U.numBlockCols; ++j) {
-        const unsigned int diag = U.colPointers[j + 1] - 1, sj = U.blockSizes[j];
-        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
-            const unsigned int i = U.rowIndices[k];
-            tiled += static_cast<unsigned long>(U.blockStrides[i]) * U.blockStrides[j];
-            packed += static_cast<unsigned long>(U.blockSizes[i]) * sj;
-        }
-        tiled += static_cast<unsigned long>(U.blockStrides[j]) * U.blockStrides[j];
-        packed += static_cast<unsigned long>(sj) * (sj - 1) / 2;
-    }
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -62,14 +48,15 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 2 ? argv[2] : "both";
     const int runs = argc > 3 ? std::atoi(argv[3]) : (target > 20000 ? 41 : 301);
     const std::string only = argc > 4 ? argv[4] : "";
-    if (mode != "both" && mode != "tile" && mode != "packed") {
-        std::fprintf(stderr, "usage: SolveBench [blocks] [tile | packed | both] [repetitions]\n");
+    if (mode != "both" && mode != "tile" && mode != "planned") {
+        std::fprintf(stderr, "usage: SolveBench [blocks] [tile | planned | both] [repetitions] [scene]\n");
         return 2;
     }
     std::printf(
-        "| scene | blocks | N | values tiled | values packed | tile solve ms | packed solve ms | "
-        "tile / packed | planned solve ms | tile / planned | per vector of 4 ms | pack ms | factor ms | forward ms | diagonal ms | backward ms |\n");
-    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+        "| scene | blocks | N | tiles | tile solve ms | planned solve ms | tile / planned | "
+        "planned, per vector of 4, ms | making the plan ms | factor ms | forward ms | diagonal ms | "
+        "backward ms |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (SceneKind kind : {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall}) {
         scenes::BlockProblem problem;
         auto scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, target));
@@ -92,47 +79,38 @@ int main(int argc, char** argv) {
         tamber.factorSerial(data);
         const unsigned int n = static_cast<unsigned int>(data.factor.numBlockCols);
         const unsigned int N = data.factor.blockSizes[n];
-        unsigned long tiled = 0, packedCount = 0;
-        storageCounts(data.factor, tiled, packedCount);
+        const unsigned long tiles = data.factor.numBlocks;
 
-        std::vector<double> b(N), x1(N), x2(N), x3(N), xs(4 * N);
+        std::vector<double> b(N), x1(N), x2(N), xs(4 * N);
         for (unsigned int k = 0; k < N; ++k) b[k] = std::sin(0.37 * k + 1.0);
-        std::vector<double> many, tile, planned, packed, pack, factor, forward, diagonal, backward;
+        std::vector<double> tile, planned, many, make, factor, forward, diagonal, backward;
         bool same = true;
         for (int r = 0; r < runs; ++r) {
-            if (mode != "packed") {
-                data.solveStorage.clear();
+            if (mode != "planned") {
                 x1 = b;
                 const Clock::time_point t0 = Clock::now();
                 TamberSolve::forwardSolve(data.factor, x1.data());
                 TamberSolve::diagSolve(data.diagonal, x1.data());
                 TamberSolve::backwardTSolve(data.factor, x1.data());
                 tile.push_back(seconds(t0, Clock::now()));
-                x3 = b;
-                const Clock::time_point t1 = Clock::now();
-                TamberSolve::solve(data, x3.data());
-                planned.push_back(seconds(t1, Clock::now()));
             }
             if (mode != "tile") {
-                const Clock::time_point t0 = Clock::now();
-                data.solveStorage.pack(data.factor);
-                pack.push_back(seconds(t0, Clock::now()));
                 x2 = b;
-                const Clock::time_point t1 = Clock::now();
+                const Clock::time_point t0 = Clock::now();
                 TamberSolve::solve(data, x2.data());
-                packed.push_back(seconds(t1, Clock::now()));
+                planned.push_back(seconds(t0, Clock::now()));
             }
             if (mode != "both") continue;
-            {
-                for (unsigned int v = 0; v < 4; ++v) std::copy(b.begin(), b.end(), xs.begin() + v * N);
-                const Clock::time_point t0 = Clock::now();
-                TamberSolve::solveMany(data, xs.data(), 4, N);
-                many.push_back(seconds(t0, Clock::now()) / 4);
-            }
-            same = same && std::memcmp(x1.data(), x2.data(), N * sizeof(double)) == 0 &&
-                   std::memcmp(x1.data(), x3.data(), N * sizeof(double)) == 0;
-            x1 = b;
+            same = same && std::memcmp(x1.data(), x2.data(), N * sizeof(double)) == 0;
+            for (unsigned int v = 0; v < 4; ++v) std::copy(b.begin(), b.end(), xs.begin() + v * N);
             Clock::time_point t0 = Clock::now();
+            TamberSolve::solveMany(data, xs.data(), 4, N);
+            many.push_back(seconds(t0, Clock::now()) / 4);
+            t0 = Clock::now();
+            data.solvePlan.make(data.factor);
+            make.push_back(seconds(t0, Clock::now()));
+            x1 = b;
+            t0 = Clock::now();
             TamberSolve::forwardSolve(data.factor, x1.data());
             Clock::time_point t1 = Clock::now();
             TamberSolve::diagSolve(data.diagonal, x1.data());
@@ -146,10 +124,10 @@ int main(int argc, char** argv) {
             tamber.factorSerial(data);
             factor.push_back(seconds(t0, Clock::now()));
         }
-        const double t = medianMs(tile), q = medianMs(packed);
+        const double t = medianMs(tile), q = medianMs(planned);
         std::printf(
-            "| %s | %u | %u | %lu | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f |%s\n",
-            scene->name(), n, N, tiled, packedCount, t, q, q > 0.0 ? t / q : 0.0, medianMs(planned), t / medianMs(planned), medianMs(many), medianMs(pack),
+            "| %s | %u | %u | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f | %.4f |%s\n",
+            scene->name(), n, N, tiles, t, q, q > 0.0 ? t / q : 0.0, medianMs(many), medianMs(make),
             medianMs(factor), medianMs(forward), medianMs(diagonal), medianMs(backward),
             same ? "" : " DIFFERENT BITS");
     }

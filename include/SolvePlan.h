@@ -1,13 +1,14 @@
 // The order of work of the double solves over one layout of the factor, made once per layout.
 //
 // A pass of TamberSolve::solve over the tiles of `factor` spends as many instructions on finding its way
-// (column and tile indices, sizes, strides, offsets, the choice of kernel per tile, a call per tile) as on the
-// arithmetic of the small tiles of physics systems. None of that depends on the values: the tiles of a
+// (column and tile indices, sizes, strides, offsets, the choice of kernel per tile, a call per tile) as on
+// the arithmetic of the small tiles of physics systems. None of that depends on the values: the tiles of a
 // factor stay where Tamber::estimateWork put them from one factorization to the next while the structure
 // stays. SolvePlan lists, per pass, the steps of the solve in the order they run, each with its kernel
-// (size-specialised, the leading dimensions fixed at compile time, and the off-diagonal tile and diagonal
-// tile of a column with one off-diagonal tile in one step), its tiles and its slices of x. The steps call
-// the paired kernels of the tile solve in the same order, so a planned solve gives the same bits.
+// (size-specialised, the leading dimensions fixed at compile time; a diagonal tile shares the step of the
+// off-diagonal tile next to it in the pass when both sizes are at most 6), its tiles and its slices of x.
+// The steps call the paired kernels of the tile solve in the same order, so a planned solve gives the same
+// bits.
 //
 // The plan holds pointers into the factor's value storage, not values: a new factorization, RankMod and the
 // other modifications of the values in place leave it valid. It is made by the first double solve after
@@ -45,7 +46,7 @@ public:
     const double* lastTile = nullptr;
     // Block column solved with scalar loops (the last one when its size is odd), numBlockCols otherwise.
     unsigned int scalarColumn = 0;
-    kiv::VectorPOD<Step> forward;   // columns 0 … in order, each: off-diagonal tiles, then its diagonal tile
+    kiv::VectorPOD<Step> forward;  // columns 0 … in order, each: off-diagonal tiles, then its diagonal tile
     kiv::VectorPOD<Step> backward;  // columns … 0, each: its diagonal tile, then its off-diagonal tiles
 
     // isMade = 0; keeps every allocation.
@@ -55,8 +56,8 @@ public:
     // those it was made for (O(1)).
     bool matches(const SparseMatrix<double>& U) const;
 
-    // Makes the steps for the layout of U (a factor laid out by Tamber::estimateWork: container column j holds
-    // its off-diagonal tiles, then its diagonal tile). Arrays grow only. Cost O(n + tiles).
+    // Makes the steps for the layout of U (a factor laid out by Tamber::estimateWork: container column j
+    // holds its off-diagonal tiles, then its diagonal tile). Arrays grow only. Cost O(n + tiles).
     void make(const SparseMatrix<double>& U);
 };
 

@@ -20,7 +20,6 @@
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
 #include "SolvePlan.h"
-#include "SolveStorage.h"
 #include "SparseTypes.h"
 #include "TamberUtils.h"
 
@@ -60,14 +59,6 @@ public:
     // split of the elimination tree among the threads. Prepared by Tamber::factorMF whenever the filled
     // pattern, the block sizes or the thread count differ from what it was prepared for.
     MultifrontManager<T> multifront;
-    // The factor's values packed for the double solves (see SolveStorage.h), read by TamberSolve::solve and
-    // solveMany instead of the tiles of `factor` while solveStorage.isCurrent is 1 (the same bits either
-    // way). Nothing packs it by itself: a caller who wants it calls solveStorage.pack(factor) after a
-    // finished double factorization. Every factorization and RankMod::apply clear it when they start; a
-    // caller who changes `factor` in any other way (TamberUpdate on data.factor, writes into the tiles,
-    // estimateWork on a new structure) calls solveStorage.clear() or packs again before the next double
-    // solve.
-    SolveStorage solveStorage;
     // The steps of the double solves over the layout of `factor` (see SolvePlan.h): made by the first
     // TamberSolve::solve or solveMany after the layout changed, cleared where the factor is laid out anew.
     // Written by those const solves (one thread per system, as everything here).

@@ -101,8 +101,9 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 
 // x ← A⁻¹·x: forwardSolve(data.factor, x), diagSolve(data.diagonal, x), backwardTSolve(data.factor, x), in
 // that order. x: in/out, N doubles. Returns true.
-// While data.solveStorage.isCurrent is 1 the two triangular passes read the packed copy of the factor
-// (SolveStorage.h) instead of its tiles, with the same operations in the same order: the same bits.
+// The two triangular passes run as the steps of data.solvePlan (SolvePlan.h), made here first when the
+// factor's layout is not the one it was made for: the steps of forwardSolve and backwardTSolve on the same
+// tiles in the same order, so the same bits.
 //
 // Tamber::solve<double>(data, x) is exactly this call, on purpose unlike Tamber::solve<float>: it does not
 // factor when data.isFactored is 0, does not check for an empty factor, does not skip leading zero blocks
@@ -117,9 +118,8 @@ bool solve(const TamberData<double>& data, double* x);
 // Several right-hand sides at once: x holds numRhs vectors of N doubles, column-major, vector r starting at
 // x + r·ld (ld >= N). Each vector receives exactly the operations of solve(data, x + r·ld), in the same
 // order, so the results equal numRhs single solves bit for bit; the passes read each tile of the factor once
-// for all vectors instead of once per vector (the packed copy while data.solveStorage.isCurrent is 1, as
-// solve). numRhs = 0 does nothing. Same preconditions and the same
-// unchecked isFactored as solve. Returns true.
+// for all vectors instead of once per vector (the steps of data.solvePlan, as solve). numRhs = 0 does
+// nothing. Same preconditions and the same unchecked isFactored as solve. Returns true.
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld);
 
 // x ← A⁻¹·x through the driver's solve (Tamber::solve<T>), right for a right-hand side of any scale. The

@@ -1274,7 +1274,6 @@ bool Tamber::prepareMultifrontal(TamberData<T>& data) {
 template <typename T>
 void Tamber::factorMF(TamberData<T>& data) {
     const std::uint64_t start = kiv::Timer::ticks();
-    data.solveStorage.clear();  // the packed copy of the factor is out of date from here on
 
     const SkeletonMatrix& S = data.skeleton;
     const SparseMatrix<T>& A = data.matrix;

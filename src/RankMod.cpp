@@ -109,7 +109,6 @@ bool RankMod::apply(TamberData<double>& data, const EquationList& switchOff, con
                 return false;
         }
     }
-    data.solveStorage.clear();  // the factor changes below: its packed copy is out of date
     DenseVector<double>& D = data.diagonal;
     EliminationTree* tree = &data.etree;
     TamberUpdate::Workspace& ws = workspace;

@@ -17,19 +17,21 @@ constexpr int padded(int s) {
     return (s + 1) & ~1;
 }
 
-// Forward steps: x_j ← x_j − B_ijᵀ·x_i, x_j ← U_jj⁻ᵀ·x_j, or both in turn.
+// Forward steps: x_j ← x_j − B_ijᵀ·x_i, x_j ← U_jj⁻ᵀ·x_j, or both in turn. Each is flattened (the paired
+// kernels inlined into it), so that x_j passes from one kernel to the next in registers: the passes are
+// bound by the latency of the chain of dependent entries, and a store and reload cost more than the call.
 template <int SI, int SJ>
-void forwardTile(const Step& s, double* x) {
+[[gnu::flatten]] void forwardTile(const Step& s, double* x) {
     kernels::forwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.source, x + s.target);
 }
 template <int SI, int SJ>
-void forwardTileAndDiagonal(const Step& s, double* x) {
+[[gnu::flatten]] void forwardTileAndDiagonal(const Step& s, double* x) {
     double* xj = x + s.target;
     kernels::forwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.source, xj);
     kernels::forwardDiagonalFixed<SJ>(s.diagonal, padded(SJ), xj);
 }
 template <int SJ>
-void forwardDiagonal(const Step& s, double* x) {
+[[gnu::flatten]] void forwardDiagonal(const Step& s, double* x) {
     kernels::forwardDiagonalFixed<SJ>(s.tile, padded(SJ), x + s.target);
 }
 void forwardTileAnySize(const Step& s, double* x) {
@@ -41,17 +43,17 @@ void forwardDiagonalAnySize(const Step& s, double* x) {
 
 // Backward steps: x_j ← U_jj⁻¹·x_j, x_i ← x_i − B_ij·x_j, or both in turn.
 template <int SI, int SJ>
-void backwardTile(const Step& s, double* x) {
+[[gnu::flatten]] void backwardTile(const Step& s, double* x) {
     kernels::backwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.target, x + s.source);
 }
 template <int SI, int SJ>
-void backwardDiagonalAndTile(const Step& s, double* x) {
+[[gnu::flatten]] void backwardDiagonalAndTile(const Step& s, double* x) {
     double* xj = x + s.target;
     kernels::backwardDiagonalFixed<SJ>(s.diagonal, padded(SJ), xj);
     kernels::backwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), xj, x + s.source);
 }
 template <int SJ>
-void backwardDiagonal(const Step& s, double* x) {
+[[gnu::flatten]] void backwardDiagonal(const Step& s, double* x) {
     kernels::backwardDiagonalFixed<SJ>(s.tile, padded(SJ), x + s.target);
 }
 void backwardTileAnySize(const Step& s, double* x) {
@@ -66,10 +68,12 @@ constexpr unsigned int fixedSizes = 6;  // sizes 1 … 6 have steps of their own
 
 template <std::size_t... I>
 constexpr std::array<Run, sizeof...(I)> pairTable(std::index_sequence<I...>, int which) {
-    return which == 0   ? std::array<Run, sizeof...(I)>{{&forwardTile<int(I) / 6 + 1, int(I) % 6 + 1>...}}
-           : which == 1 ? std::array<Run, sizeof...(I)>{{&forwardTileAndDiagonal<int(I) / 6 + 1, int(I) % 6 + 1>...}}
-           : which == 2 ? std::array<Run, sizeof...(I)>{{&backwardTile<int(I) / 6 + 1, int(I) % 6 + 1>...}}
-                        : std::array<Run, sizeof...(I)>{{&backwardDiagonalAndTile<int(I) / 6 + 1, int(I) % 6 + 1>...}};
+    return which == 0 ? std::array<Run, sizeof...(I)>{{&forwardTile<int(I) / 6 + 1, int(I) % 6 + 1>...}}
+           : which == 1
+               ? std::array<Run, sizeof...(I)>{{&forwardTileAndDiagonal<int(I) / 6 + 1, int(I) % 6 + 1>...}}
+           : which == 2
+               ? std::array<Run, sizeof...(I)>{{&backwardTile<int(I) / 6 + 1, int(I) % 6 + 1>...}}
+               : std::array<Run, sizeof...(I)>{{&backwardDiagonalAndTile<int(I) / 6 + 1, int(I) % 6 + 1>...}};
 }
 constexpr std::array<Run, 36> forwardTiles = pairTable(std::make_index_sequence<36>(), 0);
 constexpr std::array<Run, 36> forwardColumns = pairTable(std::make_index_sequence<36>(), 1);
@@ -88,7 +92,8 @@ inline bool fixed(unsigned int s, unsigned int ld) {
 }  // namespace
 
 bool SolvePlan::matches(const SparseMatrix<double>& U) const {
-    if (!isMade || U.numBlockCols != numBlockCols || U.numBlocks != numBlocks || U.values != values) return false;
+    if (!isMade || U.numBlockCols != numBlockCols || U.numBlocks != numBlocks || U.values != values)
+        return false;
     if (numBlockCols == 0) return true;
     return U.blockSizes[numBlockCols] == N && (numBlocks == 0 || U.blockPointers[numBlocks - 1] == lastTile);
 }
@@ -105,54 +110,60 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     backward.clear();
     // The last column runs scalar when its size is odd (its padding column would reach past x).
     scalarColumn = n > 0 && (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
+    // Per column: the step of off-diagonal tile k (container index) or of the diagonal tile.
+    auto tileStep = [&U](unsigned int k, unsigned int j) {
+        const unsigned int i = U.rowIndices[k];
+        return Step{nullptr,           U.blockPointers[k], nullptr,
+                    U.blockOffsets[i], U.blockOffsets[j],  U.blockSizes[i],
+                    U.blockSizes[j],   U.blockStrides[i],  U.blockStrides[j]};
+    };
+    auto diagonalStep = [&U](unsigned int j) {
+        const unsigned int diag = U.colPointers[j + 1] - 1;
+        return Step{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, U.blockSizes[j],
+                    0,       U.blockStrides[j]};
+    };
+    auto pair = [](const Step& t) { return (t.si - 1) * fixedSizes + (t.sj - 1); };
+    // A column's diagonal tile shares the step of the off-diagonal tile next to it in the pass (the last one
+    // forward, the first one backward) when both have fixed steps: x_j passes from one to the other without
+    // a store and a load in between.
     for (unsigned int j = 0; j < scalarColumn; ++j) {
-        const unsigned int diag = U.colPointers[j + 1] - 1, first = U.colPointers[j];
-        const unsigned int sj = U.blockSizes[j], ldj = U.blockStrides[j];
-        Step d{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, sj, 0, ldj};
-        const bool fixedJ = fixed(sj, ldj);
-        if (diag - first == 1) {
-            const unsigned int i = U.rowIndices[first], si = U.blockSizes[i], ldi = U.blockStrides[i];
-            if (fixedJ && fixed(si, ldi)) {
-                // One off-diagonal tile: it and the diagonal tile in one step of each pass.
-                const unsigned int k = (si - 1) * fixedSizes + (sj - 1);
-                const Step both{nullptr, U.blockPointers[first], U.blockPointers[diag], U.blockOffsets[i],
-                                U.blockOffsets[j], si, sj, ldi, ldj};
-                forward.push_back(both);
-                forward.back().run = forwardColumns[k];
-                continue;
-            }
-        }
+        const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;
+        const bool fixedJ = fixed(U.blockSizes[j], U.blockStrides[j]);
+        bool joined = false;
         for (unsigned int k = first; k < diag; ++k) {
-            const unsigned int i = U.rowIndices[k], si = U.blockSizes[i], ldi = U.blockStrides[i];
-            Step t{nullptr, U.blockPointers[k], nullptr, U.blockOffsets[i], U.blockOffsets[j], si, sj, ldi, ldj};
-            t.run = fixedJ && fixed(si, ldi) ? forwardTiles[(si - 1) * fixedSizes + (sj - 1)] : &forwardTileAnySize;
+            Step t = tileStep(k, j);
+            const bool fixedTile = fixedJ && fixed(t.si, t.ldi);
+            joined = k + 1 == diag && fixedTile;
+            if (joined) {
+                t.diagonal = U.blockPointers[diag];
+                t.run = forwardColumns[pair(t)];
+            } else {
+                t.run = fixedTile ? forwardTiles[pair(t)] : &forwardTileAnySize;
+            }
             forward.push_back(t);
         }
-        d.run = fixedJ ? forwardDiagonals[sj - 1] : &forwardDiagonalAnySize;
+        if (joined) continue;
+        Step d = diagonalStep(j);
+        d.run = fixedJ ? forwardDiagonals[d.sj - 1] : &forwardDiagonalAnySize;
         forward.push_back(d);
     }
     for (unsigned int j = scalarColumn; j-- > 0;) {
-        const unsigned int diag = U.colPointers[j + 1] - 1, first = U.colPointers[j];
-        const unsigned int sj = U.blockSizes[j], ldj = U.blockStrides[j];
-        const bool fixedJ = fixed(sj, ldj);
-        if (diag - first == 1) {
-            const unsigned int i = U.rowIndices[first], si = U.blockSizes[i], ldi = U.blockStrides[i];
-            if (fixedJ && fixed(si, ldi)) {
-                Step both{nullptr, U.blockPointers[first], U.blockPointers[diag], U.blockOffsets[i],
-                          U.blockOffsets[j], si, sj, ldi, ldj};
-                both.run = backwardColumns[(si - 1) * fixedSizes + (sj - 1)];
-                backward.push_back(both);
-                continue;
-            }
+        const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;
+        const bool fixedJ = fixed(U.blockSizes[j], U.blockStrides[j]);
+        unsigned int k = first;
+        if (k < diag && fixedJ && fixed(U.blockSizes[U.rowIndices[k]], U.blockStrides[U.rowIndices[k]])) {
+            Step t = tileStep(k++, j);
+            t.diagonal = U.blockPointers[diag];
+            t.run = backwardColumns[pair(t)];
+            backward.push_back(t);
+        } else {
+            Step d = diagonalStep(j);
+            d.run = fixedJ ? backwardDiagonals[d.sj - 1] : &backwardDiagonalAnySize;
+            backward.push_back(d);
         }
-        Step d{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, sj, 0, ldj};
-        d.run = fixedJ ? backwardDiagonals[sj - 1] : &backwardDiagonalAnySize;
-        backward.push_back(d);
-        for (unsigned int k = first; k < diag; ++k) {
-            const unsigned int i = U.rowIndices[k], si = U.blockSizes[i], ldi = U.blockStrides[i];
-            Step t{nullptr, U.blockPointers[k], nullptr, U.blockOffsets[i], U.blockOffsets[j], si, sj, ldi, ldj};
-            t.run = fixedJ && fixed(si, ldi) ? backwardTiles[(si - 1) * fixedSizes + (sj - 1)]
-                                             : &backwardTileAnySize;
+        for (; k < diag; ++k) {
+            Step t = tileStep(k, j);
+            t.run = fixedJ && fixed(t.si, t.ldi) ? backwardTiles[pair(t)] : &backwardTileAnySize;
             backward.push_back(t);
         }
     }

@@ -210,7 +210,6 @@ unsigned int Tamber::estimateWork(TamberData<T>& data, unsigned int* work) {
 template <typename T>
 void Tamber::factorSerial(TamberData<T>& data) {
     const std::uint64_t start = kiv::Timer::ticks();
-    data.solveStorage.clear();  // the packed copy of the factor is out of date from here on
 
     const SkeletonMatrix& S = data.skeleton;
     const SparseMatrix<T>& A = data.matrix;

@@ -11,8 +11,6 @@
 
 #include "Kernels.h"
 #include "KernelsFixed.h"
-#include "KernelsSolve.h"
-#include "SolveStorage.h"
 
 namespace kivTamber {
 namespace {
@@ -93,112 +91,6 @@ inline void prefetchColumn(const SparseMatrix<double>& U, unsigned int j) {
 constexpr unsigned int backwardPrefetchDistance = 4;
 // Steps ahead of the planned backward pass whose tiles are prefetched (their first cache line).
 constexpr unsigned long backwardPrefetchSteps = 6;
-
-// ---------------------------------------------------------------------------------------------------------
-// Passes over the packed factor (SolveStorage): the operations of the tile passes below, entry by entry in
-// the same order, on the values without padding.
-// ---------------------------------------------------------------------------------------------------------
-
-// Scalar forward solve of the packed column j (all its rows): the off-diagonal tiles term by term, then the
-// unit triangle; as forwardColumnScalar.
-void packedForwardColumnScalar(const SolveStorage& S, double* x, unsigned int j) {
-    const unsigned int sj = S.sizes[j];
-    double* xj = x + S.offsets[j];
-    const double* v = S.values.data + S.columnValues[j];
-    for (unsigned int t = S.columnTiles[j]; t < S.columnTiles[j + 1]; ++t) {
-        const SolveStorage::Tile tile = S.tiles[t];
-        const double* xi = x + tile.offset;
-        for (unsigned int r = 0; r < sj; ++r, v += tile.size)
-            for (unsigned int q = 0; q < tile.size; ++q) xj[r] -= v[q] * xi[q];  // x_j(r) −= B(q, r)·x_i(q)
-    }
-    for (unsigned int r = 1; r < sj; v += r, ++r)
-        for (unsigned int q = 0; q < r; ++q) xj[r] -= v[q] * xj[q];  // x_j(r) −= U(q, r)·x_j(q)
-}
-
-// Scalar backward solve of the packed column j: the unit triangle from the bottom row, then the off-diagonal
-// tiles with r outermost and q innermost; as backwardColumnScalar (whose divisions by exactly 1 are skipped).
-void packedBackwardColumnScalar(const SolveStorage& S, double* x, unsigned int j) {
-    const unsigned int sj = S.sizes[j];
-    double* xj = x + S.offsets[j];
-    const double* v = S.values.data + S.columnValues[j];
-    const unsigned int first = S.columnTiles[j], end = S.columnTiles[j + 1];
-    const double* T = v;
-    for (unsigned int t = first; t < end; ++t) T += static_cast<unsigned long>(S.tiles[t].size) * sj;
-    for (unsigned int r = sj; r-- > 0;) {
-        const double* u = T + static_cast<unsigned long>(r) * (r - (r > 0)) / 2;
-        for (unsigned int q = 0; q < r; ++q) xj[q] -= u[q] * xj[r];  // x_j(q) −= U(q, r)·x_j(r)
-    }
-    for (unsigned int t = first; t < end; ++t) {
-        const SolveStorage::Tile tile = S.tiles[t];
-        double* xi = x + tile.offset;
-        for (unsigned int r = 0; r < sj; ++r, v += tile.size)
-            for (unsigned int q = 0; q < tile.size; ++q) xi[q] -= v[q] * xj[r];  // x_i(q) −= B(q, r)·x_j(r)
-    }
-}
-
-// Brings the packed values of column j towards the cache (see prefetchColumn).
-inline void prefetchPackedColumn(const SolveStorage& S, unsigned int j) {
-    const char* p = reinterpret_cast<const char*>(S.values.data + S.columnValues[j]);
-    const char* end = reinterpret_cast<const char*>(S.values.data + S.columnValues[j + 1]);
-    for (; p < end; p += 64) __builtin_prefetch(p, 0, 3);
-}
-
-// Forward pass x ← U⁻ᵀ·x over the packed factor for numRhs vectors x + r·ld (the tile pass: paired columns,
-// a last column of odd size scalar).
-void packedForward(const SolveStorage& S, double* x, unsigned int numRhs, unsigned long ld) {
-    const unsigned int n = S.numBlockCols;
-    if (n == 0) return;
-    const unsigned int paired = (S.sizes[n - 1] & 1u) ? n - 1 : n;
-    const SolveStorage::Tile* tiles = S.tiles.data();
-    const double* v = S.values.data;
-    unsigned int t = 0;
-    for (unsigned int j = 0; j < paired; ++j) {
-        const unsigned int sj = S.sizes[j], offj = S.offsets[j];
-        for (const unsigned int end = S.columnTiles[j + 1]; t < end; ++t) {
-            const SolveStorage::Tile tile = tiles[t];
-            for (unsigned int r = 0; r < numRhs; ++r) {
-                double* xr = x + r * ld;
-                kernels::packedForwardOffDiagonal(v, xr + tile.offset, tile.size, xr + offj, sj);
-            }
-            v += static_cast<unsigned long>(tile.size) * sj;
-        }
-        for (unsigned int r = 0; r < numRhs; ++r) kernels::packedForwardDiagonal(v, x + r * ld + offj, sj);
-        v += static_cast<unsigned long>(sj) * (sj - 1) / 2;
-    }
-    if (paired < n)
-        for (unsigned int r = 0; r < numRhs; ++r) packedForwardColumnScalar(S, x + r * ld, n - 1);
-}
-
-// Backward pass x ← U⁻¹·x over the packed factor for numRhs vectors x + r·ld (a last column of odd size
-// first, scalar; then the paired columns from the top down, prefetching a few columns ahead).
-void packedBackward(const SolveStorage& S, double* x, unsigned int numRhs, unsigned long ld) {
-    const unsigned int n = S.numBlockCols;
-    if (n == 0) return;
-    unsigned int j = n;
-    if (S.sizes[n - 1] & 1u) {
-        --j;
-        for (unsigned int r = 0; r < numRhs; ++r) packedBackwardColumnScalar(S, x + r * ld, j);
-    }
-    const SolveStorage::Tile* tiles = S.tiles.data();
-    while (j-- > 0) {
-        if (j >= backwardPrefetchDistance) prefetchPackedColumn(S, j - backwardPrefetchDistance);
-        const unsigned int sj = S.sizes[j], offj = S.offsets[j];
-        const unsigned int first = S.columnTiles[j], end = S.columnTiles[j + 1];
-        const double* v = S.values.data + S.columnValues[j];
-        // The triangle follows the tiles: located from the column's end.
-        const double* T =
-            S.values.data + S.columnValues[j + 1] - static_cast<unsigned long>(sj) * (sj - 1) / 2;
-        for (unsigned int r = 0; r < numRhs; ++r) kernels::packedBackwardDiagonal(T, x + r * ld + offj, sj);
-        for (unsigned int t = first; t < end; ++t) {
-            const SolveStorage::Tile tile = tiles[t];
-            for (unsigned int r = 0; r < numRhs; ++r) {
-                double* xr = x + r * ld;
-                kernels::packedBackwardOffDiagonal(v, xr + offj, sj, xr + tile.offset, tile.size);
-            }
-            v += static_cast<unsigned long>(tile.size) * sj;
-        }
-    }
-}
 
 // The passes over the plan of data.factor's layout (made first when it does not match): the steps of the tile
 // passes in their order, for numRhs vectors x + r·ld, each step applied to every vector in turn.
@@ -465,12 +357,6 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
 }
 
 bool solve(const TamberData<double>& data, double* x) {
-    if (data.solveStorage.isCurrent) {
-        packedForward(data.solveStorage, x, 1, 0);
-        diagSolve(data.diagonal, x);
-        packedBackward(data.solveStorage, x, 1, 0);
-        return true;
-    }
     plannedForward(data, x, 1, 0);
     diagSolve(data.diagonal, x);
     plannedBackward(data, x, 1, 0);
@@ -478,12 +364,6 @@ bool solve(const TamberData<double>& data, double* x) {
 }
 
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
-    if (data.solveStorage.isCurrent) {
-        packedForward(data.solveStorage, x.data, 1, 0);
-        diagSolve(data.diagonal, x);
-        packedBackward(data.solveStorage, x.data, 1, 0);
-        return true;
-    }
     plannedForward(data, x.data, 1, 0);
     diagSolve(data.diagonal, x);
     plannedBackward(data, x.data, 1, 0);
@@ -492,12 +372,6 @@ bool solve(const TamberData<double>& data, DenseVector<double>& x) {
 
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
     if (numRhs == 1) return solve(data, x);
-    if (data.solveStorage.isCurrent) {
-        packedForward(data.solveStorage, x, numRhs, ld);
-        for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
-        packedBackward(data.solveStorage, x, numRhs, ld);
-        return true;
-    }
     plannedForward(data, x, numRhs, ld);
     for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
     plannedBackward(data, x, numRhs, ld);
