@@ -107,10 +107,24 @@ public:
     // two blocks in column 0. x: in, N elements. y: in/out, N elements. x and y must not overlap.
     void multiplyAdd(const T* x, T* y) const;
 
+    // y = A·x exactly as multiply computes it, and rowSums[p] = Σ_q |A_pq| for every row p of the symmetric
+    // matrix (‖A‖∞ is their maximum), in one pass over the tiles: each column's sums are added right after
+    // its products, while its tiles are in cache. For the upper form (diagonal tile last in each column):
+    // per column, the off-diagonal tiles in storage order, each column c of a tile adding |B_rc| to row r
+    // and the column's total to row c of block j, then the triangle r ≤ c of the diagonal tile, each entry
+    // counted once for each of its rows. Sums in double for either T. x: in, y: out, rowSums: out, N
+    // elements each; none may overlap.
+    void multiplyWithRowSums(const T* x, T* y, double* rowSums) const;
+
     // y = beta·y + alpha·A·x. y is scaled first (beta = 0 multiplies too, so NaN stays NaN) unless
     // |beta − 1| < the machine epsilon of T or N = 0. Every block is classified by comparing indices, in
     // either arrangement. x: in, N elements. y: in/out, N elements. x and y must not overlap.
     void multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const;
+
+private:
+    // The pass of multiplyAdd(x, y); with sums, also the row sums of multiplyWithRowSums.
+    template <bool kSums>
+    void addProducts(const T* x, T* y, double* sums) const;
 };
 
 extern template class SparseMatrix<float>;

@@ -238,19 +238,25 @@ bool ScalarProblem::build(unsigned int n, unsigned int firstConstraintRow, const
                     valuePointers_[e] +
                     static_cast<unsigned long>(blockSizes_[rowIndices_[e]]) * blockSizes_[J];
 
+        // Where scalar (i, j) lands: what locate finds, with the blocks of the rows read from blockOfRow.
+        auto valueOf = [&](unsigned int i, unsigned int j) {
+            const unsigned int R = blockOfRow[i], C = blockOfRow[j];
+            const unsigned int I = std::min(R, C), J = std::max(R, C);
+            const unsigned int* begin = rowIndices_.data() + colPointers_[J];
+            const unsigned int* end = rowIndices_.data() + colPointers_[J + 1];
+            const unsigned int* at = std::lower_bound(begin, end, I);
+            const unsigned long ri = R == I ? i - blockOffsets_[I] : j - blockOffsets_[I];
+            const unsigned long cj = R == I ? j - blockOffsets_[J] : i - blockOffsets_[J];
+            return valuePointers_[static_cast<unsigned long>(at - rowIndices_.data())] + ri * blockSizes_[J] +
+                   cj;
+        };
         place_.resize(entries);
         mirror_.resize(entries);
         for (unsigned int c = 0; c < n; ++c) {
             for (unsigned int e = colPointers[c]; e < colPointers[c + 1]; ++e) {
-                unsigned long entry = 0, offset = 0;
-                locate(rowIndices[e], c, entry, offset);
-                place_[e] = valuePointers_[entry] + offset;
-                mirror_[e] = noPlace;
                 const unsigned int r = rowIndices[e];
-                if (r != c && blockOfRow[r] == blockOfRow[c]) {
-                    locate(c, r, entry, offset);
-                    mirror_[e] = valuePointers_[entry] + offset;
-                }
+                place_[e] = valueOf(r, c);
+                mirror_[e] = r != c && blockOfRow[r] == blockOfRow[c] ? valueOf(c, r) : noPlace;
             }
         }
     } catch (const std::bad_alloc&) {

@@ -210,6 +210,7 @@ struct Solver<T>::Impl {
         return m;
     }
     void residualOf(const T* b, const T* x, T* r) const;
+    void residualAndNorm(const T* b, const T* x, T* r);
     double scaledResidual(const T* b, const T* x, const T* r) const;
     double normA = -1.0;
     double matrixNormInf();
@@ -707,6 +708,8 @@ Status Solver<T>::Impl::updateInPlace() {
 // Solves
 // ---------------------------------------------------------------------------------------------------------
 
+// ‖A‖∞ of the matrix of the active equations, while some are switched off (with all active, the first
+// residual of a solve computes it: residualAndNorm).
 template <typename T>
 double Solver<T>::Impl::matrixNormInf() {
     if (normA >= 0.0) return normA;
@@ -714,48 +717,6 @@ double Solver<T>::Impl::matrixNormInf() {
     std::vector<double>& rows = normRowSums;  // N values
     rows.assign(N, 0.0);
     const unsigned int nb = static_cast<unsigned int>(A.numBlockCols);
-    if (factorAllActive) {
-        // Every equation active: |A| summed tile by tile without looking up the activity of each entry. Each
-        // column of a tile is contiguous: its absolute values go to the rows of block i and, summed, to row
-        // c of block j (disjoint ranges of the row sums, hence the restrict pointers).
-        double* const sums = rows.data();
-        for (unsigned int j = 0; j < nb; ++j) {
-            const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
-            const unsigned int diagonalTile = A.colPointers[j + 1] - 1;
-            double* __restrict const columnSums = sums + oj;
-            for (unsigned int e = A.colPointers[j]; e < diagonalTile; ++e) {
-                const unsigned int i = A.rowIndices[e], si = A.blockSizes[i];
-                const unsigned long ld = A.blockStrides[i];
-                double* __restrict const rowSums = sums + A.blockOffsets[i];
-                const T* __restrict const tile = A.blockPointers[e];
-                for (unsigned int c = 0; c < sj; ++c) {
-                    const T* __restrict const column = tile + c * ld;
-                    double total = 0.0;
-                    for (unsigned int r = 0; r < si; ++r) {
-                        const double v = std::fabs(static_cast<double>(column[r]));
-                        rowSums[r] += v;
-                        total += v;
-                    }
-                    columnSums[c] += total;
-                }
-            }
-            const unsigned long ld = A.blockStrides[j];
-            const T* __restrict const tile = A.blockPointers[diagonalTile];
-            for (unsigned int c = 0; c < sj; ++c) {
-                const T* __restrict const column = tile + c * ld;
-                double total = std::fabs(static_cast<double>(column[c]));
-                for (unsigned int r = 0; r < c; ++r) {  // the triangle r < c, each entry for both its rows
-                    const double v = std::fabs(static_cast<double>(column[r]));
-                    columnSums[r] += v;
-                    total += v;
-                }
-                columnSums[c] += total;
-            }
-        }
-        normA = 0.0;
-        for (unsigned long p = 0; p < N; ++p) normA = std::max(normA, rows[p]);
-        return normA;
-    }
     for (unsigned int j = 0; j < nb; ++j) {
         const unsigned int oj = A.blockOffsets[j], sj = A.blockSizes[j];
         for (unsigned int e = A.colPointers[j]; e < A.colPointers[j + 1]; ++e) {
@@ -776,6 +737,18 @@ double Solver<T>::Impl::matrixNormInf() {
     normA = 0.0;
     for (unsigned long p = 0; p < N; ++p) normA = std::max(normA, rows[p]);
     return normA;
+}
+
+// r = b − A·x with every equation active (the bits of residualOf), and ‖A‖∞ (normA) from the same pass over
+// the tiles.
+template <typename T>
+void Solver<T>::Impl::residualAndNorm(const T* b, const T* x, T* r) {
+    std::vector<double>& rows = normRowSums;
+    if (rows.size() != N) rows.assign(N, 0.0);
+    data.matrix.multiplyWithRowSums(x, r, rows.data());
+    for (unsigned long p = 0; p < N; ++p) r[p] = b[p] - r[p];
+    normA = 0.0;
+    for (unsigned long p = 0; p < N; ++p) normA = std::max(normA, rows[p]);
 }
 
 // r = b − A·x over the active equations (factor order; rows of switched-off equations are 0).
@@ -878,7 +851,9 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
         // rounding level of T (a correction computed in T cannot lower it further). The best iterate and the
         // next one swap buffers instead of being copied; the corrections are solved in place of the
         // residuals, all columns in one pass.
-        matrixNormInf();
+        // ‖A‖∞ for the scaled residuals: after new values, from the pass of the first residual.
+        const bool normWithResidual = normA < 0.0 && factorAllActive;
+        if (!normWithResidual) matrixNormInf();
         const double roundoff = static_cast<double>(std::numeric_limits<T>::epsilon());
         T* const R = residual.data();
         unsigned int live = 0;
@@ -886,7 +861,10 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
             const unsigned long o = static_cast<unsigned long>(c) * N;
             current[c] = PX + o;
             trial[c] = best.data() + o;
-            residualOf(PB + o, current[c], R + o);
+            if (c == 0 && normWithResidual)
+                residualAndNorm(PB + o, current[c], R + o);
+            else
+                residualOf(PB + o, current[c], R + o);
             bestNorm[c] = normInf(R + o);
             bestScaled[c] = scaledResidual(PB + o, current[c], R + o);
             improving[c] = bestNorm[c] > 0 && bestScaled[c] > roundoff;

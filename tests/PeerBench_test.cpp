@@ -258,6 +258,10 @@ TEST(PeerBench, BenchmarkRunsAtATinySizeWithAndWithoutPeers) {
                                      {"scene", "fastest_peer_our_order", "fastest_peer_own_amd",
                                       "fastest_solve_our_order", "fastest_refactor"});
         EXPECT_EQ(summary.size(), 1u + 4u * 2u);
+        // The paired ratios (interleaved rounds of our step and the fastest peers') exist exactly when peers ran.
+        const std::size_t paired = column(summary[0], "paired_factor_our_order");
+        for (std::size_t r = 1; r < summary.size(); ++r)
+            EXPECT_EQ(!summary[r][paired].empty(), withPeers && havePeers) << "summary line " << r + 1;
     }
     EXPECT_NE(std::system(("'" + binary + "' --sizes x1 > /dev/null 2>&1").c_str()), 0);
     EXPECT_NE(std::system(("'" + binary + "' --scenes tower > /dev/null 2>&1").c_str()), 0);

@@ -249,6 +249,17 @@ TYPED_TEST(SparseMatrixTest, ProductsMatchDenseReference) {
             expectProduct<T>(sys.dense, T(1), x, T(1), y0, yAdd);
             m.multiplyAdd(T(1), x.data(), T(1), yOne.data());
             EXPECT_EQ(0, std::memcmp(yAdd.data(), yOne.data(), sys.N * sizeof(T)));
+            // The product with row sums: the product's bits, and Σ_c |a_rc| of the symmetric matrix (the
+            // NaN triangle of the diagonal tiles never read).
+            std::vector<T> ySums(sys.N, std::numeric_limits<T>::quiet_NaN());
+            std::vector<double> sums(sys.N, std::numeric_limits<double>::quiet_NaN());
+            m.multiplyWithRowSums(x.data(), ySums.data(), sums.data());
+            EXPECT_EQ(0, std::memcmp(y.data(), ySums.data(), sys.N * sizeof(T)));
+            for (unsigned int r = 0; r < sys.N; ++r) {
+                long double want = 0;
+                for (unsigned int c = 0; c < sys.N; ++c) want += std::fabs((long double)T(sys.dense(r, c)));
+                ASSERT_NEAR(sums[r], (double)want, 1e-14 * (double)want) << "row " << r;
+            }
             for (const auto& ab : {std::pair<double, double>{-0.75, 2.5}, {3.0, 0.0}, {0.5, -1.0}}) {
                 std::vector<T> yScaled = y0;
                 m.multiplyAdd(T(ab.first), x.data(), T(ab.second), yScaled.data());

@@ -27,6 +27,7 @@
 #include <fstream>
 #include <functional>
 #include <limits>
+#include <list>
 #include <map>
 #include <random>
 #include <sstream>
@@ -100,6 +101,11 @@ struct Row {
     double switchResidual = notMeasured;
     int runs = 0;
     std::string note;
+    // Our serial row only: medians of the per-round ratios peer / ours of the paired phase (interleaved
+    // rounds of our step and the fastest peers'), and the ratio refinement step / solve of ours.
+    double pairedGiven = notMeasured, pairedAmd = notMeasured, pairedSolve = notMeasured;
+    double refinePerSolve = notMeasured;
+    int pairedRounds = 0;
 };
 
 const char* sceneName(SceneKind kind) {
@@ -222,8 +228,12 @@ public:
         for (unsigned int k = 0; k < N_; ++k) b_[k] = std::sin(0.37 * k + 1.0);
         std::fprintf(stderr, "%s, %u blocks, N = %u\n", sceneName(kind_), problem_.numBlocks, N_);
 
+        const std::size_t first = rows.size();
         if (!runOurs(rows)) return false;
-        if (settings_.peers) runPeers(rows, notes, checkSupernodalOnSaddle);
+        if (settings_.peers) {
+            runPeers(rows, notes, checkSupernodalOnSaddle);
+            runPaired(rows, first);
+        }
         return true;
     }
 
@@ -418,6 +428,110 @@ private:
         Settings s = settings_;
         s.runs = 1;
         return s;
+    }
+
+    // The paired phase: the comparisons the goals are judged on, taken in interleaved rounds so that the
+    // machine's speed swings hit both sides of each ratio alike. Each round times, in a rotating order, our
+    // step (setBlocks + factorSerial in our order, then one solve), the fastest peer's factorization in our
+    // order, the fastest peer's in its own order and the fastest solve in our order (by the medians of the
+    // rows above; each peer a fresh instance, analysed once). The row of our serial factorization gets the
+    // medians of the per-round ratios peer / ours.
+    void runPaired(std::vector<Row>& rows, std::size_t first) {
+        Row* ours = nullptr;
+        const Row *given = nullptr, *amd = nullptr, *solver = nullptr;
+        for (std::size_t k = first; k < rows.size(); ++k) {
+            Row& row = rows[k];
+            if (row.tag == "ours") ours = &row;
+            if (row.ours || !std::isfinite(row.factor)) continue;
+            const Row*& best = row.given ? given : amd;
+            if (!best || row.factor < best->factor) best = &row;
+            if (row.given && std::isfinite(row.solve) && (!solver || row.solve < solver->solve))
+                solver = &row;
+        }
+        if (!ours) return;
+        if (std::isfinite(ours->solve) && std::isfinite(ours->refine))
+            ours->refinePerSolve = ours->refine / ours->solve;
+        if (!given && !amd) return;
+
+        Analysis::Report report = analyzer_.analyze(problemView(), ourOptions(), data_);
+        if (!report.ok) return;
+        tamber_.estimateWork(data_, nullptr);
+        ScalarMatrix regularised;
+        regularisedCopy(problem_, A_, -1e-8, regularised);
+        std::list<ScalarMatrix> twins;  // stable addresses
+        std::vector<PeerEntry> peers = makePeers();
+        // A fresh, analysed instance of the peer of `row` (nullptr when it cannot be made).
+        auto prepare = [&](const Row* row, std::unique_ptr<Peer>& out) -> const ScalarMatrix* {
+            if (!row) return nullptr;
+            for (PeerEntry& entry : peers) {
+                if (entry.peer && row->solver == entry.peer->name()) {
+                    ScalarMatrix* twin = nullptr;
+                    if (row->twin) {
+                        twins.emplace_back();
+                        positiveDefiniteTwin(A_, twins.back());
+                        twin = &twins.back();
+                    }
+                    const ScalarMatrix& M = twin ? *twin : row->given ? A_ : regularised;
+                    out = std::move(entry.peer);
+                    if (!out->analyze(M, row->given ? PeerOrdering::given : PeerOrdering::ownAmd,
+                                      scalarOrder_.data()))
+                        return nullptr;
+                    return &M;
+                }
+            }
+            return nullptr;
+        };
+        std::unique_ptr<Peer> givenPeer, amdPeer, solvePeer;
+        const ScalarMatrix* givenM = prepare(given, givenPeer);
+        peers = makePeers();
+        const ScalarMatrix* amdM = prepare(amd, amdPeer);
+        peers = makePeers();
+        const ScalarMatrix* solveM = prepare(solver, solvePeer);
+        if (solveM && !solvePeer->factor(*solveM)) solveM = nullptr;
+
+        std::vector<double> px(N_), x(N_), rGiven, rAmd, rSolve;
+        const int rounds = std::max(settings_.runs, 5);
+        for (int round = 0; round < rounds; ++round) {
+            double ourFactor = notMeasured, ourSolve = notMeasured, tGiven = notMeasured, tAmd = notMeasured,
+                   tSolve = notMeasured;
+            for (int part = 0; part < 4; ++part) {
+                const Clock::time_point start = Clock::now();
+                switch ((part + round) % 4) {
+                    case 0: {
+                        analyzer_.setBlocks(data_, problem_.values.data(), problem_.valuePointers.data());
+                        tamber_.factorSerial(data_);
+                        ourFactor = since(start);
+                        const Clock::time_point solveStart = Clock::now();
+                        analyzer_.permuteVector(b_.data(), px.data());
+                        TamberSolve::solve(data_, px.data());
+                        analyzer_.unpermuteVector(px.data(), x.data());
+                        ourSolve = since(solveStart);
+                        break;
+                    }
+                    case 1:
+                        if (givenM && givenPeer->factor(*givenM)) tGiven = since(start);
+                        break;
+                    case 2:
+                        if (amdM && amdPeer->factor(*amdM)) tAmd = since(start);
+                        break;
+                    case 3:
+                        if (solveM && solvePeer->solve(b_.data(), x.data())) tSolve = since(start);
+                        break;
+                }
+            }
+            if (std::isfinite(tGiven)) rGiven.push_back(tGiven / ourFactor);
+            if (std::isfinite(tAmd)) rAmd.push_back(tAmd / ourFactor);
+            if (std::isfinite(tSolve)) rSolve.push_back(tSolve / ourSolve);
+        }
+        ours->pairedGiven = median(rGiven);
+        ours->pairedAmd = median(rAmd);
+        ours->pairedSolve = median(rSolve);
+        ours->pairedRounds = rounds;
+    }
+
+    Analysis::Problem problemView() const {
+        return Analysis::Problem{problem_.numBlocks, problem_.firstConstraint, problem_.colPointers.data(),
+                                 problem_.rowIndices.data(), problem_.blockSizes.data()};
     }
 
     // RankMod: switch the chosen equations off and on again, batched; the residual of a solve with the
@@ -633,6 +747,10 @@ struct Summary {
     }
     double residual = notMeasured, cholmodResidual = notMeasured, bestAmdResidual = notMeasured;
     std::string bestAmdResidualPeer;
+    // From the paired phase (see SceneRun::runPaired): medians of per-round ratios peer / ours.
+    double pairedGiven = notMeasured, pairedAmd = notMeasured, pairedSolve = notMeasured;
+    double refinePerSolve = notMeasured;
+    int pairedRounds = 0;
 };
 
 void keepMin(double value, const std::string& who, double& best, std::string& bestWho) {
@@ -657,6 +775,11 @@ std::vector<Summary> summarise(const std::vector<Row>& rows) {
         if (row.tag == "ours") {
             s.serial = row.factor;
             s.solve = row.solve;
+            s.pairedGiven = row.pairedGiven;
+            s.pairedAmd = row.pairedAmd;
+            s.pairedSolve = row.pairedSolve;
+            s.refinePerSolve = row.refinePerSolve;
+            s.pairedRounds = row.pairedRounds;
             s.residual = row.residual;
             if (std::isfinite(row.switchOff)) s.rankMod = std::max(row.switchOff, row.switchOn);
         } else if (row.tag == "ours centroid") {
@@ -750,42 +873,53 @@ std::string verdict(bool met, const std::string& figure) {
     return std::string(met ? "✓ " : "✗ ") + figure;
 }
 
-// The goals set for this comparison, per scene and size, with the measured figure: factor (small scenes of
-// about 1,000 blocks: faster than the fastest peer; tree-like scenes from 10,000 blocks: at least 2× faster
-// than the fastest peer in either setting; high-fill scenes from 10,000 blocks: faster than every own-AMD
-// peer and within 2× of CHOLMOD's supernodal in our order), multifrontal on N threads faster than CHOLMOD's
-// supernodal in our order (from 10,000 blocks), solve at least as fast as the fastest peer's in our order,
-// RankMod at least 10× faster than the fastest refactorization, refined residual within 10× of CHOLMOD's in
-// our order and below every own-AMD peer's.
+// The goals set for this comparison, per scene and size, with the measured figure. Factor (assembly of the
+// values included): small scenes of about 1,000 blocks faster than the fastest peer; tree-like scenes from
+// 10,000 blocks at least 2× faster than the fastest peer in our order and than the fastest in its own order;
+// high-fill scenes from 10,000 blocks at least 1.5× faster than the fastest peer in its best setting.
+// Multifrontal on N threads faster than CHOLMOD's supernodal in our order (from 10,000 blocks). Solve at
+// least 1.2× faster than the fastest peer's in our order; one refinement step at most 1.5 solves. RankMod at
+// least 10× faster than the fastest refactorization. Refined residual within 10× of CHOLMOD's in our order
+// and below every own-AMD peer's. The factor and solve ratios are the paired ones (medians of per-round
+// ratios, interleaved) when the paired phase ran, the ratios of the medians otherwise.
 std::string targetTable(const std::vector<Summary>& summaries, unsigned int threads) {
     std::string t = "| scene | blocks | factor | MF " + std::to_string(threads) +
-                    " thr vs CHOLMOD super | solve | RankMod vs refactor | residual |\n"
-                    "|---|---:|---|---|---|---|---|\n";
+                    " thr vs CHOLMOD super | solve | refinement step | RankMod vs refactor | residual |\n"
+                    "|---|---:|---|---|---|---|---|---|\n";
     auto r = [](double a, double b) {
         return std::isfinite(a) && std::isfinite(b) && b > 0 ? a / b : notMeasured;
+    };
+    auto times = [](double v) {
+        if (!std::isfinite(v)) return std::string("—");
+        char text[32];
+        std::snprintf(text, sizeof(text), "%.2f×", v);
+        return std::string(text);
     };
     for (const Summary& s : summaries) {
         const bool treeLike = s.scene == "chain" || s.scene == "ragdolls";
         const bool large = s.target >= 10000, small = s.target <= 2000;
-        const double fastest = std::fmin(s.fastestGivenTime, s.fastestAmdTime);
+        const double given = std::isfinite(s.pairedGiven) ? s.pairedGiven : r(s.fastestGivenTime, s.serial);
+        const double amd = std::isfinite(s.pairedAmd) ? s.pairedAmd : r(s.fastestAmdTime, s.serial);
+        const double worst = std::fmin(given, amd);  // against the faster of the two settings
         std::string factor = "—", mf = "—";
-        if (std::isfinite(fastest) && small) {
-            factor = verdict(r(fastest, s.serial) > 1.0, "fastest peer / ours " + ratio(fastest, s.serial));
-        } else if (std::isfinite(fastest) && large && treeLike) {
-            factor = verdict(r(fastest, s.serial) >= 2.0,
-                             "fastest peer / ours " + ratio(fastest, s.serial) + " (goal ≥ 2×)");
-        } else if (std::isfinite(fastest) && large) {
-            const bool amd = r(s.fastestAmdTime, s.serial) > 1.0, super = r(s.serial, s.superGiven) <= 2.0;
+        if (std::isfinite(worst) && small) {
+            factor = verdict(worst > 1.0, "fastest peer / ours " + times(worst));
+        } else if (std::isfinite(worst) && large && treeLike) {
+            factor = verdict(given >= 2.0 && amd >= 2.0, "fastest peer / ours: our order " + times(given) +
+                                                             ", own AMD " + times(amd) + " (goal ≥ 2×)");
+        } else if (std::isfinite(worst) && large) {
             factor =
-                verdict(amd && super, "own-AMD peer / ours " + ratio(s.fastestAmdTime, s.serial) +
-                                          "; ours / super " + ratio(s.serial, s.superGiven) + " (goal ≤ 2×)");
+                verdict(worst >= 1.5, "fastest peer, best setting / ours " + times(worst) + " (goal ≥ 1.5×)");
         }
         if (large && std::isfinite(s.superGiven))
             mf = verdict(r(s.superGiven, s.mfN) > 1.0, "super / MF " + ratio(s.superGiven, s.mfN));
-        std::string solve = "—", update = "—", residual = "—";
-        if (std::isfinite(s.fastestSolveTime))
-            solve = verdict(r(s.fastestSolveTime, s.solve) >= 1.0,
-                            "fastest peer / ours " + ratio(s.fastestSolveTime, s.solve));
+        std::string solve = "—", refine = "—", update = "—", residual = "—";
+        const double solveRatio =
+            std::isfinite(s.pairedSolve) ? s.pairedSolve : r(s.fastestSolveTime, s.solve);
+        if (std::isfinite(solveRatio))
+            solve = verdict(solveRatio >= 1.2, "fastest peer / ours " + times(solveRatio) + " (goal ≥ 1.2×)");
+        if (std::isfinite(s.refinePerSolve))
+            refine = verdict(s.refinePerSolve <= 1.5, times(s.refinePerSolve) + " a solve (goal ≤ 1.5×)");
         if (std::isfinite(s.fastestRefactorTime))
             update = verdict(r(s.fastestRefactorTime, s.bestRankMod()) >= 10.0,
                              "refactor / RankMod " + ratio(s.fastestRefactorTime, s.bestRankMod()) +
@@ -795,7 +929,7 @@ std::string targetTable(const std::vector<Summary>& summaries, unsigned int thre
                 verdict(s.residual <= 10.0 * s.cholmodResidual && s.residual < s.bestAmdResidual,
                         sci(s.residual) + " vs " + sci(s.cholmodResidual) + " and " + sci(s.bestAmdResidual));
         t += "| " + s.scene + " | " + std::to_string(s.blocks) + " | " + factor + " | " + mf + " | " + solve +
-             " | " + update + " | " + residual + " |\n";
+             " | " + refine + " | " + update + " | " + residual + " |\n";
     }
     return t;
 }
@@ -829,7 +963,8 @@ void writeSummaryCsv(const std::string& path, const std::vector<Summary>& summar
            "ours_solve_ms,fastest_solve_our_order,fastest_solve_our_order_ms,rankmod_switch_ms,fastest_"
            "refactor,"
            "fastest_refactor_ms,cholmod_rowdel_rowadd_ms,ours_residual,cholmod_same_order_residual,"
-           "best_own_amd_residual,ours_serial_centroid_ms,rankmod_switch_centroid_ms\n";
+           "best_own_amd_residual,ours_serial_centroid_ms,rankmod_switch_centroid_ms,paired_factor_our_order,"
+           "paired_factor_own_amd,paired_solve_our_order,paired_rounds,ours_refine_per_solve\n";
     for (const Summary& s : summaries)
         out << s.scene << ',' << s.blocks << ',' << s.N << ',' << csvNumber(s.serial * 1e3) << ','
             << csvNumber(s.mf1 * 1e3) << ',' << csvNumber(s.mfN * 1e3) << ',' << csvText(s.fastestGiven)
@@ -840,7 +975,9 @@ void writeSummaryCsv(const std::string& path, const std::vector<Summary>& summar
             << csvText(s.fastestRefactor) << ',' << csvNumber(s.fastestRefactorTime * 1e3) << ','
             << csvNumber(s.cholmodRows * 1e3) << ',' << csvNumber(s.residual) << ','
             << csvNumber(s.cholmodResidual) << ',' << csvNumber(s.bestAmdResidual) << ','
-            << csvNumber(s.serialCentroid * 1e3) << ',' << csvNumber(s.rankModCentroid * 1e3) << '\n';
+            << csvNumber(s.serialCentroid * 1e3) << ',' << csvNumber(s.rankModCentroid * 1e3) << ','
+            << csvNumber(s.pairedGiven) << ',' << csvNumber(s.pairedAmd) << ',' << csvNumber(s.pairedSolve)
+            << ',' << s.pairedRounds << ',' << csvNumber(s.refinePerSolve) << '\n';
 }
 
 bool commandWorks(const std::string& command) {
@@ -1069,11 +1206,15 @@ int main(int argc, char** argv) {
     if (settings.peers && !available.empty())
         text +=
             "\n### Goals\n\n" + targetTable(summaries, settings.threads) +
-            "\nFactor goal: about 1,000 blocks, faster than the fastest peer; chain and ragdolls from 10,000 "
-            "blocks, at least 2× faster than the fastest peer in either setting; cloth and box wall from "
-            "10,000 blocks, faster than every peer with its own AMD and within 2× of CHOLMOD's supernodal "
-            "in our order. Residual: ours vs CHOLMOD simplicial in our order (goal: within 10×) and vs the "
-            "best own-AMD peer (goal: below).\n";
+            "\nFactor goal (assembly of the values included): about 1,000 blocks, faster than the fastest "
+            "peer; chain and ragdolls from 10,000 blocks, at least 2× faster than the fastest peer in our "
+            "order and than the fastest in its own order; cloth and box wall from 10,000 blocks, at least "
+            "1.5× faster than the fastest peer in its best setting. Solve goal: at least 1.2× faster than "
+            "the fastest peer in our order; a refinement step at most 1.5 solves (ours). The factor and "
+            "solve ratios here are paired: after the rows below, our step and the fastest peers' run in "
+            "interleaved rounds (the order rotating) and each figure is the median of the per-round ratios, "
+            "so that the machine's speed swings fall on both sides alike. Residual: ours vs CHOLMOD "
+            "simplicial in our order (goal: within 10×) and vs the best own-AMD peer (goal: below).\n";
     text += "\n### Every solver\n\n" + fullTable(rows);
     text +=
         "\nOrders: \"ours\" is our analysis's elimination order expanded to scalars, on the saddle-point "
