@@ -108,6 +108,9 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     lastTile = numBlocks == 0 ? nullptr : U.blockPointers[numBlocks - 1];
     forward.clear();
     backward.clear();
+    // At most one step per tile and column in each pass: reserved once, no growth on the way.
+    forward.reserve(numBlocks);
+    backward.reserve(numBlocks);
     // The last column runs scalar when its size is odd (its padding column would reach past x).
     scalarColumn = n > 0 && (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
     // Per column: the step of off-diagonal tile k (container index) or of the diagonal tile.
