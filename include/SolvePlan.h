@@ -10,6 +10,13 @@
 // The steps call the paired kernels of the tile solve in the same order, so a planned solve gives the same
 // bits.
 //
+// The diagonal solve runs inside the forward pass: a block is divided by its pivots right after the last
+// forward step that reads it, while the pass waits on the chain of dependent entries anyway. Every entry
+// is divided once, after its forward solve and before the backward pass touches it, as in the three passes
+// one after the other; the only difference lies in the zero padding products of an odd size, which may
+// read a neighbour's entry divided already: the same zero for finite values, but with a zero or non-finite
+// pivot the planned solve can meet NaN or infinity in other entries than the three passes.
+//
 // The plan holds pointers into the factor's value storage, not values: a new factorization, RankMod and the
 // other modifications of the values in place leave it valid. It is made by the first double solve after
 // the layout changed and is cleared by whatever lays out the factor anew (estimateWork and a factorization
@@ -35,6 +42,14 @@ public:
         unsigned int target;     // scalar offset of x_j
         unsigned int si, sj;     // s_i (off-diagonal tile), s_j
         unsigned int ldi, ldj;   // leading dimensions of B_ij and U_jj
+        // Forward steps: the blocks divided by their pivots right after this step, divisions[firstDivision
+        // … endDivision−1] (empty but for the last step of a column).
+        unsigned int firstDivision, endDivision;
+    };
+    // A block x_b ← x_b / d_b of the diagonal solve: its scalar offset and size.
+    struct Division {
+        unsigned int offset;
+        unsigned int size;
     };
 
     // 1 while the steps describe the layout they were made for.
@@ -48,6 +63,13 @@ public:
     unsigned int scalarColumn = 0;
     kiv::VectorPOD<Step> forward;  // columns 0 … in order, each: off-diagonal tiles, then its diagonal tile
     kiv::VectorPOD<Step> backward;  // columns … 0, each: its diagonal tile, then its off-diagonal tiles
+    // Every block once, grouped by the forward step after which it is divided: the last step of the last
+    // column that reads it in the forward pass (its own column when no later one does); the blocks last read
+    // by the column solved with scalar loops come last, from tailDivision on.
+    kiv::VectorPOD<Division> divisions;
+    unsigned int tailDivision = 0;
+    kiv::VectorPOD<unsigned int> lastReader;   // [n] workspace of make
+    kiv::VectorPOD<unsigned int> columnStart;  // [n + 1] workspace of make
 
     // isMade = 0; keeps every allocation.
     void clear() { isMade = 0; }

@@ -116,15 +116,45 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     // Per column: the step of off-diagonal tile k (container index) or of the diagonal tile.
     auto tileStep = [&U](unsigned int k, unsigned int j) {
         const unsigned int i = U.rowIndices[k];
-        return Step{nullptr,           U.blockPointers[k], nullptr,
-                    U.blockOffsets[i], U.blockOffsets[j],  U.blockSizes[i],
-                    U.blockSizes[j],   U.blockStrides[i],  U.blockStrides[j]};
+        return Step{nullptr,
+                    U.blockPointers[k],
+                    nullptr,
+                    U.blockOffsets[i],
+                    U.blockOffsets[j],
+                    U.blockSizes[i],
+                    U.blockSizes[j],
+                    U.blockStrides[i],
+                    U.blockStrides[j],
+                    0,
+                    0};
     };
     auto diagonalStep = [&U](unsigned int j) {
         const unsigned int diag = U.colPointers[j + 1] - 1;
         return Step{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, U.blockSizes[j],
-                    0,       U.blockStrides[j]};
+                    0,       U.blockStrides[j],     0,       0};
     };
+    // The divisions, bucketed by the column that reads each block last in the forward pass: lastReader[c]
+    // first counts column c's blocks, then becomes the start of its bucket.
+    lastReader.resize(n);
+    for (unsigned int b = 0; b < n; ++b) lastReader[b] = b;
+    for (unsigned int j = 0; j < n; ++j)
+        for (unsigned int k = U.colPointers[j]; k + 1 < U.colPointers[j + 1]; ++k) {
+            unsigned int& last = lastReader[U.rowIndices[k]];
+            if (last < j) last = j;
+        }
+    divisions.resize(n);
+    {
+        kiv::VectorPOD<unsigned int>& start = columnStart;
+        start.resize(n + 1);
+        for (unsigned int c = 0; c <= n; ++c) start[c] = 0;
+        for (unsigned int b = 0; b < n; ++b) ++start[lastReader[b] + 1];
+        for (unsigned int c = 0; c < n; ++c) start[c + 1] += start[c];
+        for (unsigned int b = 0; b < n; ++b)
+            divisions[start[lastReader[b]]++] = Division{U.blockOffsets[b], U.blockSizes[b]};
+        // start[c] is now the end of bucket c, that is the start of bucket c + 1.
+    }
+    auto bucketBegin = [this](unsigned int c) { return c == 0 ? 0u : columnStart[c - 1]; };
+    tailDivision = scalarColumn < n ? bucketBegin(scalarColumn) : static_cast<unsigned int>(n);
     auto pair = [](const Step& t) { return (t.si - 1) * fixedSizes + (t.sj - 1); };
     // A column's diagonal tile shares the step of the off-diagonal tile next to it in the pass (the last one
     // forward, the first one backward) when both have fixed steps: x_j passes from one to the other without
@@ -145,10 +175,13 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
             }
             forward.push_back(t);
         }
-        if (joined) continue;
-        Step d = diagonalStep(j);
-        d.run = fixedJ ? forwardDiagonals[d.sj - 1] : &forwardDiagonalAnySize;
-        forward.push_back(d);
+        if (!joined) {
+            Step d = diagonalStep(j);
+            d.run = fixedJ ? forwardDiagonals[d.sj - 1] : &forwardDiagonalAnySize;
+            forward.push_back(d);
+        }
+        forward.back().firstDivision = bucketBegin(j);
+        forward.back().endDivision = columnStart[j];
     }
     for (unsigned int j = scalarColumn; j-- > 0;) {
         const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;

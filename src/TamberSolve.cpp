@@ -99,15 +99,43 @@ const SolvePlan& planOf(const TamberData<double>& data) {
     return data.solvePlan;
 }
 
-void plannedForward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+// x_b ← x_b / d_b on one block (the diagonal solve's operation).
+inline void divideBlock(double* x, const double* d, unsigned int size) {
+    for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
+}
+
+// The forward pass; with `divide` also the diagonal solve, each block right after the last forward step that
+// reads it (see SolvePlan.h). divide requires data.diagonal.size = N.
+void plannedForward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
+                    bool divide) {
     const SolvePlan& plan = planOf(data);
-    for (const SolvePlan::Step& step : plan.forward)
+    const SolvePlan::Division* divisions = plan.divisions.data();
+    const double* d = data.diagonal.data;
+    for (const SolvePlan::Step& step : plan.forward) {
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
+        if (!divide) continue;
+        for (unsigned int t = step.firstDivision; t < step.endDivision; ++t) {
+            const SolvePlan::Division b = divisions[t];
+            for (unsigned int r = 0; r < numRhs; ++r)
+                divideBlock(x + r * ld + b.offset, d + b.offset, b.size);
+        }
+    }
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
     if (plan.scalarColumn < n) {
         for (unsigned int r = 0; r < numRhs; ++r)
             forwardColumnScalar(data.factor, x + r * ld, n - 1, data.factor.blockSizes[n - 1]);
     }
+    if (!divide) return;
+    for (unsigned int t = plan.tailDivision; t < n; ++t) {
+        const SolvePlan::Division b = divisions[t];
+        for (unsigned int r = 0; r < numRhs; ++r) divideBlock(x + r * ld + b.offset, d + b.offset, b.size);
+    }
+}
+
+// True when the forward pass can do the diagonal solve: the pivots are N values, N those of the plan.
+inline bool divideInForward(const TamberData<double>& data) {
+    const SolvePlan& plan = planOf(data);
+    return data.diagonal.size == plan.N;
 }
 
 void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
@@ -357,23 +385,27 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
 }
 
 bool solve(const TamberData<double>& data, double* x) {
-    plannedForward(data, x, 1, 0);
-    diagSolve(data.diagonal, x);
+    const bool divide = divideInForward(data);
+    plannedForward(data, x, 1, 0, divide);
+    if (!divide) diagSolve(data.diagonal, x);
     plannedBackward(data, x, 1, 0);
     return true;
 }
 
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
-    plannedForward(data, x.data, 1, 0);
-    diagSolve(data.diagonal, x);
+    const bool divide = divideInForward(data) && x.size == data.diagonal.size;
+    plannedForward(data, x.data, 1, 0, divide);
+    if (!divide) diagSolve(data.diagonal, x);
     plannedBackward(data, x.data, 1, 0);
     return true;
 }
 
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
     if (numRhs == 1) return solve(data, x);
-    plannedForward(data, x, numRhs, ld);
-    for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
+    const bool divide = divideInForward(data);
+    plannedForward(data, x, numRhs, ld, divide);
+    if (!divide)
+        for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
     plannedBackward(data, x, numRhs, ld);
     return true;
 }
