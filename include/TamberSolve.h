@@ -101,9 +101,12 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 
 // x ← A⁻¹·x: forwardSolve(data.factor, x), diagSolve(data.diagonal, x), backwardTSolve(data.factor, x), in
 // that order. x: in/out, N doubles. Returns true.
-// The two triangular passes run as the steps of data.solvePlan (SolvePlan.h), made here first when the
-// factor's layout is not the one it was made for: the steps of forwardSolve and backwardTSolve on the same
-// tiles in the same order, so the same bits.
+// The passes run as the steps of data.solvePlan (SolvePlan.h), made here first when the factor's layout is
+// not the one it was made for: the steps of forwardSolve and backwardTSolve on the same tiles in the same
+// order, with the divisions of diagSolve done inside the forward pass (each block after the last step that
+// reads it; the separate pass when data.diagonal does not hold N pivots). The result is the three calls'
+// bit for bit whenever no pivot is zero or non-finite; with such a pivot both are non-finite, though not
+// necessarily in the same entries (see SolvePlan.h).
 //
 // Tamber::solve<double>(data, x) is exactly this call, on purpose unlike Tamber::solve<float>: it does not
 // factor when data.isFactored is 0, does not check for an empty factor, does not skip leading zero blocks
