@@ -231,7 +231,9 @@ extern template bool findBadPivot<double>(const TamberData<double>&, PivotReport
 // x ← x0 and stop: one diverging step discards every correction made so far, on purpose; otherwise remember
 // ‖r‖₂, solve A·δ = r with solve<double> (which does not factor: factor beforehand) and add x ← x + δ. There
 // is no tolerance test: a converged iteration runs to maxIterations, and an initial residual above 1.0e9
-// leaves x unchanged. maxIterations ≤ 0 does nothing.
+// leaves x unchanged. maxIterations ≤ 0 does nothing. ‖r‖₂² is summed in four partial sums (the entries k
+// with k mod 4 = 0, 1, 2, 3, each ascending), added as (s0 + s1) + (s2 + s3). The entry copy x0 is taken
+// only when maxIterations > 1 (a first step that diverges has not moved x).
 //
 // None of these allocates after its first call on a system of a given size: all work arrays come from the
 // scratch pad.

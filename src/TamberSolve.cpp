@@ -589,24 +589,40 @@ void Tamber::iterativeRefinement(TamberData<double>& data, const double* b, doub
     const unsigned long N = scalarDimension(data.matrix);
     double* r = data.scratchPad.getDoubleArray(TamberSolve::refinementResidualSlot, N);
     double* x0 = data.scratchPad.getDoubleArray(TamberSolve::refinementEntrySlot, N);
-    if (N > 0) std::memcpy(x0, x, N * sizeof(double));
+    // The entry copy is needed only when a later step can diverge after x has moved.
+    if (N > 0 && maxIterations > 1) std::memcpy(x0, x, N * sizeof(double));
     double previousNorm = 1.0e9;
     for (int iteration = 0; iteration < maxIterations; ++iteration) {
         data.matrix.multiply(x, r);
-        double sum = 0.0;
-        for (unsigned long k = 0; k < N; ++k) {
-            r[k] = b[k] - r[k];  // r = b − A·x
-            sum += r[k] * r[k];
+        // ‖r‖² in four partial sums (entries k mod 4), added at the end: one chain of N dependent additions
+        // would cost more than the product.
+        double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+        unsigned long k = 0;
+        for (; k + 4 <= N; k += 4) {
+            const double r0 = b[k] - r[k], r1 = b[k + 1] - r[k + 1];  // r = b − A·x
+            const double r2 = b[k + 2] - r[k + 2], r3 = b[k + 3] - r[k + 3];
+            r[k] = r0;
+            r[k + 1] = r1;
+            r[k + 2] = r2;
+            r[k + 3] = r3;
+            s0 += r0 * r0;
+            s1 += r1 * r1;
+            s2 += r2 * r2;
+            s3 += r3 * r3;
         }
-        const double norm = std::sqrt(sum);
+        for (; k < N; ++k) {
+            r[k] = b[k] - r[k];
+            s0 += r[k] * r[k];
+        }
+        const double norm = std::sqrt((s0 + s1) + (s2 + s3));
         if (norm > previousNorm) {
-            // Diverging: back to the entry value of x, not to the previous iterate.
-            if (N > 0) std::memcpy(x, x0, N * sizeof(double));
+            // Diverging: back to the entry value of x, not to the previous iterate (unchanged in step 0).
+            if (N > 0 && iteration > 0) std::memcpy(x, x0, N * sizeof(double));
             return;
         }
         previousNorm = norm;
         solve<double>(data, r);  // δ = A⁻¹·r
-        for (unsigned long k = 0; k < N; ++k) x[k] += r[k];
+        for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
     }
 }
 
