@@ -56,8 +56,8 @@ int main(int argc, char** argv) {
     std::printf(
         "| scene | blocks | N | tiles | tile solve ms | planned solve ms | tile / planned | "
         "planned, per vector of 4, ms | making the plan ms | factor ms | forward ms | diagonal ms | "
-        "backward ms | permutations of b and x ms |\n");
-    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
+        "backward ms | permutations of b and x ms | A·x ms | refinement step ms |\n");
+    std::printf("|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|---|\n");
     for (SceneKind kind : {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall}) {
         scenes::BlockProblem problem;
         auto scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, target));
@@ -84,7 +84,8 @@ int main(int argc, char** argv) {
 
         std::vector<double> b(N), x1(N), x2(N), xs(4 * N);
         for (unsigned int k = 0; k < N; ++k) b[k] = std::sin(0.37 * k + 1.0);
-        std::vector<double> tile, planned, many, make, factor, forward, diagonal, backward, permutations;
+        std::vector<double> tile, planned, many, make, factor, forward, diagonal, backward, permutations,
+            product, refinement;
         bool same = true;
         for (int r = 0; r < runs; ++r) {
             if (mode != "planned") {
@@ -122,6 +123,13 @@ int main(int argc, char** argv) {
             diagonal.push_back(seconds(t1, t2));
             backward.push_back(seconds(t2, t3));
             t0 = Clock::now();
+            data.matrix.multiply(b.data(), x1.data());
+            product.push_back(seconds(t0, Clock::now()));
+            x2 = b;
+            t0 = Clock::now();
+            tamber.iterativeRefinement(data, b.data(), x2.data(), 1);
+            refinement.push_back(seconds(t0, Clock::now()));
+            t0 = Clock::now();
             analyzer.permuteVector(b.data(), x1.data());
             analyzer.unpermuteVector(x1.data(), x2.data());
             permutations.push_back(seconds(t0, Clock::now()));
@@ -131,11 +139,12 @@ int main(int argc, char** argv) {
         }
         const double t = medianMs(tile), q = medianMs(planned);
         std::printf(
-            "| %s | %u | %u | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f | %.4f | %.4f "
-            "|%s\n",
+            "| %s | %u | %u | %lu | %.4f | %.4f | %.2f | %.4f | %.4f | %.4f | %.4f | %.4f | %.4f | %.4f | "
+            "%.4f | "
+            "%.4f |%s\n",
             scene->name(), n, N, tiles, t, q, q > 0.0 ? t / q : 0.0, medianMs(many), medianMs(make),
             medianMs(factor), medianMs(forward), medianMs(diagonal), medianMs(backward),
-            medianMs(permutations), same ? "" : " DIFFERENT BITS");
+            medianMs(permutations), medianMs(product), medianMs(refinement), same ? "" : " DIFFERENT BITS");
     }
     return 0;
 }
