@@ -1,14 +1,15 @@
 // The order of work of the double solves over one layout of the factor, made once per layout.
 //
-// A pass of TamberSolve::solve over the tiles of `factor` spends as many instructions on finding its way
-// (column and tile indices, sizes, strides, offsets, the choice of kernel per tile, a call per tile) as on
-// the arithmetic of the small tiles of physics systems. None of that depends on the values: the tiles of a
-// factor stay where Tamber::estimateWork put them from one factorization to the next while the structure
-// stays. SolvePlan lists, per pass, the steps of the solve in the order they run, each with its kernel
-// (size-specialised, the leading dimensions fixed at compile time; a diagonal tile shares the step of the
-// off-diagonal tile next to it in the pass when both sizes are at most 6), its tiles and its slices of x.
-// The steps call the paired kernels of the tile solve in the same order, so a planned solve gives the same
-// bits.
+// A pass of TamberSolve::solve over the tiles of `factor` spends a third of its instructions on finding its
+// way (column and tile indices, sizes, strides, offsets, the choice of kernel per tile, a call per tile),
+// and on the small tiles of physics systems it waits on the chain of dependent entries more than it
+// computes: x_j goes through memory from each kernel to the next. None of the way depends on the values:
+// the tiles of a factor stay where Tamber::estimateWork put them from one factorization to the next while
+// the structure stays. SolvePlan lists, per pass, the steps of the solve in the order they run, each with
+// its kernel (size-specialised, the leading dimensions fixed at compile time; a diagonal tile shares the
+// step of the off-diagonal tile next to it in the pass when both sizes are at most 6, x_j passing between
+// the two in registers), its tiles and its slices of x. The steps call the paired kernels of the tile solve
+// in the same order, so a planned solve gives the same bits.
 //
 // The diagonal solve runs inside the forward pass: a block is divided by its pivots right after the last
 // forward step that reads it, while the pass waits on the chain of dependent entries anyway. Every entry
@@ -21,7 +22,9 @@
 // other modifications of the values in place leave it valid. It is made by the first double solve after
 // the layout changed and is cleared by whatever lays out the factor anew (estimateWork and a factorization
 // that meets another structure); a solve also makes it again when the factor's block counts, scalar
-// dimension, value storage or last tile differ from the ones it was made for.
+// dimension, value storage or last tile differ from the ones it was made for. A caller who lays out
+// data.factor by other means calls data.solvePlan.clear() before the next double solve. Making a plan
+// costs O(n + tiles), about a third of a solve.
 #ifndef KIVTAMBER_SOLVEPLAN_H
 #define KIVTAMBER_SOLVEPLAN_H
 

@@ -60,8 +60,9 @@ public:
     // pattern, the block sizes or the thread count differ from what it was prepared for.
     MultifrontManager<T> multifront;
     // The steps of the double solves over the layout of `factor` (see SolvePlan.h): made by the first
-    // TamberSolve::solve or solveMany after the layout changed, cleared where the factor is laid out anew.
-    // Written by those const solves (one thread per system, as everything here).
+    // TamberSolve::solve or solveMany after the layout changed, cleared where the library lays the factor
+    // out anew (a caller who lays it out by other means clears it). Written by those const solves (one
+    // thread per system, as everything here).
     mutable SolvePlan solvePlan;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
