@@ -24,7 +24,7 @@
 // that meets another structure); a solve also makes it again when the factor's block counts, scalar
 // dimension, value storage or last tile differ from the ones it was made for. A caller who lays out
 // data.factor by other means calls data.solvePlan.clear() before the next double solve. Making a plan
-// costs O(n + tiles), about a third of a solve.
+// costs O(n + tiles), about half a solve on the scene systems.
 #ifndef KIVTAMBER_SOLVEPLAN_H
 #define KIVTAMBER_SOLVEPLAN_H
 
