@@ -7,9 +7,11 @@
 // the tiles of a factor stay where Tamber::estimateWork put them from one factorization to the next while
 // the structure stays. SolvePlan lists, per pass, the steps of the solve in the order they run, each with
 // its kernel (size-specialised, the leading dimensions fixed at compile time; a diagonal tile shares the
-// step of the off-diagonal tile next to it in the pass when both sizes are at most 6, x_j passing between
-// the two in registers), its tiles and its slices of x. The steps call the paired kernels of the tile solve
-// in the same order, so a planned solve gives the same bits.
+// step of the last off-diagonal tile of its column when both sizes are at most 6, x_j passing between the
+// two in registers), its tile and its slices of x, in 40 bytes. The steps call the paired kernels of the
+// tile solve with the same operations on every entry in the same order, so a planned solve gives the same
+// bits (the backward pass takes the last tile of a column right after the diagonal tile: the tiles of a
+// column update different blocks).
 //
 // The diagonal solve runs inside the forward pass: a block is divided by its pivots right after the last
 // forward step that reads it, while the pass waits on the chain of dependent entries anyway. Every entry
@@ -39,12 +41,12 @@ public:
     // One step of a pass: run(step, x) applies it to the right-hand side x (N doubles).
     struct Step {
         void (*run)(const Step& step, double* x);
-        const double* tile;      // the off-diagonal tile B_ij, or the diagonal tile U_jj of a diagonal step
-        const double* diagonal;  // U_jj of a step that also does its column's diagonal tile; else null
-        unsigned int source;     // scalar offset of x_i (off-diagonal tile); 0 for a diagonal step
-        unsigned int target;     // scalar offset of x_j
-        unsigned int si, sj;     // s_i (off-diagonal tile), s_j
-        unsigned int ldi, ldj;   // leading dimensions of B_ij and U_jj
+        // The off-diagonal tile B_ij, or the diagonal tile U_jj of a step of the diagonal tile alone. A step
+        // of both has the last off-diagonal tile of column j here, which U_jj follows in storage.
+        const double* tile;
+        unsigned int source;  // scalar offset of x_i (off-diagonal tile); 0 for a diagonal step
+        unsigned int target;  // scalar offset of x_j
+        unsigned int si, sj;  // s_i (off-diagonal tile; 0 for a diagonal step), s_j
         // Forward steps: the blocks divided by their pivots right after this step, divisions[firstDivision
         // … endDivision−1] (empty but for the last step of a column).
         unsigned int firstDivision, endDivision;
@@ -55,8 +57,11 @@ public:
         unsigned int size;
     };
 
-    // 1 while the steps describe the layout they were made for.
+    // 1 while the plan describes the layout it was made for.
     unsigned char isMade = 0;
+    // 1 when the steps were made: every leading dimension of the layout is the padded block size. 0 (the
+    // solves then run over the tiles) otherwise.
+    unsigned char usable = 0;
     // The layout they were made for: block columns, blocks, scalar dimension, value storage, last tile.
     unsigned long numBlockCols = 0, numBlocks = 0;
     unsigned int N = 0;

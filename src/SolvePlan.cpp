@@ -13,8 +13,8 @@ namespace {
 
 using Step = SolvePlan::Step;
 
-constexpr int padded(int s) {
-    return (s + 1) & ~1;
+constexpr unsigned int padded(unsigned int s) {
+    return (s + 1) & ~1u;
 }
 
 // Forward steps: x_j ← x_j − B_ijᵀ·x_i, x_j ← U_jj⁻ᵀ·x_j, or both in turn. Each is flattened (the paired
@@ -28,17 +28,17 @@ template <int SI, int SJ>
 [[gnu::flatten]] void forwardTileAndDiagonal(const Step& s, double* x) {
     double* xj = x + s.target;
     kernels::forwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), x + s.source, xj);
-    kernels::forwardDiagonalFixed<SJ>(s.diagonal, padded(SJ), xj);
+    kernels::forwardDiagonalFixed<SJ>(s.tile + padded(SI) * padded(SJ), padded(SJ), xj);  // U_jj follows
 }
 template <int SJ>
 [[gnu::flatten]] void forwardDiagonal(const Step& s, double* x) {
     kernels::forwardDiagonalFixed<SJ>(s.tile, padded(SJ), x + s.target);
 }
 void forwardTileAnySize(const Step& s, double* x) {
-    kernels::forwardOffDiagonalStep(s.tile, s.ldi, x + s.source, s.si, x + s.target, s.sj);
+    kernels::forwardOffDiagonalStep(s.tile, padded(s.si), x + s.source, s.si, x + s.target, s.sj);
 }
 void forwardDiagonalAnySize(const Step& s, double* x) {
-    kernels::forwardDiagonalStep(s.tile, s.ldj, x + s.target, s.sj);
+    kernels::forwardDiagonalStep(s.tile, padded(s.sj), x + s.target, s.sj);
 }
 
 // Backward steps: x_j ← U_jj⁻¹·x_j, x_i ← x_i − B_ij·x_j, or both in turn.
@@ -49,7 +49,7 @@ template <int SI, int SJ>
 template <int SI, int SJ>
 [[gnu::flatten]] void backwardDiagonalAndTile(const Step& s, double* x) {
     double* xj = x + s.target;
-    kernels::backwardDiagonalFixed<SJ>(s.diagonal, padded(SJ), xj);
+    kernels::backwardDiagonalFixed<SJ>(s.tile + padded(SI) * padded(SJ), padded(SJ), xj);  // U_jj follows
     kernels::backwardOffDiagonalFixed<SI, SJ>(s.tile, padded(SI), xj, x + s.source);
 }
 template <int SJ>
@@ -57,10 +57,10 @@ template <int SJ>
     kernels::backwardDiagonalFixed<SJ>(s.tile, padded(SJ), x + s.target);
 }
 void backwardTileAnySize(const Step& s, double* x) {
-    kernels::backwardOffDiagonalStep(s.tile, s.ldi, x + s.target, s.sj, x + s.source, s.si);
+    kernels::backwardOffDiagonalStep(s.tile, padded(s.si), x + s.target, s.sj, x + s.source, s.si);
 }
 void backwardDiagonalAnySize(const Step& s, double* x) {
-    kernels::backwardDiagonalStep(s.tile, s.ldj, x + s.target, s.sj);
+    kernels::backwardDiagonalStep(s.tile, padded(s.sj), x + s.target, s.sj);
 }
 
 using Run = void (*)(const Step&, double*);
@@ -84,9 +84,9 @@ constexpr Run forwardDiagonals[6] = {&forwardDiagonal<1>, &forwardDiagonal<2>, &
 constexpr Run backwardDiagonals[6] = {&backwardDiagonal<1>, &backwardDiagonal<2>, &backwardDiagonal<3>,
                                       &backwardDiagonal<4>, &backwardDiagonal<5>, &backwardDiagonal<6>};
 
-// True when s has steps of its own and its tiles have the leading dimension those steps fix.
-inline bool fixed(unsigned int s, unsigned int ld) {
-    return s - 1 < fixedSizes && ld == static_cast<unsigned int>(padded(static_cast<int>(s)));
+// True when s has steps of its own.
+inline bool fixed(unsigned int s) {
+    return s - 1 < fixedSizes;
 }
 
 }  // namespace
@@ -111,6 +111,14 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     // At most one step per tile and column in each pass: reserved once, no growth on the way.
     forward.reserve(numBlocks);
     backward.reserve(numBlocks);
+    // The kernels take every leading dimension to be the padded size (the layout of estimateWork).
+    usable = 0;
+    for (unsigned int j = 0; j < n; ++j)
+        if (U.blockStrides[j] != padded(U.blockSizes[j])) {
+            isMade = 1;
+            return;
+        }
+    usable = 1;
     // The last column runs scalar when its size is odd (its padding column would reach past x).
     scalarColumn = n > 0 && (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
     // Per column: the step of off-diagonal tile k (container index) or of the diagonal tile.
@@ -118,20 +126,23 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
         const unsigned int i = U.rowIndices[k];
         return Step{nullptr,
                     U.blockPointers[k],
-                    nullptr,
                     U.blockOffsets[i],
                     U.blockOffsets[j],
                     U.blockSizes[i],
                     U.blockSizes[j],
-                    U.blockStrides[i],
-                    U.blockStrides[j],
                     0,
                     0};
     };
     auto diagonalStep = [&U](unsigned int j) {
         const unsigned int diag = U.colPointers[j + 1] - 1;
-        return Step{nullptr, U.blockPointers[diag], nullptr, 0, U.blockOffsets[j], 0, U.blockSizes[j],
-                    0,       U.blockStrides[j],     0,       0};
+        return Step{nullptr, U.blockPointers[diag], 0, U.blockOffsets[j], 0, U.blockSizes[j], 0, 0};
+    };
+    // Tile k of column j is directly followed in storage by the diagonal tile of the column (as the layout
+    // of Tamber::estimateWork places them).
+    auto follows = [&U](unsigned int k, unsigned int j) {
+        const unsigned long extent =
+            static_cast<unsigned long>(padded(U.blockSizes[U.rowIndices[k]])) * padded(U.blockSizes[j]);
+        return U.blockPointers[k + 1] == U.blockPointers[k] + extent;
     };
     // The divisions, bucketed by the column that reads each block last in the forward pass: lastReader[c]
     // first counts column c's blocks, then becomes the start of its bucket.
@@ -156,23 +167,22 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     auto bucketBegin = [this](unsigned int c) { return c == 0 ? 0u : columnStart[c - 1]; };
     tailDivision = scalarColumn < n ? bucketBegin(scalarColumn) : static_cast<unsigned int>(n);
     auto pair = [](const Step& t) { return (t.si - 1) * fixedSizes + (t.sj - 1); };
-    // A column's diagonal tile shares the step of the off-diagonal tile next to it in the pass (the last one
-    // forward, the first one backward) when both have fixed steps: x_j passes from one to the other without
-    // a store and a load in between.
+    // A column's diagonal tile shares the step of its last off-diagonal tile, which it follows in storage,
+    // when both have fixed steps: x_j passes between the two kernels in registers. Forward, that step comes
+    // last in the column (the tiles in storage order, then the diagonal tile); backward, it comes first (the
+    // diagonal tile, then the last tile, then the others in storage order: the tiles of one column update
+    // different blocks, so their order does not change any entry).
     for (unsigned int j = 0; j < scalarColumn; ++j) {
         const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;
-        const bool fixedJ = fixed(U.blockSizes[j], U.blockStrides[j]);
+        const bool fixedJ = fixed(U.blockSizes[j]);
         bool joined = false;
         for (unsigned int k = first; k < diag; ++k) {
             Step t = tileStep(k, j);
-            const bool fixedTile = fixedJ && fixed(t.si, t.ldi);
-            joined = k + 1 == diag && fixedTile;
-            if (joined) {
-                t.diagonal = U.blockPointers[diag];
-                t.run = forwardColumns[pair(t)];
-            } else {
-                t.run = fixedTile ? forwardTiles[pair(t)] : &forwardTileAnySize;
-            }
+            const bool fixedTile = fixedJ && fixed(t.si);
+            joined = k + 1 == diag && fixedTile && follows(k, j);
+            t.run = joined      ? forwardColumns[pair(t)]
+                    : fixedTile ? forwardTiles[pair(t)]
+                                : &forwardTileAnySize;
             forward.push_back(t);
         }
         if (!joined) {
@@ -185,11 +195,10 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     }
     for (unsigned int j = scalarColumn; j-- > 0;) {
         const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;
-        const bool fixedJ = fixed(U.blockSizes[j], U.blockStrides[j]);
-        unsigned int k = first;
-        if (k < diag && fixedJ && fixed(U.blockSizes[U.rowIndices[k]], U.blockStrides[U.rowIndices[k]])) {
-            Step t = tileStep(k++, j);
-            t.diagonal = U.blockPointers[diag];
+        const bool fixedJ = fixed(U.blockSizes[j]);
+        unsigned int end = diag;  // the tiles first … end−1 follow the first step
+        if (first < diag && fixedJ && fixed(U.blockSizes[U.rowIndices[diag - 1]]) && follows(diag - 1, j)) {
+            Step t = tileStep(--end, j);
             t.run = backwardColumns[pair(t)];
             backward.push_back(t);
         } else {
@@ -197,9 +206,9 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
             d.run = fixedJ ? backwardDiagonals[d.sj - 1] : &backwardDiagonalAnySize;
             backward.push_back(d);
         }
-        for (; k < diag; ++k) {
+        for (unsigned int k = first; k < end; ++k) {
             Step t = tileStep(k, j);
-            t.run = fixedJ && fixed(t.si, t.ldi) ? backwardTiles[pair(t)] : &backwardTileAnySize;
+            t.run = fixedJ && fixed(t.si) ? backwardTiles[pair(t)] : &backwardTileAnySize;
             backward.push_back(t);
         }
     }

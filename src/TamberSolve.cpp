@@ -149,7 +149,6 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
         if (k + backwardPrefetchSteps < count) {
             const SolvePlan::Step& ahead = steps[k + backwardPrefetchSteps];
             __builtin_prefetch(ahead.tile, 0, 3);
-            if (ahead.diagonal) __builtin_prefetch(ahead.diagonal, 0, 3);
         }
         const SolvePlan::Step& step = steps[k];
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
@@ -385,6 +384,12 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
 }
 
 bool solve(const TamberData<double>& data, double* x) {
+    if (!planOf(data).usable) {
+        forwardSolve(data.factor, x);
+        diagSolve(data.diagonal, x);
+        backwardTSolve(data.factor, x);
+        return true;
+    }
     const bool divide = divideInForward(data);
     plannedForward(data, x, 1, 0, divide);
     if (!divide) diagSolve(data.diagonal, x);
@@ -393,6 +398,12 @@ bool solve(const TamberData<double>& data, double* x) {
 }
 
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
+    if (!planOf(data).usable) {
+        forwardSolve(data.factor, x.data);
+        diagSolve(data.diagonal, x);
+        backwardTSolve(data.factor, x.data);
+        return true;
+    }
     const bool divide = divideInForward(data) && x.size == data.diagonal.size;
     plannedForward(data, x.data, 1, 0, divide);
     if (!divide) diagSolve(data.diagonal, x);
@@ -402,6 +413,11 @@ bool solve(const TamberData<double>& data, DenseVector<double>& x) {
 
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
     if (numRhs == 1) return solve(data, x);
+    if (!planOf(data).usable) {
+        for (unsigned int r = 0; r < numRhs; ++r)
+            solve(data, x + r * ld);  // the tile passes, vector by vector
+        return true;
+    }
     const bool divide = divideInForward(data);
     plannedForward(data, x, numRhs, ld, divide);
     if (!divide)
