@@ -19,6 +19,7 @@
 #include "Multifront.h"
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
+#include "SolvePlan.h"
 #include "SparseTypes.h"
 #include "TamberUtils.h"
 
@@ -58,6 +59,11 @@ public:
     // split of the elimination tree among the threads. Prepared by Tamber::factorMF whenever the filled
     // pattern, the block sizes or the thread count differ from what it was prepared for.
     MultifrontManager<T> multifront;
+    // The steps of the double solves over the layout of `factor` (see SolvePlan.h): made by the first
+    // TamberSolve::solve or solveMany after the layout changed, cleared where the library lays the factor
+    // out anew (a caller who lays it out by other means clears it). Written by those const solves (one
+    // thread per system, as everything here).
+    mutable SolvePlan solvePlan;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
     // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.

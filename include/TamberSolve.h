@@ -101,6 +101,12 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x);
 
 // x ← A⁻¹·x: forwardSolve(data.factor, x), diagSolve(data.diagonal, x), backwardTSolve(data.factor, x), in
 // that order. x: in/out, N doubles. Returns true.
+// The passes run as the steps of data.solvePlan (SolvePlan.h), made here first when the factor's layout is
+// not the one it was made for: the steps of forwardSolve and backwardTSolve on the same tiles in the same
+// order, with the divisions of diagSolve done inside the forward pass (each block after the last step that
+// reads it; the separate pass when data.diagonal does not hold N pivots). The result is the three calls'
+// bit for bit whenever no pivot is zero or non-finite; with such a pivot both are non-finite, though not
+// necessarily in the same entries (see SolvePlan.h).
 //
 // Tamber::solve<double>(data, x) is exactly this call, on purpose unlike Tamber::solve<float>: it does not
 // factor when data.isFactored is 0, does not check for an empty factor, does not skip leading zero blocks
@@ -115,8 +121,8 @@ bool solve(const TamberData<double>& data, double* x);
 // Several right-hand sides at once: x holds numRhs vectors of N doubles, column-major, vector r starting at
 // x + r·ld (ld >= N). Each vector receives exactly the operations of solve(data, x + r·ld), in the same
 // order, so the results equal numRhs single solves bit for bit; the passes read each tile of the factor once
-// for all vectors instead of once per vector. numRhs = 0 does nothing. Same preconditions and the same
-// unchecked isFactored as solve. Returns true.
+// for all vectors instead of once per vector (the steps of data.solvePlan, as solve). numRhs = 0 does
+// nothing. Same preconditions and the same unchecked isFactored as solve. Returns true.
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld);
 
 // x ← A⁻¹·x through the driver's solve (Tamber::solve<T>), right for a right-hand side of any scale. The
@@ -225,7 +231,9 @@ extern template bool findBadPivot<double>(const TamberData<double>&, PivotReport
 // x ← x0 and stop: one diverging step discards every correction made so far, on purpose; otherwise remember
 // ‖r‖₂, solve A·δ = r with solve<double> (which does not factor: factor beforehand) and add x ← x + δ. There
 // is no tolerance test: a converged iteration runs to maxIterations, and an initial residual above 1.0e9
-// leaves x unchanged. maxIterations ≤ 0 does nothing.
+// leaves x unchanged. maxIterations ≤ 0 does nothing. ‖r‖₂² is summed in four partial sums (the entries k
+// with k mod 4 = 0, 1, 2, 3, each ascending), added as (s0 + s1) + (s2 + s3). The entry copy x0 is taken
+// only when maxIterations > 1 (a first step that diverges has not moved x).
 //
 // None of these allocates after its first call on a system of a given size: all work arrays come from the
 // scratch pad.

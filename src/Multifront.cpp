@@ -1245,6 +1245,7 @@ void Tamber::factorMF(TamberData<T>& data) {
     // check of SparseMatrix::acquireBlock; no values are copied: the input enters through the fronts. Note
     // where each input block is.
     if (!laidOut) {
+        data.solvePlan.clear();  // the solves' steps point into the layout made here
         factorCommon::layoutFactor(L, S, sizes, false);
         factorCommon::layoutFactor(LD, S, sizes, false);
     }

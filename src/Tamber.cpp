@@ -57,6 +57,7 @@ inline unsigned int firstBadPivot(const T* d, unsigned int s) {
 // pattern order (layoutFactor), the values zeroed only when the layout differs from the one they held.
 template <typename T>
 void layOutFactors(TamberData<T>& data) {
+    data.solvePlan.clear();  // the solves' steps point into the layout made here
     const SkeletonMatrix& S = data.skeleton;
     const unsigned int* sizes = data.matrix.blockSizes;
     const unsigned long nb = S.n;

@@ -89,6 +89,71 @@ inline void prefetchColumn(const SparseMatrix<double>& U, unsigned int j) {
 // Columns ahead of the backward pass that are prefetched: the pass runs from the highest column down,
 // against the direction the hardware prefetcher follows on its own.
 constexpr unsigned int backwardPrefetchDistance = 4;
+// Steps ahead of the planned backward pass whose tiles are prefetched (their first cache line).
+constexpr unsigned long backwardPrefetchSteps = 6;
+
+// The passes over the plan of data.factor's layout (made first when it does not match): the steps of the tile
+// passes in their order, for numRhs vectors x + r·ld, each step applied to every vector in turn.
+const SolvePlan& planOf(const TamberData<double>& data) {
+    if (!data.solvePlan.matches(data.factor)) data.solvePlan.make(data.factor);
+    return data.solvePlan;
+}
+
+// x_b ← x_b / d_b on one block (the diagonal solve's operation).
+inline void divideBlock(double* x, const double* d, unsigned int size) {
+    for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
+}
+
+// The forward pass; with `divide` also the diagonal solve, each block right after the last forward step that
+// reads it (see SolvePlan.h). divide requires data.diagonal.size = N.
+void plannedForward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
+                    bool divide) {
+    const SolvePlan& plan = planOf(data);
+    const SolvePlan::Division* divisions = plan.divisions.data();
+    const double* d = data.diagonal.data;
+    for (const SolvePlan::Step& step : plan.forward) {
+        for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
+        if (!divide) continue;
+        for (unsigned int t = step.firstDivision; t < step.endDivision; ++t) {
+            const SolvePlan::Division b = divisions[t];
+            for (unsigned int r = 0; r < numRhs; ++r)
+                divideBlock(x + r * ld + b.offset, d + b.offset, b.size);
+        }
+    }
+    const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    if (plan.scalarColumn < n) {
+        for (unsigned int r = 0; r < numRhs; ++r)
+            forwardColumnScalar(data.factor, x + r * ld, n - 1, data.factor.blockSizes[n - 1]);
+    }
+    if (!divide) return;
+    for (unsigned int t = plan.tailDivision; t < n; ++t) {
+        const SolvePlan::Division b = divisions[t];
+        for (unsigned int r = 0; r < numRhs; ++r) divideBlock(x + r * ld + b.offset, d + b.offset, b.size);
+    }
+}
+
+// True when the forward pass can do the diagonal solve: the pivots are N values, N those of the plan.
+inline bool divideInForward(const TamberData<double>& data) {
+    const SolvePlan& plan = planOf(data);
+    return data.diagonal.size == plan.N;
+}
+
+void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+    const SolvePlan& plan = planOf(data);
+    const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    if (plan.scalarColumn < n)
+        for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(data.factor, x + r * ld, n - 1);
+    const SolvePlan::Step* steps = plan.backward.data();
+    const unsigned long count = plan.backward.size();
+    for (unsigned long k = 0; k < count; ++k) {
+        if (k + backwardPrefetchSteps < count) {
+            const SolvePlan::Step& ahead = steps[k + backwardPrefetchSteps];
+            __builtin_prefetch(ahead.tile, 0, 3);
+        }
+        const SolvePlan::Step& step = steps[k];
+        for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
+    }
+}
 
 // Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.
 inline unsigned int rowsBelow(const SparseMatrix<double>& U, unsigned int j, unsigned int limit) {
@@ -320,70 +385,45 @@ bool backwardTSolve(const SparseMatrix<double>& U, double* x) {
 }
 
 bool solve(const TamberData<double>& data, double* x) {
-    forwardSolve(data.factor, x);
-    diagSolve(data.diagonal, x);
-    backwardTSolve(data.factor, x);
+    if (!planOf(data).usable) {
+        forwardSolve(data.factor, x);
+        diagSolve(data.diagonal, x);
+        backwardTSolve(data.factor, x);
+        return true;
+    }
+    const bool divide = divideInForward(data);
+    plannedForward(data, x, 1, 0, divide);
+    if (!divide) diagSolve(data.diagonal, x);
+    plannedBackward(data, x, 1, 0);
     return true;
 }
 
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
-    forwardSolve(data.factor, x.data);
-    diagSolve(data.diagonal, x);
-    backwardTSolve(data.factor, x.data);
+    if (!planOf(data).usable) {
+        forwardSolve(data.factor, x.data);
+        diagSolve(data.diagonal, x);
+        backwardTSolve(data.factor, x.data);
+        return true;
+    }
+    const bool divide = divideInForward(data) && x.size == data.diagonal.size;
+    plannedForward(data, x.data, 1, 0, divide);
+    if (!divide) diagSolve(data.diagonal, x);
+    plannedBackward(data, x.data, 1, 0);
     return true;
 }
 
 bool solveMany(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
     if (numRhs == 1) return solve(data, x);
-    const SparseMatrix<double>& U = data.factor;
-    const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
-    // Each right-hand side gets the operations of the single solve in the same order: the loops over the
-    // right-hand sides sit inside the loops over the tiles, so a tile is read once for all of them.
-    if (n > 0) {
-        const unsigned int paired = (U.blockSizes[n - 1] & 1u) ? n - 1 : n;
-        for (unsigned int j = 0; j < paired; ++j) {
-            const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
-            const unsigned int diag = U.colPointers[j + 1] - 1;
-            for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
-                const unsigned int i = U.rowIndices[k];
-                const double* B = U.blockPointers[k];
-                const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
-                for (unsigned int r = 0; r < numRhs; ++r) {
-                    double* xr = x + r * ld;
-                    forwardOffDiagonalStep(B, ldi, xr + offi, si, xr + offj, sj);
-                }
-            }
-            for (unsigned int r = 0; r < numRhs; ++r)
-                forwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
-        }
-        if (paired < n) {
-            for (unsigned int r = 0; r < numRhs; ++r)
-                forwardColumnScalar(U, x + r * ld, n - 1, U.blockSizes[n - 1]);
-        }
-    }
-    for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
-    if (n == 0) return true;
-    unsigned int j = n;
-    if (U.blockSizes[n - 1] & 1u) {
-        --j;
-        for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(U, x + r * ld, j);
-    }
-    while (j-- > 0) {
-        if (j >= backwardPrefetchDistance) prefetchColumn(U, j - backwardPrefetchDistance);
-        const unsigned int sj = U.blockSizes[j], offj = U.blockOffsets[j];
-        const unsigned int diag = U.colPointers[j + 1] - 1;
+    if (!planOf(data).usable) {
         for (unsigned int r = 0; r < numRhs; ++r)
-            backwardDiagonalStep(U.blockPointers[diag], U.blockStrides[j], x + r * ld + offj, sj);
-        for (unsigned int k = U.colPointers[j]; k < diag; ++k) {
-            const unsigned int i = U.rowIndices[k];
-            const double* B = U.blockPointers[k];
-            const unsigned int ldi = U.blockStrides[i], si = U.blockSizes[i], offi = U.blockOffsets[i];
-            for (unsigned int r = 0; r < numRhs; ++r) {
-                double* xr = x + r * ld;
-                backwardOffDiagonalStep(B, ldi, xr + offj, sj, xr + offi, si);
-            }
-        }
+            solve(data, x + r * ld);  // the tile passes, vector by vector
+        return true;
     }
+    const bool divide = divideInForward(data);
+    plannedForward(data, x, numRhs, ld, divide);
+    if (!divide)
+        for (unsigned int r = 0; r < numRhs; ++r) diagSolve(data.diagonal, x + r * ld);
+    plannedBackward(data, x, numRhs, ld);
     return true;
 }
 
@@ -566,24 +606,40 @@ void Tamber::iterativeRefinement(TamberData<double>& data, const double* b, doub
     const unsigned long N = scalarDimension(data.matrix);
     double* r = data.scratchPad.getDoubleArray(TamberSolve::refinementResidualSlot, N);
     double* x0 = data.scratchPad.getDoubleArray(TamberSolve::refinementEntrySlot, N);
-    if (N > 0) std::memcpy(x0, x, N * sizeof(double));
+    // The entry copy is needed only when a later step can diverge after x has moved.
+    if (N > 0 && maxIterations > 1) std::memcpy(x0, x, N * sizeof(double));
     double previousNorm = 1.0e9;
     for (int iteration = 0; iteration < maxIterations; ++iteration) {
         data.matrix.multiply(x, r);
-        double sum = 0.0;
-        for (unsigned long k = 0; k < N; ++k) {
-            r[k] = b[k] - r[k];  // r = b − A·x
-            sum += r[k] * r[k];
+        // ‖r‖² in four partial sums (entries k mod 4), added at the end: one chain of N dependent additions
+        // would cost more than the product.
+        double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+        unsigned long k = 0;
+        for (; k + 4 <= N; k += 4) {
+            const double r0 = b[k] - r[k], r1 = b[k + 1] - r[k + 1];  // r = b − A·x
+            const double r2 = b[k + 2] - r[k + 2], r3 = b[k + 3] - r[k + 3];
+            r[k] = r0;
+            r[k + 1] = r1;
+            r[k + 2] = r2;
+            r[k + 3] = r3;
+            s0 += r0 * r0;
+            s1 += r1 * r1;
+            s2 += r2 * r2;
+            s3 += r3 * r3;
         }
-        const double norm = std::sqrt(sum);
+        for (; k < N; ++k) {
+            r[k] = b[k] - r[k];
+            s0 += r[k] * r[k];
+        }
+        const double norm = std::sqrt((s0 + s1) + (s2 + s3));
         if (norm > previousNorm) {
-            // Diverging: back to the entry value of x, not to the previous iterate.
-            if (N > 0) std::memcpy(x, x0, N * sizeof(double));
+            // Diverging: back to the entry value of x, not to the previous iterate (unchanged in step 0).
+            if (N > 0 && iteration > 0) std::memcpy(x, x0, N * sizeof(double));
             return;
         }
         previousNorm = norm;
         solve<double>(data, r);  // δ = A⁻¹·r
-        for (unsigned long k = 0; k < N; ++k) x[k] += r[k];
+        for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
     }
 }
 

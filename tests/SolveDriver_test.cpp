@@ -362,6 +362,22 @@ TEST(SolveDriver, IterativeRefinementRestoresTheEntryValueWhenTheResidualGrows) 
     EXPECT_EQ(x, entry);
 }
 
+// A first residual above 1.0e9 stops before any correction, whatever maxIterations (with one iteration no
+// entry copy is taken, with more one is): x keeps its entry value.
+TEST(SolveDriver, IterativeRefinementLeavesXWhenTheFirstResidualExceedsTheStartNorm) {
+    const BlockSystem sys = testing::makeSaddlePointSystem(9, 5, 3);
+    Tamber tamber;
+    auto data = prepare<double>(sys, tamber, true);
+    std::vector<double> b = randomRhs<double>(sys.N, 4);
+    for (double& e : b) e *= 1e12;
+    const std::vector<double> entry = testing::randomVector(sys.N, 5);
+    for (int iterations : {1, 3}) {
+        std::vector<double> x = entry;
+        tamber.iterativeRefinement(*data, b.data(), x.data(), iterations);
+        EXPECT_EQ(x, entry) << iterations;
+    }
+}
+
 TEST(SolveDriver, SteadyStateSolvesAllocateNothing) {
     const BlockSystem sys = testing::makeSaddlePointSystem(21, 8, 5);
     Tamber tamber;
