@@ -471,20 +471,29 @@ TEST(KernelsSized, DiagonalFactorizationFastEqualsReference) {
     run(0.0f);
 }
 
-TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
-    sameBitsAtEverySize<double>("solveUnitDiagonal/finishSmallBlock", [](int s, unsigned seed, bool special) {
-        Rng rng(seed * 17 + s);
-        const int p = paddedOf<double>(s), rows = 1 + static_cast<int>(seed % 7);
-        const int rowsPadded = paddedOf<double>(rows);
-        Buffer<double> L(p * p), W1(rowsPadded * p), W2(rowsPadded * p), LD1(rowsPadded * p),
-            LD2(rowsPadded * p), recip(p), d(p);
+// The inputs of an off-diagonal finish of a rows × s block: the unit lower tile L (its diagonal NaN, since it
+// is not read), W1 = W2 random, LD1, LD2 zero, d random and recip = 1/d (padding 0).
+struct FinishInputs {
+    FinishInputs(int s_, unsigned seed, bool special, unsigned salt)
+        : s(s_),
+          p(paddedOf<double>(s_)),
+          rows(1 + static_cast<int>(seed % 7)),
+          rowsPadded(paddedOf<double>(rows)),
+          L(p * p),
+          W1(rowsPadded * p),
+          W2(rowsPadded * p),
+          LD1(rowsPadded * p),
+          LD2(rowsPadded * p),
+          recip(p),
+          d(p) {
+        Rng rng(seed * salt + s);
         zero(L, p * p);
         zero(W1, rowsPadded * p);
         zero(LD1, rowsPadded * p);
         zero(LD2, rowsPadded * p);
         fillTile(L.data, p, s, s, rng, special);
         for (int r = 0; r < s; ++r) {
-            L.data[r * p + r] = std::numeric_limits<double>::quiet_NaN();  // the unit diagonal is not read
+            L.data[r * p + r] = std::numeric_limits<double>::quiet_NaN();
             for (int c = r + 1; c < p; ++c) L.data[r * p + c] = 0.0;
         }
         fillTile(W1.data, p, rows, s, rng, special);
@@ -493,6 +502,18 @@ TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
         fillTile(d.data, p, 1, s, rng, special);
         for (int c = 0; c < s; ++c) recip.data[c] = 1.0 / d.data[c];
         std::memcpy(W2.raw, W1.raw, W1.size * sizeof(double));
+    }
+    const int s, p, rows, rowsPadded;
+    Buffer<double> L, W1, W2, LD1, LD2, recip, d;
+};
+
+TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
+    sameBitsAtEverySize<double>("solveUnitDiagonal/finishSmallBlock", [](int s, unsigned seed, bool special) {
+        FinishInputs in(s, seed, special, 17);
+        Rng rng(seed * 19 + s);
+        const int p = in.p, rows = in.rows, rowsPadded = in.rowsPadded;
+        Buffer<double>&L = in.L, &W1 = in.W1, &W2 = in.W2, &LD1 = in.LD1, &LD2 = in.LD2, &recip = in.recip,
+        &d = in.d;
         kernels::fast::solveUnitDiagonal(L.data, p, W1.data, rows, s);
         kernels::reference::solveUnitDiagonal(L.data, p, W2.data, rows, s);
         ASSERT_TRUE(W1.sameValues(W2.snapshot()));
@@ -526,34 +547,18 @@ TEST(KernelsSized, OffDiagonalFinishFastEqualsReference) {
 // shows.
 TEST(KernelsSized, FrontFinishFastEqualsReference) {
     sameBitsAtEverySize<double>("finishFrontBlock", [](int s, unsigned seed, bool special) {
-        Rng rng(seed * 29 + s);
-        const int p = paddedOf<double>(s), rows = 1 + static_cast<int>(seed % 7);
-        const int rowsPadded = paddedOf<double>(rows);
-        Buffer<double> L(p * p), W1(rowsPadded * p), W2(rowsPadded * p), LD1(rowsPadded * p),
-            LD2(rowsPadded * p), recip(p), d(p);
-        zero(L, p * p);
-        zero(W1, rowsPadded * p);
-        fillTile(L.data, p, s, s, rng, special);
-        for (int r = 0; r < s; ++r) {
-            L.data[r * p + r] = std::numeric_limits<double>::quiet_NaN();  // the unit diagonal is not read
-            for (int c = r + 1; c < p; ++c) L.data[r * p + c] = 0.0;
-        }
-        fillTile(W1.data, p, rows, s, rng, special);
-        zero(recip, p);
-        zero(d, p);
-        fillTile(d.data, p, 1, s, rng, special);
-        for (int c = 0; c < s; ++c) recip.data[c] = 1.0 / d.data[c];
-        std::memcpy(W2.raw, W1.raw, W1.size * sizeof(double));
-        for (Buffer<double>* b : {&LD1, &LD2})
-            for (int q = 0; q < rowsPadded * p; ++q) b->data[q] = -7.25;
-        const bool fastDone = kernels::fast::finishFrontBlock(L.data, W1.data, LD1.data, rows, s, recip.data);
-        const bool refDone =
-            kernels::reference::finishFrontBlock(L.data, W2.data, LD2.data, rows, s, recip.data);
+        FinishInputs in(s, seed, special, 29);
+        for (Buffer<double>* b : {&in.LD1, &in.LD2})
+            for (int q = 0; q < in.rowsPadded * in.p; ++q) b->data[q] = -7.25;
+        const bool fastDone =
+            kernels::fast::finishFrontBlock(in.L.data, in.W1.data, in.LD1.data, in.rows, s, in.recip.data);
+        const bool refDone = kernels::reference::finishFrontBlock(in.L.data, in.W2.data, in.LD2.data, in.rows,
+                                                                  s, in.recip.data);
         ASSERT_EQ(fastDone, s <= 6);
         ASSERT_EQ(refDone, s <= 6);
-        ASSERT_TRUE(W1.sameValues(W2.snapshot()) && LD1.sameValues(LD2.snapshot()));
-        if (fastDone && rows % 2 == 1) {
-            EXPECT_EQ(LD1.data[rows * p], 0.0);
+        ASSERT_TRUE(in.W1.sameValues(in.W2.snapshot()) && in.LD1.sameValues(in.LD2.snapshot()));
+        if (fastDone && in.rows % 2 == 1) {
+            EXPECT_EQ(in.LD1.data[in.rows * in.p], 0.0);
         }
     });
 }
