@@ -306,13 +306,6 @@ void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums) const {
         const unsigned int begin = colPointers[j];
         const unsigned int end = colPointers[j + 1];
 
-        // Hints only: the slices this column will read and write.
-        __builtin_prefetch(x + blockOffsets[j]);
-        __builtin_prefetch(y + blockOffsets[j], 1);
-        for (unsigned int b = begin; b < end; ++b) {
-            __builtin_prefetch(x + blockOffsets[rowIndices[b]]);
-            __builtin_prefetch(y + blockOffsets[rowIndices[b]], 1);
-        }
 
         // A final column of odd size takes the general loop even in the upper form: a harmless historical
         // quirk of this path, kept so that the order of operations stays the established one.
