@@ -58,8 +58,7 @@ void run(scenes::SceneKind kind, const char* name, unsigned long blocks, int rep
     std::unique_ptr<scenes::Scene> scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, blocks));
     scenes::BlockProblem problem;
     scene->build(problem);
-    const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                              problem.rowIndices.data(), problem.blockSizes.data()};
+    const Analysis::Problem p = problem.pattern();
     Analysis::Options options;
     options.mergeBlocks = true;
     Analysis::Analyzer analyzer;

@@ -176,8 +176,7 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
         scene->step(0.01);
         BlockProblem problem;
         scene->build(problem);
-        const Analysis::Problem view{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                                     problem.rowIndices.data(), problem.blockSizes.data()};
+        const Analysis::Problem view = problem.pattern();
         Analysis::Options options;
         options.mergeBlocks = true;
         Analysis::Analyzer analyzer;

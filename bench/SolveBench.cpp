@@ -64,8 +64,7 @@ int main(int argc, char** argv) {
         scene->step(0.01);
         if (!only.empty() && only != scene->name()) continue;
         scene->build(problem);
-        const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                                  problem.rowIndices.data(), problem.blockSizes.data()};
+        const Analysis::Problem p = problem.pattern();
         Analysis::Options options;
         options.mergeBlocks = true;
         Analysis::Analyzer analyzer;

@@ -195,8 +195,7 @@ int runScene(scenes::SceneKind kind, unsigned long blocks, unsigned int reps, co
 
     Analysis::Options options;
     options.mergeBlocks = true;
-    const Analysis::Problem p{w->problem.numBlocks, w->problem.firstConstraint, w->problem.colPointers.data(),
-                              w->problem.rowIndices.data(), w->problem.blockSizes.data()};
+    const Analysis::Problem p = w->problem.pattern();
     const Analysis::Report r = w->analyzer.analyze(p, options, w->data);
     if (!r.ok) {
         std::fprintf(stderr, "SolverBench: %s: %s\n", sceneName(kind), r.message.c_str());

@@ -49,8 +49,7 @@ double median(std::vector<double> v) {
 void run(const char* title, scenes::Scene& scene, unsigned int reps) {
     scenes::BlockProblem problem;
     scene.build(problem);
-    Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                        problem.rowIndices.data(), problem.blockSizes.data()};
+    Analysis::Problem p = problem.pattern();
     const Config configs[] = {
         {"defaults", true, OrderingMethod::automatic, true, 0},
         {"automatic, merged, serial", false, OrderingMethod::automatic, true, 1},

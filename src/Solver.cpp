@@ -156,9 +156,9 @@ struct Solver<T>::Impl {
     std::vector<T> permutedB, permutedX, residual, best;
     std::vector<double> normRowSums, bestNorm, bestScaled;
     std::vector<unsigned char> improving;
-    std::vector<T*> current, trial;
-    std::vector<T> conditionWork;  // [2N]
-    std::vector<double> normWork;  // [N]  // per right-hand side: its best iterate and the next one
+    std::vector<T*> current, trial;  // per right-hand side: its best iterate and the next one
+    std::vector<T> conditionWork;    // [2N]
+    std::vector<double> normWork;    // [N]
 
     Impl() = default;
 

@@ -29,8 +29,7 @@ struct SceneSystem {
         auto scene = makeScene(kind, sizeForBlockCount(kind, blocks));
         scene->step(0.01);
         scene->build(problem);
-        const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                                  problem.rowIndices.data(), problem.blockSizes.data()};
+        const Analysis::Problem p = problem.pattern();
         Analysis::Options options;
         options.mergeBlocks = merge;
         if (!analyzer.analyze(p, options, data).ok) return false;

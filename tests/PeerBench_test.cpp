@@ -43,8 +43,7 @@ void buildProblem(const SceneCase& c, BlockProblem& problem) {
 
 // Our analysis's order of the problem, expanded to scalars.
 std::vector<int> ourScalarOrder(const BlockProblem& problem) {
-    const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                              problem.rowIndices.data(), problem.blockSizes.data()};
+    const Analysis::Problem p = problem.pattern();
     Analysis::Analyzer analyzer;
     TamberData<double> data;
     const Analysis::Report report = analyzer.analyze(p, Analysis::Options(), data);
@@ -258,7 +257,8 @@ TEST(PeerBench, BenchmarkRunsAtATinySizeWithAndWithoutPeers) {
                                      {"scene", "fastest_peer_our_order", "fastest_peer_own_amd",
                                       "fastest_solve_our_order", "fastest_refactor"});
         EXPECT_EQ(summary.size(), 1u + 4u * 2u);
-        // The paired ratios (interleaved rounds of our step and the fastest peers') exist exactly when peers ran.
+        // The paired ratios (interleaved rounds of our step and the fastest peers') exist exactly when peers
+        // ran.
         const std::size_t paired = column(summary[0], "paired_factor_our_order");
         for (std::size_t r = 1; r < summary.size(); ++r)
             EXPECT_EQ(!summary[r][paired].empty(), withPeers && havePeers) << "summary line " << r + 1;

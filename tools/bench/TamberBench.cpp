@@ -275,9 +275,7 @@ private:
     }
 
     bool runOurs(std::vector<Row>& rows) {
-        const Analysis::Problem problem{problem_.numBlocks, problem_.firstConstraint,
-                                        problem_.colPointers.data(), problem_.rowIndices.data(),
-                                        problem_.blockSizes.data()};
+        const Analysis::Problem problem = problem_.pattern();
         Analysis::Report report;
         Row serial = newRow("kivTamber serial", "ours", "ours");
         serial.ours = true;
@@ -456,7 +454,7 @@ private:
             ours->refinePerSolve = ours->refine / ours->solve;
         if (!given && !amd) return;
 
-        Analysis::Report report = analyzer_.analyze(problemView(), ourOptions(), data_);
+        Analysis::Report report = analyzer_.analyze(problem_.pattern(), ourOptions(), data_);
         if (!report.ok) return;
         tamber_.estimateWork(data_, nullptr);
         ScalarMatrix regularised;
@@ -546,11 +544,6 @@ private:
         ours->pairedSolve = median(rSolve);
         ours->refinePerSolve = median(rRefine);
         ours->pairedRounds = rounds;
-    }
-
-    Analysis::Problem problemView() const {
-        return Analysis::Problem{problem_.numBlocks, problem_.firstConstraint, problem_.colPointers.data(),
-                                 problem_.rowIndices.data(), problem_.blockSizes.data()};
     }
 
     // RankMod: switch the chosen equations off and on again, batched; the residual of a solve with the

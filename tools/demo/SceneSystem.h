@@ -70,8 +70,7 @@ public:
     // general pattern).
     Status analyze(Solver<T>& solver, const scenes::BlockProblem& problem) const {
         if (!general_) return solver.analyze(structure_);
-        const Analysis::Problem p{problem.numBlocks, problem.firstConstraint, problem.colPointers.data(),
-                                  problem.rowIndices.data(), problem.blockSizes.data()};
+        const Analysis::Problem p = problem.pattern();
         return solver.analyze(p);
     }
 

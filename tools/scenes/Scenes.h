@@ -38,6 +38,7 @@
 #include <memory>
 #include <string>
 
+#include "Analysis.h"
 #include "Permutation.h"
 #include "Tamber.h"
 
@@ -89,6 +90,11 @@ public:
     unsigned long numEntries() const { return rowIndices.size(); }
     // Scalar dimension N (0 for an empty problem).
     unsigned int scalarSize() const { return numBlocks == 0 ? 0u : blockOffsets[numBlocks]; }
+
+    // The pattern as the analysis reads it (a view: valid while this problem keeps its structure).
+    Analysis::Problem pattern() const {
+        return {numBlocks, firstConstraint, colPointers.data(), rowIndices.data(), blockSizes.data()};
+    }
     // Values of entry e (s_i × s_j, row-major).
     const double* entryValues(unsigned long e) const { return values.data() + valuePointers[e]; }
     double* entryValues(unsigned long e) { return values.data() + valuePointers[e]; }
