@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cmath>
 #include <cstdlib>
+#include <limits>
 #include <new>
 #include <random>
 #include <vector>
@@ -460,6 +461,38 @@ TEST(SolverStatus, BadInputIsAnsweredAndChangesNothing) {
     o.regularization = 1e-8;
     ASSERT_TRUE(solver.setOptions(o));
     EXPECT_TRUE(solver.factor());
+}
+
+// A time step whose values blow up (non-finite, not checked on the way in) fails to factor, and leaves
+// nothing behind: the next finite values factor and solve to the bits of a solver that never saw the bad
+// step.
+TEST(SolverStatus, NonFiniteStepLeavesNoTrace) {
+    for (unsigned long seed = 0; seed < 12; ++seed) {
+        RandomSystem sys(100 + seed, 16 + seed % 24, seed % 2 == 0, seed % 3 == 0);
+        Solver<double> used, fresh;
+        ASSERT_TRUE(used.analyze(sys.structure));
+        ASSERT_TRUE(fresh.analyze(sys.structure));
+        sys.setAll(used);
+        sys.setAll(fresh);
+        ASSERT_TRUE(used.factor());
+        ASSERT_TRUE(fresh.factor());
+        const unsigned long n = fresh.size();
+        const std::vector<double> b = tst::randomVector(static_cast<unsigned int>(n), seed);
+        std::vector<double> expected(n), x(n);
+        ASSERT_TRUE(fresh.solve(b.data(), expected.data()));
+        for (unsigned long k = sys.jacobians.size() / 2; k < sys.jacobians.size(); ++k) {
+            std::vector<double> inf = sys.jacobians[k];
+            for (double& v : inf) v = v != 0.0 ? std::numeric_limits<double>::infinity() : 0.0;
+            ASSERT_TRUE(used.setJacobian(sys.structure.jacobians[k].first, sys.structure.jacobians[k].second,
+                                         inf.data()));
+        }
+        const Status st = used.factor();
+        EXPECT_EQ(st.code, StatusCode::nonFinitePivot) << st.message;
+        sys.setAll(used);
+        ASSERT_TRUE(used.factor());
+        ASSERT_TRUE(used.solve(b.data(), x.data()));
+        EXPECT_EQ(x, expected) << "seed " << seed;
+    }
 }
 
 TEST(SolverStatus, ValuesFromArraysEqualSingleSetters) {
