@@ -51,16 +51,16 @@ using kernels::storeUnitLower;
 // tile except the padding rows of tiles whose block row has an odd size, double): those rows are zero
 // whenever X last held this very layout, because nothing writes them; otherwise the used value range is
 // zeroed here, once (as far as values were ever handed out: valueExtent). Without it (the multifrontal
-// workers write every element) nothing is zeroed.
+// workers write every element) nothing is zeroed. Returns true when the layout differs from the one X held.
 template <typename T>
-void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
+bool layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned int* sizes,
                   bool zeroWhenChanged) {
     const unsigned long nb = S.n;
     const unsigned int* rowStart = S.colPointers;
     const unsigned int* cols = S.rowIndices;
     if (X.colPointers == nullptr) {  // nb = 0 on a matrix that never held a layout
         X.numBlocks = 0;
-        return;
+        return true;
     }
     bool same = X.numBlocks == S.numEntries();
     unsigned long k = 0, at = 0;
@@ -93,6 +93,7 @@ void layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
     if (zeroWhenChanged && !same && dirty > 0)
         std::memset(static_cast<void*>(X.values), 0, dirty * sizeof(T));
     if (at > X.valueExtent) X.valueExtent = at;
+    return !same;
 }
 
 // C −= A·Bᵀ on the lower triangle of the square n × n block C (row stride ldc) and possibly some entries just

@@ -54,10 +54,10 @@ inline unsigned int firstBadPivot(const T* d, unsigned int s) {
 
 // L and LD laid out for the filled pattern `data.skeleton` and the block sizes of `data.matrix`: sized for
 // its blocks and 64 + Σ p_i·p_j values (reallocated only when too small), one tile per pattern entry in
-// pattern order (layoutFactor), the values zeroed only when the layout differs from the one they held.
+// pattern order (layoutFactor), the values zeroed only when the layout differs from the one they held. The
+// solve plan, whose steps point into the layout, is dropped only when the layout changed.
 template <typename T>
 void layOutFactors(TamberData<T>& data) {
-    data.solvePlan.clear();  // the solves' steps point into the layout made here
     const SkeletonMatrix& S = data.skeleton;
     const unsigned int* sizes = data.matrix.blockSizes;
     const unsigned long nb = S.n;
@@ -69,10 +69,12 @@ void layOutFactors(TamberData<T>& data) {
         for (unsigned int e = rowStart[i]; e < rowStart[i + 1]; ++e)
             capacity += p_i * Layout<T>::padded(sizes[cols[e]]);
     }
+    bool changed = false;
     for (SparseMatrix<T>* X : {&data.factor, &data.scaledFactor}) {
         X->setSize(nb, nb, S.numEntries(), capacity);
-        layoutFactor(*X, S, sizes, true);
+        changed |= layoutFactor(*X, S, sizes, true);
     }
+    if (changed) data.solvePlan.clear();
 }
 
 // What can be checked of X's layout in O(1): the counts of the pattern S (nb > 0), the scalar dimension N

@@ -121,9 +121,10 @@ TEST(SolvePlan, PlannedSolvesEqualTileSolvesAndTheDenseSolution) {
     }
 }
 
-// New values on the same structure keep the plan (the solves read the new tiles); a new structure laid out
-// by estimateWork clears it and the next solve makes it again; the multifrontal factorization and RankMod
-// leave solves that equal the tile solves of what they produced.
+// New values on the same structure keep the plan (the solves read the new tiles), also through a work
+// estimate of that structure; a new structure laid out by estimateWork clears it and the next solve makes it
+// again; the multifrontal factorization and RankMod leave solves that equal the tile solves of what they
+// produced.
 TEST(SolvePlan, FollowsTheFactorThroughNewValuesStructuresAndModifications) {
     Tamber tamber;
     const BlockSystem sys = testing::makeSaddlePointSystem(77, 6, 4, 6);
@@ -132,6 +133,8 @@ TEST(SolvePlan, FollowsTheFactorThroughNewValuesStructuresAndModifications) {
     const std::vector<double> first = plannedSolve(*data, b);
 
     sys.refillValues(data->matrix, 2.0);  // A ← 2·A: x halves
+    tamber.estimateWork(*data, nullptr);  // the same structure: the layout and the plan stay
+    EXPECT_TRUE(data->solvePlan.isMade);
     tamber.factorSerial(*data);
     EXPECT_TRUE(data->solvePlan.matches(data->factor));
     std::vector<double> x = plannedSolve(*data, b);
