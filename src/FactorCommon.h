@@ -96,6 +96,24 @@ bool layoutFactor(SparseMatrix<T>& X, const SkeletonMatrix& S, const unsigned in
     return !same;
 }
 
+// Zeroes the padding rows of every tile in an odd-sized block row of the double factors L and LD (laid out
+// alike). The paired products of the factorizations write and read those rows as c − 0·b, which keeps them
+// zero while the factor is finite; once a non-finite b has made them NaN, no later factorization writes them
+// otherwise: the next one would read them into its own blocks and the paired solve kernels would multiply
+// them into every solution. Called after a factorization that met a zero or non-finite pivot.
+inline void clearPaddingRows(SparseMatrix<float>&, SparseMatrix<float>&) {}
+inline void clearPaddingRows(SparseMatrix<double>& L, SparseMatrix<double>& LD) {
+    for (unsigned long i = 0; i < L.numBlockCols; ++i) {
+        const unsigned int s_i = L.blockSizes[i];
+        if (s_i % 2 == 0) continue;
+        for (unsigned int e = L.colPointers[i]; e < L.colPointers[i + 1]; ++e) {
+            const unsigned long p_j = L.blockStrides[L.rowIndices[e]];
+            std::memset(static_cast<void*>(L.blockPointers[e] + s_i * p_j), 0, p_j * sizeof(double));
+            std::memset(static_cast<void*>(LD.blockPointers[e] + s_i * p_j), 0, p_j * sizeof(double));
+        }
+    }
+}
+
 // C −= A·Bᵀ on the lower triangle of the square n × n block C (row stride ldc) and possibly some entries just
 // above it, for the update of a diagonal block: the entries on and below the diagonal get exactly the values
 // that tamber_MM_CM_ABt(A, lda, B, ldb, C, ldc, n, n, k) gives them (the same special cases, the same

@@ -1362,6 +1362,7 @@ void Tamber::factorMF(TamberData<T>& data) {
         factorTime = static_cast<double>(kiv::Timer::ticks() - start) * kiv::Timer::clockSpeed();
     }
     recordBadPivot(data, bad);
+    if (bad != noNode) factorCommon::clearPaddingRows(L, LD);
     data.isFactored = bad != noNode && data.stopAtBadPivot ? 0 : 1;
     solveTime = 0.0;
 }

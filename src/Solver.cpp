@@ -586,6 +586,7 @@ Status Solver<T>::Impl::factorNow() {
     // The first bad pivot, as both factorizations record it (no second pass over the pivots).
     const unsigned long bad = data.badPivot.scalar;
     const double badValue = data.badPivot.value;
+    if (factorActive != desiredActive) normA = -1.0;  // ‖A‖∞ is the norm of the active equations
     factorActive = desiredActive;
     factorAllActive = !masked;
     switchPending = false;
@@ -674,6 +675,7 @@ Status Solver<T>::Impl::updateInPlace() {
             }
             const bool ok = rankMod.apply(data, switchOff, switchOn, RankMod::batched);
             factorActive = desiredActive;
+            normA = -1.0;  // of another set of active equations
             factorAllActive = !anyInactive();
             if (!ok) {
                 factorValid = false;
@@ -941,6 +943,8 @@ Status Solver<T>::setOptions(const SolverOptions& o) {
     Impl& m = *impl_;
     if (o.regularization != m.options.regularization)
         m.valuesChanged = true;  // the factor is of another matrix
+    if (o.threads != m.options.threads || o.maxThreads != m.options.maxThreads)
+        m.chosenThreads = 0;  // decided again at the next factor()
     m.options = o;
     return Status();
 }

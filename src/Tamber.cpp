@@ -124,23 +124,6 @@ inline void loadTile(T* X, const T* from, unsigned long count) {
     }
 }
 
-// Zeroes the padding row of every tile in an odd-sized block row of the double factor L. The paired products
-// of the factorization write that row as c − 0·b, which keeps it zero while the factor is finite; once a
-// non-finite b has made it NaN, no later factorization writes it otherwise, and the paired solve kernels
-// would multiply it into every solution. Called after a factorization that met a zero or non-finite pivot.
-inline void clearPaddingRows(SparseMatrix<float>&) {}
-void clearPaddingRows(SparseMatrix<double>& L) {
-    for (unsigned long i = 0; i < L.numBlockCols; ++i) {
-        const unsigned int s_i = L.blockSizes[i];
-        if (s_i % 2 == 0) continue;
-        for (unsigned int e = L.colPointers[i]; e < L.colPointers[i + 1]; ++e) {
-            const unsigned int p_j = L.blockStrides[L.rowIndices[e]];
-            std::memset(static_cast<void*>(L.blockPointers[e] + static_cast<unsigned long>(s_i) * p_j), 0,
-                        p_j * sizeof(double));
-        }
-    }
-}
-
 }  // namespace
 
 Tamber::Tamber() : factorTime(0.0), solveTime(0.0) {}
@@ -401,14 +384,14 @@ void Tamber::factorSerial(TamberData<T>& data) {
             data.badPivot.local = t;
             data.badPivot.value = static_cast<double>(di[t]);
             if (data.stopAtBadPivot) {
-                clearPaddingRows(L);
+                factorCommon::clearPaddingRows(L, LD);
                 finishTimes();
                 return;  // isFactored stays 0: the factor is complete only up to block row i
             }
         }
     }
 
-    if (data.badPivot.scalar != BadPivot::noPivot) clearPaddingRows(L);
+    if (data.badPivot.scalar != BadPivot::noPivot) factorCommon::clearPaddingRows(L, LD);
     data.isFactored = 1;
     finishTimes();
 }
