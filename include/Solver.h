@@ -197,8 +197,9 @@ struct SolverReport {
     PivotLocation badPivot;
     bool regularized = false;
     // The last solve: seconds of solve and refinement, refinement steps run, scaled residual
-    // ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) of the returned x (the worst over the right-hand sides), or −1 when no
-    // residual was computed (refinementSteps = 0).
+    // ‖b − A·x‖∞ / (‖A‖∞·‖x‖∞ + ‖b‖∞) of the returned x (the worst over the right-hand sides; NaN when an
+    // entry of x or of its residual is not finite), or −1 when no residual was computed (refinementSteps =
+    // 0).
     double solveSeconds = 0.0;
     double refineSeconds = 0.0;
     unsigned int refinementSteps = 0;

@@ -204,9 +204,12 @@ struct Solver<T>::Impl {
     Status applySwitches();
     Status solveMany(const T* b, T* x, unsigned int k, unsigned long ld);
     void solveFactor(T* v, unsigned int k);
+    // max(m, a) that keeps a NaN once met (std::max drops a NaN in its second argument): a non-finite
+    // solution then shows as a NaN residual instead of a small one.
+    static double maxKeepingNaN(double m, double a) { return a > m || a != a ? a : m; }
     double normInf(const T* v) const {
         double m = 0;
-        for (unsigned long p = 0; p < N; ++p) m = std::max(m, std::fabs(static_cast<double>(v[p])));
+        for (unsigned long p = 0; p < N; ++p) m = maxKeepingNaN(m, std::fabs(static_cast<double>(v[p])));
         return m;
     }
     void residualOf(const T* b, const T* x, T* r) const;
@@ -770,9 +773,9 @@ template <typename T>
 double Solver<T>::Impl::scaledResidual(const T* b, const T* x, const T* r) const {
     double nr = 0, nx = 0, nb = 0;
     for (unsigned long p = 0; p < N; ++p) {
-        nr = std::max(nr, std::fabs(static_cast<double>(r[p])));
-        nx = std::max(nx, std::fabs(static_cast<double>(x[p])));
-        nb = std::max(nb, std::fabs(static_cast<double>(b[p])));
+        nr = maxKeepingNaN(nr, std::fabs(static_cast<double>(r[p])));
+        nx = maxKeepingNaN(nx, std::fabs(static_cast<double>(x[p])));
+        nb = maxKeepingNaN(nb, std::fabs(static_cast<double>(b[p])));
     }
     const double scale = normA * nx + nb;
     return scale > 0 ? nr / scale : nr;
@@ -897,7 +900,7 @@ Status Solver<T>::Impl::solveMany(const T* b, T* x, unsigned int k, unsigned lon
                 live += improving[c];
             }
         }
-        for (unsigned int c = 0; c < k; ++c) worst = std::max(worst, bestScaled[c]);
+        for (unsigned int c = 0; c < k; ++c) worst = maxKeepingNaN(worst, bestScaled[c]);
     }
     for (unsigned int c = 0; c < k; ++c)
         analyzer.unpermuteVector(steps > 0 ? current[c] : PX + static_cast<unsigned long>(c) * N, x + c * ld);

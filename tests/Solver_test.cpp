@@ -495,6 +495,27 @@ TEST(SolverStatus, NonFiniteStepLeavesNoTrace) {
     }
 }
 
+// A solution that overflows is not reported as accurate: its scaled residual is NaN, not −1 or a small
+// number taken from the finite entries alone.
+TEST(SolverStatus, OverflowingSolutionReportsANaNResidual) {
+    RandomSystem sys(5, 10, true, false);
+    Solver<double> solver;
+    ASSERT_TRUE(solver.analyze(sys.structure));
+    sys.setAll(solver);
+    ASSERT_TRUE(solver.factor());
+    const unsigned long n = solver.size();
+    std::vector<double> b(n, 0.0), x(n);
+    for (unsigned long k = 0; k < n; ++k) b[k] = (k % 2 ? -1.0 : 1.0) * std::numeric_limits<double>::max();
+    ASSERT_TRUE(solver.solve(b.data(), x.data()));
+    bool finite = true;
+    for (double v : x) finite = finite && std::isfinite(v);
+    ASSERT_FALSE(finite);  // the system amplifies b beyond the largest double
+    EXPECT_TRUE(std::isnan(solver.report().residual)) << solver.report().residual;
+    b.assign(n, 1.0);
+    ASSERT_TRUE(solver.solve(b.data(), x.data()));
+    EXPECT_LT(solver.report().residual, 1e-14);
+}
+
 TEST(SolverStatus, ValuesFromArraysEqualSingleSetters) {
     RandomSystem sys(21, 20, true, true);
     Solver<double> one, all;
