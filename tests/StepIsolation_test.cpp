@@ -1,0 +1,447 @@
+// Nothing of one time step leaks into the next. A TamberData object is driven through seeded random
+// sequences of steps: factorizations of good values and of values with zero pivots, NaN, infinities, huge,
+// tiny and denormal entries (serial, multifrontal on 1 and 2 threads, with and without the stop at a bad
+// pivot and the L·D write), solves of every kind on the factor each leaves, switching equations off and on
+// again in place, and a detour through another structure. Its next factorization of good values must then
+// give the bits of a fresh object that only ever saw those values, padding included, and so must every
+// solve after it.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "RankMod.h"
+#include "Tamber.h"
+#include "TamberSolve.h"
+#include "testing/BlockSystems.h"
+#include "testing/DenseReference.h"
+
+namespace kivTamber {
+namespace {
+
+using testing::BlockSystem;
+
+// How a step factors: threads 0 is factorSerial, otherwise factorMF on that many threads.
+struct Mode {
+    unsigned int threads = 0;
+    unsigned char writeLD = 1;
+    unsigned char stop = 0;
+};
+
+std::string describe(const Mode& m) {
+    return "threads " + std::to_string(m.threads) + " writeLD " + std::to_string(m.writeLD) + " stop " +
+           std::to_string(m.stop);
+}
+
+Mode randomMode(std::mt19937_64& rng) {
+    Mode m;
+    m.threads = static_cast<unsigned int>(rng() % 3);
+    m.writeLD = static_cast<unsigned char>(rng() % 2);
+    m.stop = static_cast<unsigned char>(rng() % 2);
+    return m;
+}
+
+template <typename T>
+void factorIn(Tamber& tamber, TamberData<T>& data, const Mode& m) {
+    data.isFactored = 0;
+    data.writeScaledFactor = m.writeLD;
+    data.stopAtBadPivot = m.stop;
+    data.useMultifrontal = m.threads > 0;
+    data.numThreads = std::max(1u, m.threads);
+    if (m.threads == 0) {
+        tamber.factorSerial(data);
+    } else {
+        tamber.factorMF(data);
+    }
+}
+
+// Every value of the tiles of X from the first tile to the end of the last, padding included.
+template <typename T>
+std::vector<T> tiles(const SparseMatrix<T>& X) {
+    if (X.numBlocks == 0 || X.numBlockCols == 0) return {};
+    const unsigned long p = X.blockStrides[X.numBlockCols - 1];
+    return std::vector<T>(X.blockPointers[0], X.blockPointers[X.numBlocks - 1] + p * p);
+}
+
+template <typename T>
+bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+}
+
+// The first index where a and b differ in bits, with both values, for failure messages.
+template <typename T>
+std::string firstDifference(const std::vector<T>& a, const std::vector<T>& b) {
+    if (a.size() != b.size()) return "sizes " + std::to_string(a.size()) + " " + std::to_string(b.size());
+    for (std::size_t k = 0; k < a.size(); ++k)
+        if (std::memcmp(&a[k], &b[k], sizeof(T)) != 0)
+            return "at " + std::to_string(k) + ": " + std::to_string(a[k]) + " vs " + std::to_string(b[k]);
+    return "none";
+}
+
+// What a caller can see of a factored object, taken the same way on both objects compared.
+template <typename T>
+struct Observation {
+    unsigned int work = 0, fill = 0;
+    unsigned char isFactored = 0;
+    unsigned long badScalar = 0;
+    unsigned int badBlock = 0, badLocal = 0;
+    double badValue = 0.0;
+    std::vector<T> L, D, LD;
+    std::vector<unsigned char> flags;
+    std::vector<T> solved, many, unit, refined;
+    unsigned long unitStart = 0;
+};
+
+// Solves of every kind on `data` (a finished factorization), then L, D and L·D (completed first).
+template <typename T>
+Observation<T> observe(Tamber& tamber, TamberData<T>& data, const BlockSystem& sys, unsigned long seed) {
+    Observation<T> o;
+    o.isFactored = data.isFactored;
+    o.badScalar = data.badPivot.scalar;
+    o.badBlock = data.badPivot.block;
+    o.badLocal = data.badPivot.local;
+    o.badValue = data.badPivot.value;
+    const std::vector<double> b = testing::randomVector(sys.N, seed);
+    o.solved.assign(b.begin(), b.end());
+    tamber.solve(data, o.solved.data());
+    // A right-hand side in one block of the middle: the unit solve's path.
+    const unsigned int u = sys.nb / 3;
+    o.unit.assign(sys.N, T(0));
+    for (unsigned int k = 0; k < sys.sizes[u]; ++k) o.unit[sys.offsets[u] + k] = static_cast<T>(b[k]);
+    o.unitStart = tamber.unitSolve(data, o.unit.data(), static_cast<int>(sys.offsets[u] + 1));
+    if constexpr (std::is_same<T, double>::value) {
+        const unsigned int numRhs = 3;
+        const unsigned long ld = sys.N + 1;
+        o.many.assign(numRhs * ld, 0.0);
+        for (unsigned int r = 0; r < numRhs; ++r)
+            for (unsigned int k = 0; k < sys.N; ++k) o.many[r * ld + k] = b[(k + 7 * r) % sys.N] * (r + 1);
+        TamberSolve::solveMany(data, o.many.data(), numRhs, ld);
+        o.refined.assign(sys.N, 0.0);
+        tamber.iterativeRefinement(data, b.data(), o.refined.data(), 3);
+    }
+    if (data.isFactored) tamber.computeScaledFactor(data);
+    o.L = tiles(data.factor);
+    o.LD = tiles(data.scaledFactor);
+    o.D.assign(data.diagonal.data, data.diagonal.data + data.diagonal.size);
+    o.flags.assign(data.scaledFactor.blockFlags, data.scaledFactor.blockFlags + data.scaledFactor.numBlocks);
+    return o;
+}
+
+template <typename T>
+void expectSame(const Observation<T>& got, const Observation<T>& want) {
+    EXPECT_EQ(got.work, want.work);
+    EXPECT_EQ(got.fill, want.fill);
+    EXPECT_EQ(got.isFactored, want.isFactored);
+    EXPECT_EQ(got.badScalar, want.badScalar);
+    EXPECT_EQ(got.badBlock, want.badBlock);
+    EXPECT_EQ(got.badLocal, want.badLocal);
+    EXPECT_TRUE(sameBits(std::vector<double>{got.badValue}, std::vector<double>{want.badValue}));
+    EXPECT_TRUE(sameBits(got.L, want.L)) << "L " << firstDifference(got.L, want.L);
+    EXPECT_TRUE(sameBits(got.D, want.D)) << "D " << firstDifference(got.D, want.D);
+    EXPECT_TRUE(sameBits(got.LD, want.LD)) << "LD " << firstDifference(got.LD, want.LD);
+    EXPECT_EQ(got.flags, want.flags);
+    EXPECT_TRUE(sameBits(got.solved, want.solved)) << "solve";
+    EXPECT_TRUE(sameBits(got.many, want.many)) << "solveMany";
+    EXPECT_TRUE(sameBits(got.unit, want.unit)) << "unitSolve";
+    EXPECT_EQ(got.unitStart, want.unitStart);
+    EXPECT_TRUE(sameBits(got.refined, want.refined)) << "iterativeRefinement";
+}
+
+// A system whose blocks all have odd sizes (1, 3, …, 11): every tile has padding rows.
+BlockSystem makeOddSystem(unsigned long seed, unsigned int nb) {
+    std::mt19937_64 rng(seed);
+    std::uniform_real_distribution<double> u(-1.0, 1.0);
+    std::vector<unsigned int> sizes(nb), offsets(nb + 1, 0);
+    for (unsigned int b = 0; b < nb; ++b) {
+        sizes[b] = 1 + 2 * static_cast<unsigned int>(rng() % 6);
+        offsets[b + 1] = offsets[b] + sizes[b];
+    }
+    testing::DenseSymmetric A(offsets[nb]);
+    for (unsigned int i = 0; i < nb; ++i)
+        for (unsigned int j = 0; j < i; ++j) {
+            if (rng() % 4 != 0) continue;
+            for (unsigned int r = offsets[i]; r < offsets[i + 1]; ++r)
+                for (unsigned int c = offsets[j]; c < offsets[j + 1]; ++c) A.setSymmetric(r, c, u(rng));
+        }
+    for (unsigned int i = 0; i < nb; ++i)  // diagonal blocks: symmetric, dominant
+        for (unsigned int r = offsets[i]; r < offsets[i + 1]; ++r) {
+            for (unsigned int c = offsets[i]; c < r; ++c) A.setSymmetric(r, c, 0.5 * u(rng));
+            double row = 0.0;
+            for (unsigned int c = 0; c < A.n; ++c) row += c == r ? 0.0 : std::fabs(A(r, c));
+            A(r, r) = row + 1.0 + std::fabs(u(rng));
+        }
+    return testing::makeFromDense(sizes, A);
+}
+
+// The systems of the sequences: SPD, saddle point and all-odd, block sizes up to 1 … 12.
+BlockSystem makeSystem(unsigned long seed) {
+    const unsigned int maxSize = 1 + static_cast<unsigned int>(seed % 12);
+    switch (seed % 3) {
+        case 0:
+            return testing::makeSpdSystem(seed, 8 + seed % 9, maxSize, 0.3);
+        case 1:
+            return testing::makeSaddlePointSystem(seed, 6 + seed % 5, 4 + seed % 4, maxSize, 0.2);
+        default:
+            return makeOddSystem(seed, 6 + seed % 7);
+    }
+}
+
+// The values that break a step, in T: non-finite, at the ends of the range, denormal, or a zero pivot.
+enum class Poison { nan, inf, minusInf, huge, tiny, denormal, zeroBlock, count };
+
+template <typename T>
+T poisonValue(Poison p) {
+    switch (p) {
+        case Poison::nan:
+            return std::numeric_limits<T>::quiet_NaN();
+        case Poison::inf:
+            return std::numeric_limits<T>::infinity();
+        case Poison::minusInf:
+            return -std::numeric_limits<T>::infinity();
+        case Poison::huge:
+            return std::numeric_limits<T>::max() / 4;
+        case Poison::tiny:
+            return std::numeric_limits<T>::min() * 4;
+        case Poison::denormal:
+            return std::numeric_limits<T>::denorm_min() * 3;
+        default:
+            return T(0);
+    }
+}
+
+// Writes the poison into data.matrix (never into padding) and returns the block it aimed at: a zero block
+// sets the whole diagonal block of that block to 0 (a zero pivot when it is block 0), huge, tiny and
+// denormal values fill its diagonal (pivots of that size), NaN and infinities go into the first diagonal
+// entry of a block of the second half and into random entries after it.
+template <typename T>
+unsigned int poison(const BlockSystem& sys, SparseMatrix<T>& A, Poison p, std::mt19937_64& rng) {
+    unsigned int target = static_cast<unsigned int>(rng() % sys.nb);
+    auto entries = [&](unsigned int i, unsigned int e, auto&& f) {
+        const unsigned int j = A.rowIndices[e], stride = A.blockStrides[j];
+        for (unsigned int c = 0; c < sys.sizes[i]; ++c)
+            for (unsigned int r = 0; r < sys.sizes[j]; ++r) f(A.blockPointers[e][c * stride + r], r, c);
+    };
+    const T v = poisonValue<T>(p);
+    if (p == Poison::zeroBlock || p == Poison::huge || p == Poison::tiny || p == Poison::denormal) {
+        const unsigned int e = A.colPointers[target + 1] - 1;  // the diagonal block
+        entries(target, e, [&](T& x, unsigned int r, unsigned int c) { x = r == c ? v : T(0); });
+        return target;
+    }
+    target = std::max(target, sys.nb / 2);
+    A.blockPointers[A.colPointers[target + 1] - 1][0] = v;
+    for (unsigned int i = target; i < sys.nb; ++i)
+        for (unsigned int e = A.colPointers[i]; e < A.colPointers[i + 1]; ++e)
+            entries(i, e, [&](T& x, unsigned int, unsigned int) {
+                if (x != T(0) && rng() % 5 == 0) x = v;
+            });
+    return target;
+}
+
+// Brings `data` to the structure of `sys` with its values.
+template <typename T>
+void bringUp(Tamber& tamber, TamberData<T>& data, const BlockSystem& sys, Observation<T>* o) {
+    sys.fillData(data);
+    unsigned int work = 0;
+    const unsigned int fill = tamber.estimateWork(data, &work);
+    if (o != nullptr) o->work = work, o->fill = fill;
+}
+
+// Switches a few equations off and back on in place (double only), solving in between.
+void switchAndBack(Tamber& tamber, TamberData<double>& data, const BlockSystem& sys, std::mt19937_64& rng) {
+    factorIn(tamber, data, Mode{});
+    RankMod mod;
+    ASSERT_TRUE(mod.prepare(data, 2));
+    RankMod::EquationList off, none;
+    for (unsigned int b = 0; b < sys.nb; ++b) {
+        const bool eligible = sys.isConstraint.empty() || sys.isConstraint[b] ||
+                              std::count(sys.isConstraint.begin(), sys.isConstraint.end(), 1) == 0;
+        if (eligible && rng() % 3 == 0) off.push_back({b, static_cast<unsigned int>(rng() % sys.sizes[b])});
+    }
+    std::vector<double> x = testing::randomVector(sys.N, rng());
+    ASSERT_TRUE(mod.apply(data, off, none, rng() % 2 ? RankMod::batched : RankMod::singles));
+    TamberSolve::solve(data, x.data());
+    ASSERT_TRUE(mod.apply(data, none, off, rng() % 2 ? RankMod::batched : RankMod::singles));
+    TamberSolve::solve(data, x.data());
+}
+
+// One random sequence of steps on a used object, then a good factorization in a random mode, compared with
+// a fresh object factored in that mode.
+// poisonMF = false factors the broken steps serially only (see MultifrontalBadPivotLeavesNoTrace).
+template <typename T>
+void runSequence(unsigned long seed, int steps, bool poisonMF) {
+    const BlockSystem sys = makeSystem(seed), other = makeSystem(seed + 1000);
+    SCOPED_TRACE(testing::describe(sys) + " seed " + std::to_string(seed));
+    std::mt19937_64 rng(seed);
+    Tamber tamber;
+    TamberData<T> used;
+    bringUp<T>(tamber, used, sys, nullptr);
+    std::string trail;
+    for (int step = 0; step < steps; ++step) {
+        const unsigned int op = static_cast<unsigned int>(rng() % 5);
+        Mode m = randomMode(rng);
+        if (op == 1 && !poisonMF) m.threads = 0;
+        trail += " " + std::to_string(op) + "(" + describe(m) + ")";
+        if (op == 0) {  // a good step
+            sys.refillValues(used.matrix, 1.0);
+            factorIn(tamber, used, m);
+            observe(tamber, used, sys, rng());
+        } else if (op == 1) {  // a broken step, solved anyway (the float and unit solves may factor again)
+            sys.refillValues(used.matrix, 1.0);
+            const Poison p = static_cast<Poison>(rng() % static_cast<unsigned int>(Poison::count));
+            trail += "p" + std::to_string(static_cast<int>(p));
+            const unsigned int target = poison(sys, used.matrix, p, rng);
+            factorIn(tamber, used, m);
+            if (p < Poison::huge || (p == Poison::zeroBlock && target == 0)) {
+                EXPECT_NE(used.badPivot.scalar, TamberData<T>::BadPivot::noPivot) << trail;
+            }
+            if (rng() % 2) observe(tamber, used, sys, rng());
+        } else if (op == 2) {  // values scaled far up or down, all finite
+            sys.refillValues(used.matrix, rng() % 2 ? 1e30 : 1e-30);
+            factorIn(tamber, used, m);
+            observe(tamber, used, sys, rng());
+        } else if (op == 3) {  // a detour through another structure, back with or without estimateWork
+            bringUp<T>(tamber, used, other, nullptr);
+            factorIn(tamber, used, m);
+            observe(tamber, used, other, rng());
+            sys.fillData(used);
+            if (rng() % 2) tamber.estimateWork(used, nullptr);
+        } else {  // switching equations off and on in place; or the layout asked for again
+            if constexpr (std::is_same<T, double>::value) {
+                sys.refillValues(used.matrix, 1.0);
+                switchAndBack(tamber, used, sys, rng);
+            }
+            tamber.estimateWork(used, nullptr);
+        }
+    }
+    const Mode last = randomMode(rng);
+    const unsigned long rhsSeed = rng();
+    SCOPED_TRACE("steps" + trail + "; last " + describe(last));
+    sys.refillValues(used.matrix, 1.0);
+    Observation<T> want;
+    TamberData<T> fresh;
+    bringUp(tamber, fresh, sys, &want);
+    factorIn(tamber, fresh, last);
+    want = [&] {
+        Observation<T> o = observe(tamber, fresh, sys, rhsSeed);
+        o.work = want.work, o.fill = want.fill;
+        return o;
+    }();
+    unsigned int work = 0;
+    const unsigned int fill = tamber.estimateWork(used, &work);
+    factorIn(tamber, used, last);
+    Observation<T> got = observe(tamber, used, sys, rhsSeed);
+    got.work = work, got.fill = fill;
+    expectSame(got, want);
+
+    // The fresh object itself solves right (a leak into both would otherwise pass).
+    ASSERT_EQ(fresh.badPivot.scalar, TamberData<T>::BadPivot::noPivot);
+    const std::vector<double> b = testing::randomVector(sys.N, rhsSeed);
+    const std::vector<double> ref = testing::denseSolve(testing::denseLdlt(sys.dense), b);
+    double err = 0.0, scale = 1.0;
+    for (unsigned int k = 0; k < sys.N; ++k) {
+        err = std::max(err, std::fabs(static_cast<double>(want.solved[k]) - ref[k]));
+        scale = std::max(scale, std::fabs(ref[k]));
+    }
+    const double tol = std::is_same<T, double>::value ? 1e-9 : 1e-3;
+    EXPECT_LT(err / scale, tol);
+    std::vector<double> unitRhs(sys.N, 0.0);
+    const unsigned int u = sys.nb / 3;
+    for (unsigned int k = 0; k < sys.sizes[u]; ++k) unitRhs[sys.offsets[u] + k] = static_cast<T>(b[k]);
+    const std::vector<double> unitRef = testing::denseSolve(testing::denseLdlt(sys.dense), unitRhs);
+    err = 0.0, scale = 1.0;
+    for (unsigned int k = 0; k < sys.N; ++k) {
+        err = std::max(err, std::fabs(static_cast<double>(want.unit[k]) - unitRef[k]));
+        scale = std::max(scale, std::fabs(unitRef[k]));
+    }
+    EXPECT_LT(err / scale, tol) << "unitSolve";
+}
+
+TEST(StepIsolation, RandomSequencesEndLikeAFreshObjectDouble) {
+    for (unsigned long seed = 0; seed < 36; ++seed) runSequence<double>(seed, 6, false);
+}
+
+TEST(StepIsolation, RandomSequencesEndLikeAFreshObjectFloat) {
+    for (unsigned long seed = 0; seed < 36; ++seed) runSequence<float>(seed, 6, true);
+}
+
+// Fails: after a multifrontal factorization that met a non-finite pivot, the padding rows of odd-sized tiles
+// of L stay NaN, and a later factorSerial of good values reads them (see MultifrontalBadPivotLeavesNoTrace).
+TEST(StepIsolation, DISABLED_RandomSequencesWithMultifrontalBadStepsEndLikeAFreshObjectDouble) {
+    for (unsigned long seed = 0; seed < 36; ++seed) runSequence<double>(seed, 6, true);
+}
+
+// Every poison in every mode, one step each, then good values in the same mode: the bits of a fresh object.
+template <typename T>
+void runEveryPoison(unsigned long seed) {
+    const BlockSystem sys = makeSystem(seed);
+    SCOPED_TRACE(testing::describe(sys) + " seed " + std::to_string(seed));
+    std::mt19937_64 rng(seed);
+    Tamber tamber;
+    for (unsigned int threads = 0; threads < 3; ++threads)
+        for (unsigned char writeLD = 0; writeLD < 2; ++writeLD)
+            for (unsigned char stop = 0; stop < 2; ++stop) {
+                const Mode m{threads, writeLD, stop};
+                TamberData<T> fresh;
+                Observation<T> want;
+                bringUp(tamber, fresh, sys, &want);
+                factorIn(tamber, fresh, m);
+                want = observe(tamber, fresh, sys, seed);
+                for (unsigned int p = 0; p < static_cast<unsigned int>(Poison::count); ++p) {
+                    SCOPED_TRACE(describe(m) + " poison " + std::to_string(p));
+                    TamberData<T> used;
+                    bringUp<T>(tamber, used, sys, nullptr);
+                    factorIn(tamber, used, m);
+                    poison(sys, used.matrix, static_cast<Poison>(p), rng);
+                    factorIn(tamber, used, m);
+                    sys.refillValues(used.matrix, 1.0);
+                    factorIn(tamber, used, m);
+                    expectSame(observe(tamber, used, sys, seed), want);
+                }
+            }
+}
+
+TEST(StepIsolation, EveryPoisonInEveryModeLeavesNoTrace) {
+    for (unsigned long seed : {1ul, 2ul, 5ul, 11ul}) {
+        runEveryPoison<double>(seed);
+        runEveryPoison<float>(seed + 20);
+    }
+}
+
+// The smallest case of a leak between the two factorizations: two coupled blocks of 3 (one padding row
+// each), a NaN in A(0, 0) factored by the multifrontal method, then good values factored serially.
+// Fails: the padding row of L(1, 0) and L(1, 1) keeps the NaN of the broken step (factorSerial clears the
+// padding rows only after a bad pivot of its own, factorMF never), and with more blocks factorSerial reads
+// it (4 blocks of 3: a bad pivot at scalar 9 of good values).
+TEST(StepIsolation, DISABLED_MultifrontalBadPivotLeavesNoTrace) {
+    for (unsigned int nb : {2u, 4u}) {
+        for (unsigned int threads : {1u, 2u}) {
+            const std::vector<unsigned int> sizes(nb, 3);
+            testing::DenseSymmetric A(3 * nb);
+            for (unsigned int r = 0; r < A.n; ++r) {
+                for (unsigned int c = 0; c < r; ++c) A.setSymmetric(r, c, 0.25 / (1 + r - c));
+                A(r, r) = 4.0;
+            }
+            const BlockSystem sys = testing::makeFromDense(sizes, A);
+            Tamber tamber;
+            TamberData<double> used, fresh;
+            bringUp<double>(tamber, fresh, sys, nullptr);
+            factorIn(tamber, fresh, Mode{});
+            bringUp<double>(tamber, used, sys, nullptr);
+            used.matrix.blockPointers[0][0] = std::nan("");
+            factorIn(tamber, used, Mode{threads, 1, 0});
+            sys.refillValues(used.matrix, 1.0);
+            factorIn(tamber, used, Mode{});
+            EXPECT_EQ(used.badPivot.scalar, TamberData<double>::BadPivot::noPivot) << nb << " " << threads;
+            EXPECT_TRUE(sameBits(tiles(used.factor), tiles(fresh.factor)))
+                << firstDifference(tiles(used.factor), tiles(fresh.factor));
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kivTamber
