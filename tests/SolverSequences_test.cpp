@@ -1,0 +1,374 @@
+// The solver object over many time steps: after any seeded random sequence of steps (good values, values
+// with NaN, infinities, huge entries and zero mass blocks, factor failures, switching equations on and off,
+// option changes between serial and multifrontal and in and out of the regularised mode, condition
+// estimates, re-analyses of another structure and back, and calls that fail), a factorization and solve of
+// good values give the bits of a fresh object brought straight to the same structure, options, values and
+// active set. And every failed call leaves everything a caller can observe as it was.
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <cstring>
+#include <limits>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "Solver.h"
+#include "testing/DenseReference.h"
+
+namespace kivTamber {
+namespace {
+
+namespace tst = kivTamber::testing;
+
+// A random body/constraint scene with its values in the layout of Solver::setValues: bodies of 1 … 12
+// unknowns (odd sizes twice as likely) with SPD mass blocks, constraints of up to 3 rows on one or two bodies
+// (J of full row rank: the rows on a body never exceed its size), some body couplings and compliant
+// constraints.
+struct Scene {
+    SystemStructure structure;
+    std::vector<double> bodies, jacobians, couplings, compliances;
+
+    Scene(unsigned long seed, unsigned int nb) {
+        std::mt19937_64 rng(seed);
+        std::uniform_real_distribution<double> u(-1.0, 1.0);
+        const unsigned int odd[] = {1, 3, 5, 7, 9, 11};
+        std::vector<unsigned int> room(nb);
+        for (unsigned int b = 0; b < nb; ++b) {
+            const unsigned int s = rng() % 3 ? odd[rng() % 6] : 1 + static_cast<unsigned int>(rng() % 12);
+            structure.addBody(s);
+            room[b] = s;
+        }
+        for (unsigned int b = 0; b < nb; ++b) {
+            const unsigned int rows = 1 + static_cast<unsigned int>(rng() % 3);
+            const unsigned int other = b + 1 + static_cast<unsigned int>(rng() % 3);
+            if (room[b] < rows) continue;
+            room[b] -= rows;
+            const unsigned int c = structure.addConstraint(rows, rng() % 4 == 0);
+            structure.addJacobian(c, b);
+            if (other < nb && structure.bodySizes[other] >= rows) structure.addJacobian(c, other);
+        }
+        for (unsigned int b = 0; b + 2 < nb; b += 4) structure.addBodyCoupling(b + 2, b);
+        for (unsigned int b = 0; b < nb; ++b) {
+            const unsigned int s = structure.bodySizes[b];
+            std::vector<double> g(s * s);
+            for (double& v : g) v = u(rng);
+            for (unsigned int i = 0; i < s; ++i)
+                for (unsigned int j = 0; j < s; ++j) {
+                    double m = i == j ? 2.0 * s : 0.0;  // GᵀG + 2s·I
+                    for (unsigned int k = 0; k < s; ++k) m += g[k * s + i] * g[k * s + j];
+                    bodies.push_back(m);
+                }
+        }
+        for (const auto& jb : structure.jacobians) {
+            const unsigned int n = structure.constraintSizes[jb.first] * structure.bodySizes[jb.second];
+            for (unsigned int k = 0; k < n; ++k) jacobians.push_back(u(rng));
+        }
+        for (const auto& cb : structure.couplings) {
+            const unsigned int n = structure.bodySizes[cb.first] * structure.bodySizes[cb.second];
+            for (unsigned int k = 0; k < n; ++k) couplings.push_back(0.2 * u(rng));
+        }
+        for (unsigned int c = 0; c < structure.numConstraints(); ++c) {
+            if (!structure.compliant[c]) continue;
+            const unsigned int s = structure.constraintSizes[c];
+            for (unsigned int i = 0; i < s; ++i)
+                for (unsigned int j = 0; j < s; ++j) compliances.push_back(i == j ? 0.05 + 0.01 * i : 0.0);
+        }
+    }
+
+    template <typename T>
+    Status setAll(Solver<T>& solver, double scale = 1.0) const {
+        auto cast = [scale](const std::vector<double>& v) {
+            std::vector<T> t(v.size());
+            for (std::size_t k = 0; k < v.size(); ++k) t[k] = static_cast<T>(scale * v[k]);
+            return t;
+        };
+        return solver.setValues(cast(bodies).data(), cast(jacobians).data(), cast(couplings).data(),
+                                cast(compliances).data());
+    }
+
+    unsigned long rows() const {
+        unsigned long n = 0;
+        for (unsigned int s : structure.bodySizes) n += s;
+        for (unsigned int s : structure.constraintSizes) n += s;
+        return n;
+    }
+};
+
+template <typename T>
+bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
+    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
+}
+
+// Everything a caller can observe of a factored object: one solve, three at once, the condition estimate,
+// the active flags and the report's figures of the factorization and the solve.
+template <typename T>
+struct Observation {
+    Status factorStatus, solveStatus, manyStatus, conditionStatus;
+    std::vector<T> x, many;
+    double kappa = -2.0;
+    std::vector<unsigned char> active;
+    unsigned long positive = 0, negative = 0, zero = 0;
+    double smallest = 0.0, residual = 0.0;
+    bool badFound = false, regularized = false;
+    std::string path;
+    unsigned int threads = 0, refinementSteps = 0;
+};
+
+// Solves and reads without factoring (the caller factors first when it wants a factorization).
+template <typename T>
+Observation<T> look(Solver<T>& s, const Scene& scene, unsigned long seed) {
+    Observation<T> o;
+    const unsigned long n = s.size();
+    const std::vector<double> b = tst::randomVector(static_cast<unsigned int>(n), seed);
+    std::vector<T> bt(b.begin(), b.end());
+    o.x.assign(n, T(7));
+    o.solveStatus = s.solve(bt.data(), o.x.data());
+    const SolverReport& r = s.report();
+    o.residual = r.residual;
+    o.refinementSteps = r.refinementSteps;
+    const unsigned long ld = n + 3;
+    std::vector<T> B(3 * ld, T(0));
+    for (unsigned int k = 0; k < 3; ++k)
+        for (unsigned long i = 0; i < n; ++i) B[k * ld + i] = static_cast<T>(b[(i + 5 * k) % n] * (k + 1));
+    o.many.assign(3 * ld, T(7));
+    o.manyStatus = s.solve(B.data(), o.many.data(), 3, ld);
+    o.conditionStatus = s.estimateCondition(o.kappa);
+    for (unsigned int c = 0; c < scene.structure.numConstraints(); ++c)
+        for (unsigned int row = 0; row < scene.structure.constraintSizes[c]; ++row)
+            o.active.push_back(s.isActive(c, row));
+    o.positive = r.positivePivots;
+    o.negative = r.negativePivots;
+    o.zero = r.zeroPivots;
+    o.smallest = r.smallestPivot.value;
+    o.badFound = r.badPivot.found;
+    o.regularized = r.regularized;
+    o.path = r.path;
+    o.threads = r.threads;
+    return o;
+}
+
+template <typename T>
+void expectSame(const Observation<T>& got, const Observation<T>& want) {
+    EXPECT_EQ(got.factorStatus.code, want.factorStatus.code) << got.factorStatus.message;
+    EXPECT_EQ(got.factorStatus.message, want.factorStatus.message);
+    EXPECT_EQ(got.solveStatus.code, want.solveStatus.code) << got.solveStatus.message;
+    EXPECT_EQ(got.manyStatus.code, want.manyStatus.code);
+    EXPECT_EQ(got.conditionStatus.code, want.conditionStatus.code);
+    EXPECT_TRUE(sameBits(got.x, want.x)) << "solve";
+    EXPECT_TRUE(sameBits(got.many, want.many)) << "three right-hand sides";
+    EXPECT_TRUE(sameBits(std::vector<double>{got.kappa}, std::vector<double>{want.kappa}))
+        << got.kappa << " " << want.kappa;
+    EXPECT_EQ(got.active, want.active);
+    EXPECT_EQ(got.positive, want.positive);
+    EXPECT_EQ(got.negative, want.negative);
+    EXPECT_EQ(got.zero, want.zero);
+    EXPECT_TRUE(sameBits(std::vector<double>{got.smallest}, std::vector<double>{want.smallest}));
+    EXPECT_TRUE(sameBits(std::vector<double>{got.residual}, std::vector<double>{want.residual}))
+        << got.residual << " " << want.residual;
+    EXPECT_EQ(got.badFound, want.badFound);
+    EXPECT_EQ(got.regularized, want.regularized);
+    EXPECT_EQ(got.path, want.path);
+    EXPECT_EQ(got.threads, want.threads);
+    EXPECT_EQ(got.refinementSteps, want.refinementSteps);
+}
+
+SolverOptions randomOptions(std::mt19937_64& rng) {
+    SolverOptions o;
+    o.threads = static_cast<unsigned int>(rng() % 3);  // 0: by predicted work
+    o.maxThreads = 2;
+    o.refinementSteps = static_cast<unsigned int>(rng() % 3);
+    o.regularization = rng() % 4 == 0 ? 1e-7 : 0.0;
+    o.switching = static_cast<SwitchMethod>(rng() % 3);
+    o.checkValues = rng() % 2 == 0;
+    return o;
+}
+
+// Values that break a step, written over a copy of the scene's: NaN or infinities in a few Jacobian entries,
+// huge entries in a mass block, or a zero mass block.
+template <typename T>
+Status setBroken(Solver<T>& s, const Scene& scene, unsigned int kind, std::mt19937_64& rng) {
+    std::vector<T> bodies(scene.bodies.begin(), scene.bodies.end());
+    std::vector<T> jac(scene.jacobians.begin(), scene.jacobians.end());
+    std::vector<T> coup(scene.couplings.begin(), scene.couplings.end());
+    std::vector<T> comp(scene.compliances.begin(), scene.compliances.end());
+    const T bad[] = {std::numeric_limits<T>::quiet_NaN(), std::numeric_limits<T>::infinity(),
+                     -std::numeric_limits<T>::infinity(), std::numeric_limits<T>::max() / 8, T(0)};
+    if (kind < 3) {
+        for (T& v : jac)
+            if (rng() % 4 == 0) v = bad[kind];
+        jac[rng() % jac.size()] = bad[kind];
+    } else {
+        const unsigned int body = static_cast<unsigned int>(rng() % scene.structure.numBodies());
+        unsigned long at = 0;
+        for (unsigned int b = 0; b < body; ++b)
+            at += scene.structure.bodySizes[b] * scene.structure.bodySizes[b];
+        const unsigned int sz = scene.structure.bodySizes[body];
+        for (unsigned int k = 0; k < sz * sz; ++k) bodies[at + k] = kind == 3 ? bad[3] : T(0);
+    }
+    return s.setValues(bodies.data(), jac.data(), coup.data(), comp.data());
+}
+
+// One random sequence of steps on a used object, then the same final step on it and on a fresh object.
+template <typename T>
+void runSequence(unsigned long seed, int steps) {
+    const Scene scene(seed, 6 + seed % 10), other(seed + 500, 4 + seed % 5);
+    std::mt19937_64 rng(seed);
+    Solver<T> used;
+    SolverOptions analyzed;  // the options of the last analyze of `scene`
+    analyzed.ordering = static_cast<OrderingMethod>(rng() % 4);
+    analyzed.mergeBlocks = rng() % 2 == 0;
+    SolverOptions current = analyzed;
+    ASSERT_TRUE(used.setOptions(current));
+    ASSERT_TRUE(used.analyze(scene.structure));
+    ASSERT_TRUE(scene.setAll(used));
+    const unsigned int nc = scene.structure.numConstraints();
+    std::vector<std::vector<unsigned char>> active(nc);
+    for (unsigned int c = 0; c < nc; ++c) active[c].assign(scene.structure.constraintSizes[c], 1);
+    std::string trail;
+    for (int step = 0; step < steps; ++step) {
+        const unsigned int op = static_cast<unsigned int>(rng() % 6);
+        trail += " " + std::to_string(op);
+        if (op == 0) {  // a good step
+            ASSERT_TRUE(scene.setAll(used, rng() % 3 == 0 ? 1e20 : 1.0));
+            used.factor();
+            look(used, scene, rng());
+        } else if (op == 1) {  // a broken step: the setter or the factorization refuses, the solves too
+            const unsigned int kind = static_cast<unsigned int>(rng() % 5);
+            trail += "k" + std::to_string(kind);
+            const Status set = setBroken(used, scene, kind, rng);
+            const Status f = used.factor();
+            if (kind < 3 && set) {
+                EXPECT_FALSE(f.ok()) << trail;
+            }
+            if (rng() % 2) look(used, scene, rng());
+            if (!set) {  // checkValues refused them: good values go in instead
+                ASSERT_TRUE(scene.setAll(used));
+            }
+        } else if (op == 2) {  // switching rows on and off, solved (in place or factored again)
+            for (int k = 0; k < 3; ++k) {
+                const unsigned int c = static_cast<unsigned int>(rng() % nc);
+                const unsigned int row =
+                    static_cast<unsigned int>(rng() % scene.structure.constraintSizes[c]);
+                const bool on = rng() % 2 == 0;
+                ASSERT_TRUE(used.setActive(c, row, on));
+                active[c][row] = on;
+            }
+            look(used, scene, rng());
+        } else if (op == 3) {  // options between steps
+            SolverOptions o = randomOptions(rng);
+            o.ordering = analyzed.ordering;
+            o.mergeBlocks = analyzed.mergeBlocks;
+            ASSERT_TRUE(used.setOptions(o));
+            current = o;
+            trail += "t" + std::to_string(o.threads) + "r" + std::to_string(o.regularization > 0);
+            used.factor();
+        } else if (op == 4) {  // another structure, then back: every value zero, every row active again
+            ASSERT_TRUE(used.analyze(other.structure));
+            ASSERT_TRUE(other.setAll(used));
+            used.factor();
+            look(used, other, rng());
+            analyzed.ordering = static_cast<OrderingMethod>(rng() % 4);
+            analyzed.mergeBlocks = rng() % 2 == 0;
+            current.ordering = analyzed.ordering;
+            current.mergeBlocks = analyzed.mergeBlocks;
+            ASSERT_TRUE(used.setOptions(current));
+            ASSERT_TRUE(used.analyze(scene.structure));
+            for (auto& a : active) a.assign(a.size(), 1);
+            ASSERT_TRUE(scene.setAll(used));
+        } else {  // calls that fail
+            SystemStructure bad = scene.structure;
+            bad.addJacobian(0, 999);
+            EXPECT_FALSE(used.analyze(bad).ok());
+            std::vector<T> v(200, T(1));
+            EXPECT_FALSE(used.setBody(999, v.data()).ok());
+            EXPECT_FALSE(used.setActive(nc, 0, false).ok());
+            double kappa = 0;
+            used.estimateCondition(kappa);
+        }
+    }
+    SCOPED_TRACE("seed " + std::to_string(seed) + " steps" + trail);
+
+    // The last step on both objects: good values, the current options and active set, factor, observe.
+    const unsigned long rhsSeed = rng();
+    ASSERT_TRUE(scene.setAll(used));
+    Observation<T> got;
+    got.factorStatus = used.factor();
+    got = [&] {
+        Observation<T> o = look(used, scene, rhsSeed);
+        o.factorStatus = got.factorStatus;
+        return o;
+    }();
+
+    Solver<T> fresh;
+    ASSERT_TRUE(fresh.setOptions(analyzed));
+    ASSERT_TRUE(fresh.analyze(scene.structure));
+    ASSERT_TRUE(fresh.setOptions(current));
+    ASSERT_TRUE(scene.setAll(fresh));
+    for (unsigned int c = 0; c < nc; ++c)
+        for (unsigned int row = 0; row < active[c].size(); ++row)
+            ASSERT_TRUE(fresh.setActive(c, row, active[c][row] != 0));
+    Observation<T> want;
+    want.factorStatus = fresh.factor();
+    ASSERT_TRUE(want.factorStatus.ok()) << want.factorStatus.message;
+    want = [&] {
+        Observation<T> o = look(fresh, scene, rhsSeed);
+        o.factorStatus = want.factorStatus;
+        return o;
+    }();
+    expectSame(got, want);
+}
+
+TEST(SolverSequences, RandomStepsEndLikeAFreshObjectDouble) {
+    for (unsigned long seed = 0; seed < 40; ++seed) runSequence<double>(seed, 10);
+}
+
+TEST(SolverSequences, RandomStepsEndLikeAFreshObjectFloat) {
+    for (unsigned long seed = 0; seed < 40; ++seed) runSequence<float>(seed, 10);
+}
+
+// A switch of equations by factoring again (switching = refactor, and always in the regularised mode) and a
+// fresh object factored with the same active set: the same masked factor, so the same bits of x and the
+// same residual in the report, switching off from all active and back on again.
+// Fails: the solver keeps ‖A‖∞ (Impl::normA) of the active set of an earlier solve; the switch (by update or
+// by factoring again) does not reset it, so the refinement's stop test (scaled residual at the rounding
+// level) and SolverReport::residual use the norm of another matrix. Seed 337: the used object stops after 5
+// steps at a scaled residual of 2.1e-16, the fresh one runs 6 to 2.2e-18.
+TEST(SolverSequences, DISABLED_SwitchedStepUsesTheNormOfItsActiveSet) {
+    for (unsigned long seed : {337ul, 345ul, 362ul, 3ul, 7ul}) {
+        const Scene scene(seed, 12);
+        SolverOptions o;
+        o.switching = SwitchMethod::refactor;
+        o.refinementSteps = 20;
+        o.regularization = 1e-4;
+        o.threads = 1;
+        Solver<double> used;
+        ASSERT_TRUE(used.setOptions(o));
+        ASSERT_TRUE(used.analyze(scene.structure));
+        ASSERT_TRUE(scene.setAll(used));
+        ASSERT_TRUE(used.factor());
+        const std::vector<double> b = tst::randomVector(static_cast<unsigned int>(used.size()), seed);
+        std::vector<double> x(b.size()), y(b.size());
+        ASSERT_TRUE(used.solve(b.data(), x.data()));
+        for (bool on : {false, true}) {
+            SCOPED_TRACE("seed " + std::to_string(seed) + (on ? " back on" : " switched off"));
+            Solver<double> fresh;
+            ASSERT_TRUE(fresh.setOptions(o));
+            ASSERT_TRUE(fresh.analyze(scene.structure));
+            ASSERT_TRUE(scene.setAll(fresh));
+            for (unsigned int c = 0; c < scene.structure.numConstraints(); c += 2) {
+                ASSERT_TRUE(used.setConstraintActive(c, on));
+                ASSERT_TRUE(fresh.setConstraintActive(c, on));
+            }
+            ASSERT_TRUE(used.solve(b.data(), x.data()));
+            ASSERT_TRUE(fresh.factor());
+            ASSERT_TRUE(fresh.solve(b.data(), y.data()));
+            EXPECT_TRUE(sameBits(x, y));
+            EXPECT_EQ(used.report().refinementSteps, fresh.report().refinementSteps);
+            EXPECT_EQ(used.report().residual, fresh.report().residual);
+        }
+    }
+}
+
+}  // namespace
+}  // namespace kivTamber
