@@ -8,6 +8,7 @@
 
 #include <cmath>
 #include <cstring>
+#include <functional>
 #include <limits>
 #include <random>
 #include <string>
@@ -367,6 +368,120 @@ TEST(SolverSequences, DISABLED_SwitchedStepUsesTheNormOfItsActiveSet) {
             EXPECT_EQ(used.report().refinementSteps, fresh.report().refinementSteps);
             EXPECT_EQ(used.report().residual, fresh.report().residual);
         }
+    }
+}
+
+// Every call that fails leaves what a caller can observe as it was: the next solves without factoring give
+// the same bits (the factor is untouched), and so does a factorization after them (the values are
+// untouched). Checked on a factored object, one with a pending switch, and one whose values changed since
+// its factorization (the solve must keep refusing).
+template <typename T>
+void checkFailedCalls(unsigned long seed) {
+    const Scene scene(seed, 10);
+    const unsigned int nb = scene.structure.numBodies(), nc = scene.structure.numConstraints();
+    SolverOptions o;
+    o.checkValues = true;
+    o.threads = 1 + seed % 2;
+    o.refinementSteps = 2;
+    Solver<T> s;
+    ASSERT_TRUE(s.setOptions(o));
+    ASSERT_TRUE(s.analyze(scene.structure));
+    ASSERT_TRUE(scene.setAll(s));
+    ASSERT_TRUE(s.factor());
+    std::vector<T> v(200, T(1)), nan(scene.jacobians.size() + 200, T(1));
+    nan[0] = nan[scene.jacobians.size() - 1] = std::numeric_limits<T>::quiet_NaN();  // first and last
+    std::vector<T> bodies(scene.bodies.size(), T(3));  // valid but different: must not be stored
+    std::vector<T> x(s.size() + 1), b(s.size() + 1, T(1));
+    SystemStructure unknownBody = scene.structure, twice = scene.structure, empty;
+    unknownBody.addJacobian(0, nb + 5);
+    twice.jacobians.push_back(twice.jacobians.front());
+    const unsigned int colPointers[] = {0, 1, 3}, rowIndices[] = {0, 0, 7};
+    const unsigned int wrongSizes[] = {2, 2};
+    SolverOptions badOptions = o;
+    badOptions.regularization = std::nan("");
+    SolverOptions badThreads = o;
+    badThreads.threads = 1000;
+    const unsigned long ld = s.size() - 1;
+    struct Call {
+        const char* what;
+        std::function<Status()> call;
+    };
+    const std::vector<Call> calls = {
+        {"analyze unknown body", [&] { return s.analyze(unknownBody); }},
+        {"analyze Jacobian twice", [&] { return s.analyze(twice); }},
+        {"analyze empty", [&] { return s.analyze(empty); }},
+        {"analyzeScalar bad row", [&] { return s.analyzeScalar(2, 2, colPointers, rowIndices); }},
+        {"analyzeScalar bad sizes",
+         [&] { return s.analyzeScalar(2, 2, colPointers, rowIndices, wrongSizes, 2); }},
+        {"setBody id", [&] { return s.setBody(nb, v.data()); }},
+        {"setBody null", [&] { return s.setBody(0, nullptr); }},
+        {"setJacobian pair", [&] { return s.setJacobian(0, nb - 1 == 0 ? 1 : nb - 1, v.data()); }},
+        {"setJacobian NaN",
+         [&] {
+             return s.setJacobian(scene.structure.jacobians[0].first, scene.structure.jacobians[0].second,
+                                  nan.data());
+         }},
+        {"setBodyCoupling self", [&] { return s.setBodyCoupling(1, 1, v.data()); }},
+        {"setCompliance id", [&] { return s.setCompliance(nc, v.data()); }},
+        {"setBlock id", [&] { return s.setBlock(nb + nc, 0, v.data()); }},
+        {"setPatternValues", [&] { return s.setPatternValues(v.data(), nullptr); }},
+        {"setScalarValues", [&] { return s.setScalarValues(v.data()); }},
+        {"setValues NaN Jacobian", [&] { return s.setValues(bodies.data(), nan.data()); }},
+        {"setActive constraint", [&] { return s.setActive(nc, 0, false); }},
+        {"setActive row", [&] { return s.setActive(0, 99, false); }},
+        {"setConstraintActive", [&] { return s.setConstraintActive(nc + 1, false); }},
+        {"setOptions NaN", [&] { return s.setOptions(badOptions); }},
+        {"setOptions threads", [&] { return s.setOptions(badThreads); }},
+        {"solve null", [&] { return s.solve(nullptr, x.data()); }},
+        {"solve ld", [&] { return s.solve(b.data(), x.data(), 2, ld); }},
+    };
+    for (int state = 0; state < 3; ++state) {
+        SCOPED_TRACE("seed " + std::to_string(seed) + " state " + std::to_string(state));
+        if (state == 1) {  // a switch pending until the next solve
+            ASSERT_TRUE(s.setConstraintActive(nc / 2, false));
+        } else if (state == 2) {  // new values: solves refuse until the next factorization
+            const std::vector<T> body0(scene.bodies.begin(), scene.bodies.end());
+            ASSERT_TRUE(s.setBody(0, body0.data()));
+        }
+        // Observed after each failing call (solving applies a pending switch, so the first observation is
+        // taken after the first call).
+        Observation<T> before;
+        bool first = true;
+        for (const Call& c : calls) {
+            SCOPED_TRACE(c.what);
+            const Status st = c.call();
+            EXPECT_FALSE(st.ok());
+            EXPECT_FALSE(st.message.empty());
+            Observation<T> now = look(s, scene, seed);
+            if (first) {
+                before = now;
+                first = false;
+                continue;
+            }
+            expectSame(now, before);
+        }
+        if (state == 2) {
+            EXPECT_EQ(before.solveStatus.code, StatusCode::notFactored);
+            ASSERT_TRUE(s.factor());
+        }
+        // The values: a factorization now equals one of a fresh object with the same active set.
+        Solver<T> fresh;
+        ASSERT_TRUE(fresh.setOptions(o));
+        ASSERT_TRUE(fresh.analyze(scene.structure));
+        ASSERT_TRUE(scene.setAll(fresh));
+        for (unsigned int c = 0; c < nc; ++c)
+            for (unsigned int r = 0; r < scene.structure.constraintSizes[c]; ++r)
+                ASSERT_TRUE(fresh.setActive(c, r, s.isActive(c, r)));
+        ASSERT_TRUE(fresh.factor());
+        ASSERT_TRUE(s.factor());
+        expectSame(look(s, scene, seed), look(fresh, scene, seed));
+    }
+}
+
+TEST(SolverSequences, FailedCallsChangeNothing) {
+    for (unsigned long seed : {1ul, 2ul, 3ul}) {
+        checkFailedCalls<double>(seed);
+        checkFailedCalls<float>(seed + 10);
     }
 }
 
