@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "Analysis.h"
 #include "Solver.h"
 #include "testing/DenseReference.h"
 
@@ -86,6 +87,39 @@ struct Scene {
         };
         return solver.setValues(cast(bodies).data(), cast(jacobians).data(), cast(couplings).data(),
                                 cast(compliances).data());
+    }
+
+    // The matrix in the caller's numbering (bodies, then constraints), as a dense symmetric matrix.
+    tst::DenseSymmetric dense() const {
+        const unsigned int nb = structure.numBodies(), nc = structure.numConstraints();
+        std::vector<unsigned int> off(nb + nc + 1, 0);
+        for (unsigned int b = 0; b < nb; ++b) off[b + 1] = off[b] + structure.bodySizes[b];
+        for (unsigned int c = 0; c < nc; ++c) off[nb + c + 1] = off[nb + c] + structure.constraintSizes[c];
+        tst::DenseSymmetric A(off.back());
+        unsigned long at = 0;
+        for (unsigned int b = 0; b < nb; ++b)
+            for (unsigned int i = 0; i < structure.bodySizes[b]; ++i)
+                for (unsigned int j = 0; j < structure.bodySizes[b]; ++j)
+                    A(off[b] + i, off[b] + j) = bodies[at++];
+        at = 0;
+        for (const auto& jb : structure.jacobians)
+            for (unsigned int i = 0; i < structure.constraintSizes[jb.first]; ++i)
+                for (unsigned int j = 0; j < structure.bodySizes[jb.second]; ++j)
+                    A.setSymmetric(off[nb + jb.first] + i, off[jb.second] + j, jacobians[at++]);
+        at = 0;
+        for (const auto& cb : structure.couplings)
+            for (unsigned int i = 0; i < structure.bodySizes[cb.first]; ++i)
+                for (unsigned int j = 0; j < structure.bodySizes[cb.second]; ++j)
+                    A.setSymmetric(off[cb.first] + i, off[cb.second] + j, couplings[at++]);
+        at = 0;
+        for (unsigned int c = 0; c < nc; ++c) {
+            if (!structure.compliant[c]) continue;
+            const unsigned int sc = structure.constraintSizes[c];
+            for (unsigned int i = 0; i < sc; ++i)
+                for (unsigned int j = 0; j < sc; ++j)
+                    A(off[nb + c] + i, off[nb + c] + j) = -compliances[at++];
+        }
+        return A;
     }
 
     unsigned long rows() const {
@@ -482,6 +516,125 @@ TEST(SolverSequences, FailedCallsChangeNothing) {
     for (unsigned long seed : {1ul, 2ul, 3ul}) {
         checkFailedCalls<double>(seed);
         checkFailedCalls<float>(seed + 10);
+    }
+}
+
+// One scene given three ways: its structure, its block pattern (Analysis::Problem with the values of
+// setPatternValues) and its lower triangle as a scalar matrix (analyzeScalar, blocks given).
+struct Inputs {
+    const Scene* scene = nullptr;
+    unsigned int n = 0, nb = 0, N = 0, firstConstraintRow = 0;
+    std::vector<unsigned int> cp, ri, sizes;  // block pattern, upper (i <= j) by columns
+    std::vector<unsigned long> vp;
+    std::vector<double> blockValues;
+    std::vector<unsigned int> scp, sri;  // scalar lower triangle
+    std::vector<double> scalarValues;
+
+    explicit Inputs(const Scene& s) : scene(&s) {
+        const tst::DenseSymmetric A = s.dense();
+        nb = s.structure.numBodies();
+        n = nb + s.structure.numConstraints();
+        for (unsigned int x : s.structure.bodySizes) sizes.push_back(x);
+        for (unsigned int x : s.structure.constraintSizes) sizes.push_back(x);
+        std::vector<unsigned int> off(n + 1, 0);
+        for (unsigned int k = 0; k < n; ++k) off[k + 1] = off[k] + sizes[k];
+        N = off[n];
+        firstConstraintRow = off[nb];
+        cp.push_back(0);
+        for (unsigned int j = 0; j < n; ++j) {
+            for (unsigned int i = 0; i <= j; ++i) {
+                bool coupled = i == j;
+                for (unsigned int r = off[i]; r < off[i + 1] && !coupled; ++r)
+                    for (unsigned int c = off[j]; c < off[j + 1] && !coupled; ++c) coupled = A(r, c) != 0.0;
+                if (!coupled) continue;
+                ri.push_back(i);
+                vp.push_back(blockValues.size());
+                for (unsigned int r = off[i]; r < off[i + 1]; ++r)
+                    for (unsigned int c = off[j]; c < off[j + 1]; ++c) blockValues.push_back(A(r, c));
+            }
+            cp.push_back(static_cast<unsigned int>(ri.size()));
+        }
+        scp.push_back(0);
+        for (unsigned int j = 0; j < N; ++j) {
+            for (unsigned int i = j; i < N; ++i)
+                if (A(i, j) != 0.0 || i == j) sri.push_back(i), scalarValues.push_back(A(i, j));
+            scp.push_back(static_cast<unsigned int>(sri.size()));
+        }
+    }
+
+    // Analyses `solver` by input kind 0 (structure), 1 (pattern) or 2 (scalar) and sets the values.
+    template <typename T>
+    void bring(Solver<T>& solver, unsigned int kind) const {
+        if (kind == 0) {
+            ASSERT_TRUE(solver.analyze(scene->structure));
+            ASSERT_TRUE(scene->setAll(solver));
+        } else if (kind == 1) {
+            const Analysis::Problem problem{n, nb, cp.data(), ri.data(), sizes.data()};
+            ASSERT_TRUE(solver.analyze(problem));
+            const std::vector<T> v(blockValues.begin(), blockValues.end());
+            ASSERT_TRUE(solver.setPatternValues(v.data(), vp.data()));
+        } else {
+            const Status st =
+                solver.analyzeScalar(N, firstConstraintRow, scp.data(), sri.data(), sizes.data(), n);
+            ASSERT_TRUE(st) << st.message;
+            const std::vector<T> v(scalarValues.begin(), scalarValues.end());
+            ASSERT_TRUE(solver.setScalarValues(v.data()));
+        }
+    }
+};
+
+// Re-analyses across the three kinds of input and two scenes, with factorizations, broken values and
+// switching in between; the last analysis, factorization and solve equal a fresh object's.
+template <typename T>
+void runInputKinds(unsigned long seed) {
+    const Scene a(seed, 5 + seed % 6), b(seed + 300, 4 + seed % 4);
+    const Inputs ia(a), ib(b);
+    std::mt19937_64 rng(seed);
+    Solver<T> used;
+    std::string trail;
+    unsigned int kind = 0;
+    const Scene* current = &a;
+    for (int step = 0; step < 6; ++step) {
+        kind = static_cast<unsigned int>(rng() % 3);
+        current = rng() % 3 ? &a : &b;
+        trail += " " + std::to_string(kind) + (current == &a ? "a" : "b");
+        (current == &a ? ia : ib).bring(used, kind);
+        if (rng() % 2) {  // a NaN mass block: the factorization fails
+            const unsigned int s0 = current->structure.bodySizes[0];
+            const std::vector<T> bad(s0 * s0, std::numeric_limits<T>::quiet_NaN());
+            ASSERT_TRUE(used.setBlock(0, 0, bad.data()));
+            EXPECT_FALSE(used.factor().ok());
+            (current == &a ? ia : ib).bring(used, kind);
+        }
+        if (rng() % 2) {
+            ASSERT_TRUE(used.setConstraintActive(0, false));
+        }
+        used.factor();
+        look(used, *current, rng());
+    }
+    SCOPED_TRACE("seed " + std::to_string(seed) + trail);
+    kind = static_cast<unsigned int>(rng() % 3);
+    const Inputs& last = rng() % 2 ? ia : ib;
+    last.bring(used, kind);
+    Solver<T> fresh;
+    last.bring(fresh, kind);
+    Observation<T> got, want;
+    got.factorStatus = used.factor();
+    want.factorStatus = fresh.factor();
+    const unsigned long rhsSeed = rng();
+    Observation<T> g = look(used, *last.scene, rhsSeed), w = look(fresh, *last.scene, rhsSeed);
+    g.factorStatus = got.factorStatus;
+    w.factorStatus = want.factorStatus;
+    ASSERT_TRUE(w.factorStatus.ok()) << w.factorStatus.message;
+    expectSame(g, w);
+    EXPECT_EQ(used.report().ordering, fresh.report().ordering);
+    EXPECT_EQ(used.report().factorEntries, fresh.report().factorEntries);
+}
+
+TEST(SolverSequences, ReanalysesAcrossInputKindsEndLikeAFreshObject) {
+    for (unsigned long seed = 0; seed < 16; ++seed) {
+        runInputKinds<double>(seed);
+        runInputKinds<float>(seed + 100);
     }
 }
 
