@@ -589,6 +589,10 @@ inline bool finishSmallBlock(const float*, float*, float*, unsigned int, unsigne
                              const float*) {
     return false;  // float keeps the separate steps (its substitution subtracts term by term)
 }
+inline bool finishSmallBlockFrom(const float*, const float*, float*, float*, unsigned int, unsigned int,
+                                 const float*, const float*) {
+    return false;
+}
 
 // The end of an off-diagonal front block of a small double node j, in one pass with two rows in registers:
 // W ← W·L_jj⁻ᵀ (solveUnitDiagonal), LD(r, j) = W (with its zero padding, rows included) and L(r, j) =

@@ -984,15 +984,29 @@ void Worker<T>::helpUntilClosed() {
 // L(i, j) for pattern entry e = (i, j) of a part column j, in place in its tile: the input block, minus
 // LD(i, k)·L(j, k)ᵀ for the columns k < j common to rows i and j (row j's entries looked up in row i's map,
 // in ascending k: the order of the serial factorization), then solved with L_jj: LD(i, j) = W·L_jj⁻ᵀ and L(i,
-// j) = LD(i, j)·D_j⁻¹. Row i's earlier entries in the columns of j's part must be finished and mapped.
+// j) = LD(i, j)·D_j⁻¹, by the serial factorization's kernels (an input block that nothing updates is read in
+// place). Row i's earlier entries in the columns of j's part must be finished and mapped. The padding rows of
+// L(i, j) and LD(i, j) are written zero: a layout made here is not cleared beforehand.
 template <typename T>
 void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j) {
     const unsigned int s_i = sizes[i], p_i = fc::padded<T>(s_i), s_j = sizes[j], p_j = fc::padded<T>(s_j);
     T* const Lij = L.blockPointers[e];
-    loadTile(Lij, M.inputTiles, M.inputBlocks[e], static_cast<unsigned long>(p_i) * p_j);
+    const unsigned long count = static_cast<unsigned long>(s_i) * p_j;
+    const unsigned int a = M.inputBlocks[e];
+    const T* X = a != noNode ? M.inputTiles[a] : nullptr;  // the block's values so far
     const unsigned int* cols = S.rowIndices;
     const unsigned int jDiag = S.colPointers[j + 1] - 1;
-    for (unsigned int q = S.colPointers[j]; q < jDiag; ++q) {
+    unsigned int q = S.colPointers[j];
+    while (q < jDiag && rowOf[cols[q]] != i) ++q;
+    if (q < jDiag || X == nullptr) {  // worked on in place (a fill block starts from zero)
+        if (X) {
+            fc::copyTile(Lij, X, count);
+        } else {
+            std::memset(static_cast<void*>(Lij), 0, count * sizeof(T));
+        }
+        X = Lij;
+    }
+    for (; q < jDiag; ++q) {
         const unsigned int k = cols[q];
         if (rowOf[k] != i) continue;
         const unsigned int p_k = fc::padded<T>(sizes[k]);
@@ -1006,7 +1020,8 @@ void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j)
     const T* const Ljj = L.blockPointers[jDiag];
     T* const LDij = LD.blockPointers[e];
     LD.blockFlags[e] = 1;
-    if (!kernels::finishSmallBlock(Ljj, Lij, LDij, s_i, s_j, recip, dj)) {
+    if (!kernels::finishSmallBlockFrom(Ljj, X, Lij, LDij, s_i, s_j, recip, dj)) {
+        if (X != Lij) fc::copyTile(Lij, X, count);
         fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
         for (unsigned int r = 0; r < s_i; ++r) {
             const unsigned long row = static_cast<unsigned long>(r) * p_j;
@@ -1014,14 +1029,16 @@ void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j)
         }
         kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
     }
-    if (p_i > s_i) {  // the padding row of LD (L's came zero with the input tile)
-        std::memset(static_cast<void*>(LDij + static_cast<unsigned long>(s_i) * p_j), 0, p_j * sizeof(T));
+    if (p_i > s_i) {
+        std::memset(static_cast<void*>(Lij + count), 0, p_j * sizeof(T));
+        std::memset(static_cast<void*>(LDij + count), 0, p_j * sizeof(T));
     }
 }
 
 // The diagonal block of part row i (every off-diagonal entry of the row finished): L_ii·D_i·L_iiᵀ =
-// A(i, i) − Σ_k L(i, k)·LD(i, k)ᵀ (on the lower triangle), factored in place; LD(i, i) = L_ii·D_i and the
-// reciprocal pivots of block i.
+// A(i, i) − Σ_k L(i, k)·LD(i, k)ᵀ (on the lower triangle), factored in place, LD(i, i) = L_ii·D_i and the
+// reciprocal pivots of block i, by the serial factorization's kernels (one update of a small block fused with
+// the factorization, the first update read straight from the input tile); padding rows zero.
 template <typename T>
 void Worker<T>::diagonalRow(unsigned int i) {
     const unsigned int s_i = sizes[i], p_i = fc::padded<T>(s_i);
@@ -1029,27 +1046,41 @@ void Worker<T>::diagonalRow(unsigned int i) {
     T* const Lii = L.blockPointers[iDiag];
     T* const di = d + offsets[i];
     __builtin_prefetch(di, 1);
-    loadTile(Lii, M.inputTiles, M.inputBlocks[iDiag], static_cast<unsigned long>(p_i) * p_i);
-    for (unsigned int e = iBegin; e < iDiag; ++e) {
-        const int p_k = static_cast<int>(fc::padded<T>(sizes[S.rowIndices[e]]));
-        fc::subtractABtLower(L.blockPointers[e], p_k, LD.blockPointers[e], p_k, Lii, static_cast<int>(p_i),
-                             static_cast<int>(s_i), static_cast<int>(sizes[S.rowIndices[e]]));
-    }
-    fc::factorDiagonalBlock(Lii, p_i, s_i, di);
+    const unsigned int a = M.inputBlocks[iDiag];
+    const T* X = a != noNode ? M.inputTiles[a] : nullptr;
     T* const recip = M.reciprocalStore.data() + M.reciprocalOffsets[i];
-    for (unsigned int c = 0; c < s_i; ++c) {
-        if (isBadPivot(di[c])) {
-            lowerBadBlock(*badBlock, i);
-            break;
-        }
-    }
-    for (unsigned int c = 0; c < s_i; ++c) recip[c] = T(1) / di[c];
-    for (unsigned int c = s_i; c < p_i; ++c) recip[c] = T(0);
     T* const LDii = LD.blockPointers[iDiag];
-    kernels::scaleColumnsAnySize(Lii, di, LDii, s_i, s_i, p_i);
+    bool good = false;
+    if (X != nullptr && iDiag == iBegin + 1 &&
+        kernels::factorDiagonalUpdated(L.blockPointers[iBegin], LD.blockPointers[iBegin],
+                                       sizes[S.rowIndices[iBegin]], X, Lii, p_i, s_i, di, LDii, recip,
+                                       good)) {
+        // One update of a small block, fused with the factorization: the bits of the two steps below.
+    } else {
+        if (X == nullptr) {
+            std::memset(static_cast<void*>(Lii), 0, static_cast<unsigned long>(s_i) * p_i * sizeof(T));
+            X = Lii;
+        }
+        for (unsigned int e = iBegin; e < iDiag; ++e) {
+            const int p_k = static_cast<int>(fc::padded<T>(sizes[S.rowIndices[e]]));
+            const int s_k = static_cast<int>(sizes[S.rowIndices[e]]);
+            if (X != Lii) {
+                fc::subtractABtLowerFrom(L.blockPointers[e], p_k, LD.blockPointers[e], p_k, X, Lii,
+                                         static_cast<int>(p_i), static_cast<int>(s_i), s_k);
+                X = Lii;
+            } else {
+                fc::subtractABtLower(L.blockPointers[e], p_k, LD.blockPointers[e], p_k, Lii,
+                                     static_cast<int>(p_i), static_cast<int>(s_i), s_k);
+            }
+        }
+        good = fc::factorDiagonalBlock(Lii, p_i, s_i, di, LDii, X == Lii ? nullptr : X, recip);
+    }
+    if (!good) lowerBadBlock(*badBlock, i);
     if (p_i > s_i) {
-        std::memset(static_cast<void*>(LDii + static_cast<unsigned long>(s_i) * p_i), 0,
-                    static_cast<unsigned long>(p_i - s_i) * p_i * sizeof(T));
+        const unsigned long count = static_cast<unsigned long>(s_i) * p_i;
+        const unsigned long pad = static_cast<unsigned long>(p_i - s_i) * p_i;
+        std::memset(static_cast<void*>(Lii + count), 0, pad * sizeof(T));
+        std::memset(static_cast<void*>(LDii + count), 0, pad * sizeof(T));
     }
     LD.blockFlags[iDiag] = 1;
 }

@@ -35,13 +35,7 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count, unsigned l
 
 using factorCommon::layoutFactor;
 using factorCommon::solveUnitDiagonal;
-using kernels::finishSmallBlockFrom;
-
-// float keeps the separate steps of an off-diagonal block (its substitution subtracts term by term).
-inline bool finishSmallBlockFrom(const float*, const float*, float*, float*, unsigned int, unsigned int,
-                                 const float*, const float*) {
-    return false;
-}
+using kernels::finishSmallBlockFrom;  // false for float, which keeps the separate steps
 
 // Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
 template <typename T>
