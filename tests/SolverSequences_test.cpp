@@ -689,11 +689,9 @@ TEST(SolverSequences, DISABLED_MaxThreadsTakesEffectAtTheNextFactor) {
 }
 
 // A step factored on 2 threads whose values hold NaN fails; the next step factors good values serially
-// (threads = 1): it succeeds and solves to the bits of a fresh serial object.
-// Fails: the multifrontal factorization leaves NaN in the padding rows of odd-sized tiles of the factor when
-// it meets a bad pivot (also when it stops there), and the serial factorization of the next step reads or
-// keeps them: the factorization reports a bad pivot of good values, or the solves return NaN.
-TEST(SolverSequences, DISABLED_MultifrontalFailureThenSerialStep) {
+// (threads = 1): it succeeds and solves to the bits of a fresh serial object (the multifrontal failure
+// leaves no NaN in the padding rows of the factor's tiles).
+TEST(SolverSequences, MultifrontalFailureThenSerialStep) {
     for (unsigned long seed = 0; seed < 12; ++seed) {
         const Scene scene(seed, 8 + seed % 8);
         SolverOptions o;
