@@ -372,6 +372,13 @@ TEST(StepIsolation, RandomSequencesEndLikeAFreshObjectDouble) {
     for (unsigned long seed = 0; seed < 36; ++seed) runSequence<double>(seed, 6);
 }
 
+// The same over many more sequences (about 1.5 s in Release), to run after a change of the factorizations.
+// Fails: seeds 87, 200 and 1432, through the two multifrontal leaks below (DISABLED_StoppedMultifrontal…,
+// DISABLED_MultifrontalTwoThreads…).
+TEST(StepIsolation, DISABLED_ManyRandomSequencesEndLikeAFreshObjectDouble) {
+    for (unsigned long seed = 0; seed < 1500; ++seed) runSequence<double>(seed, 10);
+}
+
 TEST(StepIsolation, RandomSequencesEndLikeAFreshObjectFloat) {
     for (unsigned long seed = 0; seed < 36; ++seed) runSequence<float>(seed, 6);
 }
@@ -522,6 +529,68 @@ TEST(StepIsolation, MultifrontalBadPivotLeavesNoTrace) {
             EXPECT_TRUE(sameBits(tiles(used.factor), tiles(fresh.factor)))
                 << firstDifference(tiles(used.factor), tiles(fresh.factor));
         }
+    }
+}
+
+// Fails: a multifrontal factorization on 2 threads that meets NaN still leaves NaN in the factor's tiles
+// (outside the entries of L) in some systems, and the next serial factorization of good values keeps it:
+// seed 5 (11 blocks of odd sizes 1 … 11) gives NaN at value 1491 of L and a bad pivot (scalar 55) of good
+// values; seed 29 NaN at value 963. The 1-thread case and small systems pass since 8c93601; these take the
+// fronts at the top of the elimination tree.
+TEST(StepIsolation, DISABLED_MultifrontalTwoThreadsBadPivotLeavesNoTrace) {
+    for (unsigned long seed : {5ul, 29ul}) {
+        const BlockSystem sys = makeSystem(seed);
+        SCOPED_TRACE(testing::describe(sys) + " seed " + std::to_string(seed));
+        for (unsigned char stop = 0; stop < 2; ++stop) {
+            std::mt19937_64 rng(seed);
+            Tamber tamber;
+            TamberData<double> used, fresh;
+            bringUp<double>(tamber, fresh, sys, nullptr);
+            factorIn(tamber, fresh, Mode{});
+            bringUp<double>(tamber, used, sys, nullptr);
+            factorIn(tamber, used, Mode{});
+            poison(sys, used.matrix, Poison::nan, rng);
+            factorIn(tamber, used, Mode{2, 1, stop});
+            sys.refillValues(used.matrix, 1.0);
+            factorIn(tamber, used, Mode{});
+            EXPECT_EQ(used.badPivot.scalar, fresh.badPivot.scalar) << int(stop);
+            EXPECT_TRUE(sameBits(tiles(used.factor), tiles(fresh.factor)))
+                << int(stop) << " " << firstDifference(tiles(used.factor), tiles(fresh.factor));
+        }
+    }
+}
+
+// A structure of 8 blocks of sizes 2, 1, 2, 1, … factored; the object then filled with a structure of 4
+// blocks of size 1 (tiles of the same padded size 2) without estimateWork; a NaN pivot in block 0 stops a
+// multifrontal factorization (which lays the factor out anew by itself); good values are then factored
+// serially and must give a fresh object's factor and solve.
+// Fails: L keeps a value of the earlier structure in a padding entry (value 10: 0.0295 where a fresh factor
+// holds 0), and the solve of a vector of ones differs in its first entry (0.4920 against 0.4986): a wrong
+// solution without any error. The same with estimateWork before the factorization passes, and so does a
+// multifrontal factorization that runs to the end: the layout made inside factorMF keeps the old values,
+// which only the tiles the factorization reaches overwrite, padding included.
+TEST(StepIsolation, DISABLED_StoppedMultifrontalLayoutLeavesNoTrace) {
+    const BlockSystem other = testing::makeSpdSystem(3, 8, 2, 0.5);
+    const BlockSystem sys = testing::makeSpdSystem(7, 4, 1, 0.6);
+    SCOPED_TRACE(testing::describe(other) + " then " + testing::describe(sys));
+    for (unsigned int threads : {1u, 2u}) {
+        Tamber tamber;
+        TamberData<double> used, fresh;
+        bringUp<double>(tamber, fresh, sys, nullptr);
+        factorIn(tamber, fresh, Mode{});
+        bringUp<double>(tamber, used, other, nullptr);
+        factorIn(tamber, used, Mode{});
+        sys.fillData(used);
+        used.matrix.blockPointers[0][0] = std::nan("");
+        factorIn(tamber, used, Mode{threads, 1, 1});
+        sys.refillValues(used.matrix, 1.0);
+        factorIn(tamber, used, Mode{});
+        EXPECT_TRUE(sameBits(tiles(used.factor), tiles(fresh.factor)))
+            << threads << " " << firstDifference(tiles(used.factor), tiles(fresh.factor));
+        std::vector<double> x(sys.N, 1.0), y(sys.N, 1.0);
+        TamberSolve::solve(used, x.data());
+        TamberSolve::solve(fresh, y.data());
+        EXPECT_TRUE(sameBits(x, y)) << threads << " " << firstDifference(x, y);
     }
 }
 
