@@ -376,11 +376,10 @@ TEST(SolverSequences, RandomStepsEndLikeAFreshObjectFloat) {
 // A switch of equations by factoring again (switching = refactor, and always in the regularised mode) and a
 // fresh object factored with the same active set: the same masked factor, so the same bits of x and the
 // same residual in the report, switching off from all active and back on again.
-// Fails: the solver keeps ‖A‖∞ (Impl::normA) of the active set of an earlier solve; the switch (by update or
-// by factoring again) does not reset it, so the refinement's stop test (scaled residual at the rounding
-// level) and SolverReport::residual use the norm of another matrix. Seed 337: the used object stops after 5
-// steps at a scaled residual of 2.1e-16, the fresh one runs 6 to 2.2e-18.
-TEST(SolverSequences, DISABLED_SwitchedStepUsesTheNormOfItsActiveSet) {
+// ‖A‖∞ of the active set is what the refinement's stop test and SolverReport::residual use; a norm kept
+// from an earlier active set once stopped the used object after 5 steps at 2.1e-16 while a fresh one ran 6 to
+// 2.2e-18 (seed 337).
+TEST(SolverSequences, SwitchedStepUsesTheNormOfItsActiveSet) {
     for (unsigned long seed : {337ul, 345ul, 362ul, 3ul, 7ul}) {
         const Scene scene(seed, 12);
         SolverOptions o;
@@ -653,10 +652,9 @@ TEST(SolverSequences, ReanalysesAcrossInputKindsEndLikeAFreshObject) {
 // other options but the ordering and merging do: a used object decides as a fresh one with the same options.
 // The structure: 4 independent islands of 100 bodies of 12 unknowns, each body coupled to the next 12 of its
 // island, enough work for 2 threads on a machine with 2 processors (on one processor both sides choose 1).
-// Fails: Solver::Impl::chosenThreads is decided at the first factor() of a structure and setOptions does not
-// reset it, so a solver that chose 1 thread under maxThreads = 1 stays serial under maxThreads = 2, and one
-// that chose 2 under maxThreads = 2 keeps factoring on 2 threads after the caller set maxThreads = 1.
-TEST(SolverSequences, DISABLED_MaxThreadsTakesEffectAtTheNextFactor) {
+// (The thread count chosen at the first factor() of a structure was once kept through a change of
+// maxThreads, beyond what the caller allowed.)
+TEST(SolverSequences, MaxThreadsTakesEffectAtTheNextFactor) {
     SystemStructure islands;
     const unsigned int nb = 400;
     for (unsigned int b = 0; b < nb; ++b) islands.addBody(12);
