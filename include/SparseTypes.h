@@ -116,15 +116,35 @@ public:
     // elements each; none may overlap.
     void multiplyWithRowSums(const T* x, T* y, double* rowSums) const;
 
+    // r = b − A·x with the bits of multiply(x, r) followed by r[p] = b[p] − r[p], and returns Σ r[p]² summed
+    // in four partial sums: s_m over the entries p < N4 = N rounded down to a multiple of 4 with p mod 4 = m,
+    // each ascending, the entries from N4 on added to s_0 after them, the result (s_0 + s_1) + (s_2 + s_3).
+    // Each block gets its residual in the pass of the product, as soon as no later column adds to it:
+    // `last` (n entries, from lastColumns) tells when. b, x: in, r: out, N elements each; r overlaps
+    // neither. Returns 0 and writes nothing when n = 0.
+    T residual(const T* b, const T* x, T* r, const unsigned int* last) const;
+
+    // last[i] = the last block column that adds to entry block i in the product: the largest j ≥ i whose
+    // column holds a block of row i (i itself when none does). n entries.
+    void lastColumns(unsigned int* last) const;
+
     // y = beta·y + alpha·A·x. y is scaled first (beta = 0 multiplies too, so NaN stays NaN) unless
     // |beta − 1| < the machine epsilon of T or N = 0. Every block is classified by comparing indices, in
     // either arrangement. x: in, N elements. y: in/out, N elements. x and y must not overlap.
     void multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const;
 
 private:
-    // The pass of multiplyAdd(x, y); with sums, also the row sums of multiplyWithRowSums.
+    // The pass of multiplyAdd(x, y); with sums, also the row sums of multiplyWithRowSums. The entries of y
+    // at and after the scalar offset `ready` hold nothing yet: they get their zero as the pass reaches them
+    // (0: the product of multiply; ~0u: y is added to). With sums, `ready` must be ~0u.
     template <bool kSums>
-    void addProducts(const T* x, T* y, double* sums) const;
+    void addProducts(const T* x, T* y, double* sums, unsigned int ready) const;
+    // The products of column j (or of the columns from firstColumn on) with every block classified by its
+    // indices, in storage order.
+    void addGeneralColumn(const T* x, T* y, unsigned long j) const;
+    void addGeneralColumns(const T* x, T* y, unsigned long firstColumn) const;
+    // Bytes ahead of its tiles that the product prefetches: 0 unless the values outgrow the caches.
+    unsigned long prefetchDistance() const;
 };
 
 extern template class SparseMatrix<float>;

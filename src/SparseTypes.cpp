@@ -200,8 +200,7 @@ T* SparseMatrix<T>::acquireBlock(unsigned long col, unsigned long row, unsigned 
 template <typename T>
 void SparseMatrix<T>::multiply(const T* x, T* y) const {
     if (numBlockCols == 0) return;
-    std::memset(static_cast<void*>(y), 0, blockSizes[numBlockCols] * sizeof(T));
-    multiplyAdd(x, y);
+    addProducts<false>(x, y, nullptr, 0u);
 }
 
 // The tile of block (i, j) is s_i × s_j column-major with leading dimension blockStrides[i]; read row-major
@@ -210,7 +209,7 @@ void SparseMatrix<T>::multiply(const T* x, T* y) const {
 // lower triangle of K, which is the triangle r ≤ c of the column-major tile.
 template <typename T>
 void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
-    addProducts<false>(x, y, nullptr);
+    addProducts<false>(x, y, nullptr, ~0u);
 }
 
 template <typename T>
@@ -219,7 +218,7 @@ void SparseMatrix<T>::multiplyWithRowSums(const T* x, T* y, double* rowSums) con
     const unsigned long N = blockSizes[numBlockCols];
     std::memset(static_cast<void*>(y), 0, N * sizeof(T));
     std::memset(static_cast<void*>(rowSums), 0, N * sizeof(double));
-    addProducts<true>(x, y, rowSums);
+    addProducts<true>(x, y, rowSums, ~0u);
 }
 
 namespace {
@@ -276,58 +275,136 @@ void addColumnRowSums(const SparseMatrix<T>& A, unsigned long j, unsigned int be
 }  // namespace
 
 template <typename T>
+void SparseMatrix<T>::addGeneralColumn(const T* x, T* y, unsigned long j) const {
+    for (unsigned int b = colPointers[j]; b < colPointers[j + 1]; ++b) {
+        const unsigned int i = rowIndices[b];
+        if (i == j) {
+            // The symmetric product of the diagonal block.
+            const unsigned int o = blockOffsets[j];
+            kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
+        } else {
+            // Both products of an off-diagonal block in one pass (the same operations per entry as the
+            // unscaled A·x and Aᵀ·x products, without the factor 1 of the scaled kernels, which is exact).
+            kernels::addBothProductsAnySize(blockPointers[b], blockStrides[i], x + blockOffsets[i],
+                                            x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
+                                            blockSizes[i], blockSizes[j]);
+        }
+    }
+}
+
+template <typename T>
+void SparseMatrix<T>::addGeneralColumns(const T* x, T* y, unsigned long firstColumn) const {
+    for (unsigned long j = firstColumn; j < numBlockCols; ++j) addGeneralColumn(x, y, j);
+}
+
+template <typename T>
 template <bool kSums>
-void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums) const {
+void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums, unsigned int ready) const {
     const unsigned long n = numBlockCols;
     if (n == 0) return;
-
-    // Adds the products of block b = (i, j), i ≠ j.
-    auto offDiagonal = [&](unsigned int b, unsigned long j) {
-        const unsigned int i = rowIndices[b];
-        const int ld = static_cast<int>(blockStrides[i]);
-        const int si = static_cast<int>(blockSizes[i]);
-        const int sj = static_cast<int>(blockSizes[j]);
-        const T* K = blockPointers[b];
-        // Both products in one pass (the same operations per entry as the unscaled A·x and Aᵀ·x products,
-        // without the factor 1 of the scaled kernels, which is exact).
-        kernels::addBothProductsAnySize(K, static_cast<unsigned int>(ld), x + blockOffsets[i],
-                                        x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
-                                        static_cast<unsigned int>(si), static_cast<unsigned int>(sj));
-    };
-    // Adds the symmetric product of the diagonal block b = (j, j).
-    auto diagonal = [&](unsigned int b, unsigned long j) {
-        const unsigned int o = blockOffsets[j];
-        kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
+    const unsigned int N = blockSizes[n];
+    auto upperColumns = [&](unsigned long first, unsigned long end) {
+        return kernels::fast::addUpperProducts(blockPointers, rowIndices, colPointers, blockSizes, blockOffsets,
+                                               blockStrides, static_cast<unsigned int>(first),
+                                               static_cast<unsigned int>(end), x, y, ready, prefetchDistance());
     };
 
-    // Upper form: column 0 holds at most one block, so every column ends with its diagonal block.
+    // Upper form: column 0 holds at most one block, so every column ends with its diagonal block. A final
+    // column of odd size takes the general loop even in the upper form: a harmless historical quirk of this
+    // path, kept so that the order of operations stays the established one.
     const bool upperForm = colPointers[1] < 2;
+    const unsigned long upperEnd = !upperForm ? 0 : (blockSizes[n - 1] & 1u) != 0 ? n - 1 : n;
+    if (!kSums) {
+        // The upper columns in one pass that zeroes y as it goes; the rest of y is zeroed before the others.
+        if (upperEnd > 0) ready = upperColumns(0, upperEnd);
+        if (upperEnd == n) return;
+        if (ready < N) std::memset(static_cast<void*>(y + ready), 0, (N - ready) * sizeof(T));
+        addGeneralColumns(x, y, upperEnd);
+        return;
+    }
+    // With the row sums, column by column: each column's sums right after its products.
     for (unsigned long j = 0; j < n; ++j) {
         const unsigned int begin = colPointers[j];
         const unsigned int end = colPointers[j + 1];
-
-
-        // A final column of odd size takes the general loop even in the upper form: a harmless historical
-        // quirk of this path, kept so that the order of operations stays the established one.
-        const bool oddFinal = j + 1 == n && (blockSizes[j] & 1u) != 0;
         unsigned int diagonalTile = end;
-        if (upperForm && !oddFinal) {
+        if (j < upperEnd) {
             if (end == begin) continue;
-            for (unsigned int b = begin; b + 1 < end; ++b) offDiagonal(b, j);
-            diagonal(end - 1, j);
+            upperColumns(j, j + 1);
             diagonalTile = end - 1;
         } else {
-            for (unsigned int b = begin; b < end; ++b) {
-                if (rowIndices[b] == j) {
-                    diagonal(b, j);
-                    diagonalTile = b;
-                } else {
-                    offDiagonal(b, j);
-                }
-            }
+            for (unsigned int b = begin; b < end; ++b)
+                if (rowIndices[b] == j) diagonalTile = b;
+            addGeneralColumn(x, y, j);
         }
-        if (kSums) addColumnRowSums(*this, j, begin, end, diagonalTile, sums);
+        addColumnRowSums(*this, j, begin, end, diagonalTile, sums);
     }
+}
+
+template <typename T>
+unsigned long SparseMatrix<T>::prefetchDistance() const {
+    // Beyond the caches the product waits for its tiles; within them the requests only cost.
+    constexpr unsigned long largeBytes = 8ul << 20;
+    return valueExtent * sizeof(T) > largeBytes ? 4096 : 0;
+}
+
+template <typename T>
+void SparseMatrix<T>::lastColumns(unsigned int* last) const {
+    const unsigned long n = numBlockCols;
+    for (unsigned long i = 0; i < n; ++i) last[i] = static_cast<unsigned int>(i);
+    for (unsigned long j = 0; j < n; ++j)
+        for (unsigned int b = colPointers[j]; b < colPointers[j + 1]; ++b) {
+            unsigned int& l = last[rowIndices[b]];
+            if (l < j) l = static_cast<unsigned int>(j);
+        }
+}
+
+template <typename T>
+T SparseMatrix<T>::residual(const T* b, const T* x, T* r, const unsigned int* last) const {
+    const unsigned long n = numBlockCols;
+    if (n == 0) return T(0);
+    const unsigned int N = blockSizes[n];
+    const unsigned int N4 = N & ~3u;  // the squares of entries N4 … N−1 all go to the first partial sum
+    T s0 = T(0), s1 = T(0), s2 = T(0), s3 = T(0);
+    unsigned int block = 0;   // first block whose residual is not formed yet
+    unsigned int summed = 0;  // entries whose squares are summed, a multiple of 4 up to N4
+    // Forms r = b − y on every block that no column before `endColumn` adds to any more, in block order,
+    // and sums the squares of the complete groups of four entries formed so far.
+    auto finish = [&](unsigned long endColumn) {
+        if (block >= n) return;
+        const unsigned int first = blockOffsets[block];
+        while (block < n && last[block] < endColumn) ++block;
+        const unsigned int end = block < n ? blockOffsets[block] : N;
+        for (unsigned int k = first; k < end; ++k) r[k] = b[k] - r[k];
+        const unsigned int groups = (end < N4 ? end : N4) & ~3u;
+        for (; summed < groups; summed += 4) {
+            s0 += r[summed] * r[summed];
+            s1 += r[summed + 1] * r[summed + 1];
+            s2 += r[summed + 2] * r[summed + 2];
+            s3 += r[summed + 3] * r[summed + 3];
+        }
+    };
+
+    // The product as multiply forms it, in runs of columns after each of which the finished blocks get
+    // their residual while they are in cache.
+    constexpr unsigned long run = 32;
+    const bool upperForm = colPointers[1] < 2;
+    const unsigned long upperEnd = !upperForm ? 0 : (blockSizes[n - 1] & 1u) != 0 ? n - 1 : n;
+    unsigned int ready = 0;
+    for (unsigned long j = 0; j < upperEnd; j += run) {
+        const unsigned long end = j + run < upperEnd ? j + run : upperEnd;
+        ready = kernels::fast::addUpperProducts(blockPointers, rowIndices, colPointers, blockSizes, blockOffsets,
+                                                blockStrides, static_cast<unsigned int>(j),
+                                                static_cast<unsigned int>(end), x, r, ready, prefetchDistance());
+        finish(end);
+    }
+    if (upperEnd < n) {
+        // The other columns as multiply takes them, after the rest of r is zeroed.
+        if (ready < N) std::memset(static_cast<void*>(r + ready), 0, (N - ready) * sizeof(T));
+        addGeneralColumns(x, r, upperEnd);
+        finish(n);
+    }
+    for (unsigned int k = summed; k < N; ++k) s0 += r[k] * r[k];
+    return (s0 + s1) + (s2 + s3);
 }
 
 template <typename T>

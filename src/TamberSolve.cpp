@@ -138,11 +138,24 @@ inline bool divideInForward(const TamberData<double>& data) {
     return data.diagonal.size == plan.N;
 }
 
-void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+// sum[q] += x[q] for q < size.
+inline void addBlock(double* sum, const double* x, unsigned int size) {
+    for (unsigned int q = 0; q < size; ++q) sum[q] += x[q];
+}
+
+// The backward pass. With `sum` (one vector only): sum ← sum + x as well, each block added as soon as the
+// pass has finished it, while it is in cache (the same additions as a loop after the solve).
+void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
+                     double* sum = nullptr) {
     const SolvePlan& plan = planOf(data);
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
-    if (plan.scalarColumn < n)
+    if (plan.scalarColumn < n) {
         for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(data.factor, x + r * ld, n - 1);
+        if (sum) {
+            const unsigned int o = data.factor.blockOffsets[n - 1];
+            addBlock(sum + o, x + o, data.factor.blockSizes[n - 1]);
+        }
+    }
     const SolvePlan::Step* steps = plan.backward.data();
     const unsigned long count = plan.backward.size();
     for (unsigned long k = 0; k < count; ++k) {
@@ -152,6 +165,7 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
         }
         const SolvePlan::Step& step = steps[k];
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
+        if (sum && step.firstDivision) addBlock(sum + step.target, x + step.target, step.sj);
     }
 }
 
@@ -398,6 +412,20 @@ bool solve(const TamberData<double>& data, double* x) {
     return true;
 }
 
+// x ← x + A⁻¹·r, r overwritten with A⁻¹·r: the solve of TamberSolve::solve(data, r) and then x[q] += r[q],
+// the addition fused into the backward pass when the plan is usable.
+static void solveAndAdd(const TamberData<double>& data, double* r, double* x, unsigned long N) {
+    if (!planOf(data).usable) {
+        solve(data, r);
+        for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
+        return;
+    }
+    const bool divide = divideInForward(data);
+    plannedForward(data, r, 1, 0, divide);
+    if (!divide) diagSolve(data.diagonal, r);
+    plannedBackward(data, r, 1, 0, x);
+}
+
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
     if (!planOf(data).usable) {
         forwardSolve(data.factor, x.data);
@@ -608,38 +636,21 @@ void Tamber::iterativeRefinement(TamberData<double>& data, const double* b, doub
     double* x0 = data.scratchPad.getDoubleArray(TamberSolve::refinementEntrySlot, N);
     // The entry copy is needed only when a later step can diverge after x has moved.
     if (N > 0 && maxIterations > 1) std::memcpy(x0, x, N * sizeof(double));
+    unsigned int* last = reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(
+        TamberSolve::refinementLastColumnSlot, data.matrix.numBlockCols));
+    data.matrix.lastColumns(last);
     double previousNorm = 1.0e9;
     for (int iteration = 0; iteration < maxIterations; ++iteration) {
-        data.matrix.multiply(x, r);
-        // ‖r‖² in four partial sums (entries k mod 4), added at the end: one chain of N dependent additions
-        // would cost more than the product.
-        double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-        unsigned long k = 0;
-        for (; k + 4 <= N; k += 4) {
-            const double r0 = b[k] - r[k], r1 = b[k + 1] - r[k + 1];  // r = b − A·x
-            const double r2 = b[k + 2] - r[k + 2], r3 = b[k + 3] - r[k + 3];
-            r[k] = r0;
-            r[k + 1] = r1;
-            r[k + 2] = r2;
-            r[k + 3] = r3;
-            s0 += r0 * r0;
-            s1 += r1 * r1;
-            s2 += r2 * r2;
-            s3 += r3 * r3;
-        }
-        for (; k < N; ++k) {
-            r[k] = b[k] - r[k];
-            s0 += r[k] * r[k];
-        }
-        const double norm = std::sqrt((s0 + s1) + (s2 + s3));
+        // r = b − A·x and ‖r‖² in one pass over the tiles (the squares in four partial sums: one chain of N
+        // dependent additions would cost more than the product).
+        const double norm = std::sqrt(data.matrix.residual(b, x, r, last));
         if (norm > previousNorm) {
             // Diverging: back to the entry value of x, not to the previous iterate (unchanged in step 0).
             if (N > 0 && iteration > 0) std::memcpy(x, x0, N * sizeof(double));
             return;
         }
         previousNorm = norm;
-        solve<double>(data, r);  // δ = A⁻¹·r
-        for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
+        TamberSolve::solveAndAdd(data, r, x, N);  // x ← x + δ, δ = A⁻¹·r
     }
 }
 
