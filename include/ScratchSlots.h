@@ -29,7 +29,6 @@ constexpr unsigned long zeroLeafCounts = 0;   // zeroLeafSwap: per-block counts
 constexpr unsigned long unitSolvePath = 0x100000;       // int: the unit solves' path (TamberSolve)
 constexpr unsigned long refinementResidual = 0x100001;  // double: iterative refinement's residual
 constexpr unsigned long refinementEntry = 0x100002;     // double: iterative refinement's entry solution
-constexpr unsigned long refinementLastColumn = 0x100003;  // int: iterative refinement's last columns per block
 constexpr unsigned long serialMap = 0x100010;           // int: the serial factorization's block map
 constexpr unsigned long serialScaledRow = 0x100011;     // float/double: its row of L·D when LD is not kept
 constexpr unsigned long reciprocalBase = 0x100100;  // float/double + thread: multifrontal reciprocal pivots

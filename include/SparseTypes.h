@@ -116,18 +116,6 @@ public:
     // elements each; none may overlap.
     void multiplyWithRowSums(const T* x, T* y, double* rowSums) const;
 
-    // r = b − A·x with the bits of multiply(x, r) followed by r[p] = b[p] − r[p], and returns Σ r[p]² summed
-    // in four partial sums: s_m over the entries p < N4 = N rounded down to a multiple of 4 with p mod 4 = m,
-    // each ascending, the entries from N4 on added to s_0 after them, the result (s_0 + s_1) + (s_2 + s_3).
-    // Each block gets its residual in the pass of the product, as soon as no later column adds to it:
-    // `last` (n entries, from lastColumns) tells when. b, x: in, r: out, N elements each; r overlaps
-    // neither. Returns 0 and writes nothing when n = 0.
-    T residual(const T* b, const T* x, T* r, const unsigned int* last) const;
-
-    // last[i] = the last block column that adds to entry block i in the product: the largest j ≥ i whose
-    // column holds a block of row i (i itself when none does). n entries.
-    void lastColumns(unsigned int* last) const;
-
     // y = beta·y + alpha·A·x. y is scaled first (beta = 0 multiplies too, so NaN stays NaN) unless
     // |beta − 1| < the machine epsilon of T or N = 0. Every block is classified by comparing indices, in
     // either arrangement. x: in, N elements. y: in/out, N elements. x and y must not overlap.

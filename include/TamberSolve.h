@@ -40,8 +40,6 @@ constexpr unsigned long unitSolvePathSlot = 0x100000;
 // Double slots: the residual r and the entry copy x0 of Tamber::iterativeRefinement (N entries each).
 constexpr unsigned long refinementResidualSlot = 0x100001;
 constexpr unsigned long refinementEntrySlot = 0x100002;
-// Int slot: the last column adding to each block in the product of Tamber::iterativeRefinement (n entries).
-constexpr unsigned long refinementLastColumnSlot = 0x100003;
 
 // Forward solve x ← U⁻ᵀ·x, block columns j = 0 … n−1 in order:
 //   1. for each off-diagonal tile B_ij of column j, in storage order: x_j ← x_j − B_ijᵀ·x_i;
@@ -229,16 +227,17 @@ extern template bool findBadPivot<double>(const TamberData<double>&, PivotReport
 //
 // Tamber::iterativeRefinement(data, b, x, maxIterations) (double only): with r and the entry copy x0 of x
 // taken from the double slots refinementResidualSlot and refinementEntrySlot, and a previous norm of 1.0e9,
-// at most maxIterations times: r ← b − A·x (data.matrix.residual, with the bits of data.matrix.multiply
-// followed by the subtraction); if ‖r‖₂ > the previous norm (strictly),
+// at most maxIterations times: r ← b − A·x (data.matrix.multiply); if ‖r‖₂ > the previous norm (strictly),
 // x ← x0 and stop: one diverging step discards every correction made so far, on purpose; otherwise remember
 // ‖r‖₂, solve A·δ = r with solve<double> (which does not factor: factor beforehand) and add x ← x + δ. There
 // is no tolerance test: a converged iteration runs to maxIterations, and an initial residual above 1.0e9
 // leaves x unchanged. maxIterations ≤ 0 does nothing. ‖r‖₂² is summed in four partial sums (the entries k
-// below N rounded down to a multiple of 4 with k mod 4 = 0, 1, 2, 3, each ascending, the last N mod 4
-// entries added to the first sum after them), added as (s0 + s1) + (s2 + s3). The entry copy x0 is taken
-// only when maxIterations > 1 (a first step that diverges has not moved x). x + δ is formed in the solve's
-// backward pass, block by block as δ is final, with the additions of a loop after it.
+// below N rounded down to a multiple of 4 with k mod 4 = 0, 1, 2, 3, each ascending, then the last N mod 4
+// entries into the first sum), added as (s0 + s1) + (s2 + s3). The entry copy x0 is taken only when
+// maxIterations > 1 (a first step that diverges has not moved x). With a usable solve plan the step takes
+// two passes of the solve instead of four passes: r = b − A·x is formed entry by entry just ahead of the
+// forward pass (which therefore runs before the norm is known, on r alone), and x + δ block by block in
+// the backward pass as δ becomes final; every value is the one of the passes one after the other.
 //
 // None of these allocates after its first call on a system of a given size: all work arrays come from the
 // scratch pad.

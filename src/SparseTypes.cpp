@@ -348,66 +348,6 @@ unsigned long SparseMatrix<T>::prefetchDistance() const {
 }
 
 template <typename T>
-void SparseMatrix<T>::lastColumns(unsigned int* last) const {
-    const unsigned long n = numBlockCols;
-    for (unsigned long i = 0; i < n; ++i) last[i] = static_cast<unsigned int>(i);
-    for (unsigned long j = 0; j < n; ++j)
-        for (unsigned int b = colPointers[j]; b < colPointers[j + 1]; ++b) {
-            unsigned int& l = last[rowIndices[b]];
-            if (l < j) l = static_cast<unsigned int>(j);
-        }
-}
-
-template <typename T>
-T SparseMatrix<T>::residual(const T* b, const T* x, T* r, const unsigned int* last) const {
-    const unsigned long n = numBlockCols;
-    if (n == 0) return T(0);
-    const unsigned int N = blockSizes[n];
-    const unsigned int N4 = N & ~3u;  // the squares of entries N4 … N−1 all go to the first partial sum
-    T s0 = T(0), s1 = T(0), s2 = T(0), s3 = T(0);
-    unsigned int block = 0;   // first block whose residual is not formed yet
-    unsigned int summed = 0;  // entries whose squares are summed, a multiple of 4 up to N4
-    // Forms r = b − y on every block that no column before `endColumn` adds to any more, in block order,
-    // and sums the squares of the complete groups of four entries formed so far.
-    auto finish = [&](unsigned long endColumn) {
-        if (block >= n) return;
-        const unsigned int first = blockOffsets[block];
-        while (block < n && last[block] < endColumn) ++block;
-        const unsigned int end = block < n ? blockOffsets[block] : N;
-        for (unsigned int k = first; k < end; ++k) r[k] = b[k] - r[k];
-        const unsigned int groups = (end < N4 ? end : N4) & ~3u;
-        for (; summed < groups; summed += 4) {
-            s0 += r[summed] * r[summed];
-            s1 += r[summed + 1] * r[summed + 1];
-            s2 += r[summed + 2] * r[summed + 2];
-            s3 += r[summed + 3] * r[summed + 3];
-        }
-    };
-
-    // The product as multiply forms it, in runs of columns after each of which the finished blocks get
-    // their residual while they are in cache.
-    constexpr unsigned long run = 32;
-    const bool upperForm = colPointers[1] < 2;
-    const unsigned long upperEnd = !upperForm ? 0 : (blockSizes[n - 1] & 1u) != 0 ? n - 1 : n;
-    unsigned int ready = 0;
-    for (unsigned long j = 0; j < upperEnd; j += run) {
-        const unsigned long end = j + run < upperEnd ? j + run : upperEnd;
-        ready = kernels::fast::addUpperProducts(blockPointers, rowIndices, colPointers, blockSizes, blockOffsets,
-                                                blockStrides, static_cast<unsigned int>(j),
-                                                static_cast<unsigned int>(end), x, r, ready, prefetchDistance());
-        finish(end);
-    }
-    if (upperEnd < n) {
-        // The other columns as multiply takes them, after the rest of r is zeroed.
-        if (ready < N) std::memset(static_cast<void*>(r + ready), 0, (N - ready) * sizeof(T));
-        addGeneralColumns(x, r, upperEnd);
-        finish(n);
-    }
-    for (unsigned int k = summed; k < N; ++k) s0 += r[k] * r[k];
-    return (s0 + s1) + (s2 + s3);
-}
-
-template <typename T>
 void SparseMatrix<T>::multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const {
     const unsigned long n = numBlockCols;
     const unsigned long N = n == 0 ? 0 : blockSizes[n];

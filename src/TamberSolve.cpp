@@ -104,14 +104,55 @@ inline void divideBlock(double* x, const double* d, unsigned int size) {
     for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
 }
 
+// The residual r = b − y of iterative refinement formed in the forward pass, entry by entry in ascending order
+// just ahead of the first step that touches it, and its squares summed as they are formed: in four partial
+// sums over the entries below N4 = N rounded down to a multiple of 4 (entry k to sum k mod 4), the last
+// N mod 4 entries added to the first sum after them. Each entry gets the operation of a separate pass,
+// b[k] − y[k], before the solve reads it, so the solve and the sums see the same values as after one.
+struct ResidualAhead {
+    const double* b;
+    double* r;  // y on entry, r where formed
+    unsigned long N, N4;
+    unsigned long formed = 0;  // entries r[0 … formed) are formed
+    unsigned long summed = 0;  // entries whose squares are summed
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+
+    ResidualAhead(const double* b_, double* r_, unsigned long n) : b(b_), r(r_), N(n), N4(n & ~3ul) {}
+
+    // Forms the entries up to `end` (at most N) and sums the squares of the complete groups of four.
+    void formUpTo(unsigned long end) {
+        if (end > N) end = N;
+        if (end <= formed) return;
+        for (unsigned long k = formed; k < end; ++k) r[k] = b[k] - r[k];
+        formed = end;
+        const unsigned long groups = (end < N4 ? end : N4) & ~3ul;
+        for (; summed < groups; summed += 4) {
+            s0 += r[summed] * r[summed];
+            s1 += r[summed + 1] * r[summed + 1];
+            s2 += r[summed + 2] * r[summed + 2];
+            s3 += r[summed + 3] * r[summed + 3];
+        }
+    }
+
+    // ‖r‖₂² once every entry is formed.
+    double squaredNorm() {
+        formUpTo(N);
+        for (; summed < N; ++summed) s0 += r[summed] * r[summed];
+        return (s0 + s1) + (s2 + s3);
+    }
+};
+
 // The forward pass; with `divide` also the diagonal solve, each block right after the last forward step that
-// reads it (see SolvePlan.h). divide requires data.diagonal.size = N.
+// reads it (see SolvePlan.h). divide requires data.diagonal.size = N. With `residual` (one vector only, x
+// = residual->r): x holds y on entry and gets r = b − y formed ahead of the steps (a step of target block j
+// touches x_j and at most the entry after it, and reads blocks before j).
 void plannedForward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
-                    bool divide) {
+                    bool divide, ResidualAhead* residual = nullptr) {
     const SolvePlan& plan = planOf(data);
     const SolvePlan::Division* divisions = plan.divisions.data();
     const double* d = data.diagonal.data;
     for (const SolvePlan::Step& step : plan.forward) {
+        if (residual) residual->formUpTo(static_cast<unsigned long>(step.target) + step.sj + 1);
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
         if (!divide) continue;
         for (unsigned int t = step.firstDivision; t < step.endDivision; ++t) {
@@ -121,6 +162,7 @@ void plannedForward(const TamberData<double>& data, double* x, unsigned int numR
         }
     }
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    if (residual) residual->formUpTo(residual->N);
     if (plan.scalarColumn < n) {
         for (unsigned int r = 0; r < numRhs; ++r)
             forwardColumnScalar(data.factor, x + r * ld, n - 1, data.factor.blockSizes[n - 1]);
@@ -412,18 +454,28 @@ bool solve(const TamberData<double>& data, double* x) {
     return true;
 }
 
-// x ← x + A⁻¹·r, r overwritten with A⁻¹·r: the solve of TamberSolve::solve(data, r) and then x[q] += r[q],
-// the addition fused into the backward pass when the plan is usable.
-static void solveAndAdd(const TamberData<double>& data, double* r, double* x, unsigned long N) {
+// One step of iterative refinement after the product y = A·x (in r): r = b − y, ‖r‖₂ into `norm`, and
+// unless ‖r‖₂ > previousNorm, x ← x + A⁻¹·r (r overwritten with A⁻¹·r) and true; false leaves x as it was.
+// The bits of the three passes one after the other (residual and its norm, TamberSolve::solve, x[q] +=
+// r[q]); with a usable plan the residual is formed in the forward pass (the pass runs before the norm is
+// known: it works on r alone) and x + δ is formed in the backward pass, block by block as δ is final.
+static bool refinementStep(const TamberData<double>& data, const double* b, double* r, double* x,
+                           unsigned long N, double previousNorm, double& norm) {
+    ResidualAhead residual(b, r, N);
     if (!planOf(data).usable) {
+        norm = std::sqrt(residual.squaredNorm());
+        if (norm > previousNorm) return false;
         solve(data, r);
         for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
-        return;
+        return true;
     }
     const bool divide = divideInForward(data);
-    plannedForward(data, r, 1, 0, divide);
+    plannedForward(data, r, 1, 0, divide, &residual);
+    norm = std::sqrt(residual.squaredNorm());
+    if (norm > previousNorm) return false;
     if (!divide) diagSolve(data.diagonal, r);
     plannedBackward(data, r, 1, 0, x);
+    return true;
 }
 
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
@@ -636,21 +688,18 @@ void Tamber::iterativeRefinement(TamberData<double>& data, const double* b, doub
     double* x0 = data.scratchPad.getDoubleArray(TamberSolve::refinementEntrySlot, N);
     // The entry copy is needed only when a later step can diverge after x has moved.
     if (N > 0 && maxIterations > 1) std::memcpy(x0, x, N * sizeof(double));
-    unsigned int* last = reinterpret_cast<unsigned int*>(data.scratchPad.getIntArray(
-        TamberSolve::refinementLastColumnSlot, data.matrix.numBlockCols));
-    data.matrix.lastColumns(last);
     double previousNorm = 1.0e9;
     for (int iteration = 0; iteration < maxIterations; ++iteration) {
-        // r = b − A·x and ‖r‖² in one pass over the tiles (the squares in four partial sums: one chain of N
-        // dependent additions would cost more than the product).
-        const double norm = std::sqrt(data.matrix.residual(b, x, r, last));
-        if (norm > previousNorm) {
+        data.matrix.multiply(x, r);
+        // r = b − A·x and ‖r‖² (in four partial sums: one chain of N dependent additions would cost more than
+        // the product), then x ← x + δ with δ = A⁻¹·r.
+        double norm = 0.0;
+        if (!TamberSolve::refinementStep(data, b, r, x, N, previousNorm, norm)) {
             // Diverging: back to the entry value of x, not to the previous iterate (unchanged in step 0).
             if (N > 0 && iteration > 0) std::memcpy(x, x0, N * sizeof(double));
             return;
         }
         previousNorm = norm;
-        TamberSolve::solveAndAdd(data, r, x, N);  // x ← x + δ, δ = A⁻¹·r
     }
 }
 
