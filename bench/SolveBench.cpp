@@ -102,7 +102,8 @@ int main(int argc, char** argv) {
     const int runs = argc > 3 ? std::atoi(argv[3]) : (target > 20000 ? 41 : 301);
     const std::string only = argc > 4 ? argv[4] : "";
     if (mode != "both" && mode != "tile" && mode != "planned" && mode != "refine") {
-        std::fprintf(stderr, "usage: SolveBench [blocks] [tile | planned | both | refine] [repetitions] [scene]\n");
+        std::fprintf(stderr,
+                     "usage: SolveBench [blocks] [tile | planned | both | refine] [repetitions] [scene]\n");
         return 2;
     }
     if (mode == "refine") return pairedRefinement(target, runs, only);

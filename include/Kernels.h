@@ -248,14 +248,14 @@ void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, uns
 // reference ignores it, no result depends on it). x and y must not overlap.
 unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const double* x, double* y, unsigned int ready,
-                              unsigned long prefetchAhead);
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long prefetchAhead);
 unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const float* x, float* y, unsigned int ready,
-                              unsigned long prefetchAhead);
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long prefetchAhead);
 
 }  // namespace fast
 
@@ -296,14 +296,14 @@ void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, uns
 
 unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const double* x, double* y, unsigned int ready,
-                              unsigned long prefetchAhead);
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long prefetchAhead);
 unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const float* x, float* y, unsigned int ready,
-                              unsigned long prefetchAhead);
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long prefetchAhead);
 
 }  // namespace reference
 }  // namespace kernels

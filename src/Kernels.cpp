@@ -10,18 +10,6 @@
 
 #include "FactorCommon.h"
 
-
-
-
-
-
-
-
-
-
-
-
-
 namespace kivTamber {
 
 namespace {
@@ -661,8 +649,8 @@ template <typename T, int SI, int SJ>
 template <typename T, int SI>
 [[gnu::always_inline]] inline void bothProductsInMemory(const T* __restrict K, unsigned int ld,
                                                         const T* __restrict xi, const T* __restrict xj,
-                                                        T* __restrict yi, T* __restrict yj, unsigned int siDynamic,
-                                                        unsigned int sj) {
+                                                        T* __restrict yi, T* __restrict yj,
+                                                        unsigned int siDynamic, unsigned int sj) {
     if (SI > 0) {
         T v[SI > 0 ? SI : 1];
         _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) v[q] = yi[q];
@@ -728,13 +716,27 @@ void upperColumnFixed(const UpperMatrix<T>& A, unsigned int j, const T* __restri
         const T* const xi = x + oi;
         T* const yi = y + oi;
         switch (si) {
-            case 1: bothProductsInRegisters<T, 1, SJ>(K, ld, xi, yi, si, xj, acc); break;
-            case 2: bothProductsInRegisters<T, 2, SJ>(K, ld, xi, yi, si, xj, acc); break;
-            case 3: bothProductsInRegisters<T, 3, SJ>(K, ld, xi, yi, si, xj, acc); break;
-            case 4: bothProductsInRegisters<T, 4, SJ>(K, ld, xi, yi, si, xj, acc); break;
-            case 5: bothProductsInRegisters<T, 5, SJ>(K, ld, xi, yi, si, xj, acc); break;
-            case 6: bothProductsInRegisters<T, 6, SJ>(K, ld, xi, yi, si, xj, acc); break;
-            default: bothProductsInRegisters<T, 0, SJ>(K, ld, xi, yi, si, xj, acc); break;
+            case 1:
+                bothProductsInRegisters<T, 1, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 2:
+                bothProductsInRegisters<T, 2, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 3:
+                bothProductsInRegisters<T, 3, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 4:
+                bothProductsInRegisters<T, 4, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 5:
+                bothProductsInRegisters<T, 5, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 6:
+                bothProductsInRegisters<T, 6, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            default:
+                bothProductsInRegisters<T, 0, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
         }
     }
     // The diagonal tile in the order of addSymmetricProduct: row i takes its diagonal term and the terms
@@ -772,13 +774,27 @@ void upperColumnAnySize(const UpperMatrix<T>& A, unsigned int j, const T* __rest
         const T* const xi = x + oi;
         T* const yi = y + oi;
         switch (si) {
-            case 1: bothProductsInMemory<T, 1>(K, ld, xi, xj, yi, yj, si, sj); break;
-            case 2: bothProductsInMemory<T, 2>(K, ld, xi, xj, yi, yj, si, sj); break;
-            case 3: bothProductsInMemory<T, 3>(K, ld, xi, xj, yi, yj, si, sj); break;
-            case 4: bothProductsInMemory<T, 4>(K, ld, xi, xj, yi, yj, si, sj); break;
-            case 5: bothProductsInMemory<T, 5>(K, ld, xi, xj, yi, yj, si, sj); break;
-            case 6: bothProductsInMemory<T, 6>(K, ld, xi, xj, yi, yj, si, sj); break;
-            default: bothProductsInMemory<T, 0>(K, ld, xi, xj, yi, yj, si, sj); break;
+            case 1:
+                bothProductsInMemory<T, 1>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 2:
+                bothProductsInMemory<T, 2>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 3:
+                bothProductsInMemory<T, 3>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 4:
+                bothProductsInMemory<T, 4>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 5:
+                bothProductsInMemory<T, 5>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 6:
+                bothProductsInMemory<T, 6>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            default:
+                bothProductsInMemory<T, 0>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
         }
     }
     const T* const K = A.tiles[diag];
@@ -804,7 +820,8 @@ unsigned int upperProducts(const UpperMatrix<T>& A, unsigned int firstColumn, un
     const char* prefetched = nullptr;
     for (unsigned int j = firstColumn; j < endColumn; ++j) {
         if (prefetchAhead > 0 && A.colPointers[j + 1] > A.colPointers[j]) {
-            const char* const ahead = reinterpret_cast<const char*>(A.tiles[A.colPointers[j + 1] - 1]) + prefetchAhead;
+            const char* const ahead =
+                reinterpret_cast<const char*>(A.tiles[A.colPointers[j + 1] - 1]) + prefetchAhead;
             if (!prefetched || ahead < prefetched || ahead - prefetched > 4096) prefetched = ahead - 64;
             for (; prefetched < ahead; prefetched += 64) __builtin_prefetch(prefetched, 0, 3);
         }
@@ -813,13 +830,27 @@ unsigned int upperProducts(const UpperMatrix<T>& A, unsigned int firstColumn, un
             continue;
         }
         switch (A.sizes[j]) {
-            case 1: upperColumnFixed<T, 1>(A, j, x, y, ready); break;
-            case 2: upperColumnFixed<T, 2>(A, j, x, y, ready); break;
-            case 3: upperColumnFixed<T, 3>(A, j, x, y, ready); break;
-            case 4: upperColumnFixed<T, 4>(A, j, x, y, ready); break;
-            case 5: upperColumnFixed<T, 5>(A, j, x, y, ready); break;
-            case 6: upperColumnFixed<T, 6>(A, j, x, y, ready); break;
-            default: upperColumnAnySize<T>(A, j, x, y, ready); break;
+            case 1:
+                upperColumnFixed<T, 1>(A, j, x, y, ready);
+                break;
+            case 2:
+                upperColumnFixed<T, 2>(A, j, x, y, ready);
+                break;
+            case 3:
+                upperColumnFixed<T, 3>(A, j, x, y, ready);
+                break;
+            case 4:
+                upperColumnFixed<T, 4>(A, j, x, y, ready);
+                break;
+            case 5:
+                upperColumnFixed<T, 5>(A, j, x, y, ready);
+                break;
+            case 6:
+                upperColumnFixed<T, 6>(A, j, x, y, ready);
+                break;
+            default:
+                upperColumnAnySize<T>(A, j, x, y, ready);
+                break;
         }
     }
     return ready;
@@ -829,17 +860,17 @@ unsigned int upperProducts(const UpperMatrix<T>& A, unsigned int firstColumn, un
 
 unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const double* x, double* y, unsigned int ready,
-                              unsigned long prefetchAhead) {
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long prefetchAhead) {
     const UpperMatrix<double> A{tiles, rowIndices, colPointers, sizes, offsets, strides};
     return upperProducts(A, firstColumn, endColumn, x, y, ready, prefetchAhead);
 }
 unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const float* x, float* y, unsigned int ready,
-                              unsigned long prefetchAhead) {
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long prefetchAhead) {
     const UpperMatrix<float> A{tiles, rowIndices, colPointers, sizes, offsets, strides};
     return upperProducts(A, firstColumn, endColumn, x, y, ready, prefetchAhead);
 }

@@ -295,10 +295,10 @@ void zeroBefore(T* y, unsigned int& ready, unsigned int end) {
 }
 
 template <typename T>
-unsigned int upperProducts(const T* const* tiles, const unsigned int* rowIndices, const unsigned int* colPointers,
-                           const unsigned int* sizes, const unsigned int* offsets, const unsigned int* strides,
-                           unsigned int firstColumn, unsigned int endColumn, const T* x, T* y,
-                           unsigned int ready) {
+unsigned int upperProducts(const T* const* tiles, const unsigned int* rowIndices,
+                           const unsigned int* colPointers, const unsigned int* sizes,
+                           const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
+                           unsigned int endColumn, const T* x, T* y, unsigned int ready) {
     for (unsigned int j = firstColumn; j < endColumn; ++j) {
         const unsigned int oj = offsets[j], sj = sizes[j];
         zeroBefore(y, ready, oj + sj);
@@ -333,19 +333,19 @@ unsigned int upperProducts(const T* const* tiles, const unsigned int* rowIndices
 
 unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const double* x, double* y, unsigned int ready,
-                              unsigned long /*prefetchAhead*/) {
-    return upperProducts(tiles, rowIndices, colPointers, sizes, offsets, strides, firstColumn, endColumn, x, y,
-                         ready);
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long /*prefetchAhead*/) {
+    return upperProducts(tiles, rowIndices, colPointers, sizes, offsets, strides, firstColumn, endColumn, x,
+                         y, ready);
 }
 unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
                               const unsigned int* colPointers, const unsigned int* sizes,
-                              const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
-                              unsigned int endColumn, const float* x, float* y, unsigned int ready,
-                              unsigned long /*prefetchAhead*/) {
-    return upperProducts(tiles, rowIndices, colPointers, sizes, offsets, strides, firstColumn, endColumn, x, y,
-                         ready);
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long /*prefetchAhead*/) {
+    return upperProducts(tiles, rowIndices, colPointers, sizes, offsets, strides, firstColumn, endColumn, x,
+                         y, ready);
 }
 
 }  // namespace reference

@@ -281,7 +281,8 @@ void SparseMatrix<T>::addGeneralColumn(const T* x, T* y, unsigned long j) const 
         if (i == j) {
             // The symmetric product of the diagonal block.
             const unsigned int o = blockOffsets[j];
-            kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
+            kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o,
+                                                blockSizes[j]);
         } else {
             // Both products of an off-diagonal block in one pass (the same operations per entry as the
             // unscaled A·x and Aᵀ·x products, without the factor 1 of the scaled kernels, which is exact).
@@ -304,9 +305,10 @@ void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums, unsigned int r
     if (n == 0) return;
     const unsigned int N = blockSizes[n];
     auto upperColumns = [&](unsigned long first, unsigned long end) {
-        return kernels::fast::addUpperProducts(blockPointers, rowIndices, colPointers, blockSizes, blockOffsets,
-                                               blockStrides, static_cast<unsigned int>(first),
-                                               static_cast<unsigned int>(end), x, y, ready, prefetchDistance());
+        return kernels::fast::addUpperProducts(blockPointers, rowIndices, colPointers, blockSizes,
+                                               blockOffsets, blockStrides, static_cast<unsigned int>(first),
+                                               static_cast<unsigned int>(end), x, y, ready,
+                                               prefetchDistance());
     };
 
     // Upper form: column 0 holds at most one block, so every column ends with its diagonal block. A final

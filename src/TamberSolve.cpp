@@ -104,40 +104,52 @@ inline void divideBlock(double* x, const double* d, unsigned int size) {
     for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
 }
 
-// The residual r = b − y of iterative refinement formed in the forward pass, entry by entry in ascending order
-// just ahead of the first step that touches it, and its squares summed as they are formed: in four partial
-// sums over the entries below N4 = N rounded down to a multiple of 4 (entry k to sum k mod 4), the last
-// N mod 4 entries added to the first sum after them. Each entry gets the operation of a separate pass,
-// b[k] − y[k], before the solve reads it, so the solve and the sums see the same values as after one.
+// The residual r = b − y of iterative refinement formed in the forward pass, entry by entry in ascending
+// order just ahead of the first step that touches it, each square added to its partial sum as the entry is
+// formed (the pass changes the entry afterwards): four partial sums over the entries below N4 = N rounded
+// down to a multiple of 4 (entry k to sum k mod 4), the last N mod 4 entries into the first sum after them.
+// Each entry gets the operation of a separate pass, b[k] − y[k], before the solve reads it, and each sum its
+// terms in ascending order, so the solve and the norm see the values of the passes one after the other.
 struct ResidualAhead {
     const double* b;
     double* r;  // y on entry, r where formed
     unsigned long N, N4;
-    unsigned long formed = 0;  // entries r[0 … formed) are formed
-    unsigned long summed = 0;  // entries whose squares are summed
+    unsigned long formed = 0;  // entries r[0 … formed) are formed and their squares summed
     double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
 
     ResidualAhead(const double* b_, double* r_, unsigned long n) : b(b_), r(r_), N(n), N4(n & ~3ul) {}
 
-    // Forms the entries up to `end` (at most N) and sums the squares of the complete groups of four.
+    // Forms the entries up to `end` (at most N).
     void formUpTo(unsigned long end) {
         if (end > N) end = N;
         if (end <= formed) return;
-        for (unsigned long k = formed; k < end; ++k) r[k] = b[k] - r[k];
-        formed = end;
-        const unsigned long groups = (end < N4 ? end : N4) & ~3ul;
-        for (; summed < groups; summed += 4) {
-            s0 += r[summed] * r[summed];
-            s1 += r[summed + 1] * r[summed + 1];
-            s2 += r[summed + 2] * r[summed + 2];
-            s3 += r[summed + 3] * r[summed + 3];
+        double a0 = s0, a1 = s1, a2 = s2, a3 = s3;
+        for (unsigned long k = formed; k < end; ++k) {
+            const double v = b[k] - r[k];
+            r[k] = v;
+            const double square = v * v;
+            switch (k < N4 ? k & 3 : 0) {
+                case 0:
+                    a0 += square;
+                    break;
+                case 1:
+                    a1 += square;
+                    break;
+                case 2:
+                    a2 += square;
+                    break;
+                default:
+                    a3 += square;
+                    break;
+            }
         }
+        s0 = a0, s1 = a1, s2 = a2, s3 = a3;
+        formed = end;
     }
 
     // ‖r‖₂² once every entry is formed.
     double squaredNorm() {
         formUpTo(N);
-        for (; summed < N; ++summed) s0 += r[summed] * r[summed];
         return (s0 + s1) + (s2 + s3);
     }
 };
@@ -186,17 +198,19 @@ inline void addBlock(double* sum, const double* x, unsigned int size) {
 }
 
 // The backward pass. With `sum` (one vector only): sum ← sum + x as well, each block added as soon as the
-// pass has finished it, while it is in cache (the same additions as a loop after the solve).
+// pass can no longer change it, while it is in cache (the additions of a loop after the solve on the same
+// values). Block j is final once the diagonal step of column j − 1 is done: the diagonal step of column j
+// finishes its entries, but the paired steps of an odd block j − 1 still write its first entry back
+// (minus zero products, which can turn −0 into +0 or a finite value into NaN).
 void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
                      double* sum = nullptr) {
     const SolvePlan& plan = planOf(data);
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    unsigned int pendingOffset = 0, pendingSize = 0;  // the block waiting for the next diagonal step
     if (plan.scalarColumn < n) {
         for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(data.factor, x + r * ld, n - 1);
-        if (sum) {
-            const unsigned int o = data.factor.blockOffsets[n - 1];
-            addBlock(sum + o, x + o, data.factor.blockSizes[n - 1]);
-        }
+        pendingOffset = data.factor.blockOffsets[n - 1];
+        pendingSize = data.factor.blockSizes[n - 1];
     }
     const SolvePlan::Step* steps = plan.backward.data();
     const unsigned long count = plan.backward.size();
@@ -207,8 +221,13 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
         }
         const SolvePlan::Step& step = steps[k];
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
-        if (sum && step.firstDivision) addBlock(sum + step.target, x + step.target, step.sj);
+        if (sum && step.firstDivision) {
+            addBlock(sum + pendingOffset, x + pendingOffset, pendingSize);
+            pendingOffset = step.target;
+            pendingSize = step.sj;
+        }
     }
+    if (sum) addBlock(sum + pendingOffset, x + pendingOffset, pendingSize);
 }
 
 // Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.

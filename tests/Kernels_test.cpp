@@ -744,20 +744,19 @@ void upperProductsSameBits(unsigned seed) {
         std::vector<T> y2 = y1;
         // In two pieces, to carry `ready` from one call to the next.
         const unsigned int middle = A.n / 2;
-        unsigned int r1 = kernels::fast::addUpperProducts(A.tiles.data(), A.rowIndices.data(), A.colPointers.data(),
-                                                          A.sizes.data(), A.offsets.data(), A.strides.data(), 0,
-                                                          middle, x.data(), y1.data(), ready, 256);
-        unsigned int r2 = kernels::reference::addUpperProducts(A.tiles.data(), A.rowIndices.data(),
-                                                               A.colPointers.data(), A.sizes.data(),
-                                                               A.offsets.data(), A.strides.data(), 0, middle,
-                                                               x.data(), y2.data(), ready, 0);
+        unsigned int r1 = kernels::fast::addUpperProducts(
+            A.tiles.data(), A.rowIndices.data(), A.colPointers.data(), A.sizes.data(), A.offsets.data(),
+            A.strides.data(), 0, middle, x.data(), y1.data(), ready, 256);
+        unsigned int r2 = kernels::reference::addUpperProducts(
+            A.tiles.data(), A.rowIndices.data(), A.colPointers.data(), A.sizes.data(), A.offsets.data(),
+            A.strides.data(), 0, middle, x.data(), y2.data(), ready, 0);
         ASSERT_EQ(r1, r2);
         r1 = kernels::fast::addUpperProducts(A.tiles.data(), A.rowIndices.data(), A.colPointers.data(),
                                              A.sizes.data(), A.offsets.data(), A.strides.data(), middle, A.n,
                                              x.data(), y1.data(), r1, 256);
         r2 = kernels::reference::addUpperProducts(A.tiles.data(), A.rowIndices.data(), A.colPointers.data(),
-                                                  A.sizes.data(), A.offsets.data(), A.strides.data(), middle, A.n,
-                                                  x.data(), y2.data(), r2, 0);
+                                                  A.sizes.data(), A.offsets.data(), A.strides.data(), middle,
+                                                  A.n, x.data(), y2.data(), r2, 0);
         ASSERT_EQ(r1, r2);
         EXPECT_EQ(r1, ready == 0u ? A.N : ~0u);
         EXPECT_TRUE(std::isnan(y1[A.N]));  // nothing written past N
