@@ -119,32 +119,37 @@ struct ResidualAhead {
 
     ResidualAhead(const double* b_, double* r_, unsigned long n) : b(b_), r(r_), N(n), N4(n & ~3ul) {}
 
-    // Forms the entries up to `end` (at most N).
-    void formUpTo(unsigned long end) {
+    // Forms the entries up to at least `need` (at most N): up to 64 ahead, in groups of four where it can,
+    // so that a call serves many steps.
+    void formUpTo(unsigned long need) {
+        if (need <= formed) return;
+        unsigned long end = (formed + 64 > need ? formed + 64 : need + 3) & ~3ul;
         if (end > N) end = N;
-        if (end <= formed) return;
+        unsigned long k = formed;
+        for (; k < end && (k & 3) != 0; ++k) formOne(k);
         double a0 = s0, a1 = s1, a2 = s2, a3 = s3;
-        for (unsigned long k = formed; k < end; ++k) {
-            const double v = b[k] - r[k];
-            r[k] = v;
-            const double square = v * v;
-            switch (k < N4 ? k & 3 : 0) {
-                case 0:
-                    a0 += square;
-                    break;
-                case 1:
-                    a1 += square;
-                    break;
-                case 2:
-                    a2 += square;
-                    break;
-                default:
-                    a3 += square;
-                    break;
-            }
+        for (; k + 4 <= end && k + 4 <= N4; k += 4) {
+            const double v0 = b[k] - r[k], v1 = b[k + 1] - r[k + 1];
+            const double v2 = b[k + 2] - r[k + 2], v3 = b[k + 3] - r[k + 3];
+            r[k] = v0;
+            r[k + 1] = v1;
+            r[k + 2] = v2;
+            r[k + 3] = v3;
+            a0 += v0 * v0;
+            a1 += v1 * v1;
+            a2 += v2 * v2;
+            a3 += v3 * v3;
         }
         s0 = a0, s1 = a1, s2 = a2, s3 = a3;
+        for (; k < end; ++k) formOne(k);
         formed = end;
+    }
+
+    void formOne(unsigned long k) {
+        const double v = b[k] - r[k];
+        r[k] = v;
+        double& sum = k >= N4 ? s0 : (k & 3) == 0 ? s0 : (k & 3) == 1 ? s1 : (k & 3) == 2 ? s2 : s3;
+        sum += v * v;
     }
 
     // ‖r‖₂² once every entry is formed.
@@ -163,8 +168,12 @@ void plannedForward(const TamberData<double>& data, double* x, unsigned int numR
     const SolvePlan& plan = planOf(data);
     const SolvePlan::Division* divisions = plan.divisions.data();
     const double* d = data.diagonal.data;
+    unsigned long formed = residual ? residual->formed : ~0ul;  // a copy the steps cannot change
     for (const SolvePlan::Step& step : plan.forward) {
-        if (residual) residual->formUpTo(static_cast<unsigned long>(step.target) + step.sj + 1);
+        if (step.target + step.sj + 1ul > formed) {
+            residual->formUpTo(static_cast<unsigned long>(step.target) + step.sj + 1);
+            formed = residual->formed;
+        }
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
         if (!divide) continue;
         for (unsigned int t = step.firstDivision; t < step.endDivision; ++t) {
@@ -192,26 +201,26 @@ inline bool divideInForward(const TamberData<double>& data) {
     return data.diagonal.size == plan.N;
 }
 
-// sum[q] += x[q] for q < size.
-inline void addBlock(double* sum, const double* x, unsigned int size) {
-    for (unsigned int q = 0; q < size; ++q) sum[q] += x[q];
+// sum[q] += x[q] for begin ≤ q < end.
+inline void addRun(double* __restrict sum, const double* __restrict x, unsigned long begin,
+                   unsigned long end) {
+    for (unsigned long q = begin; q < end; ++q) sum[q] += x[q];
 }
 
-// The backward pass. With `sum` (one vector only): sum ← sum + x as well, each block added as soon as the
-// pass can no longer change it, while it is in cache (the additions of a loop after the solve on the same
-// values). Block j is final once the diagonal step of column j − 1 is done: the diagonal step of column j
-// finishes its entries, but the paired steps of an odd block j − 1 still write its first entry back
-// (minus zero products, which can turn −0 into +0 or a finite value into NaN).
+// The backward pass. With `sum` (one vector only): sum ← sum + x as well, the entries added in runs as soon
+// as the pass can no longer change them, while they are in cache (the additions of a loop after the solve,
+// on the same values). Block j is final once the diagonal step of column j − 1 is done: the diagonal step
+// of column j finishes its entries, but the paired steps of an odd block j − 1 still write its first entry
+// back (minus zero products, which can turn −0 into +0 or a finite value into NaN).
 void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
                      double* sum = nullptr) {
     const SolvePlan& plan = planOf(data);
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
-    unsigned int pendingOffset = 0, pendingSize = 0;  // the block waiting for the next diagonal step
-    if (plan.scalarColumn < n) {
+    if (plan.scalarColumn < n)
         for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(data.factor, x + r * ld, n - 1);
-        pendingOffset = data.factor.blockOffsets[n - 1];
-        pendingSize = data.factor.blockSizes[n - 1];
-    }
+    // Entries from `finalFrom` on are final once the next diagonal step is done; from `added` on, added.
+    unsigned long finalFrom = plan.scalarColumn < n ? data.factor.blockOffsets[n - 1] : plan.N;
+    unsigned long added = plan.N;
     const SolvePlan::Step* steps = plan.backward.data();
     const unsigned long count = plan.backward.size();
     for (unsigned long k = 0; k < count; ++k) {
@@ -222,12 +231,14 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
         const SolvePlan::Step& step = steps[k];
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
         if (sum && step.firstDivision) {
-            addBlock(sum + pendingOffset, x + pendingOffset, pendingSize);
-            pendingOffset = step.target;
-            pendingSize = step.sj;
+            if (added >= finalFrom + 64) {
+                addRun(sum, x, finalFrom, added);
+                added = finalFrom;
+            }
+            finalFrom = step.target;
         }
     }
-    if (sum) addBlock(sum + pendingOffset, x + pendingOffset, pendingSize);
+    if (sum) addRun(sum, x, 0, added);
 }
 
 // Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.
