@@ -344,8 +344,10 @@ void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums, unsigned int r
 
 template <typename T>
 unsigned long SparseMatrix<T>::prefetchDistance() const {
-    // Beyond the caches the product waits for its tiles; within them the requests only cost.
-    constexpr unsigned long largeBytes = 8ul << 20;
+    // Beyond the second-level cache the product waits for its tiles (measured: 5–30 % of the product on the
+    // scene systems of 10,000 and 50,000 blocks, except a chain of 10,000, which loses 5 %); within it the
+    // requests only cost.
+    constexpr unsigned long largeBytes = 2ul << 20;
     return valueExtent * sizeof(T) > largeBytes ? 4096 : 0;
 }
 
