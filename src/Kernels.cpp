@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "FactorCommon.h"
@@ -817,13 +818,16 @@ unsigned int upperProducts(const UpperMatrix<T>& A, unsigned int firstColumn, un
     // The lines from `prefetched` up to prefetchAhead bytes past the column's diagonal tile are requested
     // before the column runs: the tiles of a matrix filled column by column lie in the order the pass reads
     // them, and on a large matrix the hardware prefetcher alone leaves the pass waiting for them.
-    const char* prefetched = nullptr;
+    // Addresses as integers: the lines ahead may lie past the end of the value array (a prefetch of them is
+    // harmless, a pointer to them is not).
+    std::uintptr_t prefetched = 0;
     for (unsigned int j = firstColumn; j < endColumn; ++j) {
         if (prefetchAhead > 0 && A.colPointers[j + 1] > A.colPointers[j]) {
-            const char* const ahead =
-                reinterpret_cast<const char*>(A.tiles[A.colPointers[j + 1] - 1]) + prefetchAhead;
-            if (!prefetched || ahead < prefetched || ahead - prefetched > 4096) prefetched = ahead - 64;
-            for (; prefetched < ahead; prefetched += 64) __builtin_prefetch(prefetched, 0, 3);
+            const std::uintptr_t ahead =
+                reinterpret_cast<std::uintptr_t>(A.tiles[A.colPointers[j + 1] - 1]) + prefetchAhead;
+            if (prefetched == 0 || ahead < prefetched || ahead - prefetched > 4096) prefetched = ahead - 64;
+            for (; prefetched < ahead; prefetched += 64)
+                __builtin_prefetch(reinterpret_cast<const void*>(prefetched), 0, 3);
         }
         if (A.colPointers[j + 1] == A.colPointers[j]) {  // an empty column adds nothing
             makeReady(y, ready, A.offsets[j] + A.sizes[j]);
