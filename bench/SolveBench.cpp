@@ -59,6 +59,7 @@ int pairedRefinement(unsigned long target, int runs, const std::string& only) {
         options.mergeBlocks = true;
         Analysis::Analyzer analyzer;
         TamberData<double> data;
+        data.writeScaledFactor = 0;  // as tamber-bench and the Solver: the double solves read only L and D
         Tamber tamber;
         if (!analyzer.analyze(problem.pattern(), options, data).ok) return 1;
         tamber.estimateWork(data, nullptr);
