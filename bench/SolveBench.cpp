@@ -6,8 +6,12 @@
 // alike; medians are printed. The solves exclude the permutations of b and x that tamber-bench's solve
 // column includes; they are timed apart (Analyzer::permuteVector and unpermuteVector).
 //
-// Usage: SolveBench [blocks per scene, default 10000] [tile | planned | both, default both] [repetitions]
-//        [scene name: only that scene]
+// Usage: SolveBench [blocks per scene, default 10000] [tile | planned | both | refine, default both]
+//        [repetitions] [scene name: only that scene]
+// `refine` runs tamber-bench's paired round instead (setBlocks and factorSerial, a solve with the
+// permutations of b and x, one refinement step, a second solve) and prints the median of the per-round
+// ratios refinement step / second solve, the goal's figure, and beside it A·x alone in the refinement's place
+// (every other round).
 // With `tile` or `planned` only that solve runs, for instruction counts, e.g.
 //   valgrind --tool=callgrind --toggle-collect='*TamberSolve::solve*' ./SolveBench 10000 planned 20 chain
 #include <algorithm>
@@ -42,6 +46,55 @@ double medianMs(std::vector<double> v) {
     return v[v.size() / 2] * 1e3;
 }
 
+// tamber-bench's paired refinement figure for each scene (see the usage above).
+int pairedRefinement(unsigned long target, int runs, const std::string& only) {
+    std::printf("| scene | blocks | refinement step / solve | A·x / solve |\n|---|---|---|---|\n");
+    for (SceneKind kind : {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall}) {
+        scenes::BlockProblem problem;
+        auto scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, target));
+        scene->step(0.01);
+        if (!only.empty() && only != scene->name()) continue;
+        scene->build(problem);
+        Analysis::Options options;
+        options.mergeBlocks = true;
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        data.writeScaledFactor = 0;  // as tamber-bench and the Solver: the double solves read only L and D
+        Tamber tamber;
+        if (!analyzer.analyze(problem.pattern(), options, data).ok) return 1;
+        tamber.estimateWork(data, nullptr);
+        const unsigned int n = static_cast<unsigned int>(data.matrix.numBlockCols);
+        const unsigned int N = data.matrix.blockSizes[n];
+        std::vector<double> b(N), pb(N), px(N), x(N), y(N), ratios, products;
+        for (unsigned int k = 0; k < N; ++k) b[k] = std::sin(0.37 * k + 1.0);
+        analyzer.permuteVector(b.data(), pb.data());
+        for (int r = 0; r < runs; ++r) {
+            analyzer.setBlocks(data, problem.values.data(), problem.valuePointers.data());
+            tamber.factorSerial(data);
+            analyzer.permuteVector(b.data(), px.data());
+            TamberSolve::solve(data, px.data());
+            analyzer.unpermuteVector(px.data(), x.data());
+            // Odd rounds time the product A·x alone in the refinement's place.
+            const Clock::time_point t0 = Clock::now();
+            if (r % 2 == 0) {
+                tamber.iterativeRefinement(data, pb.data(), px.data(), 1);
+                analyzer.unpermuteVector(px.data(), x.data());
+            } else {
+                data.matrix.multiply(px.data(), y.data());
+            }
+            const Clock::time_point t1 = Clock::now();
+            analyzer.permuteVector(b.data(), px.data());
+            TamberSolve::solve(data, px.data());
+            analyzer.unpermuteVector(px.data(), x.data());
+            (r % 2 == 0 ? ratios : products).push_back(seconds(t0, t1) / seconds(t1, Clock::now()));
+        }
+        std::printf("| %s | %u | %.3f | %.3f |\n", scene->name(), n, medianMs(ratios) / 1e3,
+                    medianMs(products) / 1e3);
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -49,10 +102,12 @@ int main(int argc, char** argv) {
     const std::string mode = argc > 2 ? argv[2] : "both";
     const int runs = argc > 3 ? std::atoi(argv[3]) : (target > 20000 ? 41 : 301);
     const std::string only = argc > 4 ? argv[4] : "";
-    if (mode != "both" && mode != "tile" && mode != "planned") {
-        std::fprintf(stderr, "usage: SolveBench [blocks] [tile | planned | both] [repetitions] [scene]\n");
+    if (mode != "both" && mode != "tile" && mode != "planned" && mode != "refine") {
+        std::fprintf(stderr,
+                     "usage: SolveBench [blocks] [tile | planned | both | refine] [repetitions] [scene]\n");
         return 2;
     }
+    if (mode == "refine") return pairedRefinement(target, runs, only);
     std::printf(
         "| scene | blocks | N | tiles | tile solve ms | planned solve ms | tile / planned | "
         "planned, per vector of 4, ms | making the plan ms | factor ms | forward ms | diagonal ms | "

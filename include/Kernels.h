@@ -231,6 +231,32 @@ void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int
 void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
                          unsigned int si);
 
+// y += A·x over the block columns firstColumn … endColumn−1 of a symmetric block-sparse matrix in the upper
+// form, read from the arrays of a SparseMatrix (see SparseTypes.h): column j holds the tiles colPointers[j]
+// … colPointers[j+1]−1; the last one is used as its diagonal tile, every other one as an off-diagonal tile
+// B = (i, j), i = rowIndices[b], whatever the indices say. Per column, the off-diagonal tiles in storage
+// order add B·x_j to y_i and Bᵀ·x_i to y_j (with K = Bᵀ the row-major view of the tile, leading dimension
+// strides[i]: y_i(q) += k_rq·x_j(r) over r ascending, y_j(r) += k_rq·x_i(q) over q ascending), then the
+// diagonal tile adds its symmetric product from the triangle r ≤ c of the column-major tile (row r: y_j(r)
+// += k_rr·x_j(r), then for q < r, y_j(r) += k_rq·x_j(q) and y_j(q) += k_rq·x_j(r)); an empty column adds
+// nothing. The entries of y at and after the scalar offset `ready` are taken to hold nothing yet: each is
+// set to 0 right before its first term is added (the bits of zeroing y first). Returns the offset where
+// such entries begin afterwards: at least the end of the last column. ready = ~0u: y is read as it stands
+// (plain accumulation). The x_j and y_j of a column of size at most 6 stay in registers from its first
+// tile to its diagonal tile. prefetchAhead > 0: the memory from the tiles being read up to that many bytes
+// past them is prefetched (a hint for large matrices whose tiles lie in the order of the pass; the
+// reference ignores it, no result depends on it). x and y must not overlap.
+unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long prefetchAhead);
+unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long prefetchAhead);
+
 }  // namespace fast
 
 // Plain loops with the contracts of kernels::fast above and the same operations in the same order.
@@ -267,6 +293,17 @@ void forwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int 
 void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int sj);
 void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
                          unsigned int si);
+
+unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long prefetchAhead);
+unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long prefetchAhead);
 
 }  // namespace reference
 }  // namespace kernels

@@ -48,7 +48,9 @@ public:
         unsigned int target;  // scalar offset of x_j
         unsigned int si, sj;  // s_i (off-diagonal tile; 0 for a diagonal step), s_j
         // Forward steps: the blocks divided by their pivots right after this step, divisions[firstDivision
-        // … endDivision−1] (empty but for the last step of a column).
+        // … endDivision−1] (empty but for the last step of a column). Backward steps: firstDivision is 1 on
+        // the first step of a column, after which x_j is final (its diagonal tile is solved), 0 on the
+        // others; endDivision is 0.
         unsigned int firstDivision, endDivision;
     };
     // A block x_b ← x_b / d_b of the diagonal solve: its scalar offset and size.

@@ -122,9 +122,17 @@ public:
     void multiplyAdd(const T& alpha, const T* x, const T& beta, T* y) const;
 
 private:
-    // The pass of multiplyAdd(x, y); with sums, also the row sums of multiplyWithRowSums.
+    // The pass of multiplyAdd(x, y); with sums, also the row sums of multiplyWithRowSums. The entries of y
+    // at and after the scalar offset `ready` hold nothing yet: they get their zero as the pass reaches them
+    // (0: the product of multiply; ~0u: y is added to). With sums, `ready` must be ~0u.
     template <bool kSums>
-    void addProducts(const T* x, T* y, double* sums) const;
+    void addProducts(const T* x, T* y, double* sums, unsigned int ready) const;
+    // The products of column j (or of the columns from firstColumn on) with every block classified by its
+    // indices, in storage order.
+    void addGeneralColumn(const T* x, T* y, unsigned long j) const;
+    void addGeneralColumns(const T* x, T* y, unsigned long firstColumn) const;
+    // Bytes ahead of its tiles that the product prefetches: 0 unless the values outgrow the caches.
+    unsigned long prefetchDistance() const;
 };
 
 extern template class SparseMatrix<float>;

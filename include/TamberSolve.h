@@ -232,8 +232,12 @@ extern template bool findBadPivot<double>(const TamberData<double>&, PivotReport
 // ‖r‖₂, solve A·δ = r with solve<double> (which does not factor: factor beforehand) and add x ← x + δ. There
 // is no tolerance test: a converged iteration runs to maxIterations, and an initial residual above 1.0e9
 // leaves x unchanged. maxIterations ≤ 0 does nothing. ‖r‖₂² is summed in four partial sums (the entries k
-// with k mod 4 = 0, 1, 2, 3, each ascending), added as (s0 + s1) + (s2 + s3). The entry copy x0 is taken
-// only when maxIterations > 1 (a first step that diverges has not moved x).
+// below N rounded down to a multiple of 4 with k mod 4 = 0, 1, 2, 3, each ascending, then the last N mod 4
+// entries into the first sum), added as (s0 + s1) + (s2 + s3). The entry copy x0 is taken only when
+// maxIterations > 1 (a first step that diverges has not moved x). With a usable solve plan the step takes
+// two passes of the solve instead of four passes: r = b − A·x is formed entry by entry just ahead of the
+// forward pass (which therefore runs before the norm is known, on r alone), and x + δ block by block in
+// the backward pass as δ becomes final; every value is the one of the passes one after the other.
 //
 // None of these allocates after its first call on a system of a given size: all work arrays come from the
 // scratch pad.

@@ -6,6 +6,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "FactorCommon.h"
@@ -592,6 +593,290 @@ void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int
 void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
                          unsigned int si) {
     kernels::backwardOffDiagonalStep(B, ld, xj, sj, xi, si);
+}
+
+// ---------------------------------------------------------------------------------------------------------
+// Products of a symmetric block-sparse matrix in the upper form with a vector, column by column.
+// ---------------------------------------------------------------------------------------------------------
+
+namespace {
+
+// Where the entries of y stand in an upper-form pass: those at and after `ready` hold nothing yet and get
+// their exact 0 just before their first term, as if y had been zeroed first; ready = ~0u reads all of y.
+template <typename T>
+inline void makeReady(T* y, unsigned int& ready, unsigned int end) {
+    if (end <= ready) return;
+    for (unsigned int p = ready; p < end; ++p) y[p] = T(0);
+    ready = end;
+}
+
+// Off-diagonal tile K (the row-major view Bᵀ, SJ × SI, leading dimension ld) of a column whose x_j and y_j
+// are in registers: y_i += B·x_j in memory, y_j += Bᵀ·x_i in `acc`, per entry in the order of
+// addBothProducts. SI = 0: s_i at run time.
+template <typename T, int SI, int SJ>
+[[gnu::always_inline]] inline void bothProductsInRegisters(const T* __restrict K, unsigned int ld,
+                                                           const T* __restrict xi, T* __restrict yi,
+                                                           unsigned int siDynamic, const T (&xj)[SJ],
+                                                           T (&acc)[SJ]) {
+    if (SI > 0) {
+        T v[SI > 0 ? SI : 1];
+        _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) v[q] = yi[q];
+        _Pragma("GCC unroll 16") for (int r = 0; r < SJ; ++r) {
+            const T* const k = K + static_cast<unsigned long>(r) * ld;
+            const T s = xj[r];
+            T a = acc[r];
+            _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) {
+                v[q] += k[q] * s;   // y_i += B·x_j
+                a += k[q] * xi[q];  // y_j += Bᵀ·x_i
+            }
+            acc[r] = a;
+        }
+        _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) yi[q] = v[q];
+        return;
+    }
+    _Pragma("GCC unroll 16") for (int r = 0; r < SJ; ++r) {
+        const T* const k = K + static_cast<unsigned long>(r) * ld;
+        const T s = xj[r];
+        T a = acc[r];
+        for (unsigned int q = 0; q < siDynamic; ++q) {
+            yi[q] += k[q] * s;
+            a += k[q] * xi[q];
+        }
+        acc[r] = a;
+    }
+}
+
+// The same for a column of run-time size s_j (y_j in memory); SI = 0: s_i at run time as well.
+template <typename T, int SI>
+[[gnu::always_inline]] inline void bothProductsInMemory(const T* __restrict K, unsigned int ld,
+                                                        const T* __restrict xi, const T* __restrict xj,
+                                                        T* __restrict yi, T* __restrict yj,
+                                                        unsigned int siDynamic, unsigned int sj) {
+    if (SI > 0) {
+        T v[SI > 0 ? SI : 1];
+        _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) v[q] = yi[q];
+        for (unsigned int r = 0; r < sj; ++r) {
+            const T* const k = K + static_cast<unsigned long>(r) * ld;
+            const T s = xj[r];
+            T a = yj[r];
+            _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) {
+                v[q] += k[q] * s;
+                a += k[q] * xi[q];
+            }
+            yj[r] = a;
+        }
+        _Pragma("GCC unroll 16") for (int q = 0; q < SI; ++q) yi[q] = v[q];
+        return;
+    }
+    for (unsigned int r = 0; r < sj; ++r) {
+        const T* const k = K + static_cast<unsigned long>(r) * ld;
+        const T s = xj[r];
+        T a = yj[r];
+        for (unsigned int q = 0; q < siDynamic; ++q) {
+            yi[q] += k[q] * s;
+            a += k[q] * xi[q];
+        }
+        yj[r] = a;
+    }
+}
+
+// The arrays of the matrix a pass reads.
+template <typename T>
+struct UpperMatrix {
+    const T* const* tiles;
+    const unsigned int* rowIndices;
+    const unsigned int* colPointers;
+    const unsigned int* sizes;
+    const unsigned int* offsets;
+    const unsigned int* strides;
+};
+
+// Column j of fixed size SJ ≤ 6 with tiles begin … diag (the diagonal tile): x_j and y_j stay in registers
+// from the first tile to the diagonal one.
+template <typename T, int SJ>
+void upperColumnFixed(const UpperMatrix<T>& A, unsigned int j, const T* __restrict x, T* __restrict y,
+                      unsigned int& ready) {
+    const unsigned int begin = A.colPointers[j], diag = A.colPointers[j + 1] - 1;
+    const unsigned int oj = A.offsets[j];
+    T xj[SJ], acc[SJ];
+    _Pragma("GCC unroll 16") for (int r = 0; r < SJ; ++r) xj[r] = x[oj + r];
+    if (ready <= oj) {
+        makeReady(y, ready, oj);
+        _Pragma("GCC unroll 16") for (int r = 0; r < SJ; ++r) acc[r] = T(0);
+        ready = oj + SJ;
+    } else {
+        makeReady(y, ready, oj + SJ);
+        _Pragma("GCC unroll 16") for (int r = 0; r < SJ; ++r) acc[r] = y[oj + r];
+    }
+    for (unsigned int b = begin; b < diag; ++b) {
+        const unsigned int i = A.rowIndices[b];
+        const unsigned int oi = A.offsets[i], si = A.sizes[i];
+        makeReady(y, ready, oi + si);
+        const T* const K = A.tiles[b];
+        const unsigned int ld = A.strides[i];
+        const T* const xi = x + oi;
+        T* const yi = y + oi;
+        switch (si) {
+            case 1:
+                bothProductsInRegisters<T, 1, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 2:
+                bothProductsInRegisters<T, 2, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 3:
+                bothProductsInRegisters<T, 3, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 4:
+                bothProductsInRegisters<T, 4, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 5:
+                bothProductsInRegisters<T, 5, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            case 6:
+                bothProductsInRegisters<T, 6, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+            default:
+                bothProductsInRegisters<T, 0, SJ>(K, ld, xi, yi, si, xj, acc);
+                break;
+        }
+    }
+    // The diagonal tile in the order of addSymmetricProduct: row i takes its diagonal term and the terms
+    // j < i, and gives k_ij·x_i to each y_j.
+    const T* const K = A.tiles[diag];
+    const unsigned int ld = A.strides[j];
+    _Pragma("GCC unroll 16") for (int i = 0; i < SJ; ++i) {
+        const T* const k = K + static_cast<unsigned long>(i) * ld;
+        const T s = xj[i];
+        T a = acc[i] + k[i] * s;
+        _Pragma("GCC unroll 16") for (int q = 0; q < i; ++q) {
+            a += k[q] * xj[q];
+            acc[q] += k[q] * s;
+        }
+        acc[i] = a;
+    }
+    _Pragma("GCC unroll 16") for (int r = 0; r < SJ; ++r) y[oj + r] = acc[r];
+}
+
+// Column j of any size, y_j in memory.
+template <typename T>
+void upperColumnAnySize(const UpperMatrix<T>& A, unsigned int j, const T* __restrict x, T* __restrict y,
+                        unsigned int& ready) {
+    const unsigned int begin = A.colPointers[j], diag = A.colPointers[j + 1] - 1;
+    const unsigned int oj = A.offsets[j], sj = A.sizes[j];
+    makeReady(y, ready, oj + sj);
+    const T* const xj = x + oj;
+    T* const yj = y + oj;
+    for (unsigned int b = begin; b < diag; ++b) {
+        const unsigned int i = A.rowIndices[b];
+        const unsigned int oi = A.offsets[i], si = A.sizes[i];
+        makeReady(y, ready, oi + si);
+        const T* const K = A.tiles[b];
+        const unsigned int ld = A.strides[i];
+        const T* const xi = x + oi;
+        T* const yi = y + oi;
+        switch (si) {
+            case 1:
+                bothProductsInMemory<T, 1>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 2:
+                bothProductsInMemory<T, 2>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 3:
+                bothProductsInMemory<T, 3>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 4:
+                bothProductsInMemory<T, 4>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 5:
+                bothProductsInMemory<T, 5>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            case 6:
+                bothProductsInMemory<T, 6>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+            default:
+                bothProductsInMemory<T, 0>(K, ld, xi, xj, yi, yj, si, sj);
+                break;
+        }
+    }
+    const T* const K = A.tiles[diag];
+    const unsigned long ld = A.strides[j];
+    for (unsigned int i = 0; i < sj; ++i) {
+        const T* const k = K + i * ld;
+        const T s = xj[i];
+        T a = yj[i] + k[i] * s;
+        for (unsigned int q = 0; q < i; ++q) {
+            a += k[q] * xj[q];
+            yj[q] += k[q] * s;
+        }
+        yj[i] = a;
+    }
+}
+
+template <typename T>
+unsigned int upperProducts(const UpperMatrix<T>& A, unsigned int firstColumn, unsigned int endColumn,
+                           const T* x, T* y, unsigned int ready, unsigned long prefetchAhead) {
+    // The lines from `prefetched` up to prefetchAhead bytes past the column's diagonal tile are requested
+    // before the column runs: the tiles of a matrix filled column by column lie in the order the pass reads
+    // them, and on a large matrix the hardware prefetcher alone leaves the pass waiting for them.
+    // Addresses as integers: the lines ahead may lie past the end of the value array (a prefetch of them is
+    // harmless, a pointer to them is not).
+    std::uintptr_t prefetched = 0;
+    for (unsigned int j = firstColumn; j < endColumn; ++j) {
+        if (prefetchAhead > 0 && A.colPointers[j + 1] > A.colPointers[j]) {
+            const std::uintptr_t ahead =
+                reinterpret_cast<std::uintptr_t>(A.tiles[A.colPointers[j + 1] - 1]) + prefetchAhead;
+            if (prefetched == 0 || ahead < prefetched || ahead - prefetched > 4096) prefetched = ahead - 64;
+            for (; prefetched < ahead; prefetched += 64)
+                __builtin_prefetch(reinterpret_cast<const void*>(prefetched), 0, 3);
+        }
+        if (A.colPointers[j + 1] == A.colPointers[j]) {  // an empty column adds nothing
+            makeReady(y, ready, A.offsets[j] + A.sizes[j]);
+            continue;
+        }
+        switch (A.sizes[j]) {
+            case 1:
+                upperColumnFixed<T, 1>(A, j, x, y, ready);
+                break;
+            case 2:
+                upperColumnFixed<T, 2>(A, j, x, y, ready);
+                break;
+            case 3:
+                upperColumnFixed<T, 3>(A, j, x, y, ready);
+                break;
+            case 4:
+                upperColumnFixed<T, 4>(A, j, x, y, ready);
+                break;
+            case 5:
+                upperColumnFixed<T, 5>(A, j, x, y, ready);
+                break;
+            case 6:
+                upperColumnFixed<T, 6>(A, j, x, y, ready);
+                break;
+            default:
+                upperColumnAnySize<T>(A, j, x, y, ready);
+                break;
+        }
+    }
+    return ready;
+}
+
+}  // namespace
+
+unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long prefetchAhead) {
+    const UpperMatrix<double> A{tiles, rowIndices, colPointers, sizes, offsets, strides};
+    return upperProducts(A, firstColumn, endColumn, x, y, ready, prefetchAhead);
+}
+unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long prefetchAhead) {
+    const UpperMatrix<float> A{tiles, rowIndices, colPointers, sizes, offsets, strides};
+    return upperProducts(A, firstColumn, endColumn, x, y, ready, prefetchAhead);
 }
 
 }  // namespace fast

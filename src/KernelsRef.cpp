@@ -286,6 +286,68 @@ void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, uns
     }
 }
 
+namespace {
+
+// Entries of y at and after `ready` get their 0 before their first term (see addUpperProducts).
+template <typename T>
+void zeroBefore(T* y, unsigned int& ready, unsigned int end) {
+    for (; ready < end; ++ready) y[ready] = T(0);
+}
+
+template <typename T>
+unsigned int upperProducts(const T* const* tiles, const unsigned int* rowIndices,
+                           const unsigned int* colPointers, const unsigned int* sizes,
+                           const unsigned int* offsets, const unsigned int* strides, unsigned int firstColumn,
+                           unsigned int endColumn, const T* x, T* y, unsigned int ready) {
+    for (unsigned int j = firstColumn; j < endColumn; ++j) {
+        const unsigned int oj = offsets[j], sj = sizes[j];
+        zeroBefore(y, ready, oj + sj);
+        const unsigned int begin = colPointers[j], end = colPointers[j + 1];
+        if (begin == end) continue;
+        for (unsigned int b = begin; b + 1 < end; ++b) {
+            const unsigned int i = rowIndices[b], oi = offsets[i], si = sizes[i];
+            zeroBefore(y, ready, oi + si);
+            const T* const B = tiles[b];  // B(q, r) at r·strides[i] + q
+            for (unsigned int r = 0; r < sj; ++r) {
+                for (unsigned int q = 0; q < si; ++q) {
+                    const T k = B[static_cast<unsigned long>(r) * strides[i] + q];
+                    y[oi + q] = y[oi + q] + k * x[oj + r];  // y_i += B·x_j
+                    y[oj + r] = y[oj + r] + k * x[oi + q];  // y_j += Bᵀ·x_i
+                }
+            }
+        }
+        const T* const D = tiles[end - 1];  // the triangle r ≤ c: D(q, r) at r·strides[j] + q, q ≤ r
+        for (unsigned int r = 0; r < sj; ++r) {
+            const T* const column = D + static_cast<unsigned long>(r) * strides[j];
+            y[oj + r] = y[oj + r] + column[r] * x[oj + r];
+            for (unsigned int q = 0; q < r; ++q) {
+                y[oj + r] = y[oj + r] + column[q] * x[oj + q];
+                y[oj + q] = y[oj + q] + column[q] * x[oj + r];
+            }
+        }
+    }
+    return ready;
+}
+
+}  // namespace
+
+unsigned int addUpperProducts(const double* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const double* x, double* y,
+                              unsigned int ready, unsigned long /*prefetchAhead*/) {
+    return upperProducts(tiles, rowIndices, colPointers, sizes, offsets, strides, firstColumn, endColumn, x,
+                         y, ready);
+}
+unsigned int addUpperProducts(const float* const* tiles, const unsigned int* rowIndices,
+                              const unsigned int* colPointers, const unsigned int* sizes,
+                              const unsigned int* offsets, const unsigned int* strides,
+                              unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
+                              unsigned int ready, unsigned long /*prefetchAhead*/) {
+    return upperProducts(tiles, rowIndices, colPointers, sizes, offsets, strides, firstColumn, endColumn, x,
+                         y, ready);
+}
+
 }  // namespace reference
 }  // namespace kernels
 }  // namespace kivTamber

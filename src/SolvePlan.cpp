@@ -206,6 +206,7 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
             d.run = fixedJ ? backwardDiagonals[d.sj - 1] : &backwardDiagonalAnySize;
             backward.push_back(d);
         }
+        backward.back().firstDivision = 1;  // x_j is final after the column's first step
         for (unsigned int k = first; k < end; ++k) {
             Step t = tileStep(k, j);
             t.run = fixedJ && fixed(t.si) ? backwardTiles[pair(t)] : &backwardTileAnySize;

@@ -200,8 +200,7 @@ T* SparseMatrix<T>::acquireBlock(unsigned long col, unsigned long row, unsigned 
 template <typename T>
 void SparseMatrix<T>::multiply(const T* x, T* y) const {
     if (numBlockCols == 0) return;
-    std::memset(static_cast<void*>(y), 0, blockSizes[numBlockCols] * sizeof(T));
-    multiplyAdd(x, y);
+    addProducts<false>(x, y, nullptr, 0u);
 }
 
 // The tile of block (i, j) is s_i × s_j column-major with leading dimension blockStrides[i]; read row-major
@@ -210,7 +209,7 @@ void SparseMatrix<T>::multiply(const T* x, T* y) const {
 // lower triangle of K, which is the triangle r ≤ c of the column-major tile.
 template <typename T>
 void SparseMatrix<T>::multiplyAdd(const T* x, T* y) const {
-    addProducts<false>(x, y, nullptr);
+    addProducts<false>(x, y, nullptr, ~0u);
 }
 
 template <typename T>
@@ -219,7 +218,7 @@ void SparseMatrix<T>::multiplyWithRowSums(const T* x, T* y, double* rowSums) con
     const unsigned long N = blockSizes[numBlockCols];
     std::memset(static_cast<void*>(y), 0, N * sizeof(T));
     std::memset(static_cast<void*>(rowSums), 0, N * sizeof(double));
-    addProducts<true>(x, y, rowSums);
+    addProducts<true>(x, y, rowSums, ~0u);
 }
 
 namespace {
@@ -276,58 +275,80 @@ void addColumnRowSums(const SparseMatrix<T>& A, unsigned long j, unsigned int be
 }  // namespace
 
 template <typename T>
+void SparseMatrix<T>::addGeneralColumn(const T* x, T* y, unsigned long j) const {
+    for (unsigned int b = colPointers[j]; b < colPointers[j + 1]; ++b) {
+        const unsigned int i = rowIndices[b];
+        if (i == j) {
+            // The symmetric product of the diagonal block.
+            const unsigned int o = blockOffsets[j];
+            kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o,
+                                                blockSizes[j]);
+        } else {
+            // Both products of an off-diagonal block in one pass (the same operations per entry as the
+            // unscaled A·x and Aᵀ·x products, without the factor 1 of the scaled kernels, which is exact).
+            kernels::addBothProductsAnySize(blockPointers[b], blockStrides[i], x + blockOffsets[i],
+                                            x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
+                                            blockSizes[i], blockSizes[j]);
+        }
+    }
+}
+
+template <typename T>
+void SparseMatrix<T>::addGeneralColumns(const T* x, T* y, unsigned long firstColumn) const {
+    for (unsigned long j = firstColumn; j < numBlockCols; ++j) addGeneralColumn(x, y, j);
+}
+
+template <typename T>
 template <bool kSums>
-void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums) const {
+void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums, unsigned int ready) const {
     const unsigned long n = numBlockCols;
     if (n == 0) return;
-
-    // Adds the products of block b = (i, j), i ≠ j.
-    auto offDiagonal = [&](unsigned int b, unsigned long j) {
-        const unsigned int i = rowIndices[b];
-        const int ld = static_cast<int>(blockStrides[i]);
-        const int si = static_cast<int>(blockSizes[i]);
-        const int sj = static_cast<int>(blockSizes[j]);
-        const T* K = blockPointers[b];
-        // Both products in one pass (the same operations per entry as the unscaled A·x and Aᵀ·x products,
-        // without the factor 1 of the scaled kernels, which is exact).
-        kernels::addBothProductsAnySize(K, static_cast<unsigned int>(ld), x + blockOffsets[i],
-                                        x + blockOffsets[j], y + blockOffsets[i], y + blockOffsets[j],
-                                        static_cast<unsigned int>(si), static_cast<unsigned int>(sj));
-    };
-    // Adds the symmetric product of the diagonal block b = (j, j).
-    auto diagonal = [&](unsigned int b, unsigned long j) {
-        const unsigned int o = blockOffsets[j];
-        kernels::addSymmetricProductAnySize(blockPointers[b], blockStrides[j], x + o, y + o, blockSizes[j]);
+    const unsigned int N = blockSizes[n];
+    auto upperColumns = [&](unsigned long first, unsigned long end) {
+        return kernels::fast::addUpperProducts(blockPointers, rowIndices, colPointers, blockSizes,
+                                               blockOffsets, blockStrides, static_cast<unsigned int>(first),
+                                               static_cast<unsigned int>(end), x, y, ready,
+                                               prefetchDistance());
     };
 
-    // Upper form: column 0 holds at most one block, so every column ends with its diagonal block.
+    // Upper form: column 0 holds at most one block, so every column ends with its diagonal block. A final
+    // column of odd size takes the general loop even in the upper form: a harmless historical quirk of this
+    // path, kept so that the order of operations stays the established one.
     const bool upperForm = colPointers[1] < 2;
+    const unsigned long upperEnd = !upperForm ? 0 : (blockSizes[n - 1] & 1u) != 0 ? n - 1 : n;
+    if (!kSums) {
+        // The upper columns in one pass that zeroes y as it goes; the rest of y is zeroed before the others.
+        if (upperEnd > 0) ready = upperColumns(0, upperEnd);
+        if (upperEnd == n) return;
+        if (ready < N) std::memset(static_cast<void*>(y + ready), 0, (N - ready) * sizeof(T));
+        addGeneralColumns(x, y, upperEnd);
+        return;
+    }
+    // With the row sums, column by column: each column's sums right after its products.
     for (unsigned long j = 0; j < n; ++j) {
         const unsigned int begin = colPointers[j];
         const unsigned int end = colPointers[j + 1];
-
-
-        // A final column of odd size takes the general loop even in the upper form: a harmless historical
-        // quirk of this path, kept so that the order of operations stays the established one.
-        const bool oddFinal = j + 1 == n && (blockSizes[j] & 1u) != 0;
         unsigned int diagonalTile = end;
-        if (upperForm && !oddFinal) {
+        if (j < upperEnd) {
             if (end == begin) continue;
-            for (unsigned int b = begin; b + 1 < end; ++b) offDiagonal(b, j);
-            diagonal(end - 1, j);
+            upperColumns(j, j + 1);
             diagonalTile = end - 1;
         } else {
-            for (unsigned int b = begin; b < end; ++b) {
-                if (rowIndices[b] == j) {
-                    diagonal(b, j);
-                    diagonalTile = b;
-                } else {
-                    offDiagonal(b, j);
-                }
-            }
+            for (unsigned int b = begin; b < end; ++b)
+                if (rowIndices[b] == j) diagonalTile = b;
+            addGeneralColumn(x, y, j);
         }
-        if (kSums) addColumnRowSums(*this, j, begin, end, diagonalTile, sums);
+        addColumnRowSums(*this, j, begin, end, diagonalTile, sums);
     }
+}
+
+template <typename T>
+unsigned long SparseMatrix<T>::prefetchDistance() const {
+    // Beyond the second-level cache the product waits for its tiles (measured: 5–30 % of the product on the
+    // scene systems of 10,000 and 50,000 blocks, except a chain of 10,000, which loses 5 %); within it the
+    // requests only cost.
+    constexpr unsigned long largeBytes = 2ul << 20;
+    return valueExtent * sizeof(T) > largeBytes ? 4096 : 0;
 }
 
 template <typename T>

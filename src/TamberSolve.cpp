@@ -104,14 +104,76 @@ inline void divideBlock(double* x, const double* d, unsigned int size) {
     for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
 }
 
+// The residual r = b − y of iterative refinement formed in the forward pass, entry by entry in ascending
+// order just ahead of the first step that touches it, each square added to its partial sum as the entry is
+// formed (the pass changes the entry afterwards): four partial sums over the entries below N4 = N rounded
+// down to a multiple of 4 (entry k to sum k mod 4), the last N mod 4 entries into the first sum after them.
+// Each entry gets the operation of a separate pass, b[k] − y[k], before the solve reads it, and each sum its
+// terms in ascending order, so the solve and the norm see the values of the passes one after the other.
+struct ResidualAhead {
+    const double* b;
+    double* r;  // y on entry, r where formed
+    unsigned long N, N4;
+    unsigned long formed = 0;  // entries r[0 … formed) are formed and their squares summed
+    double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
+
+    ResidualAhead(const double* b_, double* r_, unsigned long n) : b(b_), r(r_), N(n), N4(n & ~3ul) {}
+
+    // Forms the entries up to at least `need` (at most N): up to 64 ahead, in groups of four where it can,
+    // so that a call serves many steps.
+    void formUpTo(unsigned long need) {
+        if (need <= formed) return;
+        unsigned long end = (formed + 64 > need ? formed + 64 : need + 3) & ~3ul;
+        if (end > N) end = N;
+        unsigned long k = formed;
+        for (; k < end && (k & 3) != 0; ++k) formOne(k);
+        double a0 = s0, a1 = s1, a2 = s2, a3 = s3;
+        for (; k + 4 <= end && k + 4 <= N4; k += 4) {
+            const double v0 = b[k] - r[k], v1 = b[k + 1] - r[k + 1];
+            const double v2 = b[k + 2] - r[k + 2], v3 = b[k + 3] - r[k + 3];
+            r[k] = v0;
+            r[k + 1] = v1;
+            r[k + 2] = v2;
+            r[k + 3] = v3;
+            a0 += v0 * v0;
+            a1 += v1 * v1;
+            a2 += v2 * v2;
+            a3 += v3 * v3;
+        }
+        s0 = a0, s1 = a1, s2 = a2, s3 = a3;
+        for (; k < end; ++k) formOne(k);
+        formed = end;
+    }
+
+    void formOne(unsigned long k) {
+        const double v = b[k] - r[k];
+        r[k] = v;
+        double& sum = k >= N4 ? s0 : (k & 3) == 0 ? s0 : (k & 3) == 1 ? s1 : (k & 3) == 2 ? s2 : s3;
+        sum += v * v;
+    }
+
+    // ‖r‖₂² once every entry is formed.
+    double squaredNorm() {
+        formUpTo(N);
+        return (s0 + s1) + (s2 + s3);
+    }
+};
+
 // The forward pass; with `divide` also the diagonal solve, each block right after the last forward step that
-// reads it (see SolvePlan.h). divide requires data.diagonal.size = N.
+// reads it (see SolvePlan.h). divide requires data.diagonal.size = N. With `residual` (one vector only, x
+// = residual->r): x holds y on entry and gets r = b − y formed ahead of the steps (a step of target block j
+// touches x_j and at most the entry after it, and reads blocks before j).
 void plannedForward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
-                    bool divide) {
+                    bool divide, ResidualAhead* residual = nullptr) {
     const SolvePlan& plan = planOf(data);
     const SolvePlan::Division* divisions = plan.divisions.data();
     const double* d = data.diagonal.data;
+    unsigned long formed = residual ? residual->formed : ~0ul;  // a copy the steps cannot change
     for (const SolvePlan::Step& step : plan.forward) {
+        if (step.target + step.sj + 1ul > formed) {
+            residual->formUpTo(static_cast<unsigned long>(step.target) + step.sj + 1);
+            formed = residual->formed;
+        }
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
         if (!divide) continue;
         for (unsigned int t = step.firstDivision; t < step.endDivision; ++t) {
@@ -121,6 +183,7 @@ void plannedForward(const TamberData<double>& data, double* x, unsigned int numR
         }
     }
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
+    if (residual) residual->formUpTo(residual->N);
     if (plan.scalarColumn < n) {
         for (unsigned int r = 0; r < numRhs; ++r)
             forwardColumnScalar(data.factor, x + r * ld, n - 1, data.factor.blockSizes[n - 1]);
@@ -138,11 +201,26 @@ inline bool divideInForward(const TamberData<double>& data) {
     return data.diagonal.size == plan.N;
 }
 
-void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld) {
+// sum[q] += x[q] for begin ≤ q < end.
+inline void addRun(double* __restrict sum, const double* __restrict x, unsigned long begin,
+                   unsigned long end) {
+    for (unsigned long q = begin; q < end; ++q) sum[q] += x[q];
+}
+
+// The backward pass. With `sum` (one vector only): sum ← sum + x as well, the entries added in runs as soon
+// as the pass can no longer change them, while they are in cache (the additions of a loop after the solve,
+// on the same values). Block j is final once the diagonal step of column j − 1 is done: the diagonal step
+// of column j finishes its entries, but the paired steps of an odd block j − 1 still write its first entry
+// back (minus zero products, which can turn −0 into +0 or a finite value into NaN).
+void plannedBackward(const TamberData<double>& data, double* x, unsigned int numRhs, unsigned long ld,
+                     double* sum = nullptr) {
     const SolvePlan& plan = planOf(data);
     const unsigned int n = static_cast<unsigned int>(plan.numBlockCols);
     if (plan.scalarColumn < n)
         for (unsigned int r = 0; r < numRhs; ++r) backwardColumnScalar(data.factor, x + r * ld, n - 1);
+    // Entries from `finalFrom` on are final once the next diagonal step is done; from `added` on, added.
+    unsigned long finalFrom = plan.scalarColumn < n ? data.factor.blockOffsets[n - 1] : plan.N;
+    unsigned long added = plan.N;
     const SolvePlan::Step* steps = plan.backward.data();
     const unsigned long count = plan.backward.size();
     for (unsigned long k = 0; k < count; ++k) {
@@ -152,7 +230,15 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
         }
         const SolvePlan::Step& step = steps[k];
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
+        if (sum && step.firstDivision) {
+            if (added >= finalFrom + 64) {
+                addRun(sum, x, finalFrom, added);
+                added = finalFrom;
+            }
+            finalFrom = step.target;
+        }
     }
+    if (sum) addRun(sum, x, 0, added);
 }
 
 // Rows of column j below `limit`: min(s_j, limit − offset), 0 when the offset is at or past limit.
@@ -398,6 +484,30 @@ bool solve(const TamberData<double>& data, double* x) {
     return true;
 }
 
+// One step of iterative refinement after the product y = A·x (in r): r = b − y, ‖r‖₂ into `norm`, and
+// unless ‖r‖₂ > previousNorm, x ← x + A⁻¹·r (r overwritten with A⁻¹·r) and true; false leaves x as it was.
+// The bits of the three passes one after the other (residual and its norm, TamberSolve::solve, x[q] +=
+// r[q]); with a usable plan the residual is formed in the forward pass (the pass runs before the norm is
+// known: it works on r alone) and x + δ is formed in the backward pass, block by block as δ is final.
+static bool refinementStep(const TamberData<double>& data, const double* b, double* r, double* x,
+                           unsigned long N, double previousNorm, double& norm) {
+    ResidualAhead residual(b, r, N);
+    if (!planOf(data).usable) {
+        norm = std::sqrt(residual.squaredNorm());
+        if (norm > previousNorm) return false;
+        solve(data, r);
+        for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
+        return true;
+    }
+    const bool divide = divideInForward(data);
+    plannedForward(data, r, 1, 0, divide, &residual);
+    norm = std::sqrt(residual.squaredNorm());
+    if (norm > previousNorm) return false;
+    if (!divide) diagSolve(data.diagonal, r);
+    plannedBackward(data, r, 1, 0, x);
+    return true;
+}
+
 bool solve(const TamberData<double>& data, DenseVector<double>& x) {
     if (!planOf(data).usable) {
         forwardSolve(data.factor, x.data);
@@ -611,35 +721,15 @@ void Tamber::iterativeRefinement(TamberData<double>& data, const double* b, doub
     double previousNorm = 1.0e9;
     for (int iteration = 0; iteration < maxIterations; ++iteration) {
         data.matrix.multiply(x, r);
-        // ‖r‖² in four partial sums (entries k mod 4), added at the end: one chain of N dependent additions
-        // would cost more than the product.
-        double s0 = 0.0, s1 = 0.0, s2 = 0.0, s3 = 0.0;
-        unsigned long k = 0;
-        for (; k + 4 <= N; k += 4) {
-            const double r0 = b[k] - r[k], r1 = b[k + 1] - r[k + 1];  // r = b − A·x
-            const double r2 = b[k + 2] - r[k + 2], r3 = b[k + 3] - r[k + 3];
-            r[k] = r0;
-            r[k + 1] = r1;
-            r[k + 2] = r2;
-            r[k + 3] = r3;
-            s0 += r0 * r0;
-            s1 += r1 * r1;
-            s2 += r2 * r2;
-            s3 += r3 * r3;
-        }
-        for (; k < N; ++k) {
-            r[k] = b[k] - r[k];
-            s0 += r[k] * r[k];
-        }
-        const double norm = std::sqrt((s0 + s1) + (s2 + s3));
-        if (norm > previousNorm) {
+        // r = b − A·x and ‖r‖² (in four partial sums: one chain of N dependent additions would cost more than
+        // the product), then x ← x + δ with δ = A⁻¹·r.
+        double norm = 0.0;
+        if (!TamberSolve::refinementStep(data, b, r, x, N, previousNorm, norm)) {
             // Diverging: back to the entry value of x, not to the previous iterate (unchanged in step 0).
             if (N > 0 && iteration > 0) std::memcpy(x, x0, N * sizeof(double));
             return;
         }
         previousNorm = norm;
-        solve<double>(data, r);  // δ = A⁻¹·r
-        for (unsigned long q = 0; q < N; ++q) x[q] += r[q];
     }
 }
 

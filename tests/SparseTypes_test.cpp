@@ -303,6 +303,105 @@ TYPED_TEST(SparseMatrixTest, BetaRuleAndEmptyMatrix) {
     }
 }
 
+// y += A·x as a plain loop in the documented order of multiplyAdd: columns ascending, blocks in storage
+// order; in the upper form every column but a final one of odd size takes its last block as the diagonal,
+// otherwise blocks are classified by their indices. An off-diagonal tile adds to y_i(q) over its columns r
+// ascending and to y_j(r) over its rows q ascending; a diagonal tile adds, row r of its view in turn, the
+// diagonal term and the terms q < r to y_j(r), and each term q < r to y_j(q).
+template <typename T>
+void addInDocumentedOrder(const SparseMatrix<T>& m, const T* x, T* y) {
+    const unsigned long n = m.numBlockCols;
+    if (n == 0) return;
+    const bool upper = m.colPointers[1] < 2;
+    for (unsigned long j = 0; j < n; ++j) {
+        const unsigned int oj = m.blockOffsets[j], sj = m.blockSizes[j];
+        auto offDiagonal = [&](unsigned int b) {
+            const unsigned int i = m.rowIndices[b], oi = m.blockOffsets[i], si = m.blockSizes[i];
+            const T* B = m.blockPointers[b];
+            for (unsigned int r = 0; r < sj; ++r)
+                for (unsigned int q = 0; q < si; ++q) {
+                    const T k = B[r * m.blockStrides[i] + q];
+                    y[oi + q] = y[oi + q] + k * x[oj + r];
+                    y[oj + r] = y[oj + r] + k * x[oi + q];
+                }
+        };
+        auto diagonal = [&](unsigned int b) {
+            const T* D = m.blockPointers[b];
+            for (unsigned int r = 0; r < sj; ++r) {
+                const T* column = D + r * m.blockStrides[j];
+                y[oj + r] = y[oj + r] + column[r] * x[oj + r];
+                for (unsigned int q = 0; q < r; ++q) {
+                    y[oj + r] = y[oj + r] + column[q] * x[oj + q];
+                    y[oj + q] = y[oj + q] + column[q] * x[oj + r];
+                }
+            }
+        };
+        const unsigned int begin = m.colPointers[j], end = m.colPointers[j + 1];
+        if (upper && !(j + 1 == n && (sj & 1u))) {
+            if (begin == end) continue;
+            for (unsigned int b = begin; b + 1 < end; ++b) offDiagonal(b);
+            diagonal(end - 1);
+        } else {
+            for (unsigned int b = begin; b < end; ++b) m.rowIndices[b] == j ? diagonal(b) : offDiagonal(b);
+        }
+    }
+}
+
+template <typename T>
+bool sameValues(const std::vector<T>& a, const std::vector<T>& b) {
+    for (std::size_t k = 0; k < a.size(); ++k)
+        if (!(std::isnan(a[k]) && std::isnan(b[k])) && std::memcmp(&a[k], &b[k], sizeof(T)) != 0)
+            return false;
+    return true;
+}
+
+// multiply, multiplyAdd and multiplyWithRowSums give the bits of the plain loop in the documented order, on
+// systems with every block size 1 … 12 (mixed in one system, and each size alone), in the three layouts,
+// with an odd or even final block, some NaN and infinite entries in x and in the tiles; multiply writes
+// every entry of y (it starts as NaN) and nothing past N.
+TYPED_TEST(SparseMatrixTest, ProductsKeepTheDocumentedOrderBitForBit) {
+    using T = TypeParam;
+    for (unsigned int seed = 1; seed <= 72; ++seed) {
+        std::mt19937 rng(seed);
+        const unsigned int n = 2 + seed % 11;
+        BlockSystem sys = seed % 6 == 0 ? testing::makeSpdSystem(seed, n, 12, 0.45)
+                                        : testing::makeSaddlePointSystem(seed, 2 + n / 2, n / 2, 12, 0.3);
+        if (seed % 12 == 1) {  // one size for every block
+            std::vector<unsigned int> sizes(4, 1 + seed / 12 % 12);
+            const unsigned int N = 4 * sizes[0];
+            sys = testing::makeFromDense(sizes, testing::makeSpdSystem(seed, N, 1, 0.5).dense);
+        }
+        if (sys.lowerRows[sys.nb - 1].empty() || sys.lowerRows[sys.nb - 1][0] != 0) {  // see store
+            sys.lowerRows[sys.nb - 1].insert(sys.lowerRows[sys.nb - 1].begin(), 0);
+            for (unsigned int c = sys.offsets[sys.nb - 1]; c < sys.N; ++c) sys.dense.setSymmetric(0, c, 0.5);
+        }
+        std::vector<double> xd = testing::randomVector(sys.N, seed),
+                            yd = testing::randomVector(sys.N, seed + 7);
+        if (seed % 4 == 3) xd[seed % sys.N] = seed % 8 == 3 ? std::numeric_limits<double>::infinity() : NAN;
+        const std::vector<T> x(xd.begin(), xd.end()), y0(yd.begin(), yd.end());
+        for (Layout layout : {Layout::Upper, Layout::Lower, Layout::Shuffled}) {
+            SCOPED_TRACE(::testing::Message()
+                         << "seed " << seed << " " << testing::describe(sys) << " layout " << int(layout));
+            SparseMatrix<T> m;
+            store(sys, layout, rng, m);
+            if (seed % 5 == 0) m.blockPointers[seed % m.numBlocks][0] = std::numeric_limits<T>::infinity();
+            std::vector<T> want(sys.N + 1, T(0)), y(sys.N + 1, std::numeric_limits<T>::quiet_NaN());
+            want[sys.N] = y[sys.N];
+            addInDocumentedOrder(m, x.data(), want.data());
+            m.multiply(x.data(), y.data());
+            ASSERT_TRUE(sameValues(want, y)) << "multiply";
+            std::vector<T> yAdd = y0, wantAdd = y0;
+            addInDocumentedOrder(m, x.data(), wantAdd.data());
+            m.multiplyAdd(x.data(), yAdd.data());
+            ASSERT_TRUE(sameValues(wantAdd, yAdd)) << "multiplyAdd";
+            std::vector<T> ySums(sys.N + 1, std::numeric_limits<T>::quiet_NaN());
+            std::vector<double> sums(sys.N);
+            m.multiplyWithRowSums(x.data(), ySums.data(), sums.data());
+            ASSERT_TRUE(sameValues(want, ySums)) << "multiplyWithRowSums";
+        }
+    }
+}
+
 // A real matrix (494_bus) cut into blocks of 3 and stored in the upper form: multiply equals the dense
 // product.
 TYPED_TEST(SparseMatrixTest, RealMatrixProduct) {
