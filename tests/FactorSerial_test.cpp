@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "Tamber.h"
+#include "testing/Bits.h"
 #include "testing/BlockSystems.h"
 #include "testing/DenseReference.h"
 
@@ -298,11 +299,7 @@ std::vector<T> factorBits(const TamberData<T>& data) {
     return v;
 }
 
-// Bit-for-bit equality (NaN equals NaN of the same bits).
-template <typename T>
-bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
-}
+using testing::sameBits;
 
 // Without L·D (writeScaledFactor = 0): L, D and the bad-pivot record are the bits of the factorization that
 // writes L·D, every LD flag is 0 (also after a factorization that wrote them), a refactorization allocates

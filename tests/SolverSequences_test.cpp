@@ -16,6 +16,7 @@
 
 #include "Analysis.h"
 #include "Solver.h"
+#include "testing/Bits.h"
 #include "testing/DenseReference.h"
 
 namespace kivTamber {
@@ -130,20 +131,8 @@ struct Scene {
     }
 };
 
-template <typename T>
-bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
-}
-
-// The first index where a and b differ in bits, with both values, for failure messages.
-template <typename T>
-std::string firstDifference(const std::vector<T>& a, const std::vector<T>& b) {
-    if (a.size() != b.size()) return "sizes " + std::to_string(a.size()) + " " + std::to_string(b.size());
-    for (std::size_t k = 0; k < a.size(); ++k)
-        if (std::memcmp(&a[k], &b[k], sizeof(T)) != 0)
-            return "at " + std::to_string(k) + ": " + std::to_string(a[k]) + " vs " + std::to_string(b[k]);
-    return "none";
-}
+using testing::firstDifference;
+using testing::sameBits;
 
 // Everything a caller can observe of a factored object: one solve, three at once, the condition estimate,
 // the active flags and the report's figures of the factorization and the solve.

@@ -18,6 +18,7 @@
 #include "RankMod.h"
 #include "Tamber.h"
 #include "TamberSolve.h"
+#include "testing/Bits.h"
 #include "testing/BlockSystems.h"
 #include "testing/DenseReference.h"
 
@@ -68,20 +69,8 @@ std::vector<T> tiles(const SparseMatrix<T>& X) {
     return std::vector<T>(X.blockPointers[0], X.blockPointers[X.numBlocks - 1] + p * p);
 }
 
-template <typename T>
-bool sameBits(const std::vector<T>& a, const std::vector<T>& b) {
-    return a.size() == b.size() && (a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(T)) == 0);
-}
-
-// The first index where a and b differ in bits, with both values, for failure messages.
-template <typename T>
-std::string firstDifference(const std::vector<T>& a, const std::vector<T>& b) {
-    if (a.size() != b.size()) return "sizes " + std::to_string(a.size()) + " " + std::to_string(b.size());
-    for (std::size_t k = 0; k < a.size(); ++k)
-        if (std::memcmp(&a[k], &b[k], sizeof(T)) != 0)
-            return "at " + std::to_string(k) + ": " + std::to_string(a[k]) + " vs " + std::to_string(b[k]);
-    return "none";
-}
+using testing::firstDifference;
+using testing::sameBits;
 
 // What a caller can see of a factored object, taken the same way on both objects compared.
 template <typename T>
