@@ -689,7 +689,7 @@ struct Worker {
     }
 };
 
-// X ← the tile of input block a (p_r·p_c elements, padding included), or zero for a fill block (a = noNode).
+// X ← the first count elements of the tile of input block a, or zero for a fill block (a = noNode).
 template <typename T>
 inline void loadTile(T* X, const T* const* inputTiles, unsigned int a, unsigned long count) {
     if (a != noNode) {
@@ -999,11 +999,7 @@ void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j)
     unsigned int q = S.colPointers[j];
     while (q < jDiag && rowOf[cols[q]] != i) ++q;
     if (q < jDiag || X == nullptr) {  // worked on in place (a fill block starts from zero)
-        if (X) {
-            fc::copyTile(Lij, X, count);
-        } else {
-            std::memset(static_cast<void*>(Lij), 0, count * sizeof(T));
-        }
+        loadTile(Lij, M.inputTiles, a, count);
         X = Lij;
     }
     for (; q < jDiag; ++q) {

@@ -316,7 +316,7 @@ void SparseMatrix<T>::addProducts(const T* x, T* y, double* sums, unsigned int r
     // path, kept so that the order of operations stays the established one.
     const bool upperForm = colPointers[1] < 2;
     const unsigned long upperEnd = !upperForm ? 0 : (blockSizes[n - 1] & 1u) != 0 ? n - 1 : n;
-    if (!kSums) {
+    if constexpr (!kSums) {
         // The upper columns in one pass that zeroes y as it goes; the rest of y is zeroed before the others.
         if (upperEnd > 0) ready = upperColumns(0, upperEnd);
         if (upperEnd == n) return;
