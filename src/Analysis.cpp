@@ -371,6 +371,38 @@ struct Destination {
 };
 
 // What the assembly functions need, for one analysed structure.
+// A slice of permuteVector: `size` scalars from the user's offset `user` to the permuted offset `permuted`.
+struct CopyRun {
+    unsigned int permuted, user, size;
+};
+
+// The first and the last W of size scalars (W ≤ size ≤ 2W), both read before either is written.
+template <unsigned int W, typename T>
+inline void copyEnds(T* __restrict dst, const T* __restrict src, unsigned int size) {
+    T head[W], tail[W];
+    std::memcpy(head, src, sizeof(head));
+    std::memcpy(tail, src + size - W, sizeof(tail));
+    std::memcpy(dst, head, sizeof(head));
+    std::memcpy(dst + size - W, tail, sizeof(tail));
+}
+
+// dst[0 … size) = src[0 … size) for slices that do not overlap. Most slices are a block or two of a few
+// scalars: two overlapping fixed-size copies cover each size up to 16 without a call or a loop.
+template <typename T>
+inline void copySlice(T* __restrict dst, const T* __restrict src, unsigned int size) {
+    if (size > 16) {
+        std::memcpy(dst, src, size * sizeof(T));
+    } else if (size > 8) {
+        copyEnds<8>(dst, src, size);
+    } else if (size >= 4) {
+        copyEnds<4>(dst, src, size);
+    } else if (size >= 2) {
+        copyEnds<2>(dst, src, size);
+    } else if (size == 1) {
+        dst[0] = src[0];
+    }
+}
+
 struct Assembly {
     unsigned int n = 0;
     unsigned int N = 0;
@@ -391,10 +423,15 @@ struct Assembly {
     kiv::VectorPOD<unsigned int> factorBlock;   // [n] data block of each user block
     kiv::VectorPOD<unsigned int> factorOffset;  // [n] scalar offset of each user block inside it
     kiv::VectorPOD<Destination> destinations;   // [entries] where setBlock writes, for the analysed T
+    // permuteVector's copies: maximal runs of positions k whose user slices follow one another in the user's
+    // numbering, in the order of k (as many as n when no two neighbours of the order are neighbours in the
+    // user's numbering; one when the order is the identity).
+    unsigned int numRuns = 0;
+    kiv::VectorPOD<CopyRun> runs;  // [numRuns]
 
     // No structure: every entry and block count zero (the assembly functions then write nothing).
     void reset() noexcept {
-        n = N = groups = 0;
+        n = N = groups = numRuns = 0;
         entries = 0;
     }
 
@@ -403,6 +440,8 @@ struct Assembly {
         std::swap(N, o.N);
         std::swap(entries, o.entries);
         std::swap(groups, o.groups);
+        std::swap(numRuns, o.numRuns);
+        runs.swap(o.runs);
         inverse.swap(o.inverse);
         groupStart.swap(o.groupStart);
         factorBlock.swap(o.factorBlock);
@@ -571,6 +610,16 @@ void Analyzer::Impl::buildSymbolic(const Problem& problem, bool withTree, bool w
         a.permutedOffsets[k + 1] = a.permutedOffsets[k] + a.sizes[forward[k]];
     }
     a.N = n == 0 ? 0 : a.userOffsets[n];
+    a.runs.resize(n);
+    a.numRuns = 0;
+    for (unsigned int k = 0; k < n; ++k) {
+        const unsigned int b = forward[k];
+        CopyRun* last = a.numRuns > 0 ? &a.runs[a.numRuns - 1] : nullptr;
+        if (last != nullptr && last->user + last->size == a.userOffsets[b])
+            last->size += a.sizes[b];
+        else
+            a.runs[a.numRuns++] = CopyRun{a.permutedOffsets[k], a.userOffsets[b], a.sizes[b]};
+    }
 
     // The permutation handed to the data.
     perm.reserve(n == 0 ? 1 : n);
@@ -1063,19 +1112,17 @@ unsigned int Analyzer::entryCols(unsigned long entry) const {
 template <typename T>
 void Analyzer::permuteVector(const T* user, T* permuted) const {
     const Assembly& a = impl_->committed;
-    for (unsigned int k = 0; k < a.n; ++k) {
-        const unsigned int b = a.forward[k];
-        std::memcpy(permuted + a.permutedOffsets[k], user + a.userOffsets[b], a.sizes[b] * sizeof(T));
-    }
+    const CopyRun* runs = a.runs.data();
+    for (unsigned int r = 0; r < a.numRuns; ++r)
+        copySlice(permuted + runs[r].permuted, user + runs[r].user, runs[r].size);
 }
 
 template <typename T>
 void Analyzer::unpermuteVector(const T* permuted, T* user) const {
     const Assembly& a = impl_->committed;
-    for (unsigned int k = 0; k < a.n; ++k) {
-        const unsigned int b = a.forward[k];
-        std::memcpy(user + a.userOffsets[b], permuted + a.permutedOffsets[k], a.sizes[b] * sizeof(T));
-    }
+    const CopyRun* runs = a.runs.data();
+    for (unsigned int r = 0; r < a.numRuns; ++r)
+        copySlice(user + runs[r].user, permuted + runs[r].permuted, runs[r].size);
 }
 
 template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);
