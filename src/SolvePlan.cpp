@@ -89,59 +89,54 @@ inline bool fixed(unsigned int s) {
     return s - 1 < fixedSizes;
 }
 
-// Levels of the split into lanes: 2^laneDepth lanes at most (four or eight lanes measured no faster than
-// two).
-constexpr int laneDepth = 1;
-
 struct LaneOrder {
     const SparseMatrix<double>& U;
-    const unsigned int* first;  // [m] smallest column of each subtree
+    const unsigned int* first;  // [m] smallest column of each subtree, `none` when not contiguous
     unsigned int* order;        // [m] identity on entry
     unsigned int* buffer;       // [m]
 
     unsigned long steps(unsigned int j) const { return U.colPointers[j + 1] - U.colPointers[j]; }
 
-    // Arranges the columns lo … hi−1 (a union of whole subtrees) in order[lo … hi); false when they stay
-    // in column order.
-    bool arrange(unsigned int lo, unsigned int hi, int depth) {
-        unsigned int top = hi;
-        while (top > lo && first[top - 1] == lo) --top;  // a single tree: its root joins the top part
-        if (depth == 0 || top - lo < 2) return false;
-        // The cut: the tree boundary b (b − 1 of even size) closest to half the steps of [lo, top).
+    // Arranges the columns 0 … m−1 in order[0 … m): lane A = [0, cut) and lane B = [cut, top) in turns, then
+    // the top part [top, m). Returns cut, or 0 when they stay in column order.
+    unsigned int arrange(unsigned int m) {
+        const unsigned int none = ~0u;
+        unsigned int top = m;
+        while (top > 0 && first[top - 1] == 0) --top;  // a single tree: its root joins the top part
+        if (top < 2) return 0;
+        // The cut: the tree boundary b (b − 1 of even size) closest to half the steps of [0, top).
         unsigned long total = 0;
-        for (unsigned int j = lo; j < top; ++j) total += steps(j);
+        for (unsigned int j = 0; j < top; ++j) total += steps(j);
         unsigned long after = 0, bestGap = ~0ul;
-        unsigned int cut = lo;
+        unsigned int cut = 0;
         for (unsigned int c = top - 1;;) {
             const unsigned int b = first[c];
-            if (b == ~0u) return false;
+            if (b == none) return 0;
             for (unsigned int j = b; j <= c; ++j) after += steps(j);
-            if (b == lo) break;
+            if (b == 0) break;
             const unsigned long before = total - after;
             const unsigned long gap = before > after ? before - after : after - before;
             if ((U.blockSizes[b - 1] & 1u) == 0 && gap < bestGap) bestGap = gap, cut = b;
             c = b - 1;
         }
-        if (cut == lo) return false;
-        arrange(lo, cut, depth - 1);
-        arrange(cut, top, depth - 1);
+        if (cut == 0) return 0;
         // Merge the two lanes in proportion to their steps.
         unsigned long totalA = 0;
-        for (unsigned int j = lo; j < cut; ++j) totalA += steps(j);
+        for (unsigned int j = 0; j < cut; ++j) totalA += steps(j);
         const unsigned long totalB = total - totalA;
-        unsigned int a = lo, b = cut, k = lo;
+        unsigned int a = 0, b = cut, k = 0;
         unsigned long doneA = 0, doneB = 0;
         while (a < cut || b < top) {
             if (b == top || (a < cut && doneA * totalB <= doneB * totalA)) {
-                doneA += steps(order[a]);
-                buffer[k++] = order[a++];
+                doneA += steps(a);
+                buffer[k++] = a++;
             } else {
-                doneB += steps(order[b]);
-                buffer[k++] = order[b++];
+                doneB += steps(b);
+                buffer[k++] = b++;
             }
         }
-        for (unsigned int j = lo; j < top; ++j) order[j] = buffer[j];
-        return true;
+        for (unsigned int j = 0; j < top; ++j) order[j] = buffer[j];
+        return cut;
     }
 };
 
@@ -155,10 +150,11 @@ struct LaneOrder {
 // Only whole subtrees that are contiguous ranges first[j] … j (as in a postorder) are moved; when no cut is
 // found the order is 0 … m−1. From the roots down, a single root goes to the top part (taken after
 // both lanes, in column order) and its children become the forest, until it has two trees or more; the
-// forest is then cut at a tree boundary b into lanes [lo, b) and [b, hi), balancing the steps (tiles) of the
-// two. A cut after a column of odd size is never taken: the paired steps of that column write the first entry
-// of the next block back (x − 0), which must stay in the pass's order with the steps of the next column.
-// The lanes are merged in proportion to their steps, so that both end together.
+// forest [0, top) is then cut at a tree boundary b into lanes [0, b) and [b, top), balancing the steps
+// (tiles) of the two (more lanes, cut likewise inside each, measured no faster than two). A cut after a
+// column of odd size is never taken: the paired steps of that column write the first entry of the next block
+// back (x − 0), which must stay in the pass's order with the steps of the next column. The lanes are merged
+// in proportion to their steps, so that both end together.
 void orderColumns(const SparseMatrix<double>& U, unsigned int m, kiv::VectorPOD<unsigned int>& order,
                   kiv::VectorPOD<unsigned int>& parent, kiv::VectorPOD<unsigned int>& first,
                   unsigned char& inOrder) {
@@ -189,7 +185,7 @@ void orderColumns(const SparseMatrix<double>& U, unsigned int m, kiv::VectorPOD<
         if (order[j] != j - first[j] + 1) first[j] = none;
     for (unsigned int j = 0; j < m; ++j) order[j] = j;
     LaneOrder lanes{U, first.data(), order.data(), parent.data()};  // parent: the merge buffer from here on
-    inOrder = lanes.arrange(0, m, laneDepth) ? 0 : 1;
+    inOrder = lanes.arrange(m) == 0 ? 1 : 0;
 }
 
 }  // namespace

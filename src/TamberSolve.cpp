@@ -101,7 +101,7 @@ const SolvePlan& planOf(const TamberData<double>& data) {
 
 // x_b ← x_b / d_b on one block (the diagonal solve's operation).
 inline void divideBlock(double* x, const double* d, unsigned int size) {
-    for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
+    kernels::divideEntries(x, d, size);
 }
 
 // The residual r = b − y of iterative refinement formed in the forward pass, entry by entry in ascending
