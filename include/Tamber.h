@@ -16,6 +16,7 @@
 
 #include "DenseTypes.h"
 #include "EliminationTree.h"
+#include "FactorPlan.h"
 #include "Multifront.h"
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
@@ -64,6 +65,11 @@ public:
     // out anew (a caller who lays it out by other means clears it). Written by those const solves (one
     // thread per system, as everything here).
     mutable SolvePlan solvePlan;
+    // The steps of the serial double factorization over the structure (see FactorPlan.h): made by the first
+    // factorSerial after the layout changed, cleared where the library lays the factor out anew and when a
+    // factorization finds that the structure differs from the plan's. factorPlan.use = 0 makes factorSerial
+    // run its row loop instead (same bits). Not used for float.
+    FactorPlan factorPlan;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
     // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.
