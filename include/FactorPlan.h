@@ -17,8 +17,9 @@
 // valid. It keeps copies of the structure it was made from (the filled pattern, the block sizes, the input
 // pattern); factorSerial compares them with the pattern, the input and the layout of the factor before it
 // runs each group of rows (a comparison of a few bytes per row), and runs the row loop itself from the
-// first group that differs. It is made by the first double factorSerial after the layout of the factor
-// changed and is cleared when the library lays out the factor anew or finds a group that differs.
+// first group that differs, after making the plan again for the current structure (so that the next
+// factorization of that structure runs planned and allocates nothing). It is made by the first double
+// factorSerial after the library laid out the factor anew.
 #ifndef KIVTAMBER_FACTORPLAN_H
 #define KIVTAMBER_FACTORPLAN_H
 

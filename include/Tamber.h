@@ -66,9 +66,9 @@ public:
     // thread per system, as everything here).
     mutable SolvePlan solvePlan;
     // The steps of the serial double factorization over the structure (see FactorPlan.h): made by the first
-    // factorSerial after the layout changed, cleared where the library lays the factor out anew and when a
-    // factorization finds that the structure differs from the plan's. factorPlan.use = 0 makes factorSerial
-    // run its row loop instead (same bits). Not used for float.
+    // factorSerial after the layout changed (cleared where the library lays the factor out anew), and made
+    // again by a factorization that finds that the structure differs from the plan's. factorPlan.use = 0
+    // makes factorSerial run its row loop instead (same bits). Not used for float.
     FactorPlan factorPlan;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;

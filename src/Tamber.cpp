@@ -146,8 +146,9 @@ inline bool recordBadPivot(TamberData<T>& data, unsigned int i, unsigned int off
 // The rows factorSerial runs through data.factorPlan (double), in groups of FactorPlan::groupRows rows, each
 // compared with the structure before it runs (so that a stop at row k has cost O(work up to k + a group)).
 // Returns the row from which the row loop goes on: nb when the plan factored every row, 0 when it is not
-// used, the first row of the first group that differs from the plan (the plan is then cleared, and the
-// row loop's own check finds what changed), or ~0u when it stopped at a bad pivot.
+// used, the first row of the first group that differs from the plan (the plan is then made again for the
+// current structure, and the row loop's own check finds what changed), or ~0u when it stopped at a bad
+// pivot.
 template <typename T>
 unsigned int factorPlannedRows(TamberData<T>&, T*, T*) {
     return 0;  // float runs the row loop
@@ -185,7 +186,7 @@ unsigned int factorPlannedRows(TamberData<double>& data, double* d, double* reci
     for (unsigned int first = 0; first < nb;) {
         const unsigned int end = nb - first > FactorPlan::groupRows ? first + FactorPlan::groupRows : nb;
         if (!P.rowsMatch(S, A.blockSizes, A, L, first, end)) {
-            P.clear();
+            P.make(S, A.blockSizes, A);  // for the structure the row loop now checks and factors
             return first;
         }
         for (unsigned int i = first; i < end; ++i) {
