@@ -122,7 +122,7 @@ bool rowAnyShape(const FactorPlan& plan, const Row& row, const Target& t) {
 // One off-diagonal entry (i, j) with nothing to update and both input tiles present, s_i = SI and s_j = SJ
 // of 2 … 6: the finish of L(i, j) and the fused update and factorization of the diagonal block.
 template <int SI, int SJ>
-bool rowOne(const FactorPlan& plan, const Row& row, const Target& t) {
+inline bool oneEntry(const FactorPlan& plan, const Row& row, const Target& t) {
     constexpr unsigned int PI = padded(SI), PJ = padded(SJ);
     const Step& step = plan.steps[row.firstStep];
     double* const Lij = t.L + step.tile;
@@ -140,39 +140,70 @@ bool rowOne(const FactorPlan& plan, const Row& row, const Target& t) {
 
 // A diagonal block alone (no off-diagonal entry) with its input tile, s_i = SI of 1 … 12.
 template <int SI>
-bool rowDiagonal(const FactorPlan&, const Row& row, const Target& t) {
+inline bool diagonalAlone(const Row& row, const Target& t) {
     return kernels::factorDiagonalBlockFixed<double, SI>(t.L + row.diagTile, padded(SI), SI, t.d + row.offset,
                                                          t.LD ? t.LD + row.diagTile : nullptr,
                                                          t.input[row.diagInput], t.recips + row.recip);
+}
+
+// The two routines of these shapes: portable, and the same code compiled for AVX2 (every call inlined), which
+// the plan takes where the processor has it. The operations on every entry and their order are the same (the
+// build never contracts a product and a sum, and vectorising does not reassociate), so the bits are the
+// same; the three-operand instructions only save the register copies of the two-operand forms.
+template <int SI, int SJ>
+bool rowOne(const FactorPlan& plan, const Row& row, const Target& t) {
+    return oneEntry<SI, SJ>(plan, row, t);
+}
+template <int SI, int SJ>
+[[gnu::flatten]] __attribute__((target("avx2"))) bool rowOneWide(const FactorPlan& plan, const Row& row,
+                                                                 const Target& t) {
+    return oneEntry<SI, SJ>(plan, row, t);
+}
+template <int SI>
+bool rowDiagonal(const FactorPlan&, const Row& row, const Target& t) {
+    return diagonalAlone<SI>(row, t);
+}
+template <int SI>
+[[gnu::flatten]] __attribute__((target("avx2"))) bool rowDiagonalWide(const FactorPlan&, const Row& row,
+                                                                      const Target& t) {
+    return diagonalAlone<SI>(row, t);
 }
 
 template <int... S>
 struct Sizes {};
 
 template <int SI, int... SJ>
-constexpr std::array<RowRun, sizeof...(SJ)> oneRow(Sizes<SJ...>) {
-    return {{&rowOne<SI, SJ>...}};
+constexpr std::array<RowRun, sizeof...(SJ)> oneRow(Sizes<SJ...>, bool wide) {
+    return wide ? std::array<RowRun, sizeof...(SJ)>{{&rowOneWide<SI, SJ>...}}
+                : std::array<RowRun, sizeof...(SJ)>{{&rowOne<SI, SJ>...}};
 }
-// rowOne<s_i, s_j> at [s_i − 2][s_j − 2].
-constexpr std::array<RowRun, 5> oneRows[5] = {
-    oneRow<2>(Sizes<2, 3, 4, 5, 6>()), oneRow<3>(Sizes<2, 3, 4, 5, 6>()), oneRow<4>(Sizes<2, 3, 4, 5, 6>()),
-    oneRow<5>(Sizes<2, 3, 4, 5, 6>()), oneRow<6>(Sizes<2, 3, 4, 5, 6>())};
-// rowDiagonal<s_i> at [s_i − 1].
-constexpr RowRun diagonalRows[12] = {&rowDiagonal<1>, &rowDiagonal<2>,  &rowDiagonal<3>,  &rowDiagonal<4>,
-                                     &rowDiagonal<5>, &rowDiagonal<6>,  &rowDiagonal<7>,  &rowDiagonal<8>,
-                                     &rowDiagonal<9>, &rowDiagonal<10>, &rowDiagonal<11>, &rowDiagonal<12>};
+// rowOne<s_i, s_j> at [wide][s_i − 2][s_j − 2].
+using Two6 = Sizes<2, 3, 4, 5, 6>;
+constexpr std::array<RowRun, 5> oneRows[2][5] = {
+    {oneRow<2>(Two6(), false), oneRow<3>(Two6(), false), oneRow<4>(Two6(), false), oneRow<5>(Two6(), false),
+     oneRow<6>(Two6(), false)},
+    {oneRow<2>(Two6(), true), oneRow<3>(Two6(), true), oneRow<4>(Two6(), true), oneRow<5>(Two6(), true),
+     oneRow<6>(Two6(), true)}};
+// rowDiagonal<s_i> at [wide][s_i − 1].
+template <int... SI>
+constexpr std::array<RowRun, sizeof...(SI)> diagonalRow(Sizes<SI...>, bool wide) {
+    return wide ? std::array<RowRun, sizeof...(SI)>{{&rowDiagonalWide<SI>...}}
+                : std::array<RowRun, sizeof...(SI)>{{&rowDiagonal<SI>...}};
+}
+using One12 = Sizes<1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12>;
+constexpr std::array<RowRun, 12> diagonalRows[2] = {diagonalRow(One12(), false), diagonalRow(One12(), true)};
 
 // The routine of a row of this shape.
-RowRun chooseRun(const FactorPlan& plan, const Row& row) {
+RowRun chooseRun(const FactorPlan& plan, const Row& row, bool wide) {
     const unsigned int s_i = row.size;
     if (row.diagInput == FactorPlan::noInput) return &rowAnyShape;
-    if (row.firstStep == row.endStep) return s_i - 1 < 12 ? diagonalRows[s_i - 1] : &rowAnyShape;
+    if (row.firstStep == row.endStep) return s_i - 1 < 12 ? diagonalRows[wide][s_i - 1] : &rowAnyShape;
     if (row.endStep != row.firstStep + 1) return &rowAnyShape;
     const Step& step = plan.steps[row.firstStep];
     const unsigned int s_j = step.size;
     if (step.input == FactorPlan::noInput || step.firstPair != step.endPair || s_i - 2 > 4 || s_j - 2 > 4)
         return &rowAnyShape;
-    return oneRows[s_i - 2][s_j - 2];
+    return oneRows[wide][s_i - 2][s_j - 2];
 }
 
 template <typename U>
@@ -272,7 +303,8 @@ void FactorPlan::make(const SkeletonMatrix& S, const unsigned int* blockSizes,
         row.endStep = static_cast<unsigned int>(steps.size());
         row.diagInput = input(i);
     }
-    for (unsigned int i = 0; i < n; ++i) rows[i].run = chooseRun(*this, rows[i]);
+    const bool wide = __builtin_cpu_supports("avx2");
+    for (unsigned int i = 0; i < n; ++i) rows[i].run = chooseRun(*this, rows[i], wide);
     usable = 1;
 }
 
