@@ -138,6 +138,33 @@ inline bool oneEntry(const FactorPlan& plan, const Row& row, const Target& t) {
         t.LD ? t.LD + row.diagTile : nullptr, t.recips + row.recip);
 }
 
+// Several off-diagonal entries (i, j), all of s_j = SJ, with nothing to update and every input tile present,
+// s_i = SI and s_j of 2 … 6 (a body with its joints): the finish of each L(i, j), then the updates of the
+// diagonal block, the first one from its input tile, and its factorization.
+template <int SI, int SJ>
+inline bool manyEntries(const FactorPlan& plan, const Row& row, const Target& t) {
+    constexpr unsigned int PI = padded(SI), PJ = padded(SJ);
+    for (unsigned int st = row.firstStep; st < row.endStep; ++st) {
+        const Step& step = plan.steps[st];
+        double* const LDij = ldTile(t, row.tile, step.tile);
+        kernels::finishSmallBlockFixed<SJ>(t.L + step.diagTile, t.input[step.input], t.L + step.tile, LDij,
+                                           SI, t.recips + step.recip, t.d + step.offset);
+        if (PI != SI && t.LD == nullptr) {  // the padding row, which the paired products read: zero
+            double* const pad = LDij + SI * PJ;
+            for (unsigned int c = 0; c < PJ; ++c) pad[c] = 0.0;
+        }
+    }
+    double* const Lii = t.L + row.diagTile;
+    const double* X = t.input[row.diagInput];
+    for (unsigned int st = row.firstStep; st < row.endStep; ++st) {
+        const unsigned int tile = plan.steps[st].tile;
+        kernels::subtractABtLowerFixed<SI, PJ>(t.L + tile, ldTile(t, row.tile, tile), X, Lii, PI);
+        X = Lii;
+    }
+    return kernels::factorDiagonalBlockFixed<double, SI>(
+        Lii, PI, SI, t.d + row.offset, t.LD ? t.LD + row.diagTile : nullptr, nullptr, t.recips + row.recip);
+}
+
 // A diagonal block alone (no off-diagonal entry) with its input tile, s_i = SI of 1 … 12.
 template <int SI>
 inline bool diagonalAlone(const Row& row, const Target& t) {
@@ -146,10 +173,10 @@ inline bool diagonalAlone(const Row& row, const Target& t) {
                                                          t.input[row.diagInput], t.recips + row.recip);
 }
 
-// The two routines of these shapes: portable, and the same code compiled for AVX2 (every call inlined), which
-// the plan takes where the processor has it. The operations on every entry and their order are the same (the
-// build never contracts a product and a sum, and vectorising does not reassociate), so the bits are the
-// same; the three-operand instructions only save the register copies of the two-operand forms.
+// The two routines of each of these shapes: portable, and the same code compiled for AVX2 (every call
+// inlined), which the plan takes where the processor has it. The operations on every entry and their order
+// are the same (the build never contracts a product and a sum, and vectorising does not reassociate), so the
+// bits are the same; the three-operand instructions only save the register copies of the two-operand forms.
 template <int SI, int SJ>
 bool rowOne(const FactorPlan& plan, const Row& row, const Target& t) {
     return oneEntry<SI, SJ>(plan, row, t);
@@ -158,6 +185,15 @@ template <int SI, int SJ>
 [[gnu::flatten]] __attribute__((target("avx2"))) bool rowOneWide(const FactorPlan& plan, const Row& row,
                                                                  const Target& t) {
     return oneEntry<SI, SJ>(plan, row, t);
+}
+template <int SI, int SJ>
+bool rowMany(const FactorPlan& plan, const Row& row, const Target& t) {
+    return manyEntries<SI, SJ>(plan, row, t);
+}
+template <int SI, int SJ>
+[[gnu::flatten]] __attribute__((target("avx2"))) bool rowManyWide(const FactorPlan& plan, const Row& row,
+                                                                  const Target& t) {
+    return manyEntries<SI, SJ>(plan, row, t);
 }
 template <int SI>
 bool rowDiagonal(const FactorPlan&, const Row& row, const Target& t) {
@@ -177,13 +213,23 @@ constexpr std::array<RowRun, sizeof...(SJ)> oneRow(Sizes<SJ...>, bool wide) {
     return wide ? std::array<RowRun, sizeof...(SJ)>{{&rowOneWide<SI, SJ>...}}
                 : std::array<RowRun, sizeof...(SJ)>{{&rowOne<SI, SJ>...}};
 }
-// rowOne<s_i, s_j> at [wide][s_i − 2][s_j − 2].
+template <int SI, int... SJ>
+constexpr std::array<RowRun, sizeof...(SJ)> manyRow(Sizes<SJ...>, bool wide) {
+    return wide ? std::array<RowRun, sizeof...(SJ)>{{&rowManyWide<SI, SJ>...}}
+                : std::array<RowRun, sizeof...(SJ)>{{&rowMany<SI, SJ>...}};
+}
+// rowOne<s_i, s_j> at [wide][s_i − 2][s_j − 2], rowMany likewise.
 using Two6 = Sizes<2, 3, 4, 5, 6>;
 constexpr std::array<RowRun, 5> oneRows[2][5] = {
     {oneRow<2>(Two6(), false), oneRow<3>(Two6(), false), oneRow<4>(Two6(), false), oneRow<5>(Two6(), false),
      oneRow<6>(Two6(), false)},
     {oneRow<2>(Two6(), true), oneRow<3>(Two6(), true), oneRow<4>(Two6(), true), oneRow<5>(Two6(), true),
      oneRow<6>(Two6(), true)}};
+constexpr std::array<RowRun, 5> manyRows[2][5] = {
+    {manyRow<2>(Two6(), false), manyRow<3>(Two6(), false), manyRow<4>(Two6(), false),
+     manyRow<5>(Two6(), false), manyRow<6>(Two6(), false)},
+    {manyRow<2>(Two6(), true), manyRow<3>(Two6(), true), manyRow<4>(Two6(), true), manyRow<5>(Two6(), true),
+     manyRow<6>(Two6(), true)}};
 // rowDiagonal<s_i> at [wide][s_i − 1].
 template <int... SI>
 constexpr std::array<RowRun, sizeof...(SI)> diagonalRow(Sizes<SI...>, bool wide) {
@@ -198,12 +244,16 @@ RowRun chooseRun(const FactorPlan& plan, const Row& row, bool wide) {
     const unsigned int s_i = row.size;
     if (row.diagInput == FactorPlan::noInput) return &rowAnyShape;
     if (row.firstStep == row.endStep) return s_i - 1 < 12 ? diagonalRows[wide][s_i - 1] : &rowAnyShape;
-    if (row.endStep != row.firstStep + 1) return &rowAnyShape;
-    const Step& step = plan.steps[row.firstStep];
-    const unsigned int s_j = step.size;
-    if (step.input == FactorPlan::noInput || step.firstPair != step.endPair || s_i - 2 > 4 || s_j - 2 > 4)
-        return &rowAnyShape;
-    return oneRows[wide][s_i - 2][s_j - 2];
+    // Off-diagonal entries of one size s_j, each with its input tile and nothing to update, sizes 2 … 6.
+    const unsigned int s_j = plan.steps[row.firstStep].size;
+    if (s_i - 2 > 4 || s_j - 2 > 4) return &rowAnyShape;
+    for (unsigned int st = row.firstStep; st < row.endStep; ++st) {
+        const Step& step = plan.steps[st];
+        if (step.input == FactorPlan::noInput || step.firstPair != step.endPair || step.size != s_j)
+            return &rowAnyShape;
+    }
+    return row.endStep == row.firstStep + 1 ? oneRows[wide][s_i - 2][s_j - 2]
+                                            : manyRows[wide][s_i - 2][s_j - 2];
 }
 
 template <typename U>
