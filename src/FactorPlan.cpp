@@ -277,7 +277,6 @@ void FactorPlan::make(const SkeletonMatrix& S, const unsigned int* blockSizes,
     numBlockCols = n;
     numEntries = n == 0 ? 0 : S.numEntries();
     inputEntries = n == 0 ? 0 : A.colPointers[n];
-    rows.clear();
     steps.clear();
     pairs.clear();
     if (n == 0) {
@@ -306,9 +305,9 @@ void FactorPlan::make(const SkeletonMatrix& S, const unsigned int* blockSizes,
             tileAt[e] = static_cast<unsigned int>(at);
             at += static_cast<unsigned long>(padded(blockSizes[i])) * padded(blockSizes[cs[e]]);
         }
-        if (at > 0xffffffffUL || offset + i + 1 > 0xffffffffUL) return;  // offsets beyond 32 bits: no plan
     }
     N = offset;
+    if (at > 0xffffffffUL || offset + n > 0xffffffffUL) return;  // offsets beyond 32 bits: no plan
     lastTile = tileAt[numEntries - 1];
 
     // Per row: its steps and, per step, the columns k < j common to rows i and j, ascending, found as the
@@ -316,7 +315,7 @@ void FactorPlan::make(const SkeletonMatrix& S, const unsigned int* blockSizes,
     rowOf.resize(n);
     entryOf.resize(n);
     for (unsigned int k = 0; k < n; ++k) rowOf[k] = ~0u;
-    rows.resize(n);
+    rows.resize(n);  // every field written below (not cleared first: resize zeroes only new elements)
     steps.reserve(numEntries - n);
     for (unsigned int i = 0; i < n; ++i) {
         const unsigned int iBegin = rs[i], iDiag = rs[i + 1] - 1;
