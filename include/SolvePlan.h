@@ -13,6 +13,12 @@
 // bits (the backward pass takes the last tile of a column right after the diagonal tile: the tiles of a
 // column update different blocks).
 //
+// The columns need not run in the order 0, 1, 2, …: each block gets its operations from its own column and
+// its ancestors in the elimination tree, so two independent parts of the tree (the separate bodies of a
+// scene, the halves below a separator) can be taken in turns, and one column's steps run while the other
+// waits on its chain of dependent entries (columnOrder; the backward pass runs it in reverse). On 10,000
+// ragdoll blocks this took a solve from 0.45 to 0.37 ms; a chain has nothing to take in turns.
+//
 // The diagonal solve runs inside the forward pass: a block is divided by its pivots right after the last
 // forward step that reads it, while the pass waits on the chain of dependent entries anyway. Every entry
 // is divided once, after its forward solve and before the backward pass touches it, as in the three passes
@@ -78,8 +84,14 @@ public:
     // by the column solved with scalar loops come last, from tailDivision on.
     kiv::VectorPOD<Division> divisions;
     unsigned int tailDivision = 0;
-    kiv::VectorPOD<unsigned int> lastReader;   // [n] workspace of make
-    kiv::VectorPOD<unsigned int> columnStart;  // [n + 1] workspace of make
+    // The block columns in the order of the forward pass (the backward pass takes them in reverse), the
+    // scalar column left out: two independent parts of the elimination forest taken in turns (see make);
+    // `inOrder` is 1 when that order is 0, 1, 2, …
+    kiv::VectorPOD<unsigned int> columnOrder;
+    unsigned char inOrder = 1;
+    kiv::VectorPOD<unsigned int> lastReader;                 // [n] workspace of make
+    kiv::VectorPOD<unsigned int> columnStart;                // [n + 1] workspace of make
+    kiv::VectorPOD<unsigned int> parentColumn, firstColumn;  // [n] workspaces of make
 
     // isMade = 0; keeps every allocation.
     void clear() { isMade = 0; }

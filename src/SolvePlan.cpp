@@ -89,6 +89,105 @@ inline bool fixed(unsigned int s) {
     return s - 1 < fixedSizes;
 }
 
+struct LaneOrder {
+    const SparseMatrix<double>& U;
+    const unsigned int* first;  // [m] smallest column of each subtree, `none` when not contiguous
+    unsigned int* order;        // [m] identity on entry
+    unsigned int* buffer;       // [m]
+
+    unsigned long steps(unsigned int j) const { return U.colPointers[j + 1] - U.colPointers[j]; }
+
+    // Arranges the columns 0 … m−1 in order[0 … m): lane A = [0, cut) and lane B = [cut, top) in turns, then
+    // the top part [top, m). Returns cut, or 0 when they stay in column order.
+    unsigned int arrange(unsigned int m) {
+        const unsigned int none = ~0u;
+        unsigned int top = m;
+        while (top > 0 && first[top - 1] == 0) --top;  // a single tree: its root joins the top part
+        if (top < 2) return 0;
+        // The cut: the tree boundary b (b − 1 of even size) closest to half the steps of [0, top).
+        unsigned long total = 0;
+        for (unsigned int j = 0; j < top; ++j) total += steps(j);
+        unsigned long after = 0, bestGap = ~0ul;
+        unsigned int cut = 0;
+        for (unsigned int c = top - 1;;) {
+            const unsigned int b = first[c];
+            if (b == none) return 0;
+            for (unsigned int j = b; j <= c; ++j) after += steps(j);
+            if (b == 0) break;
+            const unsigned long before = total - after;
+            const unsigned long gap = before > after ? before - after : after - before;
+            if ((U.blockSizes[b - 1] & 1u) == 0 && gap < bestGap) bestGap = gap, cut = b;
+            c = b - 1;
+        }
+        if (cut == 0) return 0;
+        // Merge the two lanes in proportion to their steps.
+        unsigned long totalA = 0;
+        for (unsigned int j = 0; j < cut; ++j) totalA += steps(j);
+        const unsigned long totalB = total - totalA;
+        unsigned int a = 0, b = cut, k = 0;
+        unsigned long doneA = 0, doneB = 0;
+        while (a < cut || b < top) {
+            if (b == top || (a < cut && doneA * totalB <= doneB * totalA)) {
+                doneA += steps(a);
+                buffer[k++] = a++;
+            } else {
+                doneB += steps(b);
+                buffer[k++] = b++;
+            }
+        }
+        for (unsigned int j = 0; j < top; ++j) order[j] = buffer[j];
+        return cut;
+    }
+};
+
+// Lanes of the elimination forest of the columns 0 … m−1 of U (parent of i: the first column j > i with a
+// tile (i, j)), for a forward pass that takes two independent parts in turns. On the tree-like systems of
+// physics the passes wait on the chain of dependent entries from one column to its parent more than they
+// compute; the steps of an independent column in between run in that wait. Each block still gets the
+// operations of the pass in column order: the columns that read or write a block (its own and its
+// ancestors') fall in one lane, or in the top part that follows both, in their relative order.
+//
+// Only whole subtrees that are contiguous ranges first[j] … j (as in a postorder) are moved; when no cut is
+// found the order is 0 … m−1. From the roots down, a single root goes to the top part (taken after
+// both lanes, in column order) and its children become the forest, until it has two trees or more; the
+// forest [0, top) is then cut at a tree boundary b into lanes [0, b) and [b, top), balancing the steps
+// (tiles) of the two (more lanes, cut likewise inside each, measured no faster than two). A cut after a
+// column of odd size is never taken: the paired steps of that column write the first entry of the next block
+// back (x − 0), which must stay in the pass's order with the steps of the next column. The lanes are merged
+// in proportion to their steps, so that both end together.
+void orderColumns(const SparseMatrix<double>& U, unsigned int m, kiv::VectorPOD<unsigned int>& order,
+                  kiv::VectorPOD<unsigned int>& parent, kiv::VectorPOD<unsigned int>& first,
+                  unsigned char& inOrder) {
+    order.resize(m);
+    for (unsigned int j = 0; j < m; ++j) order[j] = j;
+    inOrder = 1;
+    if (m < 4) return;
+    const unsigned int none = ~0u;
+    parent.resize(m);
+    first.resize(m);
+    for (unsigned int j = 0; j < m; ++j) parent[j] = none, first[j] = j;
+    for (unsigned int j = 0; j < m; ++j)
+        for (unsigned int k = U.colPointers[j]; k + 1 < U.colPointers[j + 1]; ++k) {
+            const unsigned int i = U.rowIndices[k];
+            if (parent[i] == none) parent[i] = j;
+        }
+    // first[j]: the smallest column of j's subtree (subtree sizes in `order` meanwhile); `none` when the
+    // subtree is not the contiguous range first[j] … j, which is then never cut.
+    for (unsigned int j = 0; j < m; ++j) order[j] = 1;
+    for (unsigned int j = 0; j < m; ++j) {
+        const unsigned int p = parent[j];
+        if (p < m) {
+            if (first[j] < first[p]) first[p] = first[j];
+            order[p] += order[j];
+        }
+    }
+    for (unsigned int j = 0; j < m; ++j)
+        if (order[j] != j - first[j] + 1) first[j] = none;
+    for (unsigned int j = 0; j < m; ++j) order[j] = j;
+    LaneOrder lanes{U, first.data(), order.data(), parent.data()};  // parent: the merge buffer from here on
+    inOrder = lanes.arrange(m) == 0 ? 1 : 0;
+}
+
 }  // namespace
 
 bool SolvePlan::matches(const SparseMatrix<double>& U) const {
@@ -172,7 +271,9 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
     // last in the column (the tiles in storage order, then the diagonal tile); backward, it comes first (the
     // diagonal tile, then the last tile, then the others in storage order: the tiles of one column update
     // different blocks, so their order does not change any entry).
-    for (unsigned int j = 0; j < scalarColumn; ++j) {
+    orderColumns(U, scalarColumn, columnOrder, parentColumn, firstColumn, inOrder);
+    for (unsigned int position = 0; position < scalarColumn; ++position) {
+        const unsigned int j = columnOrder[position];
         const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;
         const bool fixedJ = fixed(U.blockSizes[j]);
         bool joined = false;
@@ -193,7 +294,8 @@ void SolvePlan::make(const SparseMatrix<double>& U) {
         forward.back().firstDivision = bucketBegin(j);
         forward.back().endDivision = columnStart[j];
     }
-    for (unsigned int j = scalarColumn; j-- > 0;) {
+    for (unsigned int position = scalarColumn; position-- > 0;) {
+        const unsigned int j = columnOrder[position];
         const unsigned int first = U.colPointers[j], diag = U.colPointers[j + 1] - 1;
         const bool fixedJ = fixed(U.blockSizes[j]);
         unsigned int end = diag;  // the tiles first … end−1 follow the first step

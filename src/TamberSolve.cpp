@@ -101,7 +101,7 @@ const SolvePlan& planOf(const TamberData<double>& data) {
 
 // x_b ← x_b / d_b on one block (the diagonal solve's operation).
 inline void divideBlock(double* x, const double* d, unsigned int size) {
-    for (unsigned int q = 0; q < size; ++q) x[q] = x[q] / d[q];
+    kernels::divideEntries(x, d, size);
 }
 
 // The residual r = b − y of iterative refinement formed in the forward pass, entry by entry in ascending
@@ -221,6 +221,8 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
     // Entries from `finalFrom` on are final once the next diagonal step is done; from `added` on, added.
     unsigned long finalFrom = plan.scalarColumn < n ? data.factor.blockOffsets[n - 1] : plan.N;
     unsigned long added = plan.N;
+    // Columns taken out of order finish their blocks out of order: the sum is then formed after the pass.
+    const bool inOrder = plan.inOrder != 0;
     const SolvePlan::Step* steps = plan.backward.data();
     const unsigned long count = plan.backward.size();
     for (unsigned long k = 0; k < count; ++k) {
@@ -230,7 +232,7 @@ void plannedBackward(const TamberData<double>& data, double* x, unsigned int num
         }
         const SolvePlan::Step& step = steps[k];
         for (unsigned int r = 0; r < numRhs; ++r) step.run(step, x + r * ld);
-        if (sum && step.firstDivision) {
+        if (sum && inOrder && step.firstDivision) {
             if (added >= finalFrom + 64) {
                 addRun(sum, x, finalFrom, added);
                 added = finalFrom;

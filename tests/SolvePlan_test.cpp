@@ -2,7 +2,7 @@
 // the tiles (forwardSolve, diagSolve, backwardTSolve) bit for bit, and against a dense solve, on random SPD
 // and saddle-point systems with block sizes 1–12 and fixed layouts with odd and even first and last blocks;
 // non-finite right-hand sides; several right-hand sides against single solves; the plan across new values,
-// new structures, the multifrontal factorization and RankMod.
+// new structures, the multifrontal factorization and RankMod; independent trees taken in turns.
 #include "SolvePlan.h"
 
 #include <gtest/gtest.h>
@@ -169,6 +169,62 @@ TEST(SolvePlan, FollowsTheFactorThroughNewValuesStructuresAndModifications) {
     ASSERT_TRUE(rankMod.apply(*data, off, none, RankMod::batched));
     EXPECT_TRUE(sameBits(plannedSolve(*data, b), tileSolve(*data, b)));
     EXPECT_FALSE(sameBits(plannedSolve(*data, b), first));
+}
+
+// Independent parts of the elimination forest are taken in turns: the forward order of the columns is a
+// permutation in which every column comes after the columns it reads, the separate islands of a scene get
+// such an order (not 0, 1, 2, …) on most seeds, and every solve form keeps the bits of the tile passes:
+// finite and non-finite right-hand sides, zeros of either sign, several right-hand sides at once.
+TEST(SolvePlan, IndependentTreesTakenInTurnsKeepTheBits) {
+    Tamber tamber;
+    int interleaved = 0, systemsSeen = 0;
+    for (unsigned long seed = 1; seed <= 16; ++seed) {
+        const BlockSystem sys = testing::makeIslands(seed, 2 + static_cast<unsigned int>(seed % 6));
+        SCOPED_TRACE(testing::describe(sys));
+        auto data = factored(sys, tamber);
+        const std::vector<double> b = testing::randomVector(sys.N, seed);
+        const std::vector<double> planned = plannedSolve(*data, b);
+        const SolvePlan& plan = data->solvePlan;
+        ASSERT_TRUE(plan.usable);
+        ++systemsSeen;
+        interleaved += plan.inOrder == 0;
+
+        const SparseMatrix<double>& U = data->factor;
+        const unsigned int n = static_cast<unsigned int>(U.numBlockCols);
+        std::vector<unsigned int> position(n, n);  // the scalar column, when there is one, comes last
+        for (unsigned int t = 0; t < plan.scalarColumn; ++t) {
+            ASSERT_LT(plan.columnOrder[t], plan.scalarColumn);
+            ASSERT_EQ(position[plan.columnOrder[t]], n) << "column listed twice";
+            position[plan.columnOrder[t]] = t;
+        }
+        for (unsigned int j = 0; j < n; ++j)
+            for (unsigned int k = U.colPointers[j]; k + 1 < U.colPointers[j + 1]; ++k)
+                ASSERT_LT(position[U.rowIndices[k]], position[j])
+                    << "column " << j << " before a column it reads";
+
+        EXPECT_TRUE(sameBits(planned, tileSolve(*data, b)));
+        EXPECT_LT(testing::scaledResidual(sys.dense, planned.data(), b.data()), 1e-12);
+        std::vector<double> special = b;
+        special[seed % sys.N] = std::numeric_limits<double>::infinity();
+        special[(7 * seed) % sys.N] = std::numeric_limits<double>::quiet_NaN();
+        EXPECT_TRUE(sameBits(plannedSolve(*data, special), tileSolve(*data, special)));
+        std::vector<double> zeros(sys.N, -0.0);
+        for (unsigned int k = 0; k < sys.N; k += 3) zeros[k] = 0.0;
+        EXPECT_TRUE(sameBits(plannedSolve(*data, zeros), tileSolve(*data, zeros)));
+
+        const unsigned int k = 3;
+        const unsigned long ld = sys.N + 1;
+        std::vector<double> many(k * ld, 5.0);
+        for (unsigned int r = 0; r < k; ++r) {
+            const std::vector<double> br = testing::randomVector(sys.N, 17 * r + seed);
+            std::copy(br.begin(), br.end(), many.begin() + r * ld);
+        }
+        std::vector<double> singles = many;
+        for (unsigned int r = 0; r < k; ++r) TamberSolve::solve(*data, singles.data() + r * ld);
+        TamberSolve::solveMany(*data, many.data(), k, ld);
+        EXPECT_TRUE(sameBits(many, singles));
+    }
+    EXPECT_GE(2 * interleaved, systemsSeen) << "islands taken in turns on too few seeds";
 }
 
 }  // namespace

@@ -305,7 +305,8 @@ void refineInPasses(TamberData<double>& data, const double* b, double* x, int ma
 }
 
 // The refinement step (residual formed ahead of the forward pass, x + δ in the backward pass) gives the bits
-// of the separate passes: 1 to 3 iterations, systems with every block size 1 … 12 (odd and even last blocks),
+// of the separate passes: 1 to 3 iterations, systems with every block size 1 … 12 (odd and even last blocks)
+// and islands whose trees the passes take in turns,
 // from a rough start, from the solution, with a NaN in b, with a residual above the starting norm, from
 // zeros of either sign with b = 0, and from an infinite entry.
 TEST(TamberSolve, RefinementEqualsSeparatePassesBitForBit) {
@@ -315,6 +316,7 @@ TEST(TamberSolve, RefinementEqualsSeparatePassesBitForBit) {
             testing::makeSpdSystem(700 + seed, 3 + static_cast<unsigned int>(seed % 9), 12, 0.35));
         systems.push_back(testing::makeSaddlePointSystem(800 + seed, 3 + static_cast<unsigned int>(seed % 5),
                                                          2 + static_cast<unsigned int>(seed % 4), 12, 0.3));
+        systems.push_back(testing::makeIslands(900 + seed, 2 + static_cast<unsigned int>(seed % 4)));
     }
     unsigned long seed = 1000;
     Tamber tamber;

@@ -152,6 +152,33 @@ BlockSystem makeFromDense(const std::vector<unsigned int>& sizes, const DenseSym
     return sys;
 }
 
+BlockSystem makeIslands(unsigned long seed, unsigned int islands, unsigned int maxBlockSize) {
+    std::vector<BlockSystem> parts;
+    BlockSystem sys;
+    for (unsigned int k = 0; k < islands; ++k) {
+        const unsigned long s = seed * 101 + k;
+        parts.push_back(k % 2 == 0
+                            ? makeSpdSystem(s, 2 + static_cast<unsigned int>(s % 6), maxBlockSize, 0.5)
+                            : makeSaddlePointSystem(s, 2 + static_cast<unsigned int>(s % 3),
+                                                    1 + static_cast<unsigned int>(s % 3), maxBlockSize));
+        sys.sizes.insert(sys.sizes.end(), parts.back().sizes.begin(), parts.back().sizes.end());
+    }
+    setSizes(sys);
+    sys.dense = DenseSymmetric(sys.N);
+    unsigned int block = 0, offset = 0;
+    for (const BlockSystem& part : parts) {
+        for (unsigned int r = 0; r < part.N; ++r)
+            for (unsigned int c = 0; c < part.N; ++c) sys.dense(offset + r, offset + c) = part.dense(r, c);
+        for (unsigned int i = 0; i < part.nb; ++i) {
+            sys.isConstraint[block + i] = part.isConstraint[i];
+            for (unsigned int j : part.lowerRows[i]) sys.lowerRows[block + i].push_back(block + j);
+        }
+        block += part.nb;
+        offset += part.N;
+    }
+    return sys;
+}
+
 std::string describe(const BlockSystem& sys) {
     std::string s = "nb=" + std::to_string(sys.nb) + " N=" + std::to_string(sys.N) +
                     " entries=" + std::to_string(sys.numEntries()) + " sizes=";

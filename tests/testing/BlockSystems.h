@@ -94,6 +94,11 @@ BlockSystem makeSpdSystem(unsigned long seed, unsigned int nb, unsigned int maxB
 BlockSystem makeSaddlePointSystem(unsigned long seed, unsigned int numBodies, unsigned int numConstraints,
                                   unsigned int maxBlockSize = 7, double bodyDensity = 0.15);
 
+// Independent systems side by side (a block-diagonal matrix, as the separate bodies of a physics scene
+// give): `islands` random SPD and saddle-point systems taken in turns, sizes 1..maxBlockSize, the pattern
+// and values of each kept, no coupling between them.
+BlockSystem makeIslands(unsigned long seed, unsigned int islands, unsigned int maxBlockSize = 12);
+
 // A real matrix from a Matrix Market file (`coordinate real symmetric`, lower triangle, uncompressed) as a
 // block system: consecutive scalars grouped into blocks of `groupSize` (the last group of the primal part and
 // of the constraint part may be smaller); scalars at or beyond `firstConstraintRow` (0-based) form the
