@@ -5,8 +5,9 @@
 // Usage: FactorBench [runs (default 7)] [largest block count (default 50000)] [scene name ...]
 // Prints one table row per system; times are medians over `runs` repetitions, in milliseconds.
 //    or: FactorBench --steps [runs (default 51)] [block count (default 10000)] [scene name ...]
-// for factorSerial alone in tamber-bench's order (our analysis with block merging), with and without L·D,
-// interleaved; FACTORBENCH_SHAPES=1 also lists the row shapes and the distances i − j of the entries.
+// for factorSerial alone in tamber-bench's order (our analysis with block merging), with and without L·D and
+// by the row loop without the factorization plan, interleaved; FACTORBENCH_SHAPES=1 also lists the row shapes
+// and the distances i − j of the entries.
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -163,9 +164,12 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
     const char* repeatText = std::getenv("FACTORBENCH_REPEAT");
     const int repeat = repeatText ? std::max(1, std::atoi(repeatText)) : 1;
     const bool leanOnly = std::getenv("FACTORBENCH_LEAN") != nullptr;  // only the lean form (callgrind)
-    std::printf("factorSerial in our merged order, median of %d runs; LD written / not written\n", runs);
-    std::printf("%-9s %7s %8s %10s %10s %10s %10s\n", "scene", "blocks", "rows", "LD ms", "ns/row", "lean ms",
-                "ns/row");
+    std::printf(
+        "factorSerial in our merged order, median of %d runs; LD written / not written (planned), and not\n"
+        "written by the row loop (factorPlan.use = 0) with its time over the planned one\n",
+        runs);
+    std::printf("%-9s %7s %8s %10s %10s %10s %10s %10s %7s\n", "scene", "blocks", "rows", "LD ms", "ns/row",
+                "lean ms", "ns/row", "loop ns/r", "ratio");
     for (const Kind& kind : kinds) {
         if (argc > firstScene) {
             bool wanted = false;
@@ -202,21 +206,26 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
             for (const auto& kv : gaps)
                 std::fprintf(stderr, "gap %ld%s: %d\n", kv.first, kv.first == 10 ? "+" : "", kv.second);
         }
-        // Interleaved: with L·D written (writeScaledFactor = 1) and without it (0, the Solver's form).
-        std::vector<double> times[2];
+        // Interleaved: with L·D written (writeScaledFactor = 1) and without it (0, the Solver's form), both
+        // through the factorization plan; then the lean form by the row loop (factorPlan.use = 0).
+        std::vector<double> times[3];
         for (int r = 0; r < runs; ++r) {
-            for (int lean = 0; lean < 2; ++lean) {
-                if (leanOnly && !lean) continue;
-                data.writeScaledFactor = lean ? 0 : 1;
+            for (int form = 0; form < 3; ++form) {
+                if (leanOnly && form != 1) continue;
+                data.writeScaledFactor = form == 0 ? 1 : 0;
+                data.factorPlan.use = form == 2 ? 0 : 1;
                 const std::uint64_t start = kiv::Timer::ticks();
                 for (int k = 0; k < repeat; ++k) tamber.factorSerial(data);
-                times[lean].push_back(seconds(start) / repeat);
+                times[form].push_back(seconds(start) / repeat);
             }
         }
+        data.factorPlan.use = 1;
         const double rows = static_cast<double>(data.skeleton.n);
         const double t1 = leanOnly ? 0.0 : median(times[0]), t0 = median(times[1]);
-        std::printf("%-9s %7u %8lu %10.3f %10.1f %10.3f %10.1f\n", kind.name, problem.numBlocks,
-                    data.skeleton.n, t1 * 1e3, t1 * 1e9 / rows, t0 * 1e3, t0 * 1e9 / rows);
+        const double loop = leanOnly ? 0.0 : median(times[2]);
+        std::printf("%-9s %7u %8lu %10.3f %10.1f %10.3f %10.1f %10.1f %7.2f\n", kind.name, problem.numBlocks,
+                    data.skeleton.n, t1 * 1e3, t1 * 1e9 / rows, t0 * 1e3, t0 * 1e9 / rows, loop * 1e9 / rows,
+                    loop / t0);
         std::fflush(stdout);
     }
     return 0;

@@ -16,6 +16,7 @@
 
 #include "DenseTypes.h"
 #include "EliminationTree.h"
+#include "FactorPlan.h"
 #include "Multifront.h"
 #include "Permutation.h"
 #include "SkeletonMatrix.h"
@@ -64,6 +65,11 @@ public:
     // out anew (a caller who lays it out by other means clears it). Written by those const solves (one
     // thread per system, as everything here).
     mutable SolvePlan solvePlan;
+    // The steps of the serial double factorization over the structure (see FactorPlan.h): made by the first
+    // factorSerial after the layout changed (cleared where the library lays the factor out anew), and made
+    // again by a factorization that finds that the structure differs from the plan's. factorPlan.use = 0
+    // makes factorSerial run its row loop instead (same bits). Not used for float.
+    FactorPlan factorPlan;
     // Typed work arrays of factorization and solves (slot 0 is the serial factorization's).
     ScratchPad scratchPad;
     // 0: factor with Tamber::factorSerial; otherwise with the multifrontal factorization.
@@ -149,10 +155,14 @@ public:
     // the same. Each block row is checked against the pattern and the block sizes when the factorization
     // reaches it (O(1) per entry); on a mismatch both matrices are laid out anew and the factorization starts
     // over from row 0.
+    // double: the rows run through `data.factorPlan` (made here when it is not made; see FactorPlan.h), the
+    // same bits as the row loop: the plan compares each group of FactorPlan::groupRows rows with the pattern,
+    // the block sizes, the input's pattern and the layout before it runs them, and hands the rest to the row
+    // loop (and its check) from the first group that differs.
     // `data.badPivot` receives the first zero or non-finite pivot in elimination order (checked after each
     // diagonal block's dense factorization); with `data.stopAtBadPivot` = 1 the factorization returns right
-    // there, after O(work up to that block), with `isFactored` = 0 and the rows after that block untouched.
-    // factorTime is set either way.
+    // there, after O(work up to that block, plus one group of rows checked), with `isFactored` = 0 and the
+    // rows after that block untouched. factorTime is set either way.
     template <typename T>
     void factorSerial(TamberData<T>& data);
 

@@ -497,6 +497,46 @@ inline bool factorDiagonalUpdated(const float*, const float*, unsigned int, cons
     return false;  // float keeps the two steps
 }
 
+// C = Cin − A·Bᵀ on the 2×2 blocks on and below the diagonal of an S × S double tile (S ≤ 6; for an odd S
+// its padding row too), A and B: S × KP tiles of stride KP (KP = 2, 4 or 6; their padding rows zero), Cin
+// and C of stride ldc (Cin = C: in place). The operations of subtractABtLowerFrom and subtractABtLower for
+// these shapes (src/Kernels.cpp: per 2×2 block of C the even and odd products in two lanes, added at the
+// end, then subtracted), inline, so that a row of several updates runs as straight code.
+template <int S, int KP>
+inline void subtractABtLowerFixed(const double* A, const double* B, const double* Cin, double* C,
+                                  unsigned int ldc) {
+    constexpr int NP = (S + 1) & ~1;
+    KIVTAMBER_UNROLL
+    for (int i = 0; i < NP; i += 2) {
+        const double* A0 = A + static_cast<unsigned long>(i) * KP;
+        const double* A1 = A0 + KP;
+        double* C0 = C + static_cast<unsigned long>(i) * ldc;
+        double* C1 = C0 + ldc;
+        const double* I0 = Cin + static_cast<unsigned long>(i) * ldc;
+        const double* I1 = I0 + ldc;
+        KIVTAMBER_UNROLL
+        for (int j = 0; j <= i; j += 2) {
+            const double* B0 = B + static_cast<unsigned long>(j) * KP;
+            const double* B1 = B0 + KP;
+            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
+                    s11 = _mm_setzero_pd();
+            KIVTAMBER_UNROLL
+            for (int q = 0; q < KP; q += 2) {
+                const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
+                const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
+                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+            }
+            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
+            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+            _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(I0 + j), r0));
+            _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(I1 + j), r1));
+        }
+    }
+}
+
 // scaleColumns for any s: fixed for the sizes 1 to 4 and 6, the general loop otherwise. X's padding columns
 // must be zero (the fixed sizes multiply them by the zero padding of the pivots).
 template <typename T>

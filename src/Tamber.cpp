@@ -3,6 +3,7 @@
 #include <kiv/Abort.h>
 #include <kiv/Timer.h>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -68,7 +69,10 @@ void layOutFactors(TamberData<T>& data) {
         X->setSize(nb, nb, S.numEntries(), capacity);
         changed |= layoutFactor(*X, S, sizes, true);
     }
-    if (changed) data.solvePlan.clear();
+    if (changed) {
+        data.solvePlan.clear();
+        data.factorPlan.clear();
+    }
 }
 
 // What can be checked of X's layout in O(1): the counts of the pattern S (nb > 0), the scalar dimension N
@@ -122,6 +126,81 @@ inline void loadTile(T* X, const T* from, unsigned long count) {
     } else {
         std::memset(static_cast<void*>(X), 0, count * sizeof(T));
     }
+}
+
+// The first zero or non-finite pivot of block i (its pivots at di), recorded when it is the first one of
+// the factorization. Returns true when the factorization stops there.
+template <typename T>
+inline bool recordBadPivot(TamberData<T>& data, unsigned int i, unsigned int offset, const T* di,
+                           unsigned int s_i) {
+    using BadPivot = typename TamberData<T>::BadPivot;
+    if (data.badPivot.scalar != BadPivot::noPivot) return false;
+    const unsigned int t = firstBadPivot(di, s_i);
+    data.badPivot.scalar = offset + t;
+    data.badPivot.block = i;
+    data.badPivot.local = t;
+    data.badPivot.value = static_cast<double>(di[t]);
+    return data.stopAtBadPivot != 0;
+}
+
+// The rows factorSerial runs through data.factorPlan (double), in groups of FactorPlan::groupRows rows, each
+// compared with the structure before it runs (so that a stop at row k has cost O(work up to k + a group)).
+// Returns the row from which the row loop goes on: nb when the plan factored every row, 0 when it is not
+// used, the first row of the first group that differs from the plan (the plan is then made again for the
+// current structure, and the row loop's own check finds what changed), or ~0u when it stopped at a bad
+// pivot.
+template <typename T>
+unsigned int factorPlannedRows(TamberData<T>&, T*, T*) {
+    return 0;  // float runs the row loop
+}
+template <>
+unsigned int factorPlannedRows(TamberData<double>& data, double* d, double* recips) {
+    FactorPlan& P = data.factorPlan;
+    const SkeletonMatrix& S = data.skeleton;
+    const SparseMatrix<double>& A = data.matrix;
+    SparseMatrix<double>& L = data.factor;
+    SparseMatrix<double>& LD = data.scaledFactor;
+    const unsigned int nb = static_cast<unsigned int>(S.n);
+    if (!P.use || nb == 0) return 0;
+    const unsigned long entries = S.numEntries(), N = A.blockSizes[nb];
+    if (!P.isMade || P.numBlockCols != nb || P.numEntries != entries || P.N != N ||
+        P.inputEntries != A.colPointers[nb])
+        P.make(S, A.blockSizes, A);
+    // The layout of L and LD: checked row by row with the structure below; here that both are the one the
+    // plan's offsets describe (their last tiles where the plan has it).
+    if (!P.usable || L.blockPointers[entries - 1] != L.values + P.lastTile ||
+        LD.blockPointers[entries - 1] != LD.values + P.lastTile)
+        return 0;
+    const bool lean = data.writeScaledFactor == 0;
+    FactorPlan::Target target;
+    target.L = L.values;
+    target.LD = lean ? nullptr : LD.values;
+    target.ldRow = lean && P.rowExtent > 0
+                       ? Layout<double>::scratch(data.scratchPad, P.rowExtent, serialScaledRowSlot)
+                       : nullptr;
+    target.input = A.blockPointers;
+    target.d = d;
+    target.recips = recips;
+    const FactorPlan::Row* const rows = P.rows.data();
+    const unsigned int flag = lean ? 0 : 1;  // LD flags: 1 when written, 0 when kept only in the row scratch
+    for (unsigned int first = 0; first < nb;) {
+        const unsigned int end = nb - first > FactorPlan::groupRows ? first + FactorPlan::groupRows : nb;
+        if (!P.rowsMatch(S, A.blockSizes, A, L, first, end)) {
+            P.make(S, A.blockSizes, A);  // for the structure the row loop now checks and factors
+            return first;
+        }
+        for (unsigned int i = first; i < end; ++i) {
+            const FactorPlan::Row& row = rows[i];
+            if (row.run(P, row, target)) continue;
+            if (recordBadPivot(data, i, row.offset, d + row.offset, row.size)) {
+                std::fill(LD.blockFlags + P.rowStart[first], LD.blockFlags + P.rowStart[i + 1], flag);
+                return ~0u;
+            }
+        }
+        std::fill(LD.blockFlags + P.rowStart[first], LD.blockFlags + P.rowStart[end], flag);
+        first = end;
+    }
+    return nb;
 }
 
 }  // namespace
@@ -243,7 +322,20 @@ void Tamber::factorSerial(TamberData<T>& data) {
     unsigned long ldRowCapacity = 0;
     unsigned int offset = 0;  // scalar offset of row i
 
-    for (unsigned int i = 0; i < nb; ++i) {
+    // The rows the plan factors, then the row loop from where the plan stopped (the rows before it match
+    // the plan: their map entries are emptied as the loop would have done).
+    const unsigned int firstRow = factorPlannedRows(data, d, recips);
+    if (firstRow == ~0u) {  // stopped at a bad pivot
+        factorCommon::clearPaddingRows(L, LD);
+        finishTimes();
+        return;
+    }
+    for (unsigned int k = 0; k < firstRow && firstRow < nb; ++k) {
+        rowOf[k] = ~0u;
+        offset += sizes[k];
+    }
+
+    for (unsigned int i = firstRow; i < nb; ++i) {
         const unsigned int s_i = sizes[i], p_i = Layout<T>::padded(s_i);
         const unsigned int iBegin = rowStart[i], iDiag = rowStart[i + 1] - 1;
         if (!laidOut) {
