@@ -497,7 +497,7 @@ inline bool factorDiagonalUpdated(const float*, const float*, unsigned int, cons
     return false;  // float keeps the two steps
 }
 
-// C = Cin − A·Bᵀ on the 2×2 blocks on and below the diagonal of an S × S double tile (S ≤ 6; for an odd S
+// C = Cin − A·Bᵀ on the 2×2 blocks on and below the diagonal of an S × S double tile (2 ≤ S ≤ 6; for an odd S
 // its padding row too), A and B: S × KP tiles of stride KP (KP = 2, 4 or 6; their padding rows zero), Cin
 // and C of stride ldc (Cin = C: in place). The operations of subtractABtLowerFrom and subtractABtLower for
 // these shapes (src/Kernels.cpp: per 2×2 block of C the even and odd products in two lanes, added at the

@@ -7,13 +7,18 @@
 #include <gtest/gtest.h>
 #include <kiv/ByteAllocator.h>
 
+#include <algorithm>
 #include <cmath>
+#include <cstring>
 #include <functional>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "Analysis.h"
+#include "FactorCommon.h"
+#include "KernelsFixed.h"
 #include "Tamber.h"
 #include "scenes/Scenes.h"
 #include "testing/Bits.h"
@@ -235,6 +240,64 @@ TEST(FactorPlan, FollowsChangesOfInputAndPattern) {
             ASSERT_TRUE(sameBits(state(planned), state(loop)));
         }
     }
+}
+
+// The inline update of the planned rows, subtractABtLowerFixed<S, KP>, gives the bits of the library's
+// subtractABtLower (in place) and subtractABtLowerFrom (from an input tile) on and below the diagonal, at
+// every size the planned rows use it for, S = 2 … 6 and inner size k = 2 … 6 (KP = k rounded up to even), with
+// NaN and infinities among the values.
+template <int S, int KP>
+void expectFixedUpdateLikeTheLibrary(std::mt19937_64& rng) {
+    constexpr int NP = (S + 1) & ~1, ld = NP;
+    std::uniform_real_distribution<double> u(-2.0, 2.0);
+    for (int k = KP - 1; k <= KP; ++k) {
+        if (k < 2) continue;
+        for (int round = 0; round < 4; ++round) {
+            alignas(16) double A[NP * KP] = {}, B[NP * KP] = {}, X[NP * ld], C1[NP * ld], C2[NP * ld];
+            for (int r = 0; r < S; ++r)
+                for (int q = 0; q < k; ++q) A[r * KP + q] = u(rng), B[r * KP + q] = u(rng);
+            for (int e = 0; e < NP * ld; ++e) X[e] = u(rng);
+            if (round == 1) A[0] = std::numeric_limits<double>::quiet_NaN();
+            if (round == 2) B[(S - 1) * KP + k - 1] = std::numeric_limits<double>::infinity();
+            if (round == 3) X[(S - 1) * ld] = -std::numeric_limits<double>::infinity();
+            // In place: C = X, then C −= A·Bᵀ.
+            std::copy(X, X + NP * ld, C1);
+            std::copy(X, X + NP * ld, C2);
+            factorCommon::subtractABtLower(A, KP, B, KP, C1, ld, S, k);
+            kernels::subtractABtLowerFixed<S, KP>(A, B, C2, C2, ld);
+            for (int r = 0; r < S; ++r)
+                for (int c = 0; c <= r; ++c)
+                    ASSERT_EQ(std::memcmp(&C1[r * ld + c], &C2[r * ld + c], sizeof(double)), 0)
+                        << "in place, S " << S << " k " << k << " round " << round << " (" << r << ", " << c
+                        << ")";
+            // From the input tile X.
+            std::fill(C1, C1 + NP * ld, 5.0);
+            std::fill(C2, C2 + NP * ld, 5.0);
+            factorCommon::subtractABtLowerFrom(A, KP, B, KP, X, C1, ld, S, k);
+            kernels::subtractABtLowerFixed<S, KP>(A, B, X, C2, ld);
+            for (int r = 0; r < S; ++r)
+                for (int c = 0; c <= r; ++c)
+                    ASSERT_EQ(std::memcmp(&C1[r * ld + c], &C2[r * ld + c], sizeof(double)), 0)
+                        << "from X, S " << S << " k " << k << " round " << round << " (" << r << ", " << c
+                        << ")";
+        }
+    }
+}
+
+template <int S>
+void expectFixedUpdatesOfSize(std::mt19937_64& rng) {
+    expectFixedUpdateLikeTheLibrary<S, 2>(rng);
+    expectFixedUpdateLikeTheLibrary<S, 4>(rng);
+    expectFixedUpdateLikeTheLibrary<S, 6>(rng);
+}
+
+TEST(FactorPlan, InlineDiagonalUpdateEqualsTheLibraryKernel) {
+    std::mt19937_64 rng(2026);
+    expectFixedUpdatesOfSize<2>(rng);
+    expectFixedUpdatesOfSize<3>(rng);
+    expectFixedUpdatesOfSize<4>(rng);
+    expectFixedUpdatesOfSize<5>(rng);
+    expectFixedUpdatesOfSize<6>(rng);
 }
 
 }  // namespace
