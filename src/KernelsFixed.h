@@ -421,6 +421,26 @@ inline bool factorDiagonalBlock(T* W, unsigned int p, unsigned int s, T* d, T* L
     }
 }
 
+// The sums of a 2×2 block of A·Bᵀ over KP (even) columns, rows A0, A1 against rows B0, B1: the even and the
+// odd products accumulated in the two lanes, added at the end, r0 = (c00, c01), r1 = (c10, c11) (the sums of
+// the lower A·Bᵀ updates in src/Kernels.cpp).
+template <int KP>
+inline void pairedBlockSums(const double* A0, const double* A1, const double* B0, const double* B1,
+                            __m128d& r0, __m128d& r1) {
+    __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(), s11 = _mm_setzero_pd();
+    KIVTAMBER_UNROLL
+    for (int q = 0; q < KP; q += 2) {
+        const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
+        const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
+        s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
+        s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
+        s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
+        s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
+    }
+    r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
+    r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+}
+
 // The diagonal block of a block row with one off-diagonal entry, for double blocks of S = 2 … 6 rows and
 // columns of padded size KP = 2, 4 or 6: C = X − A·Bᵀ on the lower triangle with the sums of
 // subtractABtLowerFrom (2×2 blocks of C, even and odd p in the two lanes, added at the end, then subtracted
@@ -443,25 +463,14 @@ bool factorDiagonalUpdatedFixed(const double* A, const double* B, const double* 
         for (int j = 0; j <= i; j += 2) {
             const double* B0 = B + static_cast<unsigned long>(j) * KP;
             const double* B1 = B0 + KP;
-            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
-                    s11 = _mm_setzero_pd();
-            KIVTAMBER_UNROLL
-            for (int q = 0; q < KP; q += 2) {
-                const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
-                const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
-                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
-                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
-                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
-                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
-            }
+            __m128d r0, r1;
+            pairedBlockSums<KP>(A0, A1, B0, B1, r0, r1);
             // c_rc = x_rc − (even + odd), rows i and i + 1, columns j and j + 1
-            const __m128d x0 = _mm_sub_pd(_mm_load_pd(X0 + j),
-                                          _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01)));
+            const __m128d x0 = _mm_sub_pd(_mm_load_pd(X0 + j), r0);
             l[i][j] = _mm_cvtsd_f64(x0);
             if (j + 1 <= i) l[i][j + 1] = _mm_cvtsd_f64(_mm_unpackhi_pd(x0, x0));
             if (i + 1 < S) {
-                const __m128d x1 = _mm_sub_pd(
-                    _mm_load_pd(X1 + j), _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11)));
+                const __m128d x1 = _mm_sub_pd(_mm_load_pd(X1 + j), r1);
                 l[i + 1][j] = _mm_cvtsd_f64(x1);
                 l[i + 1][j + 1] = _mm_cvtsd_f64(_mm_unpackhi_pd(x1, x1));
             }
@@ -518,19 +527,8 @@ inline void subtractABtLowerFixed(const double* A, const double* B, const double
         for (int j = 0; j <= i; j += 2) {
             const double* B0 = B + static_cast<unsigned long>(j) * KP;
             const double* B1 = B0 + KP;
-            __m128d s00 = _mm_setzero_pd(), s01 = _mm_setzero_pd(), s10 = _mm_setzero_pd(),
-                    s11 = _mm_setzero_pd();
-            KIVTAMBER_UNROLL
-            for (int q = 0; q < KP; q += 2) {
-                const __m128d a0 = _mm_load_pd(A0 + q), a1 = _mm_load_pd(A1 + q);
-                const __m128d b0 = _mm_load_pd(B0 + q), b1 = _mm_load_pd(B1 + q);
-                s00 = _mm_add_pd(s00, _mm_mul_pd(a0, b0));
-                s01 = _mm_add_pd(s01, _mm_mul_pd(a0, b1));
-                s10 = _mm_add_pd(s10, _mm_mul_pd(a1, b0));
-                s11 = _mm_add_pd(s11, _mm_mul_pd(a1, b1));
-            }
-            const __m128d r0 = _mm_add_pd(_mm_unpacklo_pd(s00, s01), _mm_unpackhi_pd(s00, s01));
-            const __m128d r1 = _mm_add_pd(_mm_unpacklo_pd(s10, s11), _mm_unpackhi_pd(s10, s11));
+            __m128d r0, r1;
+            pairedBlockSums<KP>(A0, A1, B0, B1, r0, r1);
             _mm_store_pd(C0 + j, _mm_sub_pd(_mm_load_pd(I0 + j), r0));
             _mm_store_pd(C1 + j, _mm_sub_pd(_mm_load_pd(I1 + j), r1));
         }
