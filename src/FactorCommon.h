@@ -38,6 +38,24 @@ using kernels::solveUnitDiagonal;
 using kernels::solveUnitDiagonalFixed;
 using kernels::storeUnitLower;
 
+// L(i, j) = X·L_jjᵀ⁻¹·D_j⁻¹ and LD(i, j) = L(i, j)·D_j (padding columns zero) for an s_i × s_j block whose
+// values so far are X (its input tile, or L(i, j) itself once updated; count = s_i·p_j values): the fused
+// small-block kernel where it has the sizes, the separate steps otherwise (a copy of X, the triangular solve,
+// the reciprocal pivots recip, the scaling by the pivots dj). Every factorization ends an off-diagonal block
+// this way, so that they give the same bits.
+template <typename T>
+inline void finishOffDiagonal(const T* Ljj, const T* X, T* Lij, T* LDij, unsigned int s_i, unsigned int s_j,
+                              unsigned int p_j, unsigned long count, const T* recip, const T* dj) {
+    if (kernels::finishSmallBlockFrom(Ljj, X, Lij, LDij, s_i, s_j, recip, dj)) return;
+    if (X != Lij) copyTile(Lij, X, count);
+    solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
+    for (unsigned int r = 0; r < s_i; ++r) {
+        const unsigned long row = static_cast<unsigned long>(r) * p_j;
+        for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
+    }
+    kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
+}
+
 // Writes "Not enough memory, <used> <capacity>" and an end of line to standard error and aborts.
 [[noreturn]] inline void outOfBlocks(unsigned long used, unsigned long capacity) {
     char message[96];

@@ -69,15 +69,7 @@ bool rowAnyShape(const FactorPlan& plan, const Row& row, const Target& t) {
         const double* dj = t.d + step.offset;
         const double* recip = t.recips + step.recip;
         const double* Ljj = t.L + step.diagTile;
-        if (!kernels::finishSmallBlockFrom(Ljj, X, Lij, LDij, s_i, s_j, recip, dj)) {
-            if (X != Lij) factorCommon::copyTile(Lij, X, count);
-            factorCommon::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
-            for (unsigned int r = 0; r < s_i; ++r) {
-                const unsigned long at = static_cast<unsigned long>(r) * p_j;
-                for (unsigned int c = 0; c < p_j; ++c) Lij[at + c] *= recip[c];  // l_rc = w_rc / d_c
-            }
-            kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);  // LD(i, j) = L(i, j)·D_j
-        }
+        factorCommon::finishOffDiagonal(Ljj, X, Lij, LDij, s_i, s_j, p_j, count, recip, dj);
         if (lean && p_i != s_i) {  // the padding row, which the paired products read: zero
             double* const pad = LDij + count;
             for (unsigned int c = 0; c < p_j; ++c) pad[c] = 0.0;

@@ -1016,15 +1016,7 @@ void Worker<T>::offDiagonalEntry(unsigned int i, unsigned int e, unsigned int j)
     const T* const Ljj = L.blockPointers[jDiag];
     T* const LDij = LD.blockPointers[e];
     LD.blockFlags[e] = 1;
-    if (!kernels::finishSmallBlockFrom(Ljj, X, Lij, LDij, s_i, s_j, recip, dj)) {
-        if (X != Lij) fc::copyTile(Lij, X, count);
-        fc::solveUnitDiagonal(Ljj, p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
-        for (unsigned int r = 0; r < s_i; ++r) {
-            const unsigned long row = static_cast<unsigned long>(r) * p_j;
-            for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
-        }
-        kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
-    }
+    fc::finishOffDiagonal(Ljj, X, Lij, LDij, s_i, s_j, p_j, count, recip, dj);
     if (p_i > s_i) {
         std::memset(static_cast<void*>(Lij + count), 0, p_j * sizeof(T));
         std::memset(static_cast<void*>(LDij + count), 0, p_j * sizeof(T));

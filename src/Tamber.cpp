@@ -35,8 +35,6 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count, unsigned l
 }
 
 using factorCommon::layoutFactor;
-using factorCommon::solveUnitDiagonal;
-using kernels::finishSmallBlockFrom;  // false for float, which keeps the separate steps
 
 // Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
 template <typename T>
@@ -407,16 +405,8 @@ void Tamber::factorSerial(TamberData<T>& data) {
 
             const T* dj = d + offsets[j];
             const T* recip = recips + offsets[j] + j;
-            if (!finishSmallBlockFrom(L.blockPointers[jDiag], X, Lij, LDij, s_i, s_j, recip, dj)) {
-                if (X != Lij) factorCommon::copyTile(Lij, X, count);
-                solveUnitDiagonal(L.blockPointers[jDiag], p_j, Lij, s_i, s_j);  // L(i, j) ← L(i, j)·L_jj⁻ᵀ
-                for (unsigned int r = 0; r < s_i; ++r) {
-                    const unsigned long row = static_cast<unsigned long>(r) * p_j;
-                    for (unsigned int c = 0; c < p_j; ++c) Lij[row + c] *= recip[c];  // l_rc = w_rc / d_c
-                }
-                // LD(i, j) = L(i, j)·D_j; padding columns zero.
-                kernels::scaleColumnsAnySize(Lij, dj, LDij, s_i, s_j, p_j);
-            }
+            factorCommon::finishOffDiagonal(L.blockPointers[jDiag], X, Lij, LDij, s_i, s_j, p_j, count, recip,
+                                            dj);
             if (!lean) {
                 LD.blockFlags[e] = 1;  // LD(i, j) written with L(i, j)
             } else if (p_i != s_i) {
