@@ -14,7 +14,6 @@
 #include <utility>
 #include <vector>
 
-#include "KernelsFixed.h"
 #include "Reordering.h"
 #include "Symbolic.h"
 #include "TreeUpdate.h"
@@ -375,6 +374,31 @@ struct Destination {
 struct CopyRun {
     unsigned int permuted, user, size;
 };
+
+// dst[0 … size) = src[0 … size) for slices that do not overlap. Most slices are a block or two of a few
+// scalars: two overlapping fixed-size copies cover each size up to 16 without a call or a loop.
+template <unsigned int W, typename T>
+inline void copyEnds(T* __restrict dst, const T* __restrict src, unsigned int size) {  // W ≤ size ≤ 2W
+    T head[W], tail[W];
+    std::memcpy(head, src, sizeof(head));
+    std::memcpy(tail, src + size - W, sizeof(tail));
+    std::memcpy(dst, head, sizeof(head));
+    std::memcpy(dst + size - W, tail, sizeof(tail));
+}
+template <typename T>
+inline void copyEntries(T* __restrict dst, const T* __restrict src, unsigned int size) {
+    if (size > 16) {
+        std::memcpy(dst, src, size * sizeof(T));
+    } else if (size > 8) {
+        copyEnds<8>(dst, src, size);
+    } else if (size >= 4) {
+        copyEnds<4>(dst, src, size);
+    } else if (size >= 2) {
+        copyEnds<2>(dst, src, size);
+    } else if (size == 1) {
+        dst[0] = src[0];
+    }
+}
 
 // What the assembly functions need, for one analysed structure.
 struct Assembly {
@@ -1088,7 +1112,7 @@ void Analyzer::permuteVector(const T* user, T* permuted) const {
     const Assembly& a = impl_->committed;
     const CopyRun* runs = a.runs.data();
     for (unsigned int r = 0; r < a.numRuns; ++r)
-        kernels::copyEntries(permuted + runs[r].permuted, user + runs[r].user, runs[r].size);
+        copyEntries(permuted + runs[r].permuted, user + runs[r].user, runs[r].size);
 }
 
 template <typename T>
@@ -1096,7 +1120,7 @@ void Analyzer::unpermuteVector(const T* permuted, T* user) const {
     const Assembly& a = impl_->committed;
     const CopyRun* runs = a.runs.data();
     for (unsigned int r = 0; r < a.numRuns; ++r)
-        kernels::copyEntries(user + runs[r].user, permuted + runs[r].permuted, runs[r].size);
+        copyEntries(user + runs[r].user, permuted + runs[r].permuted, runs[r].size);
 }
 
 template Report Analyzer::analyze<float>(const Problem&, const Options&, TamberData<float>&);

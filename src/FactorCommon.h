@@ -38,6 +38,16 @@ using kernels::solveUnitDiagonal;
 using kernels::solveUnitDiagonalFixed;
 using kernels::storeUnitLower;
 
+// X ← the input tile `from` (count elements), or zero for a fill block (from null).
+template <typename T>
+inline void loadTile(T* X, const T* from, unsigned long count) {
+    if (from) {
+        copyTile(X, from, count);
+    } else {
+        std::memset(static_cast<void*>(X), 0, count * sizeof(T));
+    }
+}
+
 // L(i, j) = X·L_jjᵀ⁻¹·D_j⁻¹ and LD(i, j) = L(i, j)·D_j (padding columns zero) for an s_i × s_j block whose
 // values so far are X (its input tile, or L(i, j) itself once updated; count = s_i·p_j values): the fused
 // small-block kernel where it has the sizes, the separate steps otherwise (a copy of X, the triangular solve,

@@ -16,18 +16,10 @@ using Step = FactorPlan::Step;
 using Pair = FactorPlan::Pair;
 using Target = FactorPlan::Target;
 using RowRun = FactorPlan::RowRun;
+using factorCommon::loadTile;
 
 constexpr unsigned int padded(unsigned int s) {
     return (s + 1) & ~1u;
-}
-
-// X ← the input tile `from` (count elements), or zero for a fill block (from null).
-inline void loadTile(double* X, const double* from, unsigned long count) {
-    if (from) {
-        factorCommon::copyTile(X, from, count);
-    } else {
-        std::memset(static_cast<void*>(X), 0, count * sizeof(double));
-    }
 }
 
 inline const double* inputTile(const Target& t, unsigned int input) {

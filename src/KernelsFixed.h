@@ -14,7 +14,6 @@
 
 #include <array>
 #include <cstddef>
-#include <cstring>
 #include <utility>
 
 #include "Kernels.h"
@@ -702,31 +701,6 @@ inline bool finishFrontBlock(const double* Ljj, double* W, double* LDrj, unsigne
 }
 inline bool finishFrontBlock(const float*, float*, float*, unsigned int, unsigned int, const float*) {
     return false;
-}
-
-// dst[0 … size) = src[0 … size) for slices that do not overlap. Most slices are a block or two of a few
-// scalars: two overlapping fixed-size copies cover each size up to 16 without a call or a loop.
-template <unsigned int W, typename T>
-inline void copyEnds(T* __restrict dst, const T* __restrict src, unsigned int size) {  // W ≤ size ≤ 2W
-    T head[W], tail[W];
-    std::memcpy(head, src, sizeof(head));
-    std::memcpy(tail, src + size - W, sizeof(tail));
-    std::memcpy(dst, head, sizeof(head));
-    std::memcpy(dst + size - W, tail, sizeof(tail));
-}
-template <typename T>
-inline void copyEntries(T* __restrict dst, const T* __restrict src, unsigned int size) {
-    if (size > 16) {
-        std::memcpy(dst, src, size * sizeof(T));
-    } else if (size > 8) {
-        copyEnds<8>(dst, src, size);
-    } else if (size >= 4) {
-        copyEnds<4>(dst, src, size);
-    } else if (size >= 2) {
-        copyEnds<2>(dst, src, size);
-    } else if (size == 1) {
-        dst[0] = src[0];
-    }
 }
 
 // x[q] ← x[q] / d[q] for q < size, two entries per division where it can: each lane is the scalar division.

@@ -692,11 +692,7 @@ struct Worker {
 // X ← the first count elements of the tile of input block a, or zero for a fill block (a = noNode).
 template <typename T>
 inline void loadTile(T* X, const T* const* inputTiles, unsigned int a, unsigned long count) {
-    if (a != noNode) {
-        factorCommon::copyTile(X, inputTiles[a], count);
-    } else {
-        std::memset(static_cast<void*>(X), 0, count * sizeof(T));
-    }
+    fc::loadTile(X, a != noNode ? inputTiles[a] : nullptr, count);
 }
 
 // True for a zero or non-finite pivot.

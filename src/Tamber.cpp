@@ -35,6 +35,7 @@ double* Layout<double>::scratch(ScratchPad& pad, unsigned long count, unsigned l
 }
 
 using factorCommon::layoutFactor;
+using factorCommon::loadTile;
 
 // Index of the first of the pivots d[0 .. s-1] that is zero or not finite; s when there is none.
 template <typename T>
@@ -114,16 +115,6 @@ constexpr unsigned long serialScaledRowSlot = 0x100011;
 template <typename T>
 inline const T* inputBlock(const SparseMatrix<T>& A, unsigned int& a, unsigned int aEnd, unsigned int j) {
     return a < aEnd && A.rowIndices[a] == j ? A.blockPointers[a++] : nullptr;
-}
-
-// X ← the input tile `from` (count elements), or zero for a fill block (from null).
-template <typename T>
-inline void loadTile(T* X, const T* from, unsigned long count) {
-    if (from) {
-        factorCommon::copyTile(X, from, count);
-    } else {
-        std::memset(static_cast<void*>(X), 0, count * sizeof(T));
-    }
 }
 
 // The first zero or non-finite pivot of block i (its pivots at di), recorded when it is the first one of
@@ -459,17 +450,10 @@ void Tamber::factorSerial(TamberData<T>& data) {
 
         // The first zero or non-finite pivot, in elimination order: only this block's pivots are looked at,
         // so the check costs O(s_i) and a stop at block i has cost the work up to i.
-        if (!good && data.badPivot.scalar == BadPivot::noPivot) {
-            const unsigned int t = firstBadPivot(di, s_i);
-            data.badPivot.scalar = offsets[i] + t;
-            data.badPivot.block = i;
-            data.badPivot.local = t;
-            data.badPivot.value = static_cast<double>(di[t]);
-            if (data.stopAtBadPivot) {
-                factorCommon::clearPaddingRows(L, LD);
-                finishTimes();
-                return;  // isFactored stays 0: the factor is complete only up to block row i
-            }
+        if (!good && recordBadPivot(data, i, offsets[i], di, s_i)) {
+            factorCommon::clearPaddingRows(L, LD);
+            finishTimes();
+            return;  // isFactored stays 0: the factor is complete only up to block row i
         }
     }
 
