@@ -231,9 +231,84 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
     return 0;
 }
 
+// The values and the factorization of tamber-bench's "ours" step (lean, as the Solver factors): setBlocks
+// then factorSerial, against setBlocksAndFactor, which writes each block column just before the
+// factorization reads it; interleaved, medians of `runs`, and the two L factors compared.
+int runAssembly(int runs, unsigned long target, int argc, char** argv, int firstScene) {
+    struct Kind {
+        SceneKind kind;
+        const char* name;
+    };
+    const Kind kinds[] = {{SceneKind::chain, "chain"},
+                          {SceneKind::ragdolls, "ragdolls"},
+                          {SceneKind::cloth, "cloth"},
+                          {SceneKind::boxWall, "boxwall"}};
+    std::printf(
+        "setBlocks + factorSerial (two passes) against setBlocksAndFactor (one), lean, our merged\n"
+        "order, median of %d interleaved runs\n",
+        runs);
+    std::printf("%-9s %7s %8s %12s %12s %7s %6s\n", "scene", "blocks", "rows", "two ms", "one ms", "ratio",
+                "same");
+    for (const Kind& kind : kinds) {
+        if (argc > firstScene) {
+            bool wanted = false;
+            for (int a = firstScene; a < argc; ++a) wanted |= std::strcmp(argv[a], kind.name) == 0;
+            if (!wanted) continue;
+        }
+        auto scene = makeScene(kind.kind, sizeForBlockCount(kind.kind, target));
+        scene->step(0.01);
+        BlockProblem problem;
+        scene->build(problem);
+        const Analysis::Problem view = problem.pattern();
+        Analysis::Options options;
+        options.mergeBlocks = true;
+        Analysis::Analyzer analyzer;
+        TamberData<double> data;
+        if (!analyzer.analyze(view, options, data).ok) return 1;
+        data.writeScaledFactor = 0;
+        Tamber tamber;
+        tamber.estimateWork(data, nullptr);
+        const double* values = problem.values.data();
+        const unsigned long* pointers = problem.valuePointers.data();
+        analyzer.setBlocks(data, values, pointers);
+        tamber.factorSerial(data);
+        std::vector<double> times[2];
+        bool same = true;
+        std::vector<double> first;
+        for (int r = 0; r < runs; ++r) {
+            for (int form = 0; form < 2; ++form) {
+                const std::uint64_t start = kiv::Timer::ticks();
+                if (form == 0) {
+                    analyzer.setBlocks(data, values, pointers);
+                    tamber.factorSerial(data);
+                } else {
+                    analyzer.setBlocksAndFactor(tamber, data, values, pointers);
+                }
+                times[form].push_back(seconds(start));
+                const SparseMatrix<double>& L = data.factor;
+                const unsigned long count =
+                    static_cast<unsigned long>(L.blockPointers[L.numBlocks - 1] - L.values) + 1;
+                if (r == 0 && form == 0) first.assign(L.values, L.values + count);
+                if (r == 0 && form == 1)
+                    same = std::memcmp(first.data(), L.values, count * sizeof(double)) == 0;
+            }
+        }
+        const double two = median(times[0]), one = median(times[1]);
+        std::printf("%-9s %7u %8lu %12.3f %12.3f %7.2f %6s\n", kind.name, problem.numBlocks, data.skeleton.n,
+                    two * 1e3, one * 1e3, two / one, same ? "yes" : "NO");
+        std::fflush(stdout);
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && std::strcmp(argv[1], "--assembly") == 0) {
+        const int runs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 51;
+        const unsigned long target = argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 10000;
+        return runAssembly(runs, target, argc, argv, 4);
+    }
     if (argc > 1 && std::strcmp(argv[1], "--steps") == 0) {
         const int runs = argc > 2 ? std::max(1, std::atoi(argv[2])) : 51;
         const unsigned long target = argc > 3 ? std::strtoul(argv[3], nullptr, 10) : 10000;

@@ -312,6 +312,13 @@ public:
     template <typename T, typename V>
     void setBlocks(TamberData<T>& data, const V* values, const unsigned long* valuePointers) const;
 
+    // setBlocks followed by tamber.factorSerial(data), with each block column of data.matrix written just
+    // before the factorization reads it, while the factorization's own work hides the copies' memory
+    // traffic: the same data.matrix, factor and reports as the two calls.
+    template <typename T, typename V>
+    void setBlocksAndFactor(Tamber& tamber, TamberData<T>& data, const V* values,
+                            const unsigned long* valuePointers) const;
+
     // permuted = P·user: the slice of user block forward[k] goes to the k-th place (both N values).
     template <typename T>
     void permuteVector(const T* user, T* permuted) const;

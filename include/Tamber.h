@@ -101,6 +101,18 @@ public:
     BadPivot badPivot;
 };
 
+// Writes the values of the input matrix's block columns [first, end) (container column i holds the blocks
+// (j, i), j <= i, of block row i) into `data.matrix`: the source of Tamber::factorSerial(data, input), which
+// asks for each column just before it factors that block row, so that the values are still in the cache
+// when the factorization reads them. Analysis::Analyzer::setBlocksAndFactor is the one a caller uses.
+class InputColumns {
+public:
+    virtual void write(unsigned int first, unsigned int end) = 0;
+
+protected:
+    ~InputColumns() = default;
+};
+
 // The driver: factorization, solves and their timers. Durations are in seconds (tick-counter differences
 // times kiv::Timer::clockSpeed()).
 class Tamber {
@@ -166,6 +178,14 @@ public:
     template <typename T>
     void factorSerial(TamberData<T>& data);
 
+    // factorSerial with the input's values written as the factorization reaches them: input.write(first,
+    // end) for consecutive ranges of columns that together cover every block column 0 … nb − 1 once, each
+    // before the factorization reads the values of its rows, all of them before the call returns (also
+    // after a stop at a bad pivot). The same results as writing every column and then calling
+    // factorSerial(data).
+    template <typename T>
+    void factorSerial(TamberData<T>& data, InputColumns& input);
+
     // LD(i, j) = L(i, j)·D_j for every block of `data.scaledFactor` whose flag is 0, flagged 1 (padding
     // columns 0): the values factorSerial writes when `writeScaledFactor` is 1, bit for bit. Costs O(1) when
     // the last block's flag is 1 (every factorization that writes LD writes it last), O(blocks) otherwise.
@@ -230,6 +250,10 @@ public:
     // Iterative refinement of x as a solution of A·x = b (b: in, x: in/out, N elements each); does not
     // factor. Returns x's entry value when a step raises the residual (see TamberSolve.h).
     void iterativeRefinement(TamberData<double>& data, const double* b, double* x, int maxIterations);
+
+private:
+    template <typename T>
+    void factorSerialFrom(TamberData<T>& data, InputColumns* input);
 };
 
 extern template unsigned int Tamber::estimateWork<float>(TamberData<float>&, unsigned int*);

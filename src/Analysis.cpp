@@ -421,6 +421,13 @@ struct Assembly {
     kiv::VectorPOD<unsigned int> factorBlock;   // [n] data block of each user block
     kiv::VectorPOD<unsigned int> factorOffset;  // [n] scalar offset of each user block inside it
     kiv::VectorPOD<Destination> destinations;   // [entries] where setBlock writes, for the analysed T
+    // The entries by the block column of data.matrix they are written to (ascending entry within a column):
+    // those of column c are columnEntries[columnStart[c] … columnStart[c + 1]), their destinations in the
+    // same order in columnDestinations (setBlocksAndFactor writes a column just before it is factored).
+    unsigned int columns = 0;                        // block columns of data.matrix
+    kiv::VectorPOD<unsigned int> columnStart;        // [columns + 1]
+    kiv::VectorPOD<unsigned int> columnEntries;      // [entries]
+    kiv::VectorPOD<Destination> columnDestinations;  // [entries]
     // permuteVector's copies: maximal runs of positions k whose user slices follow one another in the user's
     // numbering, in the order of k (as many as n when no two neighbours of the order are neighbours in the
     // user's numbering; one when the order is the identity).
@@ -429,7 +436,7 @@ struct Assembly {
 
     // No structure: every entry and block count zero (the assembly functions then write nothing).
     void reset() noexcept {
-        n = N = groups = numRuns = 0;
+        n = N = groups = numRuns = columns = 0;
         entries = 0;
     }
 
@@ -438,6 +445,7 @@ struct Assembly {
         std::swap(N, o.N);
         std::swap(entries, o.entries);
         std::swap(groups, o.groups);
+        std::swap(columns, o.columns);
         std::swap(numRuns, o.numRuns);
         runs.swap(o.runs);
         inverse.swap(o.inverse);
@@ -445,6 +453,9 @@ struct Assembly {
         factorBlock.swap(o.factorBlock);
         factorOffset.swap(o.factorOffset);
         destinations.swap(o.destinations);
+        columnStart.swap(o.columnStart);
+        columnEntries.swap(o.columnEntries);
+        columnDestinations.swap(o.columnDestinations);
         entryMode.swap(o.entryMode);
         forward.swap(o.forward);
         sizes.swap(o.sizes);
@@ -938,6 +949,9 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
         data.matrix.clear();
         data.matrix.setSize(nb, nb, blocks, values);
         w.staged.destinations.resize(w.staged.entries);
+        w.staged.columnStart.resize(static_cast<unsigned long>(nb) + 1);
+        w.staged.columnEntries.resize(w.staged.entries);
+        w.staged.columnDestinations.resize(w.staged.entries);
     } catch (const std::bad_alloc&) {
         // data.matrix lost its storage: the data object no longer matches the old structure either, so both
         // it and this analyzer's map are emptied.
@@ -979,6 +993,29 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
         d.first = d.mode == kTransposed ? base + oi * ld + oj : base + oj * ld + oi;
         d.mirror = base + oi * ld + oj;
     }
+    // The entries by destination column: a counting sort on the column of each entry's block (block k of
+    // data.matrix lies in the column c with S.colPointers[c] <= k < S.colPointers[c + 1]).
+    auto columnOf = [&](unsigned long e) {
+        return static_cast<unsigned int>(
+            std::upper_bound(S.colPointers + 1, S.colPointers + nb + 1, a.entryBlock[e]) -
+            (S.colPointers + 1));
+    };
+    a.columns = nb;
+    unsigned int* const start = a.columnStart.data();
+    std::fill(start, start + nb + 1, 0u);
+    for (unsigned long e = 0; e < a.entries; ++e) ++start[columnOf(e)];
+    for (unsigned int c = 0, sum = 0; c < nb; ++c) {  // start[c]: the first place of column c
+        const unsigned int count = start[c];
+        start[c] = sum;
+        sum += count;
+    }
+    for (unsigned long e = 0; e < a.entries; ++e) {
+        const unsigned int q = start[columnOf(e)]++;  // start[c] moves to the end of column c
+        a.columnEntries[q] = static_cast<unsigned int>(e);
+        a.columnDestinations[q] = a.destinations[e];
+    }
+    for (unsigned int c = nb; c > 0; --c) start[c] = start[c - 1];
+    start[0] = 0;
     w.committed.swap(w.staged);
     report.layoutSeconds = secondsSince(t);
     report.ok = true;
@@ -1097,6 +1134,46 @@ void Analyzer::setBlocks(TamberData<T>& data, const V* values, const unsigned lo
     data.isFactored = 0;
 }
 
+namespace {
+
+// The source of Tamber::factorSerial(data, input): the entries of each block column of data.matrix.
+template <typename T, typename V>
+class ColumnWriter final : public InputColumns {
+public:
+    ColumnWriter(const Assembly& a, T* target, const V* values, const unsigned long* valuePointers)
+        : a_(a), target_(target), values_(values), valuePointers_(valuePointers) {}
+
+    void write(unsigned int first, unsigned int end) override {
+        const unsigned int* const entries = a_.columnEntries.data();
+        const Destination* const d = a_.columnDestinations.data();
+        const unsigned int qEnd = a_.columnStart[end];
+        for (unsigned int q = a_.columnStart[first]; q < qEnd; ++q)
+            writeEntry(target_, d[q], values_ + valuePointers_[entries[q]], d[q].cols, 1);
+    }
+
+private:
+    const Assembly& a_;
+    T* const target_;
+    const V* const values_;
+    const unsigned long* const valuePointers_;
+};
+
+}  // namespace
+
+template <typename T, typename V>
+void Analyzer::setBlocksAndFactor(Tamber& tamber, TamberData<T>& data, const V* values,
+                                  const unsigned long* valuePointers) const {
+    const Assembly& a = impl_->committed;
+    data.isFactored = 0;
+    if (a.entries == 0 || data.matrix.numBlockCols != a.columns) {
+        setBlocks(data, values, valuePointers);
+        tamber.factorSerial(data);
+        return;
+    }
+    ColumnWriter<T, V> writer(a, data.matrix.values, values, valuePointers);
+    tamber.factorSerial(data, writer);
+}
+
 unsigned int Analyzer::entryRows(unsigned long entry) const {
     const Assembly& a = impl_->committed;
     return entry < a.entries ? a.sizes[a.rowIndices[entry]] : 0;
@@ -1144,6 +1221,14 @@ template void Analyzer::setBlocks<double, float>(TamberData<double>&, const floa
                                                  const unsigned long*) const;
 template void Analyzer::setBlocks<double, double>(TamberData<double>&, const double*,
                                                   const unsigned long*) const;
+template void Analyzer::setBlocksAndFactor<float, float>(Tamber&, TamberData<float>&, const float*,
+                                                         const unsigned long*) const;
+template void Analyzer::setBlocksAndFactor<float, double>(Tamber&, TamberData<float>&, const double*,
+                                                          const unsigned long*) const;
+template void Analyzer::setBlocksAndFactor<double, float>(Tamber&, TamberData<double>&, const float*,
+                                                          const unsigned long*) const;
+template void Analyzer::setBlocksAndFactor<double, double>(Tamber&, TamberData<double>&, const double*,
+                                                           const unsigned long*) const;
 template void Analyzer::permuteVector<float>(const float*, float*) const;
 template void Analyzer::permuteVector<double>(const double*, double*) const;
 template void Analyzer::unpermuteVector<float>(const float*, float*) const;

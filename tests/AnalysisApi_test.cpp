@@ -19,6 +19,8 @@
 #include "Analysis.h"
 #include "Reordering.h"
 #include "Tamber.h"
+#include "scenes/Scenes.h"
+#include "testing/Bits.h"
 #include "testing/BlockSystems.h"
 #include "testing/DenseReference.h"
 #include "testing/Patterns.h"
@@ -619,6 +621,113 @@ TEST(AnalysisApi, SteadyStateAllocatesNothingAndEmptyProblems) {
         EXPECT_TRUE(r.ok) << r.message;
         EXPECT_EQ(empty.permutation.size + empty.skeleton.n + empty.etree.numNodes + r.cost.scalarEntries,
                   0u);
+    }
+}
+
+// Every bit setBlocks followed by factorSerial leaves: the input's values up to the end of its last tile,
+// the tiles of L and L·D, the pivots, the bad-pivot record and isFactored.
+template <typename T>
+std::vector<double> stepBits(const TamberData<T>& data) {
+    std::vector<double> v;
+    for (const SparseMatrix<T>* X : {&data.matrix, &data.factor, &data.scaledFactor}) {
+        const unsigned long nb = X->numBlockCols, blocks = X->numBlocks;
+        if (blocks == 0) continue;
+        const unsigned long p = X->blockStrides[nb - 1];
+        v.insert(v.end(), X->values, X->blockPointers[blocks - 1] + p * p);
+    }
+    v.insert(v.end(), data.diagonal.data, data.diagonal.data + data.diagonal.size);
+    v.insert(v.end(), {static_cast<double>(data.badPivot.scalar), data.badPivot.value,
+                       static_cast<double>(data.isFactored)});
+    return v;
+}
+
+// setBlocksAndFactor against setBlocks + factorSerial, bit for bit (the input too, NaN payloads and signed
+// zeros included): saddle-point problems in every ordering, merged and not, in double and float (values
+// given in double), with L·D kept and not, through the plan and the row loop; after a step with other
+// values (every column must be rewritten), with a bad pivot in the middle with and without the stop (the
+// whole input is written even when the factorization stops), and allocation-free after a complete step.
+TEST(AnalysisApi, SetBlocksAndFactorEqualsSetBlocksThenFactorSerial) {
+    // `nanAt`: the value that becomes NaN in the step with a bad pivot.
+    auto check = [](auto zero, const Problem& problem, const std::vector<double>& values,
+                    const unsigned long* pointers, unsigned long nanAt, const Options& options,
+                    unsigned char lean, unsigned char usePlan, unsigned char stop) {
+        using T = decltype(zero);
+        SCOPED_TRACE(std::string(sizeof(T) == 8 ? "double" : "float") + " lean " + std::to_string(lean) +
+                     " plan " + std::to_string(usePlan) + " stop " + std::to_string(stop));
+        Analyzer analyzer;
+        Tamber tamber;
+        TamberData<T> twoCalls, oneCall;
+        for (TamberData<T>* data : {&twoCalls, &oneCall}) {
+            ASSERT_TRUE(analyzer.analyze(problem, options, *data).ok);
+            tamber.estimateWork(*data, nullptr);
+            data->writeScaledFactor = lean ? 0 : 1;
+            data->factorPlan.use = usePlan;
+            data->stopAtBadPivot = stop;
+        }
+        std::vector<double> other(values.size()), singular = values;
+        for (std::size_t k = 0; k < other.size(); ++k) other[k] = k % 7 == 3 ? -0.0 : -3.0 * values[k];
+        singular[nanAt] = std::nan("");
+        const std::vector<double>* const steps[] = {&other, &values, &singular, &values};
+        for (int step = 0; step < 4; ++step) {
+            const std::vector<double>* const v = steps[step];
+            const std::uint64_t before = kiv::ByteAllocator::allocationCount();
+            analyzer.setBlocksAndFactor(tamber, oneCall, v->data(), pointers);
+            if (step >= 2) {  // after a complete factorization (the first one may stop early)
+                EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
+            }
+            analyzer.setBlocks(twoCalls, v->data(), pointers);
+            tamber.factorSerial(twoCalls);
+            const std::vector<double> a = stepBits(oneCall), b = stepBits(twoCalls);
+            ASSERT_TRUE(kt::sameBits(a, b)) << "step " << step << ": " << kt::firstDifference(a, b);
+            if (step > 0) {
+                ASSERT_EQ(oneCall.badPivot.scalar == TamberData<T>::BadPivot::noPivot, v != &singular);
+            }
+        }
+    };
+    auto everyForm = [&](const Problem& problem, const std::vector<double>& values,
+                         const unsigned long* pointers, unsigned long nanAt, const Options& options,
+                         bool withFloat) {
+        for (unsigned char lean : {0, 1})
+            for (unsigned char usePlan : {1, 0})
+                for (unsigned char stop : {0, 1}) {
+                    check(0.0, problem, values, pointers, nanAt, options, lean, usePlan, stop);
+                    if (withFloat && lean == 0 && usePlan == 1)
+                        check(0.0f, problem, values, pointers, nanAt, options, lean, usePlan, stop);
+                }
+    };
+    for (unsigned long seed = 0; seed < 12; ++seed) {
+        const ListProblem s = makeSaddle(seed);
+        if (s.firstConstraint == 0) continue;
+        SCOPED_TRACE("seed " + std::to_string(seed));
+        // A NaN on a body's diagonal: a bad pivot where the order places it, or earlier.
+        const unsigned int body = (s.firstConstraint + 1) / 2;
+        for (unsigned int o = 0; o < 3; ++o) {
+            Options options;
+            options.ordering = kOrderings[o];
+            options.mergeBlocks = seed % 2 == 1;
+            SCOPED_TRACE(std::string(kNames[o]) + (options.mergeBlocks ? " merged" : ""));
+            everyForm(s.problem(), s.values, s.valuePointers.data(),
+                      s.valuePointers[s.colPointers[body + 1] - 1], options, true);
+        }
+    }
+    // The scenes, large enough for several groups of the plan's rows.
+    using namespace kivTamber::scenes;
+    for (SceneKind kind : {SceneKind::chain, SceneKind::ragdolls, SceneKind::cloth, SceneKind::boxWall}) {
+        auto scene = makeScene(kind, sizeForBlockCount(kind, 700));
+        scene->step(0.01);
+        BlockProblem problem;
+        scene->build(problem);
+        const Problem view = problem.pattern();
+        const unsigned int body = view.firstConstraint / 2;
+        const std::vector<double> values(problem.values.data(),
+                                         problem.values.data() + problem.values.size());
+        for (bool merge : {false, true}) {
+            SCOPED_TRACE(std::to_string(static_cast<int>(kind)) + (merge ? " merged" : ""));
+            Options options;
+            options.mergeBlocks = merge;
+            everyForm(view, values, problem.valuePointers.data(),
+                      problem.valuePointers[view.colPointers[body + 1] - 1], options, false);
+        }
     }
 }
 

@@ -590,5 +590,101 @@ TEST(FactorSerialEdge, NonFiniteStepLeavesNoTrace) {
     }
 }
 
+// An input source that copies each block column it is asked for from a finished matrix into data.matrix
+// (whose values start as NaN) and records the ranges asked for and the rows factored before each call.
+template <typename T>
+class CopyColumns final : public InputColumns {
+public:
+    CopyColumns(const SparseMatrix<T>& from, SparseMatrix<T>& to) : from_(from), to_(to) {}
+    void write(unsigned int first, unsigned int end) override {
+        ranges.push_back({first, end});
+        for (unsigned int c = first; c < end; ++c) {
+            const unsigned int b = from_.colPointers[c], bEnd = from_.colPointers[c + 1];
+            if (b == bEnd) continue;
+            const T* begin = from_.blockPointers[b];
+            const T* stop = from_.blockPointers[bEnd - 1] +
+                            static_cast<unsigned long>(from_.blockStrides[from_.rowIndices[bEnd - 1]]) *
+                                from_.blockStrides[c];
+            std::copy(begin, stop, to_.values + (begin - from_.values));
+        }
+    }
+    std::vector<std::pair<unsigned int, unsigned int>> ranges;
+
+private:
+    const SparseMatrix<T>& from_;
+    SparseMatrix<T>& to_;
+};
+
+// factorSerial(data, input) asks for every column once, in ascending ranges that cover 0 … nb − 1, each
+// before the factorization reads it (the input starts as NaN, so a column read early would change the
+// factor), also when it stops at a bad pivot; the result is that of the input written first, bit for bit,
+// through the plan, through the row loop and in float; and a second call allocates nothing.
+TEST(FactorSerialInput, ColumnsWrittenOnceBeforeTheirRowsWithTheSameBits) {
+    auto check = [](auto zero, const BlockSystem& sys, unsigned char usePlan, unsigned char stop,
+                    bool badPivot) {
+        using T = decltype(zero);
+        SCOPED_TRACE(std::string(sizeof(T) == 8 ? "double" : "float") + " plan " + std::to_string(usePlan) +
+                     " stop " + std::to_string(stop) + (badPivot ? " bad pivot" : ""));
+        Tamber tamber;
+        TamberData<T> reference, fed;
+        for (TamberData<T>* data : {&reference, &fed}) {
+            sys.fillData(*data);
+            data->factorPlan.use = usePlan;
+            data->stopAtBadPivot = stop;
+            tamber.estimateWork(*data, nullptr);
+        }
+        const unsigned int nb = static_cast<unsigned int>(reference.matrix.numBlockCols);
+        if (badPivot) {  // the middle block row of the input zeroed: its pivots are exactly 0
+            SparseMatrix<T>& A = reference.matrix;
+            const unsigned int b = nb / 2;
+            for (unsigned int e = A.colPointers[b]; e < A.colPointers[b + 1]; ++e)
+                std::fill(A.blockPointers[e],
+                          A.blockPointers[e] +
+                              static_cast<unsigned long>(A.blockStrides[b]) * A.blockStrides[A.rowIndices[e]],
+                          T(0));
+        }
+        tamber.factorSerial(reference);
+        CopyColumns<T> input(reference.matrix, fed.matrix);
+        for (int call = 0; call < 2; ++call) {
+            const std::uint64_t before = kiv::ByteAllocator::allocationCount();
+            std::fill(fed.matrix.values, fed.matrix.values + fed.matrix.valueCapacity,
+                      std::numeric_limits<T>::quiet_NaN());
+            input.ranges.clear();
+            tamber.factorSerial(fed, input);
+            if (call == 1) {
+                EXPECT_EQ(kiv::ByteAllocator::allocationCount(), before);
+            }
+            unsigned int next = 0;
+            for (const auto& r : input.ranges) {
+                ASSERT_EQ(r.first, next);
+                ASSERT_LT(r.first, r.second);
+                next = r.second;
+            }
+            ASSERT_EQ(next, nb);
+            ASSERT_TRUE(sameBits(factorBits(fed), factorBits(reference)));
+            EXPECT_EQ(fed.isFactored, reference.isFactored);
+            EXPECT_EQ(fed.badPivot.scalar, reference.badPivot.scalar);
+        }
+        // Every value of the input is there afterwards (padding included: it is copied from the reference).
+        const SparseMatrix<T>& A = reference.matrix;
+        const unsigned long extent =
+            static_cast<unsigned long>(A.blockPointers[A.numBlocks - 1] - A.values) +
+            static_cast<unsigned long>(A.blockStrides[nb - 1]) * A.blockStrides[nb - 1];
+        EXPECT_TRUE(std::equal(A.values, A.values + extent, fed.matrix.values));
+    };
+    for (unsigned long seed = 0; seed < 6; ++seed) {  // more than two groups of the plan's rows
+        const BlockSystem sys =
+            seed % 2 == 0 ? testing::makeSpdSystem(seed, 270 + seed * 10, 1 + seed % 5, 0.005)
+                          : testing::makeSaddlePointSystem(seed, 160 + seed * 10, 110, 1 + seed % 6, 0.01);
+        SCOPED_TRACE(testing::describe(sys));
+        for (unsigned char usePlan : {1, 0})
+            for (unsigned char stop : {0, 1})
+                for (bool bad : {false, true}) {
+                    check(0.0, sys, usePlan, stop, bad);
+                    if (usePlan == 1) check(0.0f, sys, usePlan, stop, bad);
+                }
+    }
+}
+
 }  // namespace
 }  // namespace kivTamber
