@@ -231,6 +231,13 @@ void backwardDiagonal(const double* U, unsigned int ld, double* xj, unsigned int
 void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, unsigned int sj, double* xi,
                          unsigned int si);
 
+// The rows × cols block V, row-major (row stride cols), into the column-major tile W of leading dimension
+// ld: copyBlock puts V(a, b) at W[b·ld + a] (W holds V), copyBlockTransposed at W[a·ld + b] (W holds Vᵀ).
+// Nothing else of W is written; values are copied bit for bit. The assembly of the input matrix runs these
+// per block; sizes up to 6 are straight-line code.
+void copyBlock(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld);
+void copyBlockTransposed(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld);
+
 // y += A·x over the block columns firstColumn … endColumn−1 of a symmetric block-sparse matrix in the upper
 // form, read from the arrays of a SparseMatrix (see SparseTypes.h): column j holds the tiles colPointers[j]
 // … colPointers[j+1]−1; the last one is used as its diagonal tile, every other one as an off-diagonal tile
@@ -304,6 +311,8 @@ unsigned int addUpperProducts(const float* const* tiles, const unsigned int* row
                               const unsigned int* offsets, const unsigned int* strides,
                               unsigned int firstColumn, unsigned int endColumn, const float* x, float* y,
                               unsigned int ready, unsigned long prefetchAhead);
+void copyBlock(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld);
+void copyBlockTransposed(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld);
 
 }  // namespace reference
 }  // namespace kernels

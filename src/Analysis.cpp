@@ -11,9 +11,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
+#include "Kernels.h"
 #include "Reordering.h"
 #include "Symbolic.h"
 #include "TreeUpdate.h"
@@ -1086,6 +1088,20 @@ namespace {
 // v[a·rs + b·cs]; rs = d.cols, cs = 1 for row-major A(i, j), rs = 1, cs = d.rows for row-major A(j, i).
 template <typename T, typename V>
 inline void writeEntry(T* values, const Destination& d, const V* v, unsigned long rs, unsigned long cs) {
+    if constexpr (std::is_same<T, double>::value && std::is_same<V, double>::value) {
+        // Row-major A(i, j) (cs = 1) or row-major A(j, i) (rs = 1): the size-specialised copies.
+        const bool rowMajor = cs == 1;
+        if (d.mode != kTransposed) {
+            rowMajor ? kernels::fast::copyBlock(v, d.rows, d.cols, values + d.first, d.ld)
+                     : kernels::fast::copyBlockTransposed(v, d.cols, d.rows, values + d.first, d.ld);
+        }
+        if (d.mode != kAsIs) {
+            double* const tile = values + (d.mode == kTransposed ? d.first : d.mirror);
+            rowMajor ? kernels::fast::copyBlockTransposed(v, d.rows, d.cols, tile, d.ld)
+                     : kernels::fast::copyBlock(v, d.cols, d.rows, tile, d.ld);
+        }
+        return;
+    }
     const unsigned long ld = d.ld, rows = d.rows, cols = d.cols;
     if (d.mode != kTransposed) {
         T* tile = values + d.first;

@@ -522,6 +522,37 @@ void tamber_SM_UD(const float* L, int ldL, float* X, int /*ldX*/, int m, int n) 
 
 // ------------------------------------------------------------------------------ sized kernels, fast form
 
+namespace {
+
+// copyBlock / copyBlockTransposed with both sizes fixed: unrolled moves.
+template <unsigned int R, unsigned int C, bool kTransposed>
+void copyBlockFixed(const double* __restrict V, double* __restrict W, unsigned long ld) {
+    for (unsigned int a = 0; a < R; ++a) {
+        for (unsigned int b = 0; b < C; ++b) {
+            if (kTransposed) {
+                W[a * ld + b] = V[a * C + b];
+            } else {
+                W[b * ld + a] = V[a * C + b];
+            }
+        }
+    }
+}
+
+using CopyFixed = void (*)(const double*, double*, unsigned long);
+constexpr unsigned int kCopyFixedMax = 6;
+
+template <bool kTransposed, unsigned int... I>
+constexpr std::array<CopyFixed, sizeof...(I)> copyBlockTable(std::integer_sequence<unsigned int, I...>) {
+    return {{&copyBlockFixed<I / kCopyFixedMax + 1, I % kCopyFixedMax + 1, kTransposed>...}};
+}
+
+// [(rows − 1)·6 + cols − 1]
+constexpr std::array<CopyFixed, kCopyFixedMax * kCopyFixedMax> copyBlocks[2] = {
+    copyBlockTable<false>(std::make_integer_sequence<unsigned int, kCopyFixedMax * kCopyFixedMax>()),
+    copyBlockTable<true>(std::make_integer_sequence<unsigned int, kCopyFixedMax * kCopyFixedMax>())};
+
+}  // namespace
+
 namespace kernels {
 namespace fast {
 
@@ -877,6 +908,22 @@ unsigned int addUpperProducts(const float* const* tiles, const unsigned int* row
                               unsigned int ready, unsigned long prefetchAhead) {
     const UpperMatrix<float> A{tiles, rowIndices, colPointers, sizes, offsets, strides};
     return upperProducts(A, firstColumn, endColumn, x, y, ready, prefetchAhead);
+}
+
+void copyBlock(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld) {
+    if (rows - 1 < kCopyFixedMax && cols - 1 < kCopyFixedMax) {
+        copyBlocks[0][(rows - 1) * kCopyFixedMax + cols - 1](V, W, ld);
+        return;
+    }
+    reference::copyBlock(V, rows, cols, W, ld);
+}
+
+void copyBlockTransposed(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld) {
+    if (rows - 1 < kCopyFixedMax && cols - 1 < kCopyFixedMax) {
+        copyBlocks[1][(rows - 1) * kCopyFixedMax + cols - 1](V, W, ld);
+        return;
+    }
+    reference::copyBlockTransposed(V, rows, cols, W, ld);
 }
 
 }  // namespace fast

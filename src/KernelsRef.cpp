@@ -348,6 +348,16 @@ unsigned int addUpperProducts(const float* const* tiles, const unsigned int* row
                          y, ready);
 }
 
+void copyBlock(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld) {
+    for (unsigned int a = 0; a < rows; ++a)
+        for (unsigned int b = 0; b < cols; ++b) W[static_cast<unsigned long>(b) * ld + a] = V[a * cols + b];
+}
+
+void copyBlockTransposed(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld) {
+    for (unsigned int a = 0; a < rows; ++a)
+        for (unsigned int b = 0; b < cols; ++b) W[static_cast<unsigned long>(a) * ld + b] = V[a * cols + b];
+}
+
 }  // namespace reference
 }  // namespace kernels
 }  // namespace kivTamber
