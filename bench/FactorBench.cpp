@@ -8,6 +8,10 @@
 // for factorSerial alone in tamber-bench's order (our analysis with block merging), with and without L·D and
 // by the row loop without the factorization plan, interleaved; FACTORBENCH_SHAPES=1 also lists the row shapes
 // and the distances i − j of the entries.
+//    or: FactorBench --assembly [runs (default 51)] [block count (default 10000)] [scene name ...]
+// for setBlocks + factorSerial against setBlocksAndFactor in the same order, interleaved, with a check that
+// both give the same L; FACTORBENCH_SOLVE=1 also times the solve and refinement step that follow each (so
+// that an effect of either form on the caches the solve finds would show).
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -272,7 +276,11 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
         const unsigned long* pointers = problem.valuePointers.data();
         analyzer.setBlocks(data, values, pointers);
         tamber.factorSerial(data);
-        std::vector<double> times[2];
+        std::vector<double> times[2], solveTimes[2];
+        const bool withSolve = std::getenv("FACTORBENCH_SOLVE") != nullptr;
+        const unsigned long N = data.matrix.blockSizes[data.matrix.numBlockCols];
+        std::vector<double> b(N, 1.0), pb(N), x(N), y(N);
+        analyzer.permuteVector(b.data(), pb.data());
         bool same = true;
         std::vector<double> first;
         for (int r = 0; r < runs; ++r) {
@@ -285,6 +293,14 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
                     analyzer.setBlocksAndFactor(tamber, data, values, pointers);
                 }
                 times[form].push_back(seconds(start));
+                if (withSolve) {
+                    const std::uint64_t solveStart = kiv::Timer::ticks();
+                    analyzer.permuteVector(b.data(), x.data());
+                    TamberSolve::solve(data, x.data());
+                    analyzer.unpermuteVector(x.data(), y.data());
+                    tamber.iterativeRefinement(data, pb.data(), x.data(), 1);
+                    solveTimes[form].push_back(seconds(solveStart));
+                }
                 const SparseMatrix<double>& L = data.factor;
                 const unsigned long count =
                     static_cast<unsigned long>(L.blockPointers[L.numBlocks - 1] - L.values) + 1;
@@ -294,6 +310,9 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
             }
         }
         const double two = median(times[0]), one = median(times[1]);
+        if (withSolve)
+            std::printf("  then solve + refinement: after two %.3f ms, after one %.3f ms\n",
+                        median(solveTimes[0]) * 1e3, median(solveTimes[1]) * 1e3);
         std::printf("%-9s %7u %8lu %12.3f %12.3f %7.2f %6s\n", kind.name, problem.numBlocks, data.skeleton.n,
                     two * 1e3, one * 1e3, two / one, same ? "yes" : "NO");
         std::fflush(stdout);
