@@ -237,6 +237,11 @@ void backwardOffDiagonal(const double* B, unsigned int ld, const double* xj, uns
 // per block; sizes up to 6 are straight-line code.
 void copyBlock(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld);
 void copyBlockTransposed(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld);
+// The routine copyBlock (transposed = false) or copyBlockTransposed runs for one pair of sizes, for a caller
+// that copies blocks of the same sizes again and again: BlockCopy(V, W, ld) does what the call with those
+// sizes does. Null for sizes it has no routine for (then call copyBlock / copyBlockTransposed).
+using BlockCopy = void (*)(const double* V, double* W, unsigned long ld);
+BlockCopy blockCopy(unsigned int rows, unsigned int cols, bool transposed);
 
 // y += A·x over the block columns firstColumn … endColumn−1 of a symmetric block-sparse matrix in the upper
 // form, read from the arrays of a SparseMatrix (see SparseTypes.h): column j holds the tiles colPointers[j]

@@ -372,6 +372,15 @@ struct Destination {
     unsigned int mode;
 };
 
+// One entry of setBlocksAndFactor's column order: its destination, its index (for its values' pointer),
+// and for double values into a double matrix the copies of its sizes (null when there is none: writeEntry
+// then copies it): `first` to d.first, `second` (kBoth) the transpose to d.mirror.
+struct ColumnCopy {
+    Destination d;
+    kernels::fast::BlockCopy first, second;
+    unsigned long entry;
+};
+
 // A slice of permuteVector: `size` scalars from the user's offset `user` to the permuted offset `permuted`.
 struct CopyRun {
     unsigned int permuted, user, size;
@@ -424,12 +433,11 @@ struct Assembly {
     kiv::VectorPOD<unsigned int> factorOffset;  // [n] scalar offset of each user block inside it
     kiv::VectorPOD<Destination> destinations;   // [entries] where setBlock writes, for the analysed T
     // The entries by the block column of data.matrix they are written to (ascending entry within a column):
-    // those of column c are columnEntries[columnStart[c] … columnStart[c + 1]), their destinations in the
-    // same order in columnDestinations (setBlocksAndFactor writes a column just before it is factored).
-    unsigned int columns = 0;                        // block columns of data.matrix
-    kiv::VectorPOD<unsigned int> columnStart;        // [columns + 1]
-    kiv::VectorPOD<unsigned int> columnEntries;      // [entries]
-    kiv::VectorPOD<Destination> columnDestinations;  // [entries]
+    // those of column c are columnCopies[columnStart[c] … columnStart[c + 1]) (setBlocksAndFactor writes a
+    // column just before it is factored).
+    unsigned int columns = 0;                  // block columns of data.matrix
+    kiv::VectorPOD<unsigned int> columnStart;  // [columns + 1]
+    kiv::VectorPOD<ColumnCopy> columnCopies;   // [entries]
     // permuteVector's copies: maximal runs of positions k whose user slices follow one another in the user's
     // numbering, in the order of k (as many as n when no two neighbours of the order are neighbours in the
     // user's numbering; one when the order is the identity).
@@ -456,8 +464,7 @@ struct Assembly {
         factorOffset.swap(o.factorOffset);
         destinations.swap(o.destinations);
         columnStart.swap(o.columnStart);
-        columnEntries.swap(o.columnEntries);
-        columnDestinations.swap(o.columnDestinations);
+        columnCopies.swap(o.columnCopies);
         entryMode.swap(o.entryMode);
         forward.swap(o.forward);
         sizes.swap(o.sizes);
@@ -952,8 +959,7 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
         data.matrix.setSize(nb, nb, blocks, values);
         w.staged.destinations.resize(w.staged.entries);
         w.staged.columnStart.resize(static_cast<unsigned long>(nb) + 1);
-        w.staged.columnEntries.resize(w.staged.entries);
-        w.staged.columnDestinations.resize(w.staged.entries);
+        w.staged.columnCopies.resize(w.staged.entries);
     } catch (const std::bad_alloc&) {
         // data.matrix lost its storage: the data object no longer matches the old structure either, so both
         // it and this analyzer's map are emptied.
@@ -1013,8 +1019,16 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     }
     for (unsigned long e = 0; e < a.entries; ++e) {
         const unsigned int q = start[columnOf(e)]++;  // start[c] moves to the end of column c
-        a.columnEntries[q] = static_cast<unsigned int>(e);
-        a.columnDestinations[q] = a.destinations[e];
+        ColumnCopy& copy = a.columnCopies[q];
+        copy.d = a.destinations[e];
+        copy.entry = e;
+        // Row-major double values into a double matrix: the routines of the entry's sizes.
+        const bool doubles = std::is_same<T, double>::value;
+        copy.first = doubles ? kernels::fast::blockCopy(copy.d.rows, copy.d.cols, copy.d.mode == kTransposed)
+                             : nullptr;
+        copy.second = doubles && copy.d.mode == kBoth && copy.first != nullptr
+                          ? kernels::fast::blockCopy(copy.d.rows, copy.d.cols, true)
+                          : nullptr;
     }
     for (unsigned int c = nb; c > 0; --c) start[c] = start[c - 1];
     start[0] = 0;
@@ -1160,11 +1174,20 @@ public:
         : a_(a), target_(target), values_(values), valuePointers_(valuePointers) {}
 
     void write(unsigned int first, unsigned int end) override {
-        const unsigned int* const entries = a_.columnEntries.data();
-        const Destination* const d = a_.columnDestinations.data();
+        const ColumnCopy* const copies = a_.columnCopies.data();
         const unsigned int qEnd = a_.columnStart[end];
-        for (unsigned int q = a_.columnStart[first]; q < qEnd; ++q)
-            writeEntry(target_, d[q], values_ + valuePointers_[entries[q]], d[q].cols, 1);
+        for (unsigned int q = a_.columnStart[first]; q < qEnd; ++q) {
+            const ColumnCopy& c = copies[q];
+            const V* const v = values_ + valuePointers_[c.entry];
+            if constexpr (std::is_same<T, double>::value && std::is_same<V, double>::value) {
+                if (c.first != nullptr) {
+                    c.first(v, target_ + c.d.first, c.d.ld);
+                    if (c.second != nullptr) c.second(v, target_ + c.d.mirror, c.d.ld);
+                    continue;
+                }
+            }
+            writeEntry(target_, c.d, v, c.d.cols, 1);
+        }
     }
 
 private:

@@ -538,7 +538,7 @@ void copyBlockFixed(const double* __restrict V, double* __restrict W, unsigned l
     }
 }
 
-using CopyFixed = void (*)(const double*, double*, unsigned long);
+using CopyFixed = kernels::fast::BlockCopy;
 constexpr unsigned int kCopyFixedMax = 6;
 
 template <bool kTransposed, unsigned int... I>
@@ -908,6 +908,12 @@ unsigned int addUpperProducts(const float* const* tiles, const unsigned int* row
                               unsigned int ready, unsigned long prefetchAhead) {
     const UpperMatrix<float> A{tiles, rowIndices, colPointers, sizes, offsets, strides};
     return upperProducts(A, firstColumn, endColumn, x, y, ready, prefetchAhead);
+}
+
+BlockCopy blockCopy(unsigned int rows, unsigned int cols, bool transposed) {
+    if (rows - 1 < kCopyFixedMax && cols - 1 < kCopyFixedMax)
+        return copyBlocks[transposed ? 1 : 0][(rows - 1) * kCopyFixedMax + cols - 1];
+    return nullptr;
 }
 
 void copyBlock(const double* V, unsigned int rows, unsigned int cols, double* W, unsigned int ld) {
