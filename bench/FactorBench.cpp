@@ -10,8 +10,9 @@
 // and the distances i − j of the entries.
 //    or: FactorBench --assembly [runs (default 51)] [block count (default 10000)] [scene name ...]
 // for setBlocks + factorSerial against setBlocksAndFactor in the same order, interleaved, with a check that
-// both give the same L; FACTORBENCH_SOLVE=1 also times the solve and refinement step that follow each (so
-// that an effect of either form on the caches the solve finds would show).
+// both give the same L; FACTORBENCH_SOLVE=1 also times the solve and the refinement step that follow each
+// (an effect of either form on the caches the solve finds shows there), and FACTORBENCH_POLLUTE=1 writes
+// 64 MB before each step, as the other work of a time step would.
 #include <kiv/Timer.h>
 
 #include <algorithm>
@@ -276,8 +277,10 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
         const unsigned long* pointers = problem.valuePointers.data();
         analyzer.setBlocks(data, values, pointers);
         tamber.factorSerial(data);
-        std::vector<double> times[2], solveTimes[2];
+        std::vector<double> times[2], solveTimes[2], refineTimes[2];
         const bool withSolve = std::getenv("FACTORBENCH_SOLVE") != nullptr;
+        const bool pollute = std::getenv("FACTORBENCH_POLLUTE") != nullptr;
+        std::vector<double> junk(pollute ? (64u << 20) / 8 : 0);
         const unsigned long N = data.matrix.blockSizes[data.matrix.numBlockCols];
         std::vector<double> b(N, 1.0), pb(N), x(N), y(N);
         analyzer.permuteVector(b.data(), pb.data());
@@ -285,6 +288,9 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
         std::vector<double> first;
         for (int r = 0; r < runs; ++r) {
             for (int form = 0; form < 2; ++form) {
+                if (pollute) {
+                    for (std::size_t k = 0; k < junk.size(); k += 8) junk[k] += 1.0;
+                }
                 const std::uint64_t start = kiv::Timer::ticks();
                 if (form == 0) {
                     analyzer.setBlocks(data, values, pointers);
@@ -298,8 +304,10 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
                     analyzer.permuteVector(b.data(), x.data());
                     TamberSolve::solve(data, x.data());
                     analyzer.unpermuteVector(x.data(), y.data());
-                    tamber.iterativeRefinement(data, pb.data(), x.data(), 1);
                     solveTimes[form].push_back(seconds(solveStart));
+                    const std::uint64_t refineStart = kiv::Timer::ticks();
+                    tamber.iterativeRefinement(data, pb.data(), x.data(), 1);
+                    refineTimes[form].push_back(seconds(refineStart));
                 }
                 const SparseMatrix<double>& L = data.factor;
                 const unsigned long count =
@@ -311,8 +319,10 @@ int runAssembly(int runs, unsigned long target, int argc, char** argv, int first
         }
         const double two = median(times[0]), one = median(times[1]);
         if (withSolve)
-            std::printf("  then solve + refinement: after two %.3f ms, after one %.3f ms\n",
-                        median(solveTimes[0]) * 1e3, median(solveTimes[1]) * 1e3);
+            std::printf(
+                "  then a solve: after two %.3f ms, after one %.3f ms; a refinement step: %.3f, %.3f ms\n",
+                median(solveTimes[0]) * 1e3, median(solveTimes[1]) * 1e3, median(refineTimes[0]) * 1e3,
+                median(refineTimes[1]) * 1e3);
         std::printf("%-9s %7u %8lu %12.3f %12.3f %7.2f %6s\n", kind.name, problem.numBlocks, data.skeleton.n,
                     two * 1e3, one * 1e3, two / one, same ? "yes" : "NO");
         std::fflush(stdout);
