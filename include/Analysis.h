@@ -308,6 +308,11 @@ public:
     unsigned int entryRows(unsigned long entry) const;
     unsigned int entryCols(unsigned long entry) const;
 
+    // The block column of data.matrix that entry e is written to (its values are read by the factorization
+    // of that block row: see setBlocksAndFactor and Tamber::factorSerial(data, input)); ~0u when e is not an
+    // entry.
+    unsigned int entryMatrixColumn(unsigned long entry) const;
+
     // setBlock for every entry e, its values at values + valuePointers[e] (valuePointers: [numEntries()]).
     template <typename T, typename V>
     void setBlocks(TamberData<T>& data, const V* values, const unsigned long* valuePointers) const;

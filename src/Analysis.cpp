@@ -435,9 +435,10 @@ struct Assembly {
     // The entries by the block column of data.matrix they are written to (ascending entry within a column):
     // those of column c are columnCopies[columnStart[c] … columnStart[c + 1]) (setBlocksAndFactor writes a
     // column just before it is factored).
-    unsigned int columns = 0;                  // block columns of data.matrix
-    kiv::VectorPOD<unsigned int> columnStart;  // [columns + 1]
-    kiv::VectorPOD<ColumnCopy> columnCopies;   // [entries]
+    unsigned int columns = 0;                        // block columns of data.matrix
+    kiv::VectorPOD<unsigned int> columnStart;        // [columns + 1]
+    kiv::VectorPOD<ColumnCopy> columnCopies;         // [entries]
+    kiv::VectorPOD<unsigned int> entryMatrixColumn;  // [entries] the block column of data.matrix of each
     // permuteVector's copies: maximal runs of positions k whose user slices follow one another in the user's
     // numbering, in the order of k (as many as n when no two neighbours of the order are neighbours in the
     // user's numbering; one when the order is the identity).
@@ -465,6 +466,7 @@ struct Assembly {
         destinations.swap(o.destinations);
         columnStart.swap(o.columnStart);
         columnCopies.swap(o.columnCopies);
+        entryMatrixColumn.swap(o.entryMatrixColumn);
         entryMode.swap(o.entryMode);
         forward.swap(o.forward);
         sizes.swap(o.sizes);
@@ -960,6 +962,7 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
         w.staged.destinations.resize(w.staged.entries);
         w.staged.columnStart.resize(static_cast<unsigned long>(nb) + 1);
         w.staged.columnCopies.resize(w.staged.entries);
+        w.staged.entryMatrixColumn.resize(w.staged.entries);
     } catch (const std::bad_alloc&) {
         // data.matrix lost its storage: the data object no longer matches the old structure either, so both
         // it and this analyzer's map are emptied.
@@ -1011,14 +1014,17 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     a.columns = nb;
     unsigned int* const start = a.columnStart.data();
     std::fill(start, start + nb + 1, 0u);
-    for (unsigned long e = 0; e < a.entries; ++e) ++start[columnOf(e)];
+    for (unsigned long e = 0; e < a.entries; ++e) {
+        a.entryMatrixColumn[e] = columnOf(e);
+        ++start[a.entryMatrixColumn[e]];
+    }
     for (unsigned int c = 0, sum = 0; c < nb; ++c) {  // start[c]: the first place of column c
         const unsigned int count = start[c];
         start[c] = sum;
         sum += count;
     }
     for (unsigned long e = 0; e < a.entries; ++e) {
-        const unsigned int q = start[columnOf(e)]++;  // start[c] moves to the end of column c
+        const unsigned int q = start[a.entryMatrixColumn[e]]++;  // start[c] moves to the end of column c
         ColumnCopy& copy = a.columnCopies[q];
         copy.d = a.destinations[e];
         copy.entry = e;
@@ -1211,6 +1217,11 @@ void Analyzer::setBlocksAndFactor(Tamber& tamber, TamberData<T>& data, const V* 
     }
     ColumnWriter<T, V> writer(a, data.matrix.values, values, valuePointers);
     tamber.factorSerial(data, writer);
+}
+
+unsigned int Analyzer::entryMatrixColumn(unsigned long entry) const {
+    const Assembly& a = impl_->committed;
+    return entry < a.entries ? a.entryMatrixColumn[entry] : ~0u;
 }
 
 unsigned int Analyzer::entryRows(unsigned long entry) const {

@@ -699,6 +699,33 @@ TEST(AnalysisApi, SetBlocksAndFactorEqualsSetBlocksThenFactorSerial) {
         const ListProblem s = makeSaddle(seed);
         if (s.firstConstraint == 0) continue;
         SCOPED_TRACE("seed " + std::to_string(seed));
+        {  // entryMatrixColumn: an entry's values land in the tiles of that block column and nowhere else
+            Analyzer analyzer;
+            TamberData<double> data;
+            Options options;
+            options.mergeBlocks = seed % 2 == 1;
+            ASSERT_TRUE(analyzer.analyze(s.problem(), options, data).ok);
+            const SparseMatrix<double>& A = data.matrix;
+            const double* const end = A.blockPointers[A.numBlocks - 1] +
+                                      static_cast<unsigned long>(A.blockStrides[A.numBlockCols - 1]) *
+                                          A.blockStrides[A.numBlockCols - 1];
+            const std::vector<double> ones(144, 1.0);
+            for (unsigned long e = 0; e < analyzer.numEntries(); ++e) {
+                std::fill(A.values, A.values + A.valueCapacity, 0.0);
+                ASSERT_TRUE(analyzer.setBlock(data, e, ones.data()));
+                const unsigned int c = analyzer.entryMatrixColumn(e);
+                ASSERT_LT(c, A.numBlockCols);
+                const double* const first = A.blockPointers[A.colPointers[c]];
+                const double* const last =
+                    c + 1 < A.numBlockCols ? A.blockPointers[A.colPointers[c + 1]] : end;
+                for (const double* v = A.values; v < end; ++v) {
+                    if (*v != 0.0) {
+                        ASSERT_TRUE(v >= first && v < last) << "entry " << e;
+                    }
+                }
+            }
+            EXPECT_EQ(analyzer.entryMatrixColumn(analyzer.numEntries()), ~0u);
+        }
         // A NaN on a body's diagonal: a bad pivot where the order places it, or earlier.
         const unsigned int body = (s.firstConstraint + 1) / 2;
         for (unsigned int o = 0; o < 3; ++o) {
