@@ -27,6 +27,7 @@
 //         solver.setJacobian(joint, b0, J0);                     // 3×6 row-major
 //         solver.setJacobian(joint, b1, J1);
 //         if (!(st = solver.factor())) { std::fprintf(stderr, "%s\n", st.message.c_str()); ... }
+//         // or every value at once, written as the factorization reaches it: factor(bodies, jacobians)
 //         solver.solve(rhs, x);                                  // 15 values each
 //
 // What the object does for the caller: the analysis (ordering, block merging, the elimination tree) with the
