@@ -21,6 +21,7 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -672,7 +673,7 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            ValueArrays<T> v(solver, {bodies, jacobians, couplings, compliances});
+            ValueArrays<T> v(valueCounts(solver), {bodies, jacobians, couplings, compliances});
             check(solver.setValues(v.pointers[0], v.pointers[1], v.pointers[2], v.pointers[3]));
         });
     }
@@ -730,20 +731,22 @@ public:
         }
         visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            std::unique_ptr<ValueArrays<T>> v;
+            std::array<unsigned long, 4> counts;
             std::uint64_t generation;
             {
                 std::lock_guard<std::mutex> lock(mutex_);
-                v.reset(new ValueArrays<T>(solver, {bodies, jacobians, couplings, compliances}));
+                counts = valueCounts(solver);
                 generation = generation_;
             }
+            // Converted with the GIL and without the mutex (a conversion may run Python code).
+            const ValueArrays<T> v(counts, {bodies, jacobians, couplings, compliances});
             bool reanalyzed = false;
             const Status st = withoutGil([&]() {
                 if (generation_ != generation) {  // the counts checked above are of another structure
                     reanalyzed = true;
                     return Status();
                 }
-                const T* const* p = v->pointers;
+                const T* const* p = v.pointers;
                 Status result = solver.factor(p[0], p[1], p[2], p[3]);
                 if (!result.ok()) pivot = solver.badPivot();
                 return result;
@@ -931,16 +934,18 @@ public:
     }
 
 private:
+    // The value counts of the four arrays of set_values (the caller holds the mutex).
+    template <typename S>
+    static std::array<unsigned long, 4> valueCounts(const S& solver) {
+        return {solver.bodyValueCount(), solver.jacobianValueCount(), solver.couplingValueCount(),
+                solver.complianceValueCount()};
+    }
     // The arrays of set_values (and of the one-call factor) as C-ordered arrays of the solver's dtype with
-    // the counts of the structure, None as a null pointer; TypeError or ValueError naming the array
-    // otherwise. The caller holds the mutex and the GIL; the arrays stay alive (and unchanged) with this
-    // object.
+    // the given counts, None as a null pointer; TypeError or ValueError naming the array otherwise. The
+    // caller holds the GIL; the arrays stay alive with this object.
     template <typename T>
     struct ValueArrays {
-        template <typename S>
-        ValueArrays(S& solver, std::initializer_list<py::handle> given) {
-            const unsigned long counts[4] = {solver.bodyValueCount(), solver.jacobianValueCount(),
-                                             solver.couplingValueCount(), solver.complianceValueCount()};
+        ValueArrays(const std::array<unsigned long, 4>& counts, std::initializer_list<py::handle> given) {
             const char* names[4] = {"set_values: bodies", "set_values: jacobians", "set_values: couplings",
                                     "set_values: compliances"};
             int k = 0;
