@@ -30,8 +30,9 @@
 //     if (!r.ok) { std::fprintf(stderr, "%s\n", r.message.c_str()); return; }
 //     tamber.estimateWork(data, nullptr);
 //     every step:
-//         analyzer.setBlocks(data, values, valuePointers);  // or setBlock(data, e, values of entry e)
-//         tamber.factorSerial(data);                         // (the double solve does not factor itself)
+//         analyzer.setBlocksAndFactor(tamber, data, values, valuePointers);
+//         // = analyzer.setBlocks(data, values, valuePointers) (or setBlock(data, e, values of entry e) per
+//         // entry), then tamber.factorSerial(data); the double solve does not factor itself
 //         analyzer.permuteVector(b, bp);
 //         tamber.solve(data, bp, xp);
 //         analyzer.unpermuteVector(xp, x);

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -372,14 +373,31 @@ struct Destination {
     unsigned int mode;
 };
 
-// One entry of setBlocksAndFactor's column order: its destination, its index (for its values' pointer),
-// and for double values into a double matrix the copies of its sizes (null when there is none: writeEntry
-// then copies it): `first` to d.first, `second` (kBoth) the transpose to d.mirror.
+// One entry of setBlocksAndFactor's column order, 16 bytes (the factorization streams these beside the
+// values): where its tile starts, its index (for its values' pointer and its Destination), the tile's
+// leading dimension, and the copy routine of its sizes (copyRoutines; 0: writeEntry with its Destination,
+// for a block beyond the routines' sizes, one copied to both triangles, or values of another type).
 struct ColumnCopy {
-    Destination d;
-    kernels::fast::BlockCopy first, second;
-    unsigned long entry;
+    unsigned long first;
+    unsigned int entry;
+    unsigned short ld;
+    unsigned short routine;
 };
+
+// copyRoutines()[1 + 36·transposed + 6·(rows − 1) + cols − 1]: the block copies of sizes up to 6.
+constexpr unsigned int kCopySizes = 6;
+const kernels::fast::BlockCopy* copyRoutines() {
+    static const std::array<kernels::fast::BlockCopy, 1 + 2 * kCopySizes* kCopySizes> routines = [] {
+        std::array<kernels::fast::BlockCopy, 1 + 2 * kCopySizes * kCopySizes> r{};
+        for (unsigned int t = 0; t < 2; ++t)
+            for (unsigned int rows = 1; rows <= kCopySizes; ++rows)
+                for (unsigned int cols = 1; cols <= kCopySizes; ++cols)
+                    r[1 + t * kCopySizes * kCopySizes + (rows - 1) * kCopySizes + cols - 1] =
+                        kernels::fast::blockCopy(rows, cols, t == 1);
+        return r;
+    }();
+    return routines.data();
+}
 
 // A slice of permuteVector: `size` scalars from the user's offset `user` to the permuted offset `permuted`.
 struct CopyRun {
@@ -1025,16 +1043,17 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
     }
     for (unsigned long e = 0; e < a.entries; ++e) {
         const unsigned int q = start[a.entryMatrixColumn[e]]++;  // start[c] moves to the end of column c
+        const Destination& d = a.destinations[e];
         ColumnCopy& copy = a.columnCopies[q];
-        copy.d = a.destinations[e];
-        copy.entry = e;
-        // Row-major double values into a double matrix: the routines of the entry's sizes.
-        const bool doubles = std::is_same<T, double>::value;
-        copy.first = doubles ? kernels::fast::blockCopy(copy.d.rows, copy.d.cols, copy.d.mode == kTransposed)
-                             : nullptr;
-        copy.second = doubles && copy.d.mode == kBoth && copy.first != nullptr
-                          ? kernels::fast::blockCopy(copy.d.rows, copy.d.cols, true)
-                          : nullptr;
+        copy.first = d.first;
+        copy.entry = static_cast<unsigned int>(e);
+        copy.ld = static_cast<unsigned short>(d.ld);
+        // Row-major double values into a double matrix: the routine of the entry's sizes.
+        const bool routine = std::is_same<T, double>::value && d.mode != kBoth && d.rows <= kCopySizes &&
+                             d.cols <= kCopySizes && d.ld <= 0xffffu;
+        copy.routine = routine ? static_cast<unsigned short>(1 + (d.mode == kTransposed ? 36 : 0) +
+                                                             (d.rows - 1) * kCopySizes + d.cols - 1)
+                               : 0;
     }
     for (unsigned int c = nb; c > 0; --c) start[c] = start[c - 1];
     start[0] = 0;
@@ -1181,18 +1200,19 @@ public:
 
     void write(unsigned int first, unsigned int end) override {
         const ColumnCopy* const copies = a_.columnCopies.data();
+        const kernels::fast::BlockCopy* const routines = copyRoutines();
         const unsigned int qEnd = a_.columnStart[end];
         for (unsigned int q = a_.columnStart[first]; q < qEnd; ++q) {
             const ColumnCopy& c = copies[q];
             const V* const v = values_ + valuePointers_[c.entry];
             if constexpr (std::is_same<T, double>::value && std::is_same<V, double>::value) {
-                if (c.first != nullptr) {
-                    c.first(v, target_ + c.d.first, c.d.ld);
-                    if (c.second != nullptr) c.second(v, target_ + c.d.mirror, c.d.ld);
+                if (c.routine != 0) {
+                    routines[c.routine](v, target_ + c.first, c.ld);
                     continue;
                 }
             }
-            writeEntry(target_, c.d, v, c.d.cols, 1);
+            const Destination& d = a_.destinations[c.entry];
+            writeEntry(target_, d, v, d.cols, 1);
         }
     }
 

@@ -807,6 +807,14 @@ TEST(KernelsSized, BlockCopiesFastEqualReference) {
                     kernels::reference::copyBlock(V.data(), rows, cols, plain.data, ld);
                 }
                 ASSERT_TRUE(fast.sameBits(plain.snapshot()));
+                // The routine chosen once for these sizes: the same call (none beyond 6).
+                const kernels::fast::BlockCopy routine = kernels::fast::blockCopy(rows, cols, transposed);
+                ASSERT_EQ(routine == nullptr, rows > 6 || cols > 6);
+                if (routine != nullptr) {
+                    for (int i = 0; i < fast.size; ++i) fast.raw[i] = 1000.0 + i;
+                    routine(V.data(), fast.data, ld);
+                    ASSERT_TRUE(fast.sameBits(plain.snapshot()));
+                }
                 // The reference itself: element (a, b) of V at (a, b) of the tile, or at (b, a).
                 for (unsigned int a = 0; a < rows; ++a)
                     for (unsigned int b = 0; b < cols; ++b) {
