@@ -18,9 +18,19 @@
 // relative difference of the Solver's and the hand-written solutions; the machine's load (/proc/loadavg)
 // before and after. Timings on a shared machine are noisy: instruction counts are the steadier figure.
 //
+// With --step, the two forms of the Solver's values-and-factor step instead, on one thread (the path on
+// which they differ): setValues followed by factor(), and factor(bodies, jacobians, couplings), which writes
+// each block column just before the serial factorization reads it. Each form has its own Solver (so the
+// other's step runs between two steps of one, as another system of a time step would); the repetitions
+// alternate which goes first. Printed per scene: sizes, the medians of both forms (and of setValues alone),
+// the ratio of the medians two calls / one call, the median of the per-repetition ratios, and whether
+// the two solvers' solutions agree bit for bit. Without --scene and --blocks: chain and ragdolls at 10,000
+// and 50,000 blocks.
+//
 // Usage: SolverBench [--blocks N] [--reps R] [--scene chain|ragdolls|cloth|boxes]
-//                    [--only solver|lowlevel|best]
-// (defaults 10000, 41, every scene, every way). --only runs one way alone, for instruction counts per step,
+//                    [--only solver|lowlevel|best|twocall|onecall] [--step]
+// (defaults 10000, 41, every scene, every way). --only twocall / onecall run one form of --step alone
+// (callgrind: '*twoCallStep*', '*oneCallStep*'). --only runs one way alone, for instruction counts per step,
 // (count with --reps 4 − count with --reps 1) / 3, counted inside the step function only, e.g.
 //   valgrind --tool=callgrind --toggle-collect='*solverStep*' SolverBench --scene cloth --only solver --reps
 //   4
@@ -158,6 +168,108 @@ __attribute__((noinline)) double lowLevelBestStep(Bench& w) {
     return kiv::Timer::seconds(t0, kiv::Timer::ticks());
 }
 
+// ---- --step: setValues + factor() against factor(values) ----
+
+struct StepBench {
+    scenes::BlockProblem problem;
+    demo::SceneSystem<double> system;
+    Solver<double> twoCall, oneCall;
+};
+
+struct StepTimes {
+    double setValues = 0, total = 0;
+};
+
+__attribute__((noinline)) StepTimes twoCallStep(StepBench& w) {
+    StepTimes t;
+    const std::uint64_t t0 = kiv::Timer::ticks();
+    const Status vs = w.system.setValues(w.twoCall, w.problem);
+    const std::uint64_t t1 = kiv::Timer::ticks();
+    const Status fs = w.twoCall.factor();
+    const std::uint64_t t2 = kiv::Timer::ticks();
+    if (!vs || !fs) {
+        std::fprintf(stderr, "SolverBench: %s\n", (!vs ? vs : fs).message.c_str());
+        std::exit(1);
+    }
+    t.setValues = kiv::Timer::seconds(t0, t1);
+    t.total = kiv::Timer::seconds(t0, t2);
+    return t;
+}
+
+__attribute__((noinline)) double oneCallStep(StepBench& w) {
+    const std::uint64_t t0 = kiv::Timer::ticks();
+    const Status fs = w.oneCall.factor(w.system.bodies(), w.system.jacobians(),
+                                       w.system.couplingBlocks() > 0 ? w.system.couplings() : nullptr);
+    const std::uint64_t t1 = kiv::Timer::ticks();
+    if (!fs) {
+        std::fprintf(stderr, "SolverBench: %s\n", fs.message.c_str());
+        std::exit(1);
+    }
+    return kiv::Timer::seconds(t0, t1);
+}
+
+const char* sceneName(scenes::SceneKind kind);
+std::string milliseconds(double s);
+
+int runStep(scenes::SceneKind kind, unsigned long blocks, unsigned int reps, const std::string& only) {
+    std::unique_ptr<StepBench> w(new StepBench);
+    std::unique_ptr<scenes::Scene> scene = scenes::makeScene(kind, scenes::sizeForBlockCount(kind, blocks));
+    scene->setTime(0.5);
+    scene->build(w->problem);
+    w->system.describe(w->problem);
+    if (w->system.general()) {
+        std::fprintf(stderr, "SolverBench: %s is not a body/constraint system\n", sceneName(kind));
+        return 1;
+    }
+    SolverOptions options;
+    options.threads = 1;
+    for (Solver<double>* s : {&w->twoCall, &w->oneCall}) {
+        Status st = s->setOptions(options);
+        if (st) st = w->system.analyze(*s, w->problem);
+        if (!st) {
+            std::fprintf(stderr, "SolverBench: %s: %s\n", sceneName(kind), st.message.c_str());
+            return 1;
+        }
+    }
+    w->system.gather(w->problem);
+    const bool two = only != "onecall", one = only != "twocall";
+    if (two) twoCallStep(*w);  // first-call sizing
+    if (one) oneCallStep(*w);
+    std::vector<double> twoTotal, twoValues, oneTotal, ratios;
+    for (unsigned int rep = 0; rep < reps; ++rep) {
+        StepTimes t;
+        double o = 0;
+        if (rep % 2 == 0) {
+            if (two) t = twoCallStep(*w);
+            if (one) o = oneCallStep(*w);
+        } else {
+            if (one) o = oneCallStep(*w);
+            if (two) t = twoCallStep(*w);
+        }
+        twoTotal.push_back(t.total);
+        twoValues.push_back(t.setValues);
+        oneTotal.push_back(o);
+        if (o > 0) ratios.push_back(t.total / o);
+    }
+    const unsigned long N = w->problem.scalarSize();
+    bool same = true;
+    if (two && one) {
+        std::vector<double> b(N), x(N), y(N);
+        for (unsigned long k = 0; k < N; ++k) b[k] = std::sin(0.37 * static_cast<double>(k) + 1.0);
+        same = w->twoCall.solve(b.data(), x.data()) && w->oneCall.solve(b.data(), y.data()) &&
+               std::memcmp(x.data(), y.data(), N * sizeof(double)) == 0;
+    }
+    const SolverReport& report = w->oneCall.report();
+    std::printf("%-9s %7u %8lu %8lu  %-9s %9s %9s %9s | %7.3f %7.3f  %s\n", sceneName(kind),
+                w->problem.numBlocks, N, report.factorBlocks, report.path.c_str(),
+                milliseconds(median(twoTotal)).c_str(), milliseconds(median(twoValues)).c_str(),
+                milliseconds(median(oneTotal)).c_str(),
+                median(oneTotal) > 0 ? median(twoTotal) / median(oneTotal) : 0.0, median(ratios),
+                same ? "yes" : "NO");
+    std::fflush(stdout);
+    return same ? 0 : 1;
+}
+
 const char* sceneName(scenes::SceneKind kind) {
     switch (kind) {
         case scenes::SceneKind::chain:
@@ -289,30 +401,61 @@ int main(int argc, char** argv) {
     unsigned long blocks = 10000;
     unsigned int reps = 41;
     std::string only, sceneArg;
+    bool step = false, blocksGiven = false;
     for (int a = 1; a < argc; ++a) {
         const std::string arg = argv[a];
         const char* value = a + 1 < argc ? argv[a + 1] : nullptr;
         if (arg == "--blocks" && value) {
-            blocks = std::strtoul(value, nullptr, 10), ++a;
+            blocks = std::strtoul(value, nullptr, 10), blocksGiven = true, ++a;
         } else if (arg == "--reps" && value) {
             reps = static_cast<unsigned int>(std::strtoul(value, nullptr, 10)), ++a;
         } else if (arg == "--only" && value) {
             only = value, ++a;
         } else if (arg == "--scene" && value) {
             sceneArg = value, ++a;
+        } else if (arg == "--step") {
+            step = true;
         } else {
             std::fprintf(stderr,
                          "usage: SolverBench [--blocks N] [--reps R] [--scene chain|ragdolls|cloth|boxes] "
-                         "[--only solver|lowlevel|best]\n");
+                         "[--only solver|lowlevel|best|twocall|onecall] [--step]\n");
             return 2;
         }
     }
-    if (blocks == 0 || reps == 0 ||
-        (only != "" && only != "solver" && only != "lowlevel" && only != "best")) {
-        std::fprintf(stderr, "SolverBench: bad --blocks, --reps or --only\n");
+    const bool stepOnly = only == "twocall" || only == "onecall";
+    if (blocks == 0 || reps == 0 || (step ? !(only.empty() || stepOnly) : stepOnly) ||
+        (!step && only != "" && only != "solver" && only != "lowlevel" && only != "best")) {
+        std::fprintf(stderr,
+                     "SolverBench: bad --blocks, --reps or --only (twocall and onecall with --step)\n");
         return 2;
     }
     kiv::Timer::clockSpeed();
+    const scenes::SceneKind kinds[] = {scenes::SceneKind::chain, scenes::SceneKind::ragdolls,
+                                       scenes::SceneKind::cloth, scenes::SceneKind::boxWall};
+    if (step) {
+        std::printf(
+            "SolverBench --step: setValues + factor() against factor(values), one thread, %u interleaved "
+            "repetitions, medians in ms\n",
+            reps);
+        std::printf("load average before: %s\n", loadAverage().c_str());
+        std::printf("%-9s %7s %8s %8s  %-9s %9s %9s %9s | %7s %7s  %s\n", "scene", "blocks", "N", "L blocks",
+                    "path", "two calls", "setValues", "one call", "ratio", "med.r", "same bits");
+        int status = 0;
+        for (scenes::SceneKind kind : kinds) {
+            if (sceneArg.empty() && kind != scenes::SceneKind::chain && kind != scenes::SceneKind::ragdolls)
+                continue;
+            if (!sceneArg.empty() && sceneArg != sceneName(kind)) continue;
+            for (unsigned long n : {10000ul, 50000ul}) {
+                if (blocksGiven && n != 10000ul) continue;
+                status |= runStep(kind, blocksGiven ? blocks : n, reps, only);
+            }
+        }
+        std::printf("load average after:  %s\n", loadAverage().c_str());
+        std::printf(
+            "ratio: median of setValues + factor() / median of factor(values); med.r: median of the "
+            "per-repetition ratios\n");
+        return status;
+    }
     std::printf(
         "SolverBench: one time step through the Solver, by hand and best by hand, %u interleaved "
         "repetitions, "
@@ -322,8 +465,6 @@ int main(int argc, char** argv) {
     std::printf("%-9s %7s %8s  %-13s %9s %9s %9s %9s | %9s %9s %9s %9s | %9s | %7s %7s %7s  %s\n", "scene",
                 "blocks", "N", "path/threads", "Solver", "assemble", "factor", "solve", "by hand", "assemble",
                 "factor", "solve", "best", "ratio", "r.best", "med.r", "‖Δx‖/‖x‖");
-    const scenes::SceneKind kinds[] = {scenes::SceneKind::chain, scenes::SceneKind::ragdolls,
-                                       scenes::SceneKind::cloth, scenes::SceneKind::boxWall};
     int status = 0;
     for (scenes::SceneKind kind : kinds) {
         if (!sceneArg.empty() && sceneArg != sceneName(kind)) continue;

@@ -27,6 +27,7 @@
 //         solver.setJacobian(joint, b0, J0);                     // 3×6 row-major
 //         solver.setJacobian(joint, b1, J1);
 //         if (!(st = solver.factor())) { std::fprintf(stderr, "%s\n", st.message.c_str()); ... }
+//         // or every value at once, written as the factorization reaches it: factor(bodies, jacobians)
 //         solver.solve(rhs, x);                                  // 15 values each
 //
 // What the object does for the caller: the analysis (ordering, block merging, the elimination tree) with the
@@ -294,6 +295,20 @@ public:
     // Factors the current values with the current active set. Stops at the first zero or non-finite pivot
     // and names it (badPivot()); the factor is then invalid.
     Status factor();
+    // One step in one call: setValues(bodies, jacobians, couplings, compliances) followed by factor(), with
+    // the same statuses and messages for bad input (a refused call writes nothing and changes nothing: a
+    // valid factor stays valid) and the same results bit for bit (values held, factor, pivots, bad pivot,
+    // report). On the serial path (one thread) with every equation active and no regularisation, the
+    // values of each block column are written just before the factorization reads them, so that the copies
+    // run beside its work instead of in a pass of their own; otherwise the values are written first. A null
+    // array leaves that kind of values as it is. report().factorSeconds then covers writing the values too.
+    // Allocates nothing after the first factorization of a structure.
+    Status factor(const T* bodies, const T* jacobians, const T* couplings = nullptr,
+                  const T* compliances = nullptr);
+    // The same for a structure given as an Analysis::Problem: setPatternValues(values, valuePointers)
+    // followed by factor(), the values written as the serial factorization reaches them where the path
+    // allows it.
+    Status factorPatternValues(const T* values, const unsigned long* valuePointers);
     // x = A⁻¹·b (b and x: N values each, may be the same array). Applies pending switches first.
     Status solve(const T* b, T* x);
     // In place: x holds b on entry.

@@ -21,11 +21,13 @@
 #include <pybind11/stl.h>
 
 #include <algorithm>
+#include <array>
 #include <climits>
 #include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -671,19 +673,8 @@ public:
         std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            py::array_t<T, py::array::c_style> arrays[4];
-            const py::handle given[4] = {bodies, jacobians, couplings, compliances};
-            const unsigned long counts[4] = {solver.bodyValueCount(), solver.jacobianValueCount(),
-                                             solver.couplingValueCount(), solver.complianceValueCount()};
-            const char* names[4] = {"set_values: bodies", "set_values: jacobians", "set_values: couplings",
-                                    "set_values: compliances"};
-            const T* pointers[4] = {nullptr, nullptr, nullptr, nullptr};
-            for (int k = 0; k < 4; ++k) {
-                if (given[k].is_none()) continue;
-                arrays[k] = flatValues<T>(given[k], counts[k], names[k]);
-                pointers[k] = arrays[k].data();
-            }
-            check(solver.setValues(pointers[0], pointers[1], pointers[2], pointers[3]));
+            ValueArrays<T> v(valueCounts(solver), {bodies, jacobians, couplings, compliances});
+            check(solver.setValues(v.pointers[0], v.pointers[1], v.pointers[2], v.pointers[3]));
         });
     }
     void setScalarValues(const py::handle& values) {
@@ -722,16 +713,49 @@ public:
 
     // ---- factorization and solves ----
 
-    void factor() {
+    // factor(): the values held. With arrays: the one-call step, set_values(...) followed by factor()
+    // (the same checks and messages), the values written as the factorization reaches them.
+    void factor(const py::handle& bodies, const py::handle& jacobians, const py::handle& couplings,
+                const py::handle& compliances) {
         PivotLocation pivot;
-        const Status st = withoutGil([&]() {
-            return visit([&](auto& s) {
-                Status result = s.factor();
-                if (!result.ok()) pivot = s.badPivot();
+        if (bodies.is_none() && jacobians.is_none() && couplings.is_none() && compliances.is_none()) {
+            const Status st = withoutGil([&]() {
+                return visit([&](auto& s) {
+                    Status result = s.factor();
+                    if (!result.ok()) pivot = s.badPivot();
+                    return result;
+                });
+            });
+            check(st, &pivot);
+            return;
+        }
+        visit([&](auto& solver) {
+            using T = ScalarOf<decltype(solver)>;
+            std::array<unsigned long, 4> counts;
+            std::uint64_t generation;
+            {
+                std::lock_guard<std::mutex> lock(mutex_);
+                counts = valueCounts(solver);
+                generation = generation_;
+            }
+            // Converted with the GIL and without the mutex (a conversion may run Python code).
+            const ValueArrays<T> v(counts, {bodies, jacobians, couplings, compliances});
+            bool reanalyzed = false;
+            const Status st = withoutGil([&]() {
+                if (generation_ != generation) {  // the counts checked above are of another structure
+                    reanalyzed = true;
+                    return Status();
+                }
+                const T* const* p = v.pointers;
+                Status result = solver.factor(p[0], p[1], p[2], p[3]);
+                if (!result.ok()) pivot = solver.badPivot();
                 return result;
             });
+            if (reanalyzed)
+                raise(PyExc_RuntimeError,
+                      "factor: another thread analysed the solver again during this call");
+            check(st, &pivot);
         });
-        check(st, &pivot);
     }
 
     // x = A⁻¹·b for b of shape (N,) or (N, k), into a new array (C order for a vector, Fortran order for k
@@ -910,6 +934,33 @@ public:
     }
 
 private:
+    // The value counts of the four arrays of set_values (the caller holds the mutex).
+    template <typename S>
+    static std::array<unsigned long, 4> valueCounts(const S& solver) {
+        return {solver.bodyValueCount(), solver.jacobianValueCount(), solver.couplingValueCount(),
+                solver.complianceValueCount()};
+    }
+    // The arrays of set_values (and of the one-call factor) as C-ordered arrays of the solver's dtype with
+    // the given counts, None as a null pointer; TypeError or ValueError naming the array otherwise. The
+    // caller holds the GIL; the arrays stay alive with this object.
+    template <typename T>
+    struct ValueArrays {
+        ValueArrays(const std::array<unsigned long, 4>& counts, std::initializer_list<py::handle> given) {
+            const char* names[4] = {"set_values: bodies", "set_values: jacobians", "set_values: couplings",
+                                    "set_values: compliances"};
+            int k = 0;
+            for (const py::handle& h : given) {
+                if (!h.is_none()) {
+                    arrays[k] = flatValues<T>(h, counts[k], names[k]);
+                    pointers[k] = arrays[k].data();
+                }
+                ++k;
+            }
+        }
+        py::array_t<T, py::array::c_style> arrays[4];
+        const T* pointers[4] = {nullptr, nullptr, nullptr, nullptr};
+    };
+
     // The wrapper's record of the structure, for the shape checks (the caller holds the mutex).
     void requireSizes(const char* what) {
         if (blockSizes_.empty() && visit([](auto& s) { return s.isAnalyzed(); }))
@@ -1046,7 +1097,13 @@ PYBIND11_MODULE(_kivtamber, m) {
         .def("set_active", &PySolver::setActive, py::arg("constraint"), py::arg("row"), py::arg("on"))
         .def("set_constraint_active", &PySolver::setConstraintActive, py::arg("constraint"), py::arg("on"))
         .def("is_active", &PySolver::isActive, py::arg("constraint"), py::arg("row"))
-        .def("factor", &PySolver::factor)
+        .def("factor", &PySolver::factor, py::arg("bodies") = py::none(), py::arg("jacobians") = py::none(),
+             py::arg("couplings") = py::none(), py::arg("compliances") = py::none(),
+             "factor(): factors the values held. factor(bodies=..., jacobians=..., couplings=..., "
+             "compliances=...): one step in one call, the same as set_values(...) followed by factor() "
+             "(the same checks and messages, the same results bit for bit; an array left None keeps "
+             "those values), with each block column's values written just before the serial "
+             "factorization reads them.")
         .def("solve", &PySolver::solve, py::arg("b"), py::arg("out") = py::none())
         .def_property_readonly("size", &PySolver::size)
         .def_property_readonly("num_bodies", &PySolver::numBodies)

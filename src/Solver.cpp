@@ -122,6 +122,42 @@ struct Solver<T>::Impl {
     unsigned long bodyValues = 0, jacobianValues = 0, couplingValues = 0, complianceValues = 0;
     std::vector<T> negated;  // scratch for −C, max constraint size squared
 
+    // The items of a body/constraint structure by the block column of data.matrix their values land in:
+    // column k's items are columnItems[columnItemStart[k] .. columnItemStart[k + 1] − 1] (made at analyze;
+    // empty for the other kinds of input). They let a one-call step write each column just before the serial
+    // factorization reads it.
+    enum : unsigned char { bodyKind = 0, jacobianKind, couplingKind, complianceKind };
+    struct ColumnItem {
+        unsigned long entry;
+        unsigned long value;       // offset of its values in the array of its kind
+        unsigned char kind;        // bodyKind … complianceKind (a compliance goes in as −C)
+        unsigned char transposed;  // as Slot::transposed
+    };
+    std::vector<unsigned int> columnItemStart;
+    std::vector<ColumnItem> columnItems;
+    void buildColumnItems();
+
+    // The values of a one-call step: the four arrays of setValues (any may be null), or the values and
+    // value pointers of setPatternValues (pattern non-null).
+    struct StepInput {
+        const T* arrays[4] = {nullptr, nullptr, nullptr, nullptr};
+        const T* pattern = nullptr;
+        const unsigned long* valuePointers = nullptr;
+    };
+    // The source of Tamber::factorSerial(data, input) for the arrays of a step.
+    struct ArrayColumns final : InputColumns {
+        ArrayColumns(Impl& impl, const T* const* a) : m(impl), arrays(a) {}
+        void write(unsigned int first, unsigned int end) override { m.writeColumns(arrays, first, end); }
+        Impl& m;
+        const T* const* arrays;
+    };
+    // The checks of setValues and setPatternValues (their messages), before anything is written.
+    Status checkArrays(const T* const* arrays) const;
+    Status checkPattern(const T* values, const unsigned long* valuePointers) const;
+    // Writes the arrays (setValues without its checks); the items of columns [first, end) only.
+    void writeArrays(const T* const* arrays);
+    void writeColumns(const T* const* arrays, unsigned int first, unsigned int end);
+
     // Per factor-order scalar p: offset of the diagonal element A(p, p) in data.matrix.values, whether the
     // equation is a constraint row, and its user row.
     std::vector<unsigned long> diagonalOffset;
@@ -180,7 +216,9 @@ struct Solver<T>::Impl {
     void storeNegated(const Slot& s, const T* values);
 
     // ---- factorization ----
-    Status factorNow();
+    // Factors the values held, or with `input` the values of a one-call step written first or, on the
+    // serial path without masks and regularisation, column by column as the factorization reaches them.
+    Status factorNow(const StepInput* input = nullptr);
     unsigned long tileValueCount(unsigned int tile) const {
         const SparseMatrix<T>& A = data.matrix;
         return static_cast<unsigned long>(A.blockStrides[A.rowIndices[tile]]) *
@@ -552,7 +590,7 @@ void Solver<T>::Impl::scanPivots() {
 }
 
 template <typename T>
-Status Solver<T>::Impl::factorNow() {
+Status Solver<T>::Impl::factorNow(const StepInput* input) {
     const std::uint64_t start = kiv::Timer::ticks();
     factorValid = false;
     rankModPrepared = false;
@@ -565,6 +603,17 @@ Status Solver<T>::Impl::factorNow() {
     }
     const bool masked = anyInactive();
     const bool regularized = options.regularization > 0.0;
+    // The values of a one-call step go in column by column when the serial factorization reads the matrix
+    // as it is; masks, regularisation and the multifrontal factorization need the whole matrix first.
+    const bool byColumns =
+        input != nullptr && threads <= 1 && !masked && !regularized &&
+        (input->pattern != nullptr || columnItemStart.size() == data.matrix.numBlockCols + 1);
+    if (input != nullptr && !byColumns) {
+        if (input->pattern != nullptr)
+            analyzer.setBlocks(data, input->pattern, input->valuePointers);
+        else
+            writeArrays(input->arrays);
+    }
     if (masked) maskInactive();
     if (regularized) regularize();
     data.stopAtBadPivot = 1;
@@ -577,7 +626,14 @@ Status Solver<T>::Impl::factorNow() {
     } else {
         data.useMultifrontal = 0;
         data.numThreads = 1;
-        tamber.factorSerial(data);
+        if (!byColumns) {
+            tamber.factorSerial(data);
+        } else if (input->pattern != nullptr) {
+            analyzer.setBlocksAndFactor(tamber, data, input->pattern, input->valuePointers);
+        } else {
+            ArrayColumns columns(*this, input->arrays);
+            tamber.factorSerial(data, columns);
+        }
     }
     if (regularized) restoreRegularized();
     if (masked) restoreMasked();
@@ -1066,6 +1122,7 @@ Status Solver<T>::analyze(const SystemStructure& s) {
     }
     m.complianceValues = m.complianceValueOffsets.back();
     m.negated.assign(static_cast<unsigned long>(largest) * largest, T(0));
+    m.buildColumnItems();
     return Status();
 }
 
@@ -1168,58 +1225,150 @@ Status Solver<T>::setBlock(unsigned int i, unsigned int j, const T* values) {
 }
 
 template <typename T>
-Status Solver<T>::setValues(const T* bodies, const T* jacobians, const T* couplings, const T* compliances) {
-    Impl& m = *impl_;
-    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setValues before a successful analyze");
-    if (m.bodySlots.empty() && m.numBodies > 0)
+Status Solver<T>::Impl::checkArrays(const T* const* arrays) const {
+    if (!analyzed) return fail(StatusCode::notAnalyzed, "setValues before a successful analyze");
+    if (bodySlots.empty() && numBodies > 0)
         return fail(StatusCode::invalidArgument,
                     "setValues needs a structure of bodies and constraints; use setBlock");
-    if (m.options.checkValues) {
+    if (options.checkValues) {
         // Check everything before writing anything.
-        const struct {
-            const T* v;
-            unsigned long n;
-            const char* what;
-        } arrays[] = {{bodies, m.bodyValues, "body"},
-                      {jacobians, m.jacobianValues, "Jacobian"},
-                      {couplings, m.couplingValues, "coupling"},
-                      {compliances, m.complianceValues, "compliance"}};
-        for (const auto& a : arrays) {
-            if (a.v == nullptr) continue;
-            for (unsigned long k = 0; k < a.n; ++k)
-                if (!std::isfinite(a.v[k]))
-                    return fail(StatusCode::nonFiniteValue, "setValues: %s value %lu is %g", a.what, k,
-                                static_cast<double>(a.v[k]));
+        const unsigned long counts[4] = {bodyValues, jacobianValues, couplingValues, complianceValues};
+        const char* const what[4] = {"body", "Jacobian", "coupling", "compliance"};
+        for (int a = 0; a < 4; ++a) {
+            const T* v = arrays[a];
+            if (v == nullptr) continue;
+            for (unsigned long k = 0; k < counts[a]; ++k)
+                if (!std::isfinite(v[k]))
+                    return fail(StatusCode::nonFiniteValue, "setValues: %s value %lu is %g", what[a], k,
+                                static_cast<double>(v[k]));
         }
     }
-    unsigned long at = 0;
-    for (unsigned int b = 0; bodies && b < m.bodySlots.size(); ++b) {
-        m.store(m.bodySlots[b], bodies + at);
-        at += static_cast<unsigned long>(m.bodySlots[b].rows) * m.bodySlots[b].cols;
-    }
-    for (unsigned long k = 0; jacobians && k < m.jacobianSlots.size(); ++k)
-        m.store(m.jacobianSlots[k], jacobians + m.jacobianValueOffsets[k]);
-    for (unsigned long k = 0; couplings && k < m.couplingSlots.size(); ++k)
-        m.store(m.couplingSlots[k], couplings + m.couplingValueOffsets[k]);
-    for (unsigned long k = 0; compliances && k < m.complianceSlots.size(); ++k)
-        m.storeNegated(m.complianceSlots[k], compliances + m.complianceValueOffsets[k]);
     return Status();
 }
 
 template <typename T>
-Status Solver<T>::setPatternValues(const T* values, const unsigned long* valuePointers) {
+void Solver<T>::Impl::writeArrays(const T* const* arrays) {
+    const T *bodies = arrays[bodyKind], *jacobians = arrays[jacobianKind], *couplings = arrays[couplingKind],
+            *compliances = arrays[complianceKind];
+    unsigned long at = 0;
+    for (unsigned int b = 0; bodies && b < bodySlots.size(); ++b) {
+        store(bodySlots[b], bodies + at);
+        at += static_cast<unsigned long>(bodySlots[b].rows) * bodySlots[b].cols;
+    }
+    for (unsigned long k = 0; jacobians && k < jacobianSlots.size(); ++k)
+        store(jacobianSlots[k], jacobians + jacobianValueOffsets[k]);
+    for (unsigned long k = 0; couplings && k < couplingSlots.size(); ++k)
+        store(couplingSlots[k], couplings + couplingValueOffsets[k]);
+    for (unsigned long k = 0; compliances && k < complianceSlots.size(); ++k)
+        storeNegated(complianceSlots[k], compliances + complianceValueOffsets[k]);
+}
+
+// The items of block columns [first, end) of data.matrix, each written as writeArrays writes it (so the
+// matrix holds the same bits whichever of the two wrote it).
+template <typename T>
+void Solver<T>::Impl::writeColumns(const T* const* arrays, unsigned int first, unsigned int end) {
+    const ColumnItem* const items = columnItems.data();
+    const unsigned int qEnd = columnItemStart[end];
+    for (unsigned int q = columnItemStart[first]; q < qEnd; ++q) {
+        const ColumnItem& item = items[q];
+        const T* v = arrays[item.kind];
+        if (v == nullptr) continue;
+        v += item.value;
+        if (item.kind == complianceKind) {
+            const unsigned int s = analyzer.entryRows(item.entry);
+            const unsigned long count = static_cast<unsigned long>(s) * s;
+            for (unsigned long k = 0; k < count; ++k) negated[k] = -v[k];
+            v = negated.data();
+        }
+        if (item.transposed)
+            analyzer.setBlockTransposed(data, item.entry, v);
+        else
+            analyzer.setBlock(data, item.entry, v);
+    }
+}
+
+// Buckets the slots of a body/constraint structure by the block column of data.matrix they are written to
+// (Analyzer::entryMatrixColumn). Leaves the lists empty, so that every step writes its values first, if an
+// entry had no column (not expected after a successful analysis).
+template <typename T>
+void Solver<T>::Impl::buildColumnItems() {
+    const unsigned int nb = static_cast<unsigned int>(data.matrix.numBlockCols);
+    columnItemStart.assign(static_cast<unsigned long>(nb) + 2, 0);
+    columnItems.clear();
+    auto forEachItem = [&](auto&& f) {
+        unsigned long at = 0;
+        for (const Slot& s : bodySlots) {
+            f(s, bodyKind, at);
+            at += static_cast<unsigned long>(s.rows) * s.cols;
+        }
+        for (unsigned long k = 0; k < jacobianSlots.size(); ++k)
+            f(jacobianSlots[k], jacobianKind, jacobianValueOffsets[k]);
+        for (unsigned long k = 0; k < couplingSlots.size(); ++k)
+            f(couplingSlots[k], couplingKind, couplingValueOffsets[k]);
+        for (unsigned long k = 0; k < complianceSlots.size(); ++k)
+            f(complianceSlots[k], complianceKind, complianceValueOffsets[k]);
+    };
+    bool placed = true;
+    unsigned long count = 0;
+    forEachItem([&](const Slot& s, unsigned char, unsigned long) {
+        const unsigned int column = analyzer.entryMatrixColumn(s.entry);
+        if (column >= nb) {
+            placed = false;
+            return;
+        }
+        ++columnItemStart[column + 2];
+        ++count;
+    });
+    if (!placed) {
+        columnItemStart.clear();
+        return;
+    }
+    for (unsigned int k = 0; k < nb; ++k) columnItemStart[k + 2] += columnItemStart[k + 1];
+    columnItems.resize(count);
+    forEachItem([&](const Slot& s, unsigned char kind, unsigned long value) {
+        const unsigned int column = analyzer.entryMatrixColumn(s.entry);
+        columnItems[columnItemStart[column + 1]++] = ColumnItem{s.entry, value, kind, s.transposed};
+    });
+    columnItemStart.pop_back();  // now [nb + 1]: the start of each column and the end
+}
+
+template <typename T>
+Status Solver<T>::setValues(const T* bodies, const T* jacobians, const T* couplings, const T* compliances) {
     Impl& m = *impl_;
-    if (!m.analyzed) return fail(StatusCode::notAnalyzed, "setPatternValues before a successful analyze");
-    if (!m.problemInput)
+    const T* const arrays[4] = {bodies, jacobians, couplings, compliances};
+    Status st = m.checkArrays(arrays);
+    if (!st) return st;
+    m.writeArrays(arrays);
+    return Status();
+}
+
+template <typename T>
+Status Solver<T>::factor(const T* bodies, const T* jacobians, const T* couplings, const T* compliances) {
+    Impl& m = *impl_;
+    typename Impl::StepInput input;
+    input.arrays[0] = bodies;
+    input.arrays[1] = jacobians;
+    input.arrays[2] = couplings;
+    input.arrays[3] = compliances;
+    Status st = m.checkArrays(input.arrays);
+    if (!st) return st;
+    m.normA = -1.0;
+    return m.factorNow(&input);
+}
+
+template <typename T>
+Status Solver<T>::Impl::checkPattern(const T* values, const unsigned long* valuePointers) const {
+    if (!analyzed) return fail(StatusCode::notAnalyzed, "setPatternValues before a successful analyze");
+    if (!problemInput)
         return fail(StatusCode::invalidArgument,
                     "setPatternValues needs a structure given as an Analysis::Problem");
     if (values == nullptr || valuePointers == nullptr)
         return fail(StatusCode::invalidArgument, "setPatternValues: values or value pointers are null");
-    if (m.options.checkValues) {
-        const unsigned long entries = m.analyzer.numEntries();
+    if (options.checkValues) {
+        const unsigned long entries = analyzer.numEntries();
         for (unsigned long e = 0; e < entries; ++e) {
             const unsigned long count =
-                static_cast<unsigned long>(m.analyzer.entryRows(e)) * m.analyzer.entryCols(e);
+                static_cast<unsigned long>(analyzer.entryRows(e)) * analyzer.entryCols(e);
             const T* v = values + valuePointers[e];
             for (unsigned long k = 0; k < count; ++k)
                 if (!std::isfinite(v[k]))
@@ -1227,10 +1376,30 @@ Status Solver<T>::setPatternValues(const T* values, const unsigned long* valuePo
                                 k, static_cast<double>(v[k]));
         }
     }
+    return Status();
+}
+
+template <typename T>
+Status Solver<T>::setPatternValues(const T* values, const unsigned long* valuePointers) {
+    Impl& m = *impl_;
+    Status st = m.checkPattern(values, valuePointers);
+    if (!st) return st;
     m.analyzer.setBlocks(m.data, values, valuePointers);
     m.valuesChanged = true;
     m.normA = -1.0;
     return Status();
+}
+
+template <typename T>
+Status Solver<T>::factorPatternValues(const T* values, const unsigned long* valuePointers) {
+    Impl& m = *impl_;
+    Status st = m.checkPattern(values, valuePointers);
+    if (!st) return st;
+    typename Impl::StepInput input;
+    input.pattern = values;
+    input.valuePointers = valuePointers;
+    m.normA = -1.0;
+    return m.factorNow(&input);
 }
 
 template <typename T>
@@ -1377,6 +1546,8 @@ void Solver<T>::Impl::forgetStructure() {
     compliantIndex.assign(numConstraints, ~0u);
     bodyValues = jacobianValues = couplingValues = complianceValues = 0;
     negated.clear();
+    columnItemStart.clear();
+    columnItems.clear();
     scalarInput = false;
     problemInput = false;
 }

@@ -23,7 +23,8 @@ For a solver kept from step to step:
     # every step:
     solver.set_body(b0, M0); solver.set_body(b1, M1)       # 6×6 arrays
     solver.set_jacobian(joint, b0, J0); solver.set_jacobian(joint, b1, J1)   # 3×6 arrays
-    solver.factor()
+    solver.factor()                                        # or, all blocks of a kind back to back in one
+                                                           # call: solver.factor(bodies=M, jacobians=J)
     x = solver.solve(rhs)                                  # 15 values (or 15 × k)
 
 Arrays must have the solver's dtype exactly (float32 or float64; a mismatch is a TypeError, never a silent
@@ -111,6 +112,9 @@ class Solver(_kivtamber.Solver):
     set_compliance, set_block (one block each), set_values (all blocks of a kind at once, concatenated in
     the structure's order), set_scalar_values / set_matrix_values (a matrix given to analyze_matrix). Then
     factor() and solve(b) for b of shape (N,) or (N, k) (solve(b, out=x) writes x and allocates nothing).
+    factor(bodies=..., jacobians=..., couplings=..., compliances=...) is set_values(...) and factor() in one
+    call, with the same checks and results; it writes each block column's values just before the serial
+    factorization reads them, which saves a pass over the matrix.
     set_active / set_constraint_active switch constraint equations off and on (a switched-off equation's
     unknown solves to 0). report() is a dict of what the object chose and measured: ordering, fill, flops,
     inertia, timings, the first bad pivot.
