@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -1135,6 +1136,15 @@ PYBIND11_MODULE(_kivtamber, m) {
     static py::exception<FactorizationErrorTag> factorizationErrorType(m, "FactorizationError",
                                                                        PyExc_RuntimeError);
     factorizationError = factorizationErrorType.ptr();
+    // Every Deferred is caught and raised where its mutex is released; one that escaped would still become
+    // its Python exception here, after the unwinding released every lock.
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p) std::rethrow_exception(p);
+        } catch (const Deferred& e) {
+            PyErr_SetString(e.type, e.message.c_str());
+        }
+    });
     factorizationErrorType.doc() =
         "The factorization met a zero or non-finite pivot, or switching equations in place failed. "
         "Attributes: pivot (dict naming the pivot, or None), code (the library's status name).";
