@@ -27,6 +27,7 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
+#include <exception>
 #include <initializer_list>
 #include <memory>
 #include <mutex>
@@ -50,6 +51,17 @@ PyObject* factorizationError = nullptr;
 [[noreturn]] void raise(PyObject* type, const std::string& message) {
     PyErr_SetString(type, message.c_str());
     throw py::error_already_set();
+}
+
+// An error found while a solver object's mutex is held: a plain C++ exception, turned into the Python
+// exception `type` only once the mutex is released (raising creates Python objects, and creating one may
+// run Python code: a collection's finalizers).
+struct Deferred {
+    PyObject* type;
+    std::string message;
+};
+[[noreturn]] void fail(PyObject* type, std::string message) {
+    throw Deferred{type, std::move(message)};
 }
 
 py::object pivotDict(const PivotLocation& p) {
@@ -136,26 +148,49 @@ V optionValue(const py::handle& value, const char* option, const char* kind) {
     }
 }
 
-// Applies keyword options to `options` (unknown names are a TypeError, as for any Python call).
-void parseOptions(const py::kwargs& kwargs, SolverOptions& options) {
+// The options a call names, as bits of a mask.
+enum OptionBit : unsigned int {
+    orderingBit = 1u << 0,
+    switchingBit = 1u << 1,
+    mergeBlocksBit = 1u << 2,
+    checkValuesBit = 1u << 3,
+    threadsBit = 1u << 4,
+    maxThreadsBit = 1u << 5,
+    refinementStepsBit = 1u << 6,
+    regularizationBit = 1u << 7,
+};
+
+// Reads keyword options into `options` (unknown names are a TypeError, as for any Python call); returns the
+// mask of the options given. Reading a value may run Python code (its __float__, __index__, __bool__ or
+// __repr__).
+unsigned int parseOptions(const py::kwargs& kwargs, SolverOptions& options) {
+    unsigned int given = 0;
     for (auto item : kwargs) {
         const std::string key = item.first.cast<std::string>();
         const py::handle value = item.second;
         if (key == "ordering") {
             options.ordering = static_cast<OrderingMethod>(parseName(value, orderingNames, "ordering"));
+            given |= orderingBit;
         } else if (key == "switching") {
             options.switching = static_cast<SwitchMethod>(parseName(value, switchingNames, "switching"));
+            given |= switchingBit;
         } else if (key == "merge_blocks") {
             options.mergeBlocks = optionValue<bool>(value, "merge_blocks", "a bool");
+            given |= mergeBlocksBit;
         } else if (key == "check_values") {
             options.checkValues = optionValue<bool>(value, "check_values", "a bool");
+            given |= checkValuesBit;
         } else if (key == "threads" || key == "max_threads" || key == "refinement_steps") {
             const long long v = optionValue<long long>(value, key.c_str(), "an int");
             (key == "threads"       ? options.threads
              : key == "max_threads" ? options.maxThreads
                                     : options.refinementSteps) = toUnsigned(v, key.c_str());
+            given |= key == "threads"       ? threadsBit
+                     : key == "max_threads" ? maxThreadsBit
+                                            : refinementStepsBit;
         } else if (key == "regularization") {
             options.regularization = optionValue<double>(value, "regularization", "a float");
+            given |= regularizationBit;
         } else {
             raise(PyExc_TypeError,
                   "unknown option '" + key +
@@ -163,6 +198,20 @@ void parseOptions(const py::kwargs& kwargs, SolverOptions& options) {
                       "check_values, regularization, switching)");
         }
     }
+    return given;
+}
+
+// `to` with the options of mask `given` taken from `from`.
+SolverOptions mergeOptions(SolverOptions to, const SolverOptions& from, unsigned int given) {
+    if (given & orderingBit) to.ordering = from.ordering;
+    if (given & switchingBit) to.switching = from.switching;
+    if (given & mergeBlocksBit) to.mergeBlocks = from.mergeBlocks;
+    if (given & checkValuesBit) to.checkValues = from.checkValues;
+    if (given & threadsBit) to.threads = from.threads;
+    if (given & maxThreadsBit) to.maxThreads = from.maxThreads;
+    if (given & refinementStepsBit) to.refinementSteps = from.refinementSteps;
+    if (given & regularizationBit) to.regularization = from.regularization;
+    return to;
 }
 
 py::dict optionsDict(const SolverOptions& o) {
@@ -510,12 +559,18 @@ template <typename S>
 using ScalarOf = typename ScalarOfSolver<std::remove_cv_t<std::remove_reference_t<S>>>::type;
 
 // Locking: every call into the library holds mutex_, and so does every read or write of the wrapper's own
-// record of the structure (the sizes the shape checks use), so that a check and the call it guards see the
-// same structure. Calls that run long release the GIL first and only then take the mutex, and give the mutex
-// back before they take the GIL again; short calls take the mutex with the GIL held. So no thread ever waits
-// for the GIL while it holds the mutex, and no thread deadlocks. A solve copies the right-hand side before it
-// releases the GIL, with the size read under the mutex; should another thread analyse the object again in
-// between, the generation count tells, and the solve fails instead of reading past the copy.
+// record of the structure (the sizes the shape checks use). Calls that run long release the GIL first and
+// only then take the mutex, and give the mutex back before they take the GIL again; short calls take the
+// mutex with the GIL held, and while they hold it they run no Python code and create no Python object (an
+// error found is thrown as a Deferred and raised once the mutex is released). So no thread ever waits for
+// the GIL while it holds the mutex, and no thread deadlocks.
+// Converting an argument is no short call: it may run Python code (a type's __repr__ in an error message,
+// NumPy's own Python code, an option's __float__) or release the GIL (NumPy copies a large strided array
+// without it), and another thread may take the GIL meanwhile. So a call that converts arrays (the setters,
+// the one-call factor, solve) reads the sizes it checks them against and the analysis generation under the
+// mutex, converts without the mutex, then takes the mutex again for the library call and first checks the
+// generation: should another thread have analysed the object again in between, the call fails with a
+// RuntimeError naming it instead of reading an array of the wrong size.
 class PySolver {
 public:
     PySolver(const py::object& dtype, const py::kwargs& kwargs) {
@@ -538,11 +593,32 @@ public:
     auto visit(F&& f) {
         return double_ ? f(*double_) : f(*float_);
     }
-    // f(solver) under the mutex, with the GIL held (short calls).
+    // f() under the mutex, with the GIL held (short calls: no Python code, no Python object; an error is
+    // thrown by fail() and raised here once the mutex is released).
+    template <typename F>
+    auto underMutex(F&& f) {
+        try {
+            std::lock_guard<std::mutex> lock(mutex_);
+            return f();
+        } catch (const Deferred& e) {
+            raise(e.type, e.message);
+        }
+    }
+    // f(solver) under the mutex, with the GIL held (short calls, as underMutex).
     template <typename F>
     auto locked(F&& f) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        return visit(f);
+        return underMutex([&]() { return visit(f); });
+    }
+    // f() under the mutex, with the GIL held, if no analysis happened since `generation` was read (the sizes
+    // an argument was checked against are still the object's); RuntimeError naming `call` otherwise.
+    template <typename F>
+    auto unchangedSince(std::uint64_t generation, const char* call, F&& f) {
+        return underMutex([&]() {
+            if (generation_ != generation)
+                fail(PyExc_RuntimeError,
+                     std::string(call) + ": another thread analysed the solver again during this call");
+            return f();
+        });
     }
     // f() under the mutex without the GIL (analysis, factorization, solves).
     template <typename F>
@@ -552,11 +628,12 @@ public:
         return f();
     }
 
+    // The options named are read without the mutex (reading them may run Python code), then merged into the
+    // object's current options under it.
     void setOptions(const py::kwargs& kwargs) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        SolverOptions options = visit([](auto& s) { return s.options(); });
-        parseOptions(kwargs, options);
-        check(visit([&](auto& s) { return s.setOptions(options); }));
+        SolverOptions parsed;
+        const unsigned int given = parseOptions(kwargs, parsed);
+        check(locked([&](auto& s) { return s.setOptions(mergeOptions(s.options(), parsed, given)); }));
     }
     py::dict options() {
         return optionsDict(locked([](auto& s) { return s.options(); }));
@@ -622,71 +699,111 @@ public:
         return locked([](auto& s) { return s.isAnalyzed(); });
     }
 
-    // ---- values (each setter holds the mutex from its shape check to the library call) ----
+    // ---- values ----
+    // Each setter reads the shapes it checks the arrays against (naming a bad id first) and the analysis
+    // generation under the mutex, converts the arrays without it, and sets the values under it again once the
+    // generation shows the structure is still the one the shapes were read from.
+
+    // The shape of one block and the analysis it belongs to.
+    struct BlockShape {
+        unsigned int rows, cols;
+        std::uint64_t generation;
+    };
+    BlockShape blockShape(unsigned int rows, unsigned int cols) const { return {rows, cols, generation_}; }
+
+    // set(solver, values) with `values` converted to a block of `shape` (TypeError or ValueError naming
+    // `call`).
+    template <typename Set>
+    void setBlockValues(const char* call, const py::handle& values, const BlockShape& shape, Set&& set) {
+        visit([&](auto& solver) {
+            auto a = blockValues<ScalarOf<decltype(solver)>>(values, shape.rows, shape.cols, call);
+            check(unchangedSince(shape.generation, call, [&]() { return set(solver, a.data()); }));
+        });
+    }
 
     void setBody(long long body, const py::handle& values) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const unsigned int s = bodySize(body, "set_body");
-        visit([&](auto& solver) {
-            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s, s, "set_body");
-            check(solver.setBody(static_cast<unsigned int>(body), a.data()));
+        const BlockShape shape = underMutex([&]() {
+            const unsigned int s = bodySize(body, "set_body");
+            return blockShape(s, s);
+        });
+        setBlockValues("set_body", values, shape, [&](auto& solver, const auto* a) {
+            return solver.setBody(static_cast<unsigned int>(body), a);
         });
     }
     void setJacobian(long long constraint, long long body, const py::handle& values) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const unsigned int sc = constraintSize(constraint, "set_jacobian"),
-                           sb = bodySize(body, "set_jacobian");
-        visit([&](auto& solver) {
-            auto a = blockValues<ScalarOf<decltype(solver)>>(values, sc, sb, "set_jacobian");
-            check(solver.setJacobian(static_cast<unsigned int>(constraint), static_cast<unsigned int>(body),
-                                     a.data()));
+        const BlockShape shape = underMutex([&]() {
+            const unsigned int sc = constraintSize(constraint, "set_jacobian"),
+                               sb = bodySize(body, "set_jacobian");
+            return blockShape(sc, sb);
+        });
+        setBlockValues("set_jacobian", values, shape, [&](auto& solver, const auto* a) {
+            return solver.setJacobian(static_cast<unsigned int>(constraint), static_cast<unsigned int>(body),
+                                      a);
         });
     }
     void setBodyCoupling(long long body1, long long body2, const py::handle& values) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const unsigned int s1 = bodySize(body1, "set_body_coupling"),
-                           s2 = bodySize(body2, "set_body_coupling");
-        visit([&](auto& solver) {
-            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s1, s2, "set_body_coupling");
-            check(solver.setBodyCoupling(static_cast<unsigned int>(body1), static_cast<unsigned int>(body2),
-                                         a.data()));
+        const BlockShape shape = underMutex([&]() {
+            const unsigned int s1 = bodySize(body1, "set_body_coupling"),
+                               s2 = bodySize(body2, "set_body_coupling");
+            return blockShape(s1, s2);
+        });
+        setBlockValues("set_body_coupling", values, shape, [&](auto& solver, const auto* a) {
+            return solver.setBodyCoupling(static_cast<unsigned int>(body1), static_cast<unsigned int>(body2),
+                                          a);
         });
     }
     void setCompliance(long long constraint, const py::handle& values) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const unsigned int s = constraintSize(constraint, "set_compliance");
-        visit([&](auto& solver) {
-            auto a = blockValues<ScalarOf<decltype(solver)>>(values, s, s, "set_compliance");
-            check(solver.setCompliance(static_cast<unsigned int>(constraint), a.data()));
+        const BlockShape shape = underMutex([&]() {
+            const unsigned int s = constraintSize(constraint, "set_compliance");
+            return blockShape(s, s);
+        });
+        setBlockValues("set_compliance", values, shape, [&](auto& solver, const auto* a) {
+            return solver.setCompliance(static_cast<unsigned int>(constraint), a);
         });
     }
     void setBlock(long long i, long long j, const py::handle& values) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const unsigned int si = blockSize(i, "set_block"), sj = blockSize(j, "set_block");
-        visit([&](auto& solver) {
-            auto a = blockValues<ScalarOf<decltype(solver)>>(values, si, sj, "set_block");
-            check(solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a.data()));
+        const BlockShape shape = underMutex([&]() {
+            const unsigned int si = blockSize(i, "set_block"), sj = blockSize(j, "set_block");
+            return blockShape(si, sj);
+        });
+        setBlockValues("set_block", values, shape, [&](auto& solver, const auto* a) {
+            return solver.setBlock(static_cast<unsigned int>(i), static_cast<unsigned int>(j), a);
         });
     }
     void setValues(const py::handle& bodies, const py::handle& jacobians, const py::handle& couplings,
                    const py::handle& compliances) {
-        std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
             using T = ScalarOf<decltype(solver)>;
-            ValueArrays<T> v(valueCounts(solver), {bodies, jacobians, couplings, compliances});
-            check(solver.setValues(v.pointers[0], v.pointers[1], v.pointers[2], v.pointers[3]));
+            std::array<unsigned long, 4> counts;
+            std::uint64_t generation;
+            underMutex([&]() {
+                counts = valueCounts(solver);
+                generation = generation_;
+                return 0;
+            });
+            const ValueArrays<T> v(counts, {bodies, jacobians, couplings, compliances});
+            const T* const* p = v.pointers;
+            check(unchangedSince(generation, "set_values",
+                                 [&]() { return solver.setValues(p[0], p[1], p[2], p[3]); }));
         });
     }
     void setScalarValues(const py::handle& values) {
-        std::lock_guard<std::mutex> lock(mutex_);
         visit([&](auto& solver) {
-            if (!solver.isAnalyzed()) raise(PyExc_RuntimeError, notAnalyzed("set_scalar_values"));
-            if (scalarValues_ == 0)
-                raise(PyExc_ValueError,
-                      "set_scalar_values: the solver holds a body/constraint structure, not a "
-                      "matrix given to analyze_matrix");
-            auto a = flatValues<ScalarOf<decltype(solver)>>(values, scalarValues_, "set_scalar_values");
-            check(solver.setScalarValues(a.data()));
+            unsigned long count;
+            std::uint64_t generation;
+            underMutex([&]() {
+                if (!solver.isAnalyzed()) fail(PyExc_RuntimeError, notAnalyzed("set_scalar_values"));
+                if (scalarValues_ == 0)
+                    fail(PyExc_ValueError,
+                         "set_scalar_values: the solver holds a body/constraint structure, not a "
+                         "matrix given to analyze_matrix");
+                count = scalarValues_;
+                generation = generation_;
+                return 0;
+            });
+            auto a = flatValues<ScalarOf<decltype(solver)>>(values, count, "set_scalar_values");
+            check(unchangedSince(generation, "set_scalar_values",
+                                 [&]() { return solver.setScalarValues(a.data()); }));
         });
     }
 
@@ -701,13 +818,14 @@ public:
         check(locked([&](auto& s) { return s.setConstraintActive(c, on); }));
     }
     bool isActive(long long constraint, long long row) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        const unsigned int rows = constraintSize(constraint, "is_active");
-        if (row < 0 || row >= static_cast<long long>(rows))
-            raise(PyExc_ValueError, "is_active: constraint " + std::to_string(constraint) + " has " +
-                                        std::to_string(rows) + " rows, not row " + std::to_string(row));
-        return visit([&](auto& s) {
-            return s.isActive(static_cast<unsigned int>(constraint), static_cast<unsigned int>(row));
+        return underMutex([&]() {
+            const unsigned int rows = constraintSize(constraint, "is_active");
+            if (row < 0 || row >= static_cast<long long>(rows))
+                fail(PyExc_ValueError, "is_active: constraint " + std::to_string(constraint) + " has " +
+                                           std::to_string(rows) + " rows, not row " + std::to_string(row));
+            return visit([&](auto& s) {
+                return s.isActive(static_cast<unsigned int>(constraint), static_cast<unsigned int>(row));
+            });
         });
     }
 
@@ -849,17 +967,16 @@ public:
     unsigned long bodyOffset(long long body) {
         return locked([&](auto& s) {
             if (body < 0 || body >= static_cast<long long>(s.numBodies()))
-                raise(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
-                                            std::to_string(s.numBodies()) + " bodies)");
+                fail(PyExc_ValueError, "body_offset: unknown body " + std::to_string(body) + " (" +
+                                           std::to_string(s.numBodies()) + " bodies)");
             return s.bodyOffset(static_cast<unsigned int>(body));
         });
     }
     unsigned long constraintOffset(long long constraint) {
         return locked([&](auto& s) {
             if (constraint < 0 || constraint >= static_cast<long long>(s.numConstraints()))
-                raise(PyExc_ValueError, "constraint_offset: unknown constraint " +
-                                            std::to_string(constraint) + " (" +
-                                            std::to_string(s.numConstraints()) + " constraints)");
+                fail(PyExc_ValueError, "constraint_offset: unknown constraint " + std::to_string(constraint) +
+                                           " (" + std::to_string(s.numConstraints()) + " constraints)");
             return s.constraintOffset(static_cast<unsigned int>(constraint));
         });
     }
@@ -961,34 +1078,35 @@ private:
         const T* pointers[4] = {nullptr, nullptr, nullptr, nullptr};
     };
 
-    // The wrapper's record of the structure, for the shape checks (the caller holds the mutex).
+    // The wrapper's record of the structure, for the shape checks (the caller holds the mutex; errors are
+    // thrown by fail()).
     void requireSizes(const char* what) {
         if (blockSizes_.empty() && visit([](auto& s) { return s.isAnalyzed(); }))
-            raise(PyExc_ValueError,
-                  std::string(what) +
-                      ": the blocks of this matrix were detected by the analysis; set "
-                      "values with set_scalar_values, or give block_sizes to analyze_matrix");
+            fail(PyExc_ValueError,
+                 std::string(what) +
+                     ": the blocks of this matrix were detected by the analysis; set "
+                     "values with set_scalar_values, or give block_sizes to analyze_matrix");
     }
     unsigned int bodySize(long long body, const char* what) {
         requireSizes(what);
         if (body < 0 || body >= static_cast<long long>(numBodies_))
-            raise(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
-                                        std::to_string(numBodies_) + " bodies)");
+            fail(PyExc_ValueError, std::string(what) + ": unknown body " + std::to_string(body) + " (" +
+                                       std::to_string(numBodies_) + " bodies)");
         return blockSizes_[static_cast<std::size_t>(body)];
     }
     unsigned int constraintSize(long long constraint, const char* what) {
         requireSizes(what);
         const long long count = static_cast<long long>(blockSizes_.size()) - numBodies_;
         if (constraint < 0 || constraint >= count)
-            raise(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
-                                        " (" + std::to_string(count) + " constraints)");
+            fail(PyExc_ValueError, std::string(what) + ": unknown constraint " + std::to_string(constraint) +
+                                       " (" + std::to_string(count) + " constraints)");
         return blockSizes_[numBodies_ + static_cast<std::size_t>(constraint)];
     }
     unsigned int blockSize(long long block, const char* what) {
         requireSizes(what);
         if (block < 0 || block >= static_cast<long long>(blockSizes_.size()))
-            raise(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
-                                        std::to_string(blockSizes_.size()) + " blocks)");
+            fail(PyExc_ValueError, std::string(what) + ": unknown block " + std::to_string(block) + " (" +
+                                       std::to_string(blockSizes_.size()) + " blocks)");
         return blockSizes_[static_cast<std::size_t>(block)];
     }
 
@@ -1018,6 +1136,15 @@ PYBIND11_MODULE(_kivtamber, m) {
     static py::exception<FactorizationErrorTag> factorizationErrorType(m, "FactorizationError",
                                                                        PyExc_RuntimeError);
     factorizationError = factorizationErrorType.ptr();
+    // Every Deferred is caught and raised where its mutex is released; one that escaped would still become
+    // its Python exception here, after the unwinding released every lock.
+    py::register_exception_translator([](std::exception_ptr p) {
+        try {
+            if (p) std::rethrow_exception(p);
+        } catch (const Deferred& e) {
+            PyErr_SetString(e.type, e.message.c_str());
+        }
+    });
     factorizationErrorType.doc() =
         "The factorization met a zero or non-finite pivot, or switching equations in place failed. "
         "Attributes: pivot (dict naming the pivot, or None), code (the library's status name).";
