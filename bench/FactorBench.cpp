@@ -153,19 +153,42 @@ void timeSystem(TamberData<T>& data, int runs, double normA, const std::vector<d
     residual = scaledResidual(data, normA, b, x);
 }
 
+// The scenes of the --steps and --assembly modes.
+struct Kind {
+    SceneKind kind;
+    const char* name;
+};
+constexpr Kind kStepKinds[] = {{SceneKind::chain, "chain"},
+                               {SceneKind::ragdolls, "ragdolls"},
+                               {SceneKind::cloth, "cloth"},
+                               {SceneKind::boxWall, "boxwall"}};
+
+// Whether the scene `name` was asked for (all when no name was given).
+bool wanted(const char* name, int argc, char** argv, int firstScene) {
+    bool any = argc <= firstScene;
+    for (int a = firstScene; a < argc; ++a) any |= std::strcmp(argv[a], name) == 0;
+    return any;
+}
+
+// The scene of `kind` at about `target` blocks, analysed as tamber-bench's "ours" rows (our order, block
+// merging) and laid out; false when the analysis fails.
+bool setUpScene(SceneKind kind, unsigned long target, BlockProblem& problem, Analysis::Analyzer& analyzer,
+                TamberData<double>& data, Tamber& tamber) {
+    auto scene = makeScene(kind, sizeForBlockCount(kind, target));
+    scene->step(0.01);
+    scene->build(problem);
+    Analysis::Options options;
+    options.mergeBlocks = true;
+    if (!analyzer.analyze(problem.pattern(), options, data).ok) return false;
+    tamber.estimateWork(data, nullptr);
+    return true;
+}
+
 // The step of tamber-bench's "ours" rows: each scene analysed with block merging in our order, then
 // factorSerial alone, repeated `runs` times; per scene the median in ms and ns per block row.
 // FACTORBENCH_REPEAT=k repeats the factorization k times per run and FACTORBENCH_LEAN times only the form
 // without L·D (for instruction counts under callgrind).
 int runSteps(int runs, unsigned long target, int argc, char** argv, int firstScene) {
-    struct Kind {
-        SceneKind kind;
-        const char* name;
-    };
-    const Kind kinds[] = {{SceneKind::chain, "chain"},
-                          {SceneKind::ragdolls, "ragdolls"},
-                          {SceneKind::cloth, "cloth"},
-                          {SceneKind::boxWall, "boxwall"}};
     const char* repeatText = std::getenv("FACTORBENCH_REPEAT");
     const int repeat = repeatText ? std::max(1, std::atoi(repeatText)) : 1;
     const bool leanOnly = std::getenv("FACTORBENCH_LEAN") != nullptr;  // only the lean form (callgrind)
@@ -175,24 +198,13 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
         runs);
     std::printf("%-9s %7s %8s %10s %10s %10s %10s %10s %7s\n", "scene", "blocks", "rows", "LD ms", "ns/row",
                 "lean ms", "ns/row", "loop ns/r", "ratio");
-    for (const Kind& kind : kinds) {
-        if (argc > firstScene) {
-            bool wanted = false;
-            for (int a = firstScene; a < argc; ++a) wanted |= std::strcmp(argv[a], kind.name) == 0;
-            if (!wanted) continue;
-        }
-        auto scene = makeScene(kind.kind, sizeForBlockCount(kind.kind, target));
-        scene->step(0.01);
+    for (const Kind& kind : kStepKinds) {
+        if (!wanted(kind.name, argc, argv, firstScene)) continue;
         BlockProblem problem;
-        scene->build(problem);
-        const Analysis::Problem view = problem.pattern();
-        Analysis::Options options;
-        options.mergeBlocks = true;
         Analysis::Analyzer analyzer;
         TamberData<double> data;
-        if (!analyzer.analyze(view, options, data).ok) return 1;
         Tamber tamber;
-        tamber.estimateWork(data, nullptr);
+        if (!setUpScene(kind.kind, target, problem, analyzer, data, tamber)) return 1;
         analyzer.setBlocks(data, problem.values.data(), problem.valuePointers.data());
         if (std::getenv("FACTORBENCH_SHAPES")) {  // row shapes: s_i and the sizes of its columns
             std::map<std::string, int> shapes;
@@ -240,39 +252,20 @@ int runSteps(int runs, unsigned long target, int argc, char** argv, int firstSce
 // then factorSerial, against setBlocksAndFactor, which writes each block column just before the
 // factorization reads it; interleaved, medians of `runs`, and the two L factors compared.
 int runAssembly(int runs, unsigned long target, int argc, char** argv, int firstScene) {
-    struct Kind {
-        SceneKind kind;
-        const char* name;
-    };
-    const Kind kinds[] = {{SceneKind::chain, "chain"},
-                          {SceneKind::ragdolls, "ragdolls"},
-                          {SceneKind::cloth, "cloth"},
-                          {SceneKind::boxWall, "boxwall"}};
     std::printf(
         "setBlocks + factorSerial (two passes) against setBlocksAndFactor (one), lean, our merged\n"
         "order, median of %d interleaved runs\n",
         runs);
     std::printf("%-9s %7s %8s %12s %12s %7s %6s\n", "scene", "blocks", "rows", "two ms", "one ms", "ratio",
                 "same");
-    for (const Kind& kind : kinds) {
-        if (argc > firstScene) {
-            bool wanted = false;
-            for (int a = firstScene; a < argc; ++a) wanted |= std::strcmp(argv[a], kind.name) == 0;
-            if (!wanted) continue;
-        }
-        auto scene = makeScene(kind.kind, sizeForBlockCount(kind.kind, target));
-        scene->step(0.01);
+    for (const Kind& kind : kStepKinds) {
+        if (!wanted(kind.name, argc, argv, firstScene)) continue;
         BlockProblem problem;
-        scene->build(problem);
-        const Analysis::Problem view = problem.pattern();
-        Analysis::Options options;
-        options.mergeBlocks = true;
         Analysis::Analyzer analyzer;
         TamberData<double> data;
-        if (!analyzer.analyze(view, options, data).ok) return 1;
-        data.writeScaledFactor = 0;
         Tamber tamber;
-        tamber.estimateWork(data, nullptr);
+        if (!setUpScene(kind.kind, target, problem, analyzer, data, tamber)) return 1;
+        data.writeScaledFactor = 0;
         const double* values = problem.values.data();
         const unsigned long* pointers = problem.valuePointers.data();
         analyzer.setBlocks(data, values, pointers);

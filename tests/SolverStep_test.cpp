@@ -21,39 +21,8 @@
 #include "scenes/Scenes.h"
 #include "testing/Bits.h"
 #include "testing/BlockSystems.h"
+#include "testing/CountedNew.h"
 #include "testing/DenseReference.h"
-
-// Counts every operator new of this program (new and delete replaced together, so sanitizers see pairs; the
-// helpers are out of line so that the compiler does not pair a visible malloc with a visible free).
-namespace {
-std::atomic<unsigned long> gNewCount{0};
-__attribute__((noinline)) void* countedMalloc(std::size_t bytes) {
-    gNewCount.fetch_add(1, std::memory_order_relaxed);
-    if (void* p = std::malloc(bytes == 0 ? 1 : bytes)) return p;
-    throw std::bad_alloc();
-}
-__attribute__((noinline)) void release(void* p) noexcept {
-    std::free(p);
-}
-}  // namespace
-void* operator new(std::size_t bytes) {
-    return countedMalloc(bytes);
-}
-void* operator new[](std::size_t bytes) {
-    return countedMalloc(bytes);
-}
-void operator delete(void* p) noexcept {
-    release(p);
-}
-void operator delete[](void* p) noexcept {
-    release(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    release(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    release(p);
-}
 
 namespace {
 
@@ -420,13 +389,14 @@ TEST(SolverStep, SecondStepAllocatesNothing) {
     std::vector<double> b(solver.size(), 1.0), x(b.size());
     unsigned long newBefore = 0, kivBefore = 0;
     for (int k = 0; k < 4; ++k) {
-        if (k == 2) newBefore = gNewCount.load(), kivBefore = kiv::ByteAllocator::allocationCount();
+        if (k == 2)
+            newBefore = kivTamber::testing::newCount(), kivBefore = kiv::ByteAllocator::allocationCount();
         ASSERT_TRUE(solver.factor(a.p(0), a.p(1), a.p(2), a.p(3)));
         ASSERT_TRUE(solver.solve(b.data(), x.data()));
         ASSERT_TRUE(pattern.factorPatternValues(problem.values.data(), problem.valuePointers.data()));
         ASSERT_TRUE(pattern.solve(b.data(), x.data()));
     }
-    EXPECT_EQ(gNewCount.load() - newBefore, 0u);
+    EXPECT_EQ(kivTamber::testing::newCount() - newBefore, 0u);
     EXPECT_EQ(kiv::ByteAllocator::allocationCount() - kivBefore, 0u);
 }
 

@@ -16,43 +16,11 @@
 
 #include "Analysis.h"
 #include "testing/BlockSystems.h"
+#include "testing/CountedNew.h"
 #include "testing/DenseReference.h"
 #ifdef KIVTAMBER_HAVE_IO
 #include "MatrixMarket.h"
 #endif
-
-// Counts every operator new of this program, so that the steady state can be shown to allocate nothing.
-// new and delete are replaced together (malloc and free), so sanitizers see matching pairs.
-namespace {
-std::atomic<unsigned long> gNewCount{0};
-__attribute__((noinline)) void* countedMalloc(std::size_t bytes) {
-    gNewCount.fetch_add(1, std::memory_order_relaxed);
-    void* p = std::malloc(bytes == 0 ? 1 : bytes);
-    if (p == nullptr) throw std::bad_alloc();
-    return p;
-}
-__attribute__((noinline)) void release(void* p) noexcept {
-    std::free(p);
-}
-}  // namespace
-void* operator new(std::size_t bytes) {
-    return countedMalloc(bytes);
-}
-void* operator new[](std::size_t bytes) {
-    return countedMalloc(bytes);
-}
-void operator delete(void* p) noexcept {
-    release(p);
-}
-void operator delete[](void* p) noexcept {
-    release(p);
-}
-void operator delete(void* p, std::size_t) noexcept {
-    release(p);
-}
-void operator delete[](void* p, std::size_t) noexcept {
-    release(p);
-}
 
 namespace {
 
@@ -558,7 +526,7 @@ TEST(SolverAllocation, SteadyStateAllocatesNothing) {
     unsigned long newBefore = 0, kivBefore = 0;
     for (int step = 0; step < 6; ++step) {
         if (step == 2) {
-            newBefore = gNewCount.load();
+            newBefore = kivTamber::testing::newCount();
             kivBefore = kiv::ByteAllocator::allocationCount();
         }
         ASSERT_TRUE(solver.setValues(bodies.data(), jac.data(), coup.data()));
@@ -567,7 +535,7 @@ TEST(SolverAllocation, SteadyStateAllocatesNothing) {
         ASSERT_TRUE(solver.setActive(5, 0, step % 2 == 1));
         ASSERT_TRUE(solver.solve(b.data(), x.data()));
     }
-    EXPECT_EQ(gNewCount.load() - newBefore, 0u);
+    EXPECT_EQ(kivTamber::testing::newCount() - newBefore, 0u);
     EXPECT_EQ(kiv::ByteAllocator::allocationCount() - kivBefore, 0u);
 }
 
