@@ -373,31 +373,16 @@ struct Destination {
     unsigned int mode;
 };
 
-// One entry of setBlocksAndFactor's column order, 16 bytes (the factorization streams these beside the
-// values): where its tile starts, its index (for its values' pointer and its Destination), the tile's
-// leading dimension, and the copy routine of its sizes (copyRoutines; 0: writeEntry with its Destination,
-// for a block beyond the routines' sizes, one copied to both triangles, or values of another type).
+// One entry of setBlocksAndFactor's column order: where its tile starts, the copy routine of its sizes
+// (kernels::fast::blockCopy; null: writeEntry with its Destination, for a block beyond the routines' sizes,
+// one copied to both triangles, or values of another type), its index (for its values' pointer and its
+// Destination) and the tile's leading dimension.
 struct ColumnCopy {
     unsigned long first;
+    kernels::fast::BlockCopy routine;
     unsigned int entry;
-    unsigned short ld;
-    unsigned short routine;
+    unsigned int ld;
 };
-
-// copyRoutines()[1 + 36·transposed + 6·(rows − 1) + cols − 1]: the block copies of sizes up to 6.
-constexpr unsigned int kCopySizes = 6;
-const kernels::fast::BlockCopy* copyRoutines() {
-    static const std::array<kernels::fast::BlockCopy, 1 + 2 * kCopySizes* kCopySizes> routines = [] {
-        std::array<kernels::fast::BlockCopy, 1 + 2 * kCopySizes * kCopySizes> r{};
-        for (unsigned int t = 0; t < 2; ++t)
-            for (unsigned int rows = 1; rows <= kCopySizes; ++rows)
-                for (unsigned int cols = 1; cols <= kCopySizes; ++cols)
-                    r[1 + t * kCopySizes * kCopySizes + (rows - 1) * kCopySizes + cols - 1] =
-                        kernels::fast::blockCopy(rows, cols, t == 1);
-        return r;
-    }();
-    return routines.data();
-}
 
 // A slice of permuteVector: `size` scalars from the user's offset `user` to the permuted offset `permuted`.
 struct CopyRun {
@@ -1047,13 +1032,11 @@ Report Analyzer::analyze(const Problem& problem, const Options& options, TamberD
         ColumnCopy& copy = a.columnCopies[q];
         copy.first = d.first;
         copy.entry = static_cast<unsigned int>(e);
-        copy.ld = static_cast<unsigned short>(d.ld);
+        copy.ld = d.ld;
         // Row-major double values into a double matrix: the routine of the entry's sizes.
-        const bool routine = std::is_same<T, double>::value && d.mode != kBoth && d.rows <= kCopySizes &&
-                             d.cols <= kCopySizes && d.ld <= 0xffffu;
-        copy.routine = routine ? static_cast<unsigned short>(1 + (d.mode == kTransposed ? 36 : 0) +
-                                                             (d.rows - 1) * kCopySizes + d.cols - 1)
-                               : 0;
+        copy.routine = std::is_same<T, double>::value && d.mode != kBoth
+                           ? kernels::fast::blockCopy(d.rows, d.cols, d.mode == kTransposed)
+                           : nullptr;
     }
     for (unsigned int c = nb; c > 0; --c) start[c] = start[c - 1];
     start[0] = 0;
@@ -1200,14 +1183,13 @@ public:
 
     void write(unsigned int first, unsigned int end) override {
         const ColumnCopy* const copies = a_.columnCopies.data();
-        const kernels::fast::BlockCopy* const routines = copyRoutines();
         const unsigned int qEnd = a_.columnStart[end];
         for (unsigned int q = a_.columnStart[first]; q < qEnd; ++q) {
             const ColumnCopy& c = copies[q];
             const V* const v = values_ + valuePointers_[c.entry];
             if constexpr (std::is_same<T, double>::value && std::is_same<V, double>::value) {
-                if (c.routine != 0) {
-                    routines[c.routine](v, target_ + c.first, c.ld);
+                if (c.routine != nullptr) {
+                    c.routine(v, target_ + c.first, c.ld);
                     continue;
                 }
             }

@@ -128,10 +128,9 @@ struct Solver<T>::Impl {
     // factorization reads it.
     enum : unsigned char { bodyKind = 0, jacobianKind, couplingKind, complianceKind };
     struct ColumnItem {
-        unsigned long entry;
-        unsigned long value;       // offset of its values in the array of its kind
-        unsigned char kind;        // bodyKind … complianceKind (a compliance goes in as −C)
-        unsigned char transposed;  // as Slot::transposed
+        Slot slot;
+        unsigned long value;  // offset of its values in the array of its kind
+        unsigned char kind;   // bodyKind … complianceKind (a compliance goes in as −C)
     };
     std::vector<unsigned int> columnItemStart;
     std::vector<ColumnItem> columnItems;
@@ -1273,17 +1272,10 @@ void Solver<T>::Impl::writeColumns(const T* const* arrays, unsigned int first, u
         const ColumnItem& item = items[q];
         const T* v = arrays[item.kind];
         if (v == nullptr) continue;
-        v += item.value;
-        if (item.kind == complianceKind) {
-            const unsigned int s = analyzer.entryRows(item.entry);
-            const unsigned long count = static_cast<unsigned long>(s) * s;
-            for (unsigned long k = 0; k < count; ++k) negated[k] = -v[k];
-            v = negated.data();
-        }
-        if (item.transposed)
-            analyzer.setBlockTransposed(data, item.entry, v);
+        if (item.kind == complianceKind)
+            storeNegated(item.slot, v + item.value);
         else
-            analyzer.setBlock(data, item.entry, v);
+            store(item.slot, v + item.value);
     }
 }
 
@@ -1327,7 +1319,7 @@ void Solver<T>::Impl::buildColumnItems() {
     columnItems.resize(count);
     forEachItem([&](const Slot& s, unsigned char kind, unsigned long value) {
         const unsigned int column = analyzer.entryMatrixColumn(s.entry);
-        columnItems[columnItemStart[column + 1]++] = ColumnItem{s.entry, value, kind, s.transposed};
+        columnItems[columnItemStart[column + 1]++] = ColumnItem{s, value, kind};
     });
     columnItemStart.pop_back();  // now [nb + 1]: the start of each column and the end
 }
